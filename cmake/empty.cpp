@@ -1,0 +1,1 @@
+// Placeholder translation unit for a family that has no sources yet.

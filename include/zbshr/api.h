@@ -1,0 +1,36 @@
+/* zbshr: export and calling-convention macros shared by every public header. */
+#ifndef ZBSHR_API_H
+#define ZBSHR_API_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#  if defined(ZBSHR_STATIC)
+#    define ZBSHR_EXPORT
+#  elif defined(ZBSHR_BUILDING)
+#    define ZBSHR_EXPORT __declspec(dllexport)
+#  else
+#    define ZBSHR_EXPORT __declspec(dllimport)
+#  endif
+#  define ZBSHR_CALL __stdcall
+#else
+#  define ZBSHR_EXPORT __attribute__((visibility("default")))
+#  define ZBSHR_CALL
+#endif
+
+/* Declares an exported function: ZBSHR_API(int32_t) name(args); */
+#define ZBSHR_API(type) ZBSHR_EXPORT type ZBSHR_CALL
+
+#ifdef __cplusplus
+#  define ZBSHR_BEGIN_DECLS extern "C" {
+#  define ZBSHR_END_DECLS }
+#else
+#  define ZBSHR_BEGIN_DECLS
+#  define ZBSHR_END_DECLS
+#endif
+
+/* A heap handle (see memory.h). */
+typedef struct zbstg_heap_s *ZBSTG_HEAP;
+
+#endif
