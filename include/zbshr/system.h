@@ -25,6 +25,81 @@ ZBSHR_API(ZBSHR_MSGBOX_HANDLER) zbshr_set_msgbox_handler(ZBSHR_MSGBOX_HANDLER ha
  * the default) or 932 (double-byte). Returns the previous one. */
 ZBSHR_API(uint32_t) zbshr_set_codepage(uint32_t codepage);
 
+/* ---- Buffered files ---------------------------------------------------- */
+
+/* Mode flags of osOpenFile (16-bit): access in the low four bits, sharing in
+ * bits 4 to 7, then the action flags. */
+#ifndef OF_READ
+#define OF_READ            0x0000
+#define OF_WRITE           0x0001
+#define OF_READWRITE       0x0002
+#define OF_SHARE_COMPAT    0x0000
+#define OF_SHARE_EXCLUSIVE 0x0010
+#define OF_SHARE_DENY_WRITE 0x0020
+#define OF_SHARE_DENY_READ 0x0030
+#define OF_SHARE_DENY_NONE 0x0040
+#define OF_PARSE           0x0100
+#define OF_DELETE          0x0200
+#define OF_CREATE          0x1000
+#define OF_EXIST           0x4000
+#endif
+
+/* Longest path an open-file record holds, terminator included. */
+#define OS_OFS_MAXPATH 260
+
+/* The open-file record osOpenFile fills: 268 bytes, no padding. */
+typedef struct OSOFSTRUCT {
+  uint16_t cBytes;                 /* record length: 268 */
+  uint16_t nErrCode;               /* last-error code of a failed call; 111 when the path is too long */
+  uint32_t reserved;               /* zero */
+  char szPathName[OS_OFS_MAXPATH]; /* full path found or built, NUL-terminated */
+} OSOFSTRUCT;
+
+/* Default transfer-buffer size of osFileOpenNew / osFileOpenRead. */
+#define OSFILE_DEFAULT_BUFFER 16284
+
+/* A buffered file: sequential writing (osFileOpenNew) or reading
+ * (osFileOpenRead) through a buffer taken from the caller's heap and pool.
+ * The caller owns the record; the export state embeds one. Its field order is
+ * fixed; the in-memory size depends on the pointer width. */
+typedef struct OSFILE {
+  ZBSTG_HEAP heap;    /* heap of the buffer */
+  uint32_t pool;      /* pool of the buffer */
+  int32_t hFile;      /* handle from osOpenFile; 0 after close */
+  char *buffer;       /* transfer buffer (zbstg_alloc) */
+  OSOFSTRUCT of;      /* open-file record of the file */
+  int32_t room;       /* writing: free bytes left; reading: unread bytes left */
+  int32_t position;   /* offset in the buffer of the next byte to write or read */
+  int32_t capacity;   /* size of the buffer */
+  int32_t readMode;   /* 1 opened by osFileOpenRead, 0 by osFileOpenNew */
+} OSFILE;
+
+/* Opens, creates, deletes, parses or tests a file by the OF_* mode flags.
+ * Returns the file handle; 1 for OF_PARSE, OF_EXIST and OF_DELETE; -1 on
+ * failure with the error code in the record (a null record gives -1). */
+ZBSHR_API(int32_t) osOpenFile(const char *name, OSOFSTRUCT *of, uint16_t mode);
+/* Non-zero when the file can be found (osOpenFile with OF_EXIST). */
+ZBSHR_API(int32_t) osFileExists(const char *name);
+/* Creates (truncating) a file for buffered writing; buffer size 0 = 16284.
+ * 1 on success, 0 when the file cannot be created. */
+ZBSHR_API(int32_t) osFileOpenNew(ZBSTG_HEAP heap, uint32_t pool, OSFILE *file, const char *name,
+                                 uint32_t buffer_size);
+/* Opens an existing file for buffered reading; buffer size 0 = 16284. */
+ZBSHR_API(int32_t) osFileOpenRead(ZBSTG_HEAP heap, uint32_t pool, OSFILE *file, const char *name,
+                                  uint32_t buffer_size);
+/* Appends n bytes (a null source flushes the buffer). Returns n (1 for a
+ * flush), or 0 on failure: a short write leaves the object as it was. */
+ZBSHR_API(uint32_t) osFileWrite(OSFILE *file, const void *src, uint32_t n);
+/* Reads up to n bytes; returns the count delivered (fewer at end of file). */
+ZBSHR_API(uint32_t) osFileRead(OSFILE *file, void *dst, uint32_t n);
+/* Size of a file opened for reading; 0 for one opened for writing. */
+ZBSHR_API(uint32_t) osFileSize(OSFILE *file);
+/* Flushes (when keep is non-zero), closes and frees the buffer. Returns keep,
+ * or 0 when the final flush failed. keep 0 drops the pending bytes. */
+ZBSHR_API(int32_t) osFileClose(OSFILE *file, int32_t keep);
+
+/* ---- End of buffered files --------------------------------------------- */
+
 ZBSHR_END_DECLS
 
 #endif
