@@ -1,4 +1,5 @@
-/* zbshr: format family. */
+/* zbshr: format family: date and time values, display formats and the
+ * pattern matcher. */
 #ifndef ZBSHR_FORMAT_H
 #define ZBSHR_FORMAT_H
 
@@ -6,6 +7,132 @@
 
 ZBSHR_BEGIN_DECLS
 
+/* ------------------------------------------------------------------ dates */
+
+/* The date/time record: 12 bytes, no padding, fields in this order. */
+typedef struct SHDATETIME {
+  uint32_t microsecond; /* 0..999999 */
+  int16_t year;         /* year minus 1900; -32767 marks a time without a date */
+  uint8_t month;        /* 0..11, January = 0 */
+  uint8_t day;          /* 1..31 */
+  uint8_t hour;         /* 0..23; 255 marks a date without a time */
+  uint8_t minute;       /* 0..59 */
+  uint8_t second;       /* 0..59 */
+  uint8_t reserved;     /* 0 for a parsed time, otherwise not interpreted */
+} SHDATETIME;
+
+/* shdtParse modes */
+#define SHDT_DATETIME 1
+#define SHDT_DATE 2
+#define SHDT_TIME 3
+
+/* shdtParse results */
+#define SHDT_OK 0
+#define SHDT_E_DAY 1
+#define SHDT_E_MONTH 2
+#define SHDT_E_SECOND 3
+#define SHDT_E_MINUTE 4
+#define SHDT_E_HOUR 5
+#define SHDT_E_TEXT 6
+#define SHDT_E_YEAR 7
+#define SHDT_E_FRACTION 8
+
+/* Marks written by shdtParse */
+#define SHDT_NO_TIME_HOUR 255   /* hour of a date parsed in mode 2 */
+#define SHDT_NO_DATE_YEAR (-32767) /* year of a time parsed in mode 3 */
+
+/* Fills the record from the local clock (microsecond = milliseconds x 1000). */
+ZBSHR_API(void) shdtNow(SHDATETIME* dt);
+/* Stores year - 1900 and month - 1 and the other fields as given; no checks. */
+ZBSHR_API(void) shdtBuildTime(SHDATETIME* dt, int32_t year, int32_t month, int32_t day,
+                              int32_t hour, int32_t minute, int32_t second,
+                              uint32_t microsecond);
+/* Days from b to a (positive when a is later); time fields are ignored. */
+ZBSHR_API(int32_t) shdtDiffDate(const SHDATETIME* a, const SHDATETIME* b);
+/* Seconds from b to a, from the hour, minute and second fields only. */
+ZBSHR_API(int32_t) shdtDiffTime(const SHDATETIME* a, const SHDATETIME* b);
+/* 0 = Sunday .. 6 = Saturday. */
+ZBSHR_API(int32_t) shdtDayOfWeek(const SHDATETIME* dt);
+/* result = source moved by `days` calendar days; time fields copied. */
+ZBSHR_API(void) shdtRelativeDate(SHDATETIME* result, const SHDATETIME* source, int32_t days);
+/* Copies the long name of day 0..6 (0 = Sunday) into buffer (30 bytes hold
+ * any name); returns 1, or 0 for a day outside 0..6 or a null buffer. */
+ZBSHR_API(int32_t) shdtDayName(int32_t day, char* buffer);
+/* Current local date with "[SHORTDATE]" and time with "hh:mm:ss", each into
+ * an 11-byte buffer; a null buffer is skipped. */
+ZBSHR_API(void) shdtString(char* date_buffer, char* time_buffer);
+/* Parses text in mode 1 (datetime), 2 (date) or 3 (time); returns SHDT_OK
+ * or an SHDT_E_* number. */
+ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode);
+
+/* -------------------------------------------------------- display formats */
+
+/* A mask is compiled once into a caller buffer and applied many times.
+ * SHFORMAT_BUFSIZE bytes hold the compiled form of any mask of up to 200
+ * characters (keyword masks included). Every function returns SHFORMAT_OK or
+ * one of the error codes below; shformatErrorString turns a code into text.
+ * Output sizes count the terminator. When a result does not fit, the output
+ * is filled with '#' (as many as fit) and SHFORMAT_E_OVERFLOW is returned. */
+#define SHFORMAT_BUFSIZE 512
+
+#define SHFORMAT_OK 0
+#define SHFORMAT_E_SMALL 1     /* compiled-format buffer too small */
+#define SHFORMAT_E_OVERFLOW 2  /* result does not fit the output buffer */
+#define SHFORMAT_E_QUOTE 3     /* quoted text without its closing quote */
+#define SHFORMAT_E_KEYWORD 4   /* unknown [KEYWORD] or unclosed '[' */
+#define SHFORMAT_E_SECTIONS 5  /* too many ';' sections */
+#define SHFORMAT_E_NUMERIC 6   /* malformed numeric mask */
+#define SHFORMAT_E_DATETIME 7  /* malformed date/time mask */
+#define SHFORMAT_E_STRING 8    /* malformed string mask */
+#define SHFORMAT_E_COMPILED 9  /* buffer is not a compiled format of this kind */
+#define SHFORMAT_E_ARGUMENT 10 /* null pointer or negative size */
+#define SHFORMAT_E_VALUE 11    /* value cannot be shown (NaN, infinity, bad date fields) */
+
+ZBSHR_API(int32_t) shformatCmplDateTimeMask(unsigned char* compiled, const char* mask,
+                                            int32_t size);
+ZBSHR_API(int32_t) shformatCmplNumericMask(unsigned char* compiled, const char* mask,
+                                           int32_t size);
+ZBSHR_API(int32_t) shformatCmplStringMask(unsigned char* compiled, const char* mask,
+                                          int32_t size);
+/* Copies the text of an error code into buffer (at most size - 1 characters
+ * and a terminator); returns the number of characters copied. */
+ZBSHR_API(int32_t) shformatErrorString(int32_t error, char* buffer, int32_t size);
+
+/* Apply a compiled format. A null value pointer is a null value (the mask's
+ * null section, or an empty text when it has none). */
+ZBSHR_API(int32_t) shformatDateTime(char* out, int32_t size, const unsigned char* compiled,
+                                    const SHDATETIME* value);
+ZBSHR_API(int32_t) shformatDouble(char* out, int32_t size, const unsigned char* compiled,
+                                  const double* value);
+ZBSHR_API(int32_t) shformatReal(char* out, int32_t size, const unsigned char* compiled,
+                                const float* value);
+/* value points to an SHDEC (decimal.h). */
+ZBSHR_API(int32_t) shformatDecimal(char* out, int32_t size, const unsigned char* compiled,
+                                   const void* value);
+ZBSHR_API(int32_t) shformatString(char* out, int32_t size, const unsigned char* compiled,
+                                  const char* value);
+
+/* -------------------------------------------------------- pattern matcher */
+
+/* Compile errors (0 on success) */
+#define SHREGEXPR_E_SMALL 1     /* buffer too small */
+#define SHREGEXPR_E_SET 2       /* '[' without ']' or '\' at the end of a set */
+#define SHREGEXPR_E_SETLONG 3   /* set longer than 255 units */
+#define SHREGEXPR_E_EMPTYSET 4  /* reserved, never returned */
+#define SHREGEXPR_E_CLOSURE 5   /* '*', '+' or '?' with nothing to repeat */
+
+/* Compiles pattern into buffer (size in bytes); returns 0 or an error above. */
+ZBSHR_API(int32_t) shregExprCmpl(unsigned char* buffer, const char* pattern, int32_t size);
+/* Number of matches of the compiled pattern in text (0 for an empty text). */
+ZBSHR_API(int32_t) shregExprMatch(const char* text, const unsigned char* compiled);
+/* The same over 16-bit characters; size counts 16-bit units. */
+ZBSHR_API(int32_t) shregExprCmplW(uint16_t* buffer, const uint16_t* pattern, int32_t size);
+ZBSHR_API(int32_t) shregExprMatchW(const uint16_t* text, const uint16_t* compiled);
+
 ZBSHR_END_DECLS
+
+#ifdef __cplusplus
+static_assert(sizeof(SHDATETIME) == 12, "SHDATETIME is a 12-byte record");
+#endif
 
 #endif
