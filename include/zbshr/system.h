@@ -25,6 +25,24 @@ ZBSHR_API(ZBSHR_MSGBOX_HANDLER) zbshr_set_msgbox_handler(ZBSHR_MSGBOX_HANDLER ha
  * the default) or 932 (double-byte). Returns the previous one. */
 ZBSHR_API(uint32_t) zbshr_set_codepage(uint32_t codepage);
 
+/* The text last put on the clipboard as CF_TEXT (by the clipboard export, for
+ * example). Copies at most size - 1 bytes and a terminator into buf (buf may
+ * be null when size is 0) and returns the full length of the text. On POSIX,
+ * when ZBSHR_CLIPBOARD_CMD names a program, the text is also piped to it. */
+ZBSHR_API(int32_t) zbshr_clipboard_text(char *buf, uint32_t size);
+
+/* Fault injection for tests: makes the nth next call (1 = the very next) of a
+ * platform service fail, and the count - 1 calls after it too; count 0
+ * disarms. Services: 0 global allocation (also reallocation), 1 global lock,
+ * 2 file write (moves half the bytes asked), 3 file read, 4 file seek,
+ * 5 file open. Returns 1, or 0 for an unknown service. */
+ZBSHR_API(int32_t) zbshr_inject_fault(int32_t service, int32_t nth, int32_t count);
+
+/* Disarms every injected fault. */
+ZBSHR_API(void) zbshr_clear_faults(void);
+
+/* ---- End of the host hooks of the platform layer ------------------------ */
+
 /* ---- Buffered files ---------------------------------------------------- */
 
 /* Mode flags of osOpenFile (16-bit): access in the low four bits, sharing in

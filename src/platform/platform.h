@@ -207,6 +207,8 @@ constexpr int IDOK = 1, IDCANCEL = 2, IDABORT = 3, IDRETRY = 4, IDIGNORE = 5, ID
 // standard error and answers Cancel (No for Yes/No boxes, OK for OK boxes).
 int MessageBoxA(HWND owner, const char* text, const char* caption, UINT style);
 BOOL MessageBeep(UINT type);
+// Starts the ZBSHR_MSGBOX script again from its first answer (tests).
+void ResetMessageBoxScript();
 HWND GetActiveWindow();
 // Shows the text (standard error on POSIX) and ends the process at once with
 // a non-zero status, without running clean-up.

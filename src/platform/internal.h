@@ -1,0 +1,32 @@
+// Internals shared by the platform backends: fault-injection checks, the
+// message-box handler chain and the clipboard contents.
+#pragma once
+
+#include <string>
+
+#include "platform/platform.h"
+
+namespace zbshr::plat::detail {
+
+// True when the armed fault for `f` fires on this call (consumes one step).
+bool FaultFires(Fault f);
+
+// The installed host handler, if any; returns true and sets *answer when a
+// handler answered.
+bool CallMessageBoxHandler(const char* text, const char* caption, UINT style, int* answer);
+
+// The answer given when nobody can be asked: Cancel when the box has a Cancel
+// button, No for Yes/No boxes, Abort for Abort/Retry/Ignore, OK for OK boxes.
+int DefaultAnswer(UINT style);
+
+// True when `answer` is one of the buttons the box shows.
+bool BoxHasButton(UINT style, int answer);
+
+// The text put on the clipboard by the last SetClipboardData(CF_TEXT).
+void SetClipboardText(std::string text);
+std::string ClipboardText();
+
+// Lead-byte test for an explicit code page (single-byte pages have none).
+bool IsLeadByteIn(UINT codepage, uint8_t c);
+
+}  // namespace zbshr::plat::detail
