@@ -37,4 +37,15 @@ const char* month_long(int month);
 const char* day_short(int day);
 const char* day_long(int day);
 
+// Module state kept by start-up (see startup.cpp).
+// ensure_started(): runs the process-attach steps once if the loader has not
+// run them yet (static archives may drop the load-time constructor).
+void ensure_started();
+// The library's module instance (null before start-up).
+void* module_instance();
+// Size of the executable stub resource (custom resource 305 of type 256).
+uint32_t stub_size();
+// True when the operating system reports major version 4 or later.
+bool new_shell();
+
 }  // namespace zbshr::intl
