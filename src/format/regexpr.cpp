@@ -1,0 +1,410 @@
+// The pattern matcher: a small regular-expression language compiled into a
+// caller buffer of opcodes (bytes in the narrow form, 16-bit units in the
+// wide form) and a backtracking matcher that counts matches in a text.
+//
+// Compiled layout, one unit per opcode or operand:
+//   1 CHAR c | 2 BOL | 3 EOL | 4 ANY | 5 SET len members | 6 NSET len members
+//   7 STAR item END | 8 PLUS item END | 9 QUEST item END | 10 RANGE lo hi (in sets)
+//   11 END (closes a closure's item, and the pattern, which then has a 0 unit).
+// A set's length unit is 1 + its member units and stays below 256.
+//
+// Set members compare as unsigned units. Nothing matches at the text's
+// terminating zero, so the matcher never reads past it. A member unit of 10
+// always reads as RANGE followed by its two bounds (a literal line feed in a
+// set therefore takes the next two units as a range).
+//
+// The recursion of the matcher goes one level per closure of the pattern, so
+// its depth depends on the pattern only, never on the text.
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "platform/platform.h"
+#include "zbshr/format.h"
+
+namespace {
+
+enum : uint16_t {
+  kChar = 1,
+  kBol = 2,
+  kEol = 3,
+  kAny = 4,
+  kSet = 5,
+  kNset = 6,
+  kStar = 7,
+  kPlus = 8,
+  kQuest = 9,
+  kRange = 10,
+  kEnd = 11,
+};
+
+constexpr int32_t kErrSmall = 1;
+constexpr int32_t kErrSet = 2;
+constexpr int32_t kErrSetLong = 3;
+constexpr int32_t kErrClosure = 5;
+
+// ------------------------------------------------------------------ compiler
+
+template <typename Unit>
+int32_t compile(Unit* buf, const Unit* pat, int32_t size) {
+  if (buf == nullptr || pat == nullptr || size <= 0) return kErrSmall;
+  const int32_t cap = size;
+  int32_t n = 0;          // units written
+  int32_t last = -1;      // start of the last item a closure may apply to
+  auto room = [&](int32_t k) { return n + k <= cap; };
+
+  const Unit* p = pat;
+  while (*p != 0) {
+    const uint32_t c = *p;
+    if constexpr (sizeof(Unit) == 1) {
+      if (zbshr::plat::IsDBCSLeadByte(static_cast<uint8_t>(c)) && p[1] != 0) {
+        if (!room(4)) return kErrSmall;
+        buf[n++] = kChar;
+        buf[n++] = p[0];
+        last = n;
+        buf[n++] = kChar;
+        buf[n++] = p[1];
+        p += 2;
+        continue;
+      }
+    }
+    switch (c) {
+      case '^':
+      case '$':
+      case '.': {
+        if (!room(1)) return kErrSmall;
+        if (c == '.') {
+          last = n;
+          buf[n++] = kAny;
+        } else {
+          last = -1;
+          buf[n++] = c == '^' ? kBol : kEol;
+        }
+        ++p;
+        break;
+      }
+      case '\\': {
+        ++p;
+        Unit lit = '\\';
+        if (*p != 0) lit = *p++;  // a '\' ending the pattern is itself literal
+        if (!room(2)) return kErrSmall;
+        last = n;
+        buf[n++] = kChar;
+        buf[n++] = lit;
+        break;
+      }
+      case '*':
+      case '+':
+      case '?': {
+        if (last < 0) return kErrClosure;
+        if (!room(2)) return kErrSmall;
+        // Move the item one unit on, put the closure before it, END after.
+        std::memmove(buf + last + 1, buf + last, sizeof(Unit) * static_cast<size_t>(n - last));
+        buf[last] = c == '*' ? kStar : c == '+' ? kPlus : kQuest;
+        ++n;
+        buf[n++] = kEnd;
+        last = -1;
+        ++p;
+        break;
+      }
+      case '[': {
+        ++p;
+        Unit op = kSet;
+        if (*p == '^') {
+          op = kNset;
+          ++p;
+        }
+        if (!room(2)) return kErrSmall;
+        const int32_t start = n;
+        buf[n++] = op;
+        const int32_t len_at = n;
+        buf[n++] = 1;
+        int32_t prev_member = -1;  // index of a plain member a '-' may extend
+        for (;;) {
+          Unit m = *p;
+          if (m == 0) return kErrSet;
+          if (m == ']') {
+            ++p;
+            break;
+          }
+          if (m == '-' && prev_member >= 0 && p[1] != ']' && p[1] != 0) {
+            // prev '-' next: a range; the character after '-' is taken as is.
+            const Unit hi = p[1];
+            if (!room(2)) return kErrSmall;
+            const Unit lo = buf[prev_member];
+            buf[prev_member] = kRange;
+            buf[n++] = lo;
+            buf[n++] = hi;
+            if (n - len_at >= 256) return kErrSetLong;
+            p += 2;
+            prev_member = -1;
+            continue;
+          }
+          if (m == '-' && p[1] == 0) return kErrSet;
+          if (m == '\\') {
+            if (p[1] == 0) return kErrSet;
+            ++p;
+            m = *p;
+          }
+          if (!room(1)) return kErrSmall;
+          prev_member = n;
+          buf[n++] = m;
+          if (n - len_at >= 256) return kErrSetLong;
+          ++p;
+        }
+        buf[len_at] = static_cast<Unit>(n - len_at);
+        last = start;
+        break;
+      }
+      default: {
+        if (!room(2)) return kErrSmall;
+        last = n;
+        buf[n++] = kChar;
+        buf[n++] = static_cast<Unit>(c);
+        ++p;
+        break;
+      }
+    }
+  }
+  if (!room(2)) return kErrSmall;
+  buf[n++] = kEnd;
+  buf[n++] = 0;
+  return 0;
+}
+
+// ------------------------------------------------------------------ matcher
+
+// One decoded pattern element. Every consuming element (CHAR, ANY, SET, NSET)
+// becomes a class; a class never contains the terminating zero.
+template <typename Unit>
+struct Node {
+  uint8_t kind = kEnd;      // kChar, kAny, kSet (covers NSET), kBol, kEol, kEnd
+  uint8_t closure = 0;      // 0, kStar, kPlus, kQuest
+  bool negate = false;
+  Unit ch = 0;
+  const Unit* members = nullptr;  // wide sets: members in compiled form
+  int32_t member_units = 0;
+  uint32_t bits[8] = {};          // narrow: membership of every byte
+};
+
+template <typename Unit>
+bool set_contains(const Unit* m, int32_t units, uint32_t c) {
+  // A RANGE member reads its two bounds even where they lie past the set.
+  int32_t i = 0;
+  while (i < units) {
+    if (m[i] == kRange) {
+      if (static_cast<uint32_t>(m[i + 1]) <= c && c <= static_cast<uint32_t>(m[i + 2]))
+        return true;
+      i += 3;
+    } else {
+      if (static_cast<uint32_t>(m[i]) == c) return true;
+      ++i;
+    }
+  }
+  return false;
+}
+
+template <typename Unit>
+inline bool test(const Node<Unit>& n, Unit u) {
+  if constexpr (sizeof(Unit) == 1) {
+    return (n.bits[u >> 5] >> (u & 31)) & 1u;
+  } else {
+    if (u == 0) return false;
+    switch (n.kind) {
+      case kChar:
+        return u == n.ch;
+      case kAny:
+        return true;
+      default:
+        return set_contains(n.members, n.member_units, u) != n.negate;
+    }
+  }
+}
+
+// Decodes one consuming item at c[i]; returns the index after it or -1.
+template <typename Unit>
+int32_t decode_item(const Unit* c, int32_t i, Node<Unit>& n) {
+  switch (c[i]) {
+    case kChar:
+      n.kind = kChar;
+      n.ch = c[i + 1];
+      if constexpr (sizeof(Unit) == 1) {
+        if (n.ch != 0) n.bits[n.ch >> 5] |= 1u << (n.ch & 31);
+      }
+      return i + 2;
+    case kAny:
+      n.kind = kAny;
+      if constexpr (sizeof(Unit) == 1) {
+        for (auto& w : n.bits) w = 0xFFFFFFFFu;
+        n.bits[0] &= ~1u;
+      }
+      return i + 1;
+    case kSet:
+    case kNset: {
+      const int32_t len = c[i + 1];
+      if (len < 1) return -1;
+      // Members are never 0: a 0 unit means the length runs past the pattern.
+      for (int32_t k = 0; k < len - 1; ++k)
+        if (c[i + 2 + k] == 0) return -1;
+      n.kind = kSet;
+      n.negate = c[i] == kNset;
+      n.members = c + i + 2;
+      n.member_units = len - 1;
+      if constexpr (sizeof(Unit) == 1) {
+        for (uint32_t b = 1; b < 256; ++b)
+          if (set_contains(n.members, n.member_units, b) != n.negate)
+            n.bits[b >> 5] |= 1u << (b & 31);
+      }
+      return i + 1 + len;
+    }
+    default:
+      return -1;
+  }
+}
+
+template <typename Unit>
+bool decode(const Unit* c, std::vector<Node<Unit>>& out) {
+  int32_t i = 0;
+  for (;;) {
+    Node<Unit> n;
+    const Unit op = c[i];
+    if (op == kEnd) {
+      out.push_back(n);
+      return true;
+    }
+    if (op == kBol || op == kEol) {
+      n.kind = static_cast<uint8_t>(op);
+      ++i;
+    } else if (op == kStar || op == kPlus || op == kQuest) {
+      n.closure = static_cast<uint8_t>(op);
+      i = decode_item(c, i + 1, n);
+      if (i < 0 || c[i] != kEnd) return false;
+      ++i;
+    } else {
+      i = decode_item(c, i, n);
+      if (i < 0) return false;
+    }
+    out.push_back(n);
+  }
+}
+
+template <typename Unit>
+struct Matcher {
+  const Node<Unit>* nodes;
+  const Unit* begin;
+
+  // Matches the pattern from node i at p; returns the end of the match or null.
+  const Unit* at(size_t i, const Unit* p) const {
+    for (;;) {
+      const Node<Unit>& n = nodes[i];
+      switch (n.kind) {
+        case kEnd:
+          return p;
+        case kBol:
+          if (p != begin) return nullptr;
+          ++i;
+          continue;
+        case kEol:
+          if (*p != 0) return nullptr;
+          ++i;
+          continue;
+        default:
+          break;
+      }
+      if (n.closure == 0) {
+        if (!test(n, *p)) return nullptr;
+        ++p;
+        ++i;
+        continue;
+      }
+      const Unit* start = p;
+      const Unit* q = p;
+      if (n.closure == kQuest) {
+        if (test(n, *q)) ++q;
+      } else {
+        if (n.closure == kPlus) {
+          if (!test(n, *q)) return nullptr;
+          ++q;
+        }
+        while (test(n, *q)) ++q;
+      }
+      if (nodes[i + 1].kind == kEnd) return q;  // the furthest try succeeds
+      for (;;) {
+        if (const Unit* r = at(i + 1, q)) return r;
+        if (q == start) return nullptr;
+        --q;
+      }
+    }
+  }
+};
+
+template <typename Unit>
+int32_t count_matches(const Unit* text, const Unit* compiled) {
+  if (text == nullptr || compiled == nullptr || *text == 0) return 0;
+  std::vector<Node<Unit>> nodes;
+  nodes.reserve(16);
+  if (!decode(compiled, nodes)) return 0;
+  Matcher<Unit> m{nodes.data(), text};
+  const Node<Unit>& first = nodes[0];
+
+  if (first.kind == kBol) return m.at(0, text) ? 1 : 0;  // no later start can match
+
+  // A first element that must consume a character lets the scan skip
+  // positions where no match can start.
+  const bool must_consume =
+      (first.kind == kChar || first.kind == kAny || first.kind == kSet) &&
+      (first.closure == 0 || first.closure == kPlus);
+  int32_t count = 0;
+  const Unit* p = text;
+  while (*p != 0) {
+    if (must_consume) {
+      if constexpr (sizeof(Unit) == 1) {
+        if (first.kind == kChar) {
+          const char* f = std::strchr(reinterpret_cast<const char*>(p), static_cast<char>(first.ch));
+          if (f == nullptr) break;
+          p = reinterpret_cast<const Unit*>(f);
+        } else {
+          while (*p != 0 && !test(first, *p)) ++p;
+        }
+      } else {
+        while (*p != 0 && !test(first, *p)) ++p;
+      }
+      if (*p == 0) break;
+    }
+    const Unit* r = m.at(0, p);
+    if (r != nullptr) {
+      ++count;
+      if (r == p) break;  // an empty match ends the count
+      p = r;
+    } else {
+      ++p;
+    }
+  }
+  return count;
+}
+
+}  // namespace
+
+ZBSHR_API(int32_t) shregExprCmpl(unsigned char* buffer, const char* pattern, int32_t size) {
+  return compile<uint8_t>(buffer, reinterpret_cast<const uint8_t*>(pattern), size);
+}
+
+ZBSHR_API(int32_t) shregExprCmplW(uint16_t* buffer, const uint16_t* pattern, int32_t size) {
+  return compile<uint16_t>(buffer, pattern, size);
+}
+
+ZBSHR_API(int32_t) shregExprMatch(const char* text, const unsigned char* compiled) {
+  try {
+    return count_matches<uint8_t>(reinterpret_cast<const uint8_t*>(text), compiled);
+  } catch (...) {
+    return 0;
+  }
+}
+
+ZBSHR_API(int32_t) shregExprMatchW(const uint16_t* text, const uint16_t* compiled) {
+  try {
+    return count_matches<uint16_t>(text, compiled);
+  } catch (...) {
+    return 0;
+  }
+}
