@@ -49,6 +49,11 @@ constexpr DWORD ERROR_DISK_FULL = 112;
 constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
 constexpr DWORD ERROR_ALREADY_EXISTS = 183;
 constexpr DWORD ERROR_MORE_DATA = 234;
+constexpr DWORD ERROR_SEEK = 25;
+constexpr DWORD ERROR_NEGATIVE_SEEK = 131;
+constexpr DWORD ERROR_INVALID_NAME = 123;
+constexpr DWORD ERROR_DIR_NOT_EMPTY = 145;
+constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
 
 DWORD GetLastError();
 void SetLastError(DWORD code);
@@ -114,6 +119,7 @@ constexpr DWORD MOVEFILE_WRITE_THROUGH = 0x8;
 // Attributes of an existing file or folder; INVALID_FILE_ATTRIBUTES when absent.
 constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFFu;
 constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
+constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;
 DWORD GetFileAttributesA(const char* name);
 // Last write time of an open file as seconds since 1970 (UTC); false on failure.
 BOOL GetFileTimeUnix(HFILE f, int64_t* seconds);

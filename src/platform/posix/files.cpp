@@ -1,0 +1,980 @@
+// Files on POSIX: Win32-style opens with sharing enforced across processes,
+// reads, writes and seeks on plain descriptors, and path services.
+//
+// Sharing. Every open that reads or writes takes shared open-file-description
+// locks on single bytes far beyond any real file size: one byte per access it
+// has (read, write) and one per access it denies to others (read, write,
+// delete). An open then conflicts with existing ones exactly when another
+// description holds a "denies X" byte for an access X it wants, or holds an
+// "has X" byte for an access X it denies. The locks belong to the open file
+// description, so they work between descriptions in one process as well as
+// between processes, and vanish when the descriptor is closed or the process
+// dies. The new open takes its own locks first and then looks for conflicts,
+// so two racing opens can both fail but never both succeed wrongly.
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/internal.h"
+#include "platform/platform.h"
+#include "platform/posix/posix.h"
+
+namespace zbshr::plat {
+namespace {
+
+// The reserved lock bytes.
+constexpr off_t kLockBase = static_cast<off_t>(0x7FFFFFFF00000000LL);
+constexpr off_t kHasRead = kLockBase + 0;
+constexpr off_t kHasWrite = kLockBase + 1;
+constexpr off_t kDeniesRead = kLockBase + 2;
+constexpr off_t kDeniesWrite = kLockBase + 3;
+constexpr off_t kDeniesDelete = kLockBase + 4;
+
+struct HandleInfo {
+  bool open = false;
+  bool can_read = false;
+  bool can_write = false;
+};
+
+std::mutex g_handles_mutex;
+std::vector<HandleInfo> g_handles;
+
+bool Lookup(HFILE f, HandleInfo* out) {
+  std::lock_guard<std::mutex> lock(g_handles_mutex);
+  if (f < 0 || static_cast<size_t>(f) >= g_handles.size() || !g_handles[f].open) return false;
+  *out = g_handles[f];
+  return true;
+}
+
+void Register(int fd, bool can_read, bool can_write) {
+  std::lock_guard<std::mutex> lock(g_handles_mutex);
+  if (static_cast<size_t>(fd) >= g_handles.size()) g_handles.resize(fd + 16);
+  g_handles[fd] = HandleInfo{true, can_read, can_write};
+}
+
+bool Unregister(HFILE f) {
+  std::lock_guard<std::mutex> lock(g_handles_mutex);
+  if (f < 0 || static_cast<size_t>(f) >= g_handles.size() || !g_handles[f].open) return false;
+  g_handles[f] = HandleInfo{};
+  return true;
+}
+
+bool TakeSharedByte(int fd, off_t where) {
+  struct flock fl {};
+  fl.l_type = F_RDLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = where;
+  fl.l_len = 1;
+  return fcntl(fd, F_OFD_SETLK, &fl) == 0;
+}
+
+// True when another open file description holds a lock on the byte.
+bool HeldByOthers(int fd, off_t where) {
+  struct flock fl {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = where;
+  fl.l_len = 1;
+  if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return false;
+  return fl.l_type != F_UNLCK;
+}
+
+std::string Slashes(const char* name) {
+  std::string s = name ? name : "";
+  std::replace(s.begin(), s.end(), '\\', '/');
+  return s;
+}
+
+// Case-insensitive lookup of one component in a folder: the first match in
+// byte order, so that the choice does not depend on directory order.
+bool FindInFolder(const std::string& folder, const std::string& comp, std::string* found) {
+  DIR* d = opendir(folder.empty() ? "." : folder.c_str());
+  if (!d) return false;
+  bool ok = false;
+  std::string best;
+  while (dirent* e = readdir(d)) {
+    if (strcasecmp(e->d_name, comp.c_str()) == 0) {
+      if (!ok || best > e->d_name) best = e->d_name;
+      ok = true;
+    }
+  }
+  closedir(d);
+  if (ok) *found = best;
+  return ok;
+}
+
+std::string Dirname(const std::string& p) {
+  size_t slash = p.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return p.substr(0, slash);
+}
+
+DWORD CopyOut(const std::string& s, DWORD size, char* buf) {
+  if (s.size() + 1 > size || !buf) return static_cast<DWORD>(s.size() + 1);
+  std::memcpy(buf, s.c_str(), s.size() + 1);
+  return static_cast<DWORD>(s.size());
+}
+
+void SetFilePart(char* buf, DWORD written, DWORD size, char** file_part) {
+  if (!file_part) return;
+  *file_part = nullptr;
+  if (!buf || written == 0 || written >= size) return;
+  char* slash = std::strrchr(buf, '/');
+  char* part = slash ? slash + 1 : buf;
+  if (*part) *file_part = part;
+}
+
+// A missing file in an existing folder is "file not found"; a missing folder
+// on the way is "path not found".
+DWORD NotFoundKind(const std::string& native) {
+  std::string dir = Dirname(native);
+  struct stat st {};
+  if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return ERROR_FILE_NOT_FOUND;
+  return ERROR_PATH_NOT_FOUND;
+}
+
+std::string CurrentDir() {
+  std::vector<char> buf(512);
+  for (;;) {
+    if (getcwd(buf.data(), buf.size())) return std::string(buf.data());
+    if (errno != ERANGE || buf.size() > (1u << 20)) return std::string("/");
+    buf.resize(buf.size() * 2);
+  }
+}
+
+std::string Normalise(const std::string& input) {
+  std::string s = input;
+  if (s.empty() || s[0] != '/') s = CurrentDir() + "/" + s;
+  bool trailing = s.size() > 1 && s.back() == '/';
+  std::vector<std::string> parts;
+  size_t i = 0;
+  while (i <= s.size()) {
+    size_t j = s.find('/', i);
+    if (j == std::string::npos) j = s.size();
+    std::string comp = s.substr(i, j - i);
+    if (comp.empty() || comp == ".") {
+    } else if (comp == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else {
+      parts.push_back(comp);
+    }
+    i = j + 1;
+  }
+  std::string out;
+  for (const auto& p : parts) out += "/" + p;
+  if (out.empty()) return "/";
+  if (trailing) out += "/";
+  return out;
+}
+
+std::string ProgramDir() {
+  char buf[4096];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return std::string();
+  buf[n] = '\0';
+  return Dirname(buf);
+}
+
+}  // namespace
+
+namespace posix {
+
+DWORD ErrorFromErrno(int err) {
+  switch (err) {
+    case 0: return ERROR_SUCCESS;
+    case ENOENT: return ERROR_FILE_NOT_FOUND;
+    case ENOTDIR: return ERROR_PATH_NOT_FOUND;
+    case EACCES:
+    case EPERM:
+    case EISDIR:
+    case EROFS:
+    case ETXTBSY: return ERROR_ACCESS_DENIED;
+    case EEXIST: return ERROR_FILE_EXISTS;
+    case EMFILE:
+    case ENFILE: return ERROR_TOO_MANY_OPEN_FILES;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG: return ERROR_DISK_FULL;
+    case ENOMEM: return ERROR_NOT_ENOUGH_MEMORY;
+    case EBADF: return ERROR_INVALID_HANDLE;
+    case ENAMETOOLONG: return ERROR_FILENAME_EXCED_RANGE;
+    case ENOTEMPTY: return ERROR_DIR_NOT_EMPTY;
+    case EIO: return ERROR_WRITE_FAULT;
+    default: return ERROR_INVALID_PARAMETER;
+  }
+}
+
+bool Exists(const std::string& native) {
+  struct stat st {};
+  return stat(native.c_str(), &st) == 0;
+}
+
+bool MakeDirs(const std::string& dir) {
+  if (dir.empty()) return true;
+  struct stat st {};
+  if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+  std::string parent = Dirname(dir);
+  if (parent != dir && !MakeDirs(parent)) return false;
+  if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
+    SetLastError(ErrorFromErrno(errno));
+    return false;
+  }
+  return true;
+}
+
+bool ReadWholeFile(const std::string& path, std::string* out) {
+  out->clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    SetLastError(ErrorFromErrno(errno));
+    return false;
+  }
+  char buf[8192];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      SetLastError(ERROR_READ_FAULT);
+      close(fd);
+      return false;
+    }
+    if (n == 0) break;
+    out->append(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  return true;
+}
+
+bool ReplaceFileAtomically(const std::string& path, const std::string& content, bool make_dirs) {
+  std::string dir = Dirname(path);
+  if (make_dirs && !MakeDirs(dir)) return false;
+  std::string base = path.substr(path.find_last_of('/') == std::string::npos
+                                     ? 0
+                                     : path.find_last_of('/') + 1);
+  std::string tmpl = (dir == "." && path.find('/') == std::string::npos ? std::string() : dir + "/") +
+                     "." + base + ".XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  if (fd < 0) {
+    SetLastError(ErrorFromErrno(errno));
+    return false;
+  }
+  // Keep the permissions of the file being replaced.
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0) fchmod(fd, st.st_mode & 07777);
+  else fchmod(fd, 0666 & ~[] { mode_t m = umask(0); umask(m); return m; }());
+  const char* p = content.data();
+  size_t left = content.size();
+  bool ok = true;
+  while (left > 0) {
+    ssize_t w = write(fd, p, left);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      SetLastError(ErrorFromErrno(w < 0 ? errno : ENOSPC));
+      ok = false;
+      break;
+    }
+    p += w;
+    left -= static_cast<size_t>(w);
+  }
+  if (ok && fsync(fd) != 0) {
+    SetLastError(ErrorFromErrno(errno));
+    ok = false;
+  }
+  close(fd);
+  if (ok && rename(name.data(), path.c_str()) != 0) {
+    SetLastError(ErrorFromErrno(errno));
+    ok = false;
+  }
+  if (!ok) {
+    unlink(name.data());
+    return false;
+  }
+  int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    fsync(dfd);
+    close(dfd);
+  }
+  return true;
+}
+
+}  // namespace posix
+
+std::string NativePath(const char* name) {
+  std::string s = Slashes(name);
+  if (s.empty()) return s;
+  struct stat st {};
+  if (lstat(s.c_str(), &st) == 0) return s;
+  std::string out;
+  size_t i = 0;
+  if (s[0] == '/') {
+    out = "/";
+    i = 1;
+  }
+  bool missing = false;  // once a component is absent, the rest is kept as written
+  while (i < s.size()) {
+    size_t j = s.find('/', i);
+    bool last = j == std::string::npos;
+    if (last) j = s.size();
+    std::string comp = s.substr(i, j - i);
+    if (!comp.empty()) {
+      std::string candidate = out + comp;
+      if (!missing && comp != "." && comp != ".." && lstat(candidate.c_str(), &st) != 0) {
+        std::string found;
+        if (FindInFolder(out, comp, &found)) comp = found;
+        else missing = true;
+      }
+      out += comp;
+    }
+    if (!last) {
+      if (!out.empty() && out.back() != '/') out += '/';
+    }
+    i = j + 1;
+  }
+  return out;
+}
+
+HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition,
+                  DWORD flags_and_attributes) {
+  if (!name || !*name) {
+    SetLastError(name ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return INVALID_HANDLE;
+  }
+  if (detail::FaultFires(Fault::Open)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE;
+  }
+  const bool want_read = (access & GENERIC_READ) != 0;
+  const bool want_write = (access & GENERIC_WRITE) != 0;
+  int flags = O_CLOEXEC;
+  bool truncate_after = false;
+  switch (disposition) {
+    case CREATE_NEW: flags |= O_CREAT | O_EXCL; break;
+    case CREATE_ALWAYS: flags |= O_CREAT; truncate_after = true; break;
+    case OPEN_EXISTING: break;
+    case OPEN_ALWAYS: flags |= O_CREAT; break;
+    case TRUNCATE_EXISTING:
+      if (!want_write) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE;
+      }
+      truncate_after = true;
+      break;
+    default:
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return INVALID_HANDLE;
+  }
+  if (flags_and_attributes & FILE_FLAG_WRITE_THROUGH) flags |= O_DSYNC;
+  std::string path = NativePath(name);
+  if (!path.empty() && path.back() == '/') {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return INVALID_HANDLE;
+  }
+  struct stat st {};
+  bool existed = stat(path.c_str(), &st) == 0;
+  if (existed && S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE;
+  }
+  if (existed && disposition == CREATE_NEW) {
+    SetLastError(ERROR_FILE_EXISTS);
+    return INVALID_HANDLE;
+  }
+  // The descriptor is opened read-write whenever writing is asked, so that it
+  // can carry the shared sharing locks; the access actually granted is
+  // checked by ReadFile and WriteFile.
+  int fd = -1;
+  bool lockable = true;
+  if (want_write) {
+    fd = open(path.c_str(), flags | O_RDWR, 0666);
+    if (fd < 0 && errno == EACCES && !want_read) {
+      fd = open(path.c_str(), flags | O_WRONLY, 0666);
+      lockable = false;  // a write-only descriptor cannot hold read locks
+    }
+  } else {
+    fd = open(path.c_str(), flags | O_RDONLY, 0666);
+  }
+  if (fd < 0) {
+    int err = errno;
+    if (err == ENOENT) SetLastError(NotFoundKind(path));
+    else SetLastError(posix::ErrorFromErrno(err));
+    return INVALID_HANDLE;
+  }
+  if ((want_read || want_write) && lockable) {
+    const bool deny_read = !(share & FILE_SHARE_READ);
+    const bool deny_write = !(share & FILE_SHARE_WRITE);
+    const bool deny_delete = !(share & FILE_SHARE_DELETE);
+    bool ok = (!want_read || TakeSharedByte(fd, kHasRead)) &&
+              (!want_write || TakeSharedByte(fd, kHasWrite)) &&
+              (!deny_read || TakeSharedByte(fd, kDeniesRead)) &&
+              (!deny_write || TakeSharedByte(fd, kDeniesWrite)) &&
+              (!deny_delete || TakeSharedByte(fd, kDeniesDelete));
+    if (ok) {
+      bool conflict = (want_read && HeldByOthers(fd, kDeniesRead)) ||
+                      (want_write && HeldByOthers(fd, kDeniesWrite)) ||
+                      (deny_read && HeldByOthers(fd, kHasRead)) ||
+                      (deny_write && HeldByOthers(fd, kHasWrite));
+      if (conflict) {
+        close(fd);
+        if (!existed) unlink(path.c_str());
+        SetLastError(ERROR_SHARING_VIOLATION);
+        return INVALID_HANDLE;
+      }
+    }
+  }
+  if (truncate_after && existed && ftruncate(fd, 0) != 0) {
+    int err = errno;
+    close(fd);
+    SetLastError(posix::ErrorFromErrno(err));
+    return INVALID_HANDLE;
+  }
+  Register(fd, want_read, want_write);
+  // As on Windows, an open that found an existing file under CREATE_ALWAYS or
+  // OPEN_ALWAYS says so in the last error.
+  SetLastError((existed && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS))
+                   ? ERROR_ALREADY_EXISTS
+                   : ERROR_SUCCESS);
+  return fd;
+}
+
+BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
+  if (got) *got = 0;
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (!info.can_read) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (detail::FaultFires(Fault::Read)) {
+    SetLastError(ERROR_READ_FAULT);
+    return 0;
+  }
+  if (n > 0 && !buf) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  auto* p = static_cast<char*>(buf);
+  DWORD total = 0;
+  while (total < n) {
+    ssize_t r = read(f, p + total, n - total);
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0) {
+      if (got) *got = total;
+      SetLastError(errno == EISDIR ? ERROR_ACCESS_DENIED : ERROR_READ_FAULT);
+      return 0;
+    }
+    if (r == 0) break;
+    total += static_cast<DWORD>(r);
+  }
+  if (got) *got = total;
+  return 1;
+}
+
+static bool WriteAllFd(int fd, const char* p, DWORD n, DWORD* done) {
+  *done = 0;
+  while (*done < n) {
+    ssize_t w = write(fd, p + *done, n - *done);
+    if (w < 0 && errno == EINTR) continue;
+    if (w < 0) {
+      SetLastError(errno == ENOSPC || errno == EDQUOT || errno == EFBIG ? ERROR_DISK_FULL
+                                                                          : ERROR_WRITE_FAULT);
+      return false;
+    }
+    if (w == 0) {
+      SetLastError(ERROR_DISK_FULL);
+      return false;
+    }
+    *done += static_cast<DWORD>(w);
+  }
+  return true;
+}
+
+BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
+  if (put) *put = 0;
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (!info.can_write) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (n > 0 && !buf) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  DWORD want = n;
+  bool short_write = detail::FaultFires(Fault::Write);
+  if (short_write) want = n / 2;
+  DWORD done = 0;
+  bool ok = WriteAllFd(f, static_cast<const char*>(buf), want, &done);
+  if (put) *put = done;
+  if (!ok) {
+    // Partial progress on a full disk is reported as a short write.
+    return done > 0 ? 1 : 0;
+  }
+  if (short_write) SetLastError(ERROR_DISK_FULL);
+  return 1;
+}
+
+BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (detail::FaultFires(Fault::Seek)) {
+    SetLastError(ERROR_SEEK);
+    return 0;
+  }
+  int whence;
+  switch (method) {
+    case FILE_BEGIN: whence = SEEK_SET; break;
+    case FILE_CURRENT: whence = SEEK_CUR; break;
+    case FILE_END: whence = SEEK_END; break;
+    default:
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return 0;
+  }
+  // Work out the target first, so that a negative result leaves the position alone.
+  int64_t base = 0;
+  if (whence == SEEK_CUR) {
+    off_t cur = lseek(f, 0, SEEK_CUR);
+    if (cur < 0) {
+      SetLastError(posix::ErrorFromErrno(errno));
+      return 0;
+    }
+    base = cur;
+  } else if (whence == SEEK_END) {
+    struct stat st {};
+    if (fstat(f, &st) != 0) {
+      SetLastError(posix::ErrorFromErrno(errno));
+      return 0;
+    }
+    base = st.st_size;
+  }
+  if ((distance < 0 && base + distance < 0) || (distance > 0 && base > INT64_MAX - distance)) {
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
+  int64_t target = base + distance;
+  off_t r = lseek(f, static_cast<off_t>(target), SEEK_SET);
+  if (r < 0) {
+    SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : posix::ErrorFromErrno(errno));
+    return 0;
+  }
+  if (new_pos) *new_pos = r;
+  return 1;
+}
+
+DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
+  int64_t d = high ? static_cast<int64_t>((static_cast<uint64_t>(static_cast<uint32_t>(*high)) << 32) |
+                                          static_cast<uint32_t>(distance))
+                   : static_cast<int64_t>(distance);
+  int64_t pos = 0;
+  if (!SetFilePointerEx(f, d, &pos, method)) return INVALID_SET_FILE_POINTER;
+  if (!high && pos > 0xFFFFFFFFLL) {
+    // The position does not fit the 32-bit answer: Windows refuses the move.
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return INVALID_SET_FILE_POINTER;
+  }
+  if (high) *high = static_cast<LONG>(static_cast<uint64_t>(pos) >> 32);
+  SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(pos & 0xFFFFFFFFu);
+}
+
+BOOL SetEndOfFile(HFILE f) {
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (!info.can_write) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  off_t cur = lseek(f, 0, SEEK_CUR);
+  if (cur < 0 || ftruncate(f, cur) != 0) {
+    SetLastError(posix::ErrorFromErrno(errno));
+    return 0;
+  }
+  return 1;
+}
+
+BOOL GetFileSizeEx(HFILE f, int64_t* size) {
+  HandleInfo info;
+  struct stat st {};
+  if (!Lookup(f, &info) || fstat(f, &st) != 0) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (size) *size = st.st_size;
+  return 1;
+}
+
+DWORD GetFileSize(HFILE f, DWORD* high) {
+  int64_t size = 0;
+  if (!GetFileSizeEx(f, &size)) return INVALID_FILE_SIZE;
+  if (high) *high = static_cast<DWORD>(static_cast<uint64_t>(size) >> 32);
+  SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(size & 0xFFFFFFFFu);
+}
+
+BOOL FlushFileBuffers(HFILE f) {
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (!info.can_write) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (fsync(f) != 0) {
+    SetLastError(ERROR_WRITE_FAULT);
+    return 0;
+  }
+  return 1;
+}
+
+BOOL CloseHandle(HFILE f) {
+  if (!Unregister(f)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  close(f);
+  return 1;
+}
+
+BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
+  HandleInfo info;
+  struct stat st {};
+  if (!Lookup(f, &info) || fstat(f, &st) != 0) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  if (seconds) *seconds = st.st_mtime;
+  return 1;
+}
+
+// Refuses deleting or renaming a file that an open holds without allowing it.
+static bool DeleteDenied(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  bool denied = HeldByOthers(fd, kDeniesDelete);
+  close(fd);
+  return denied;
+}
+
+BOOL DeleteFileA(const char* name) {
+  if (!name || !*name) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return 0;
+  }
+  std::string path = NativePath(name);
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) {
+    SetLastError(errno == ENOENT ? NotFoundKind(path) : posix::ErrorFromErrno(errno));
+    return 0;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (S_ISREG(st.st_mode) && DeleteDenied(path)) {
+    SetLastError(ERROR_SHARING_VIOLATION);
+    return 0;
+  }
+  if (unlink(path.c_str()) != 0) {
+    SetLastError(posix::ErrorFromErrno(errno));
+    return 0;
+  }
+  return 1;
+}
+
+BOOL MoveFileExA(const char* from, const char* to, DWORD flags) {
+  if (!from || !to || !*from || !*to) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  std::string src = NativePath(from);
+  std::string dst = NativePath(to);
+  struct stat st {};
+  if (lstat(src.c_str(), &st) != 0) {
+    SetLastError(errno == ENOENT ? NotFoundKind(src) : posix::ErrorFromErrno(errno));
+    return 0;
+  }
+  if (S_ISREG(st.st_mode) && DeleteDenied(src)) {
+    SetLastError(ERROR_SHARING_VIOLATION);
+    return 0;
+  }
+  struct stat dst_st {};
+  bool dst_exists = lstat(dst.c_str(), &dst_st) == 0;
+  if (dst_exists && !(flags & MOVEFILE_REPLACE_EXISTING)) {
+    SetLastError(ERROR_ALREADY_EXISTS);
+    return 0;
+  }
+  if (dst_exists && S_ISDIR(dst_st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (dst_exists && S_ISREG(dst_st.st_mode) && DeleteDenied(dst)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  if (flags & MOVEFILE_REPLACE_EXISTING) {
+    if (rename(src.c_str(), dst.c_str()) != 0) {
+      SetLastError(errno == ENOENT ? NotFoundKind(dst) : posix::ErrorFromErrno(errno));
+      return 0;
+    }
+  } else {
+    // Without replace, the move must not clobber a file created meanwhile.
+    if (renameat2(AT_FDCWD, src.c_str(), AT_FDCWD, dst.c_str(), RENAME_NOREPLACE) != 0) {
+      if (errno == EEXIST) {
+        SetLastError(ERROR_ALREADY_EXISTS);
+        return 0;
+      }
+      if (errno != EINVAL && errno != ENOSYS) {
+        SetLastError(errno == ENOENT ? NotFoundKind(dst) : posix::ErrorFromErrno(errno));
+        return 0;
+      }
+      if (rename(src.c_str(), dst.c_str()) != 0) {
+        SetLastError(posix::ErrorFromErrno(errno));
+        return 0;
+      }
+    }
+  }
+  if (flags & MOVEFILE_WRITE_THROUGH) {
+    int dfd = open(Dirname(dst).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd >= 0) {
+      fsync(dfd);
+      close(dfd);
+    }
+  }
+  return 1;
+}
+
+DWORD GetFileAttributesA(const char* name) {
+  if (!name || !*name) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return INVALID_FILE_ATTRIBUTES;
+  }
+  std::string path = NativePath(name);
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) {
+    SetLastError(errno == ENOENT ? NotFoundKind(path) : posix::ErrorFromErrno(errno));
+    return INVALID_FILE_ATTRIBUTES;
+  }
+  DWORD attrs = 0;
+  if (S_ISDIR(st.st_mode)) attrs |= FILE_ATTRIBUTE_DIRECTORY;
+  if (access(path.c_str(), W_OK) != 0) attrs |= FILE_ATTRIBUTE_READONLY;
+  return attrs ? attrs : FILE_ATTRIBUTE_NORMAL;
+}
+
+DWORD GetFullPathNameA(const char* name, DWORD size, char* buf, char** file_part) {
+  if (file_part) *file_part = nullptr;
+  if (!name || !*name) {
+    SetLastError(ERROR_INVALID_NAME);
+    return 0;
+  }
+  std::string full = Normalise(Slashes(name));
+  DWORD r = CopyOut(full, size, buf);
+  SetFilePart(buf, r, size, file_part);
+  return r;
+}
+
+DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
+                  char** file_part) {
+  if (file_part) *file_part = nullptr;
+  if (!file || !*file) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  std::string name = Slashes(file);
+  // The extension is added only when the name has none of its own.
+  if (ext && *ext) {
+    size_t slash = name.find_last_of('/');
+    std::string last = slash == std::string::npos ? name : name.substr(slash + 1);
+    if (last.find('.') == std::string::npos) name += ext;
+  }
+  auto found = [&](const std::string& candidate) -> DWORD {
+    std::string native = NativePath(candidate.c_str());
+    struct stat st {};
+    if (stat(native.c_str(), &st) != 0) return 0;
+    std::string full = Normalise(native);
+    DWORD r = CopyOut(full, size, buf);
+    SetFilePart(buf, r, size, file_part);
+    return r;
+  };
+  if (name[0] == '/') {
+    if (DWORD r = found(name)) return r;
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return 0;
+  }
+  std::vector<std::string> dirs;
+  auto add_list = [&](const std::string& list) {
+    size_t i = 0;
+    while (i <= list.size()) {
+      size_t j = list.find_first_of(";:", i);
+      if (j == std::string::npos) j = list.size();
+      if (j > i) dirs.push_back(Slashes(list.substr(i, j - i).c_str()));
+      i = j + 1;
+    }
+  };
+  if (path) {
+    add_list(path);
+  } else {
+    std::string prog = ProgramDir();
+    if (!prog.empty()) dirs.push_back(prog);
+    dirs.push_back(CurrentDir());
+    dirs.push_back(ConfigDir());
+    if (const char* env = std::getenv("PATH")) add_list(env);
+  }
+  for (const auto& d : dirs) {
+    std::string candidate = d;
+    if (candidate.empty() || candidate.back() != '/') candidate += '/';
+    candidate += name;
+    if (DWORD r = found(candidate)) return r;
+  }
+  SetLastError(ERROR_FILE_NOT_FOUND);
+  return 0;
+}
+
+DWORD GetTempPathA(DWORD size, char* buf) {
+  const char* env = std::getenv("TMPDIR");
+  std::string dir = env && *env ? env : "/tmp";
+  if (dir.back() != '/') dir += '/';
+  return CopyOut(dir, size, buf);
+}
+
+UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* out) {
+  if (!out) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  std::string folder;
+  if (dir && *dir) {
+    folder = Slashes(dir);
+  } else {
+    char tmp[4096];
+    DWORD n = GetTempPathA(sizeof tmp, tmp);
+    folder = n > 0 && n < sizeof tmp ? std::string(tmp, n) : std::string("/tmp/");
+  }
+  if (folder.back() != '/') folder += '/';
+  std::string pre = prefix ? std::string(prefix).substr(0, 3) : std::string();
+  std::replace(pre.begin(), pre.end(), '\\', '/');
+  auto make_name = [&](UINT n) {
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "%X", n);
+    return folder + pre + hex + ".TMP";
+  };
+  constexpr size_t kMaxPath = 260;
+  if (unique != 0) {
+    std::string name = make_name(unique & 0xFFFFu);
+    if (name.size() + 1 > kMaxPath) {
+      SetLastError(ERROR_BUFFER_OVERFLOW);
+      return 0;
+    }
+    std::memcpy(out, name.c_str(), name.size() + 1);
+    return unique & 0xFFFFu;
+  }
+  std::string native_folder = NativePath(folder.c_str());
+  if (!native_folder.empty() && native_folder.back() != '/') native_folder += '/';
+  struct stat st {};
+  if (stat(native_folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return 0;
+  }
+  UINT start = (GetTickCount() ^ static_cast<UINT>(getpid())) & 0xFFFFu;
+  if (start == 0) start = 1;
+  UINT n = start;
+  do {
+    std::string name = make_name(n);
+    if (name.size() + 1 > kMaxPath) {
+      SetLastError(ERROR_BUFFER_OVERFLOW);
+      return 0;
+    }
+    std::string native = native_folder + name.substr(folder.size());
+    int fd = open(native.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+      close(fd);
+      std::memcpy(out, name.c_str(), name.size() + 1);
+      return n;
+    }
+    if (errno != EEXIST) {
+      SetLastError(posix::ErrorFromErrno(errno));
+      return 0;
+    }
+    n = n == 0xFFFFu ? 1 : n + 1;
+  } while (n != start);
+  SetLastError(ERROR_FILE_EXISTS);
+  return 0;
+}
+
+DWORD GetCurrentDirectoryA(DWORD size, char* buf) { return CopyOut(CurrentDir(), size, buf); }
+
+DWORD GetModuleFileNameA(HINSTANCE, char* buf, DWORD size) {
+  if (!buf || size == 0) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  char path[4096];
+  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) {
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    buf[0] = '\0';
+    return 0;
+  }
+  // As on Windows: a name that does not fit is cut, terminated, and the
+  // full buffer size is returned with ERROR_INSUFFICIENT_BUFFER.
+  if (static_cast<DWORD>(n) >= size) {
+    std::memcpy(buf, path, size - 1);
+    buf[size - 1] = '\0';
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return size;
+  }
+  std::memcpy(buf, path, static_cast<size_t>(n));
+  buf[n] = '\0';
+  SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(n);
+}
+
+int32_t _lread(HFILE f, void* buf, UINT n) {
+  DWORD got = 0;
+  if (!ReadFile(f, buf, n, &got)) return HFILE_ERROR;
+  return static_cast<int32_t>(got);
+}
+
+int32_t _lwrite(HFILE f, const void* buf, UINT n) {
+  DWORD put = 0;
+  if (!WriteFile(f, buf, n, &put)) return HFILE_ERROR;
+  return static_cast<int32_t>(put);
+}
+
+LONG _llseek(HFILE f, LONG offset, int origin) {
+  int64_t pos = 0;
+  if (!SetFilePointerEx(f, offset, &pos, static_cast<DWORD>(origin))) return HFILE_ERROR;
+  return static_cast<LONG>(pos);
+}
+
+HFILE _lclose(HFILE f) { return CloseHandle(f) ? 0 : HFILE_ERROR; }
+
+}  // namespace zbshr::plat
