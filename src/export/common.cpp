@@ -1,0 +1,332 @@
+// The parts of an export every format shares: the state record, the output
+// channel, the column and item bookkeeping and the rendering of values.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "export/state.h"
+#include "platform/platform.h"
+#include "zbshr/decimal.h"
+
+namespace zbshr::exp {
+
+// ---------------------------------------------------------------- output
+
+static bool clip_append(ExportState* s, const void* p, size_t n) {
+  // Grow when the free space is n or less, by n + 1 or 4000 bytes, whichever
+  // is larger, so the text always keeps room for its terminator.
+  if (n > static_cast<size_t>(std::numeric_limits<int32_t>::max() - 8000 - s->clip_cap))
+    return false;
+  const int32_t len = static_cast<int32_t>(n);
+  if (s->clip_cap - s->clip_used <= len) {
+    const int32_t grow = len + 1 > 4000 ? len + 1 : 4000;
+    void* nb = zbstg_realloc(s->heap, s->clip, static_cast<uint32_t>(s->clip_cap + grow),
+                             s->pool);
+    if (nb == nullptr) return false;
+    s->clip = static_cast<char*>(nb);
+    s->clip_cap += grow;
+  }
+  std::memcpy(s->clip + s->clip_used, p, n);
+  s->clip_used += len;
+  s->clip[s->clip_used] = '\0';
+  return true;
+}
+
+bool write_out(ExportState* s, const void* p, size_t n) {
+  if (n == 0) return true;
+  if (s->kind == Kind::Clip) return clip_append(s, p, n);
+  if (!s->file_open) return false;
+  const char* c = static_cast<const char*>(p);
+  while (n > 0) {  // osFileWrite takes 32-bit counts
+    const uint32_t part = n > 0x40000000u ? 0x40000000u : static_cast<uint32_t>(n);
+    if (osFileWrite(&s->file, c, part) != part) return false;
+    c += part;
+    n -= part;
+  }
+  return true;
+}
+
+void Out::spill() {
+  if (ok_ && n_ > 0) ok_ = write_out(s_, buf_, n_);
+  n_ = 0;
+}
+
+void Out::put(const char* p, size_t n) {
+  if (n <= sizeof(buf_) - n_) {
+    std::memcpy(buf_ + n_, p, n);
+    n_ += n;
+    return;
+  }
+  spill();
+  if (n >= sizeof(buf_)) {
+    if (ok_) ok_ = write_out(s_, p, n);
+    return;
+  }
+  std::memcpy(buf_, p, n);
+  n_ = n;
+}
+
+void Out::put_f64(double d) {
+  uint64_t bits;
+  std::memcpy(&bits, &d, sizeof bits);
+  put_u32(static_cast<uint32_t>(bits));
+  put_u32(static_cast<uint32_t>(bits >> 32));
+}
+
+void Out::putf(const char* fmt, ...) {
+  char tmp[600];
+  va_list ap;
+  va_start(ap, fmt);
+  int n = std::vsnprintf(tmp, sizeof tmp, fmt, ap);
+  va_end(ap);
+  if (n < 0) return;
+  put(tmp, static_cast<size_t>(n) < sizeof tmp ? static_cast<size_t>(n) : sizeof tmp - 1);
+}
+
+void Out::put_quoted(const char* z) {
+  put('"');
+  const char* run = z;
+  for (const char* p = z; *p; ++p) {
+    if (*p == '"') {
+      put(run, static_cast<size_t>(p - run) + 1);  // up to and including the quote
+      run = p;                                     // the quote starts the next run again
+    }
+  }
+  put(run, std::strlen(run));
+  put('"');
+}
+
+bool Out::flush() {
+  spill();
+  return ok_;
+}
+
+// ---------------------------------------------------------------- state
+
+void derive_table_name(const char* name, char* out) {
+  out[0] = '\0';
+  if (name == nullptr || name[0] == '\0') return;
+  const size_t len = std::strlen(name);
+  const char* dot = std::strrchr(name, '.');
+  const size_t start = dot ? static_cast<size_t>(dot - name) : len - 1;
+  // Walk back to the nearest separator at or before `start`. A '\' that is
+  // the second byte of a double-byte character is not a separator, so the
+  // scan runs forwards and steps over double-byte pairs.
+  size_t from = 0;
+  for (size_t i = 0; i <= start && i < len; ++i) {
+    const unsigned char c = static_cast<unsigned char>(name[i]);
+    if (c == '/' || c == ':' || c == '\\') {
+      from = i + 1;
+    } else if (plat::IsDBCSLeadByte(c) && name[i + 1] != '\0') {
+      ++i;  // skip the trail byte
+    }
+  }
+  size_t n = 0;
+  for (const char* p = name + from; *p && *p != '.' && n < static_cast<size_t>(kTableNameMax); ++p)
+    out[n++] = *p;
+  out[n] = '\0';
+}
+
+static char* pool_strdup(ExportState* s, const char* z) {
+  const size_t n = std::strlen(z);
+  if (n >= 0xFFFFFFF0u) return nullptr;
+  char* p = static_cast<char*>(zbstg_alloc(s->heap, static_cast<uint32_t>(n + 1), s->pool));
+  if (p != nullptr) std::memcpy(p, z, n + 1);
+  return p;
+}
+
+ExportState* begin_state(Kind kind, ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
+                         int32_t rows, int32_t cols, uint32_t options) {
+  if (heap == nullptr || cols < 0) return nullptr;
+  const size_t head = (sizeof(ExportState) + 7) & ~size_t{7};
+  const size_t bytes = head + static_cast<size_t>(cols) * sizeof(ExportColumn);
+  if (bytes > 0x7FFFFFF0u) return nullptr;
+  void* mem = zbstg_alloc(heap, static_cast<uint32_t>(bytes), pool);
+  if (mem == nullptr) return nullptr;
+  std::memset(mem, 0, bytes);
+  ExportState* s = new (mem) ExportState;
+  std::memset(static_cast<void*>(s), 0, sizeof(ExportState));
+  s->columns = reinterpret_cast<ExportColumn*>(static_cast<char*>(mem) + head);
+  s->kind = kind;
+  s->heap = heap;
+  s->pool = pool;
+  if (file_name != nullptr) {
+    if (!osFileOpenNew(heap, pool, &s->file, file_name, 0)) {
+      zbstg_free(heap, mem);
+      return nullptr;
+    }
+    s->file_open = 1;
+  }
+  s->rows = rows;
+  s->cols = cols;
+  s->options = options;
+  shformatCmplNumericMask(s->fmt_number, "[GENERAL]", SHFORMAT_BUFSIZE);
+  shformatCmplDateTimeMask(s->fmt_date, "[SHORTDATE]", SHFORMAT_BUFSIZE);
+  shformatCmplDateTimeMask(s->fmt_time, "[TIME]", SHFORMAT_BUFSIZE);
+  shformatCmplDateTimeMask(s->fmt_datetime, "[SHORTDATE] [TIME]", SHFORMAT_BUFSIZE);
+  derive_table_name(file_name, s->table);
+  return s;
+}
+
+void free_state(ExportState* s) {
+  if (s == nullptr) return;
+  ZBSTG_HEAP heap = s->heap;
+  for (int32_t i = 0; i < s->cols; ++i) {
+    if (s->columns[i].name != nullptr) zbstg_free(heap, s->columns[i].name);
+  }
+  if (s->clip != nullptr) zbstg_free(heap, s->clip);
+  if (s->file_open) osFileClose(&s->file, 0);
+  zbstg_free(heap, s);
+}
+
+ExportState* finish_begin(ExportState* s, Out& out) {
+  if (out.flush()) return s;
+  if (s->file_open) {
+    osFileClose(&s->file, 0);
+    s->file_open = 0;
+  }
+  free_state(s);
+  return nullptr;
+}
+
+int32_t end_file(ExportState* s, Out& out) {
+  int32_t result = 0;
+  if (!out.flush()) {
+    if (s->file_open) osFileClose(&s->file, 0);
+    result = 0;
+  } else if (s->file_open) {
+    result = osFileClose(&s->file, 1);
+  }
+  s->file_open = 0;
+  free_state(s);
+  return result;
+}
+
+// ---------------------------------------------------------------- bookkeeping
+
+ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int32_t type) {
+  if (s == nullptr || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
+  ExportColumn* c = &s->columns[s->cur_col];
+  c->width = width;
+  c->type = static_cast<uint8_t>(type);
+  if (c->name != nullptr) zbstg_free(s->heap, c->name);  // a column declared again
+  c->name = pool_strdup(s, name ? name : "");
+  s->total_width = static_cast<int32_t>(static_cast<uint32_t>(s->total_width) +
+                                        static_cast<uint32_t>(width));
+  return c;
+}
+
+bool column_advance(ExportState* s) {
+  if (++s->cur_col >= s->cols) {
+    s->cur_col = 0;
+    return true;
+  }
+  return false;
+}
+
+ExportColumn* item_column(ExportState* s) {
+  if (s == nullptr || s->cols <= 0 || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
+  return &s->columns[s->cur_col];
+}
+
+bool item_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
+
+void item_advance(ExportState* s) {
+  if (++s->cur_col >= s->cols) {
+    s->cur_col = 0;
+    ++s->cur_row;
+  }
+}
+
+// ---------------------------------------------------------------- rendering
+
+static size_t finish_text(char* out, int32_t size) {
+  out[size - 1] = '\0';
+  return std::strlen(out);
+}
+
+size_t render_double(ExportState* s, double v, char* out, int32_t size) {
+  out[0] = '\0';
+  shformatDouble(out, size, s->fmt_number, &v);
+  return finish_text(out, size);
+}
+
+size_t render_decimal(ExportState* s, const void* dec, char* out, int32_t size) {
+  out[0] = '\0';
+  shformatDecimal(out, size, s->fmt_number, dec);
+  return finish_text(out, size);
+}
+
+size_t render_date(ExportState* s, const SHDATETIME* dt, char* out, int32_t size) {
+  out[0] = '\0';
+  shformatDateTime(out, size, s->fmt_date, dt);
+  return finish_text(out, size);
+}
+
+// Appends the fraction of a second, set off with the regional time separator
+// (not a decimal point), trailing zeros removed. Nothing when it is zero.
+static size_t append_fraction(ExportState* s, const SHDATETIME* dt, char* out, size_t len) {
+  if (dt == nullptr || dt->microsecond == 0) return len;
+  if (!s->time_sep_read) {
+    plat::GetProfileStringA("intl", "sTime", ":", s->time_sep, kTimeSepMax + 1);
+    s->time_sep[kTimeSepMax] = '\0';
+    s->time_sep_read = 1;
+  }
+  char suffix[kSuffixRoom];
+  int n = std::snprintf(suffix, sizeof suffix, "%s%6.6d", s->time_sep,
+                        static_cast<int32_t>(dt->microsecond));
+  if (n < 0) return len;
+  size_t k = std::strlen(suffix);
+  while (k > 0 && suffix[k - 1] == '0') --k;
+  std::memcpy(out + len, suffix, k);
+  out[len + k] = '\0';
+  return len + k;
+}
+
+size_t render_time(ExportState* s, const SHDATETIME* dt, char* out, int32_t size) {
+  out[0] = '\0';
+  shformatDateTime(out, size, s->fmt_time, dt);
+  return append_fraction(s, dt, out, finish_text(out, size));
+}
+
+size_t render_datetime(ExportState* s, const SHDATETIME* dt, char* out, int32_t size) {
+  out[0] = '\0';
+  shformatDateTime(out, size, s->fmt_datetime, dt);
+  return append_fraction(s, dt, out, finish_text(out, size));
+}
+
+size_t render_dt_type(ExportState* s, uint8_t type, const SHDATETIME* dt, char* out,
+                      int32_t size) {
+  switch (type) {
+    case kDate: return render_date(s, dt, out, size);
+    case kTime: return render_time(s, dt, out, size);
+    case kDateTime: return render_datetime(s, dt, out, size);
+    default: out[0] = '\0'; return 0;
+  }
+}
+
+double decimal_to_double(const void* dec) {
+  double d = 0.0;
+  if (ConvDecToDouble(&d, static_cast<const SHDEC*>(dec)) == nullptr) return 0.0;
+  return d;
+}
+
+void dbase_field_name(const char* name, uint8_t out[11]) {
+  std::memset(out, 0, 11);
+  if (name == nullptr) return;
+  for (int i = 0; i < 10 && name[i] != '\0'; ++i) {
+    unsigned char c = static_cast<unsigned char>(name[i]);
+    if (plat::IsDBCSLeadByte(c) && name[i + 1] != '\0') {
+      out[i] = c;  // a double-byte character is copied as it stands
+      if (i + 1 < 10) out[i + 1] = static_cast<unsigned char>(name[i + 1]);
+      ++i;
+      continue;
+    }
+    if (c >= 'a' && c <= 'z') c = static_cast<unsigned char>(c - 'a' + 'A');
+    out[i] = c;
+  }
+}
+
+}  // namespace zbshr::exp

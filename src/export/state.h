@@ -1,0 +1,163 @@
+// The export state shared by the ten formats, and the helpers every format
+// uses: allocation and release of the state, the output channel (a buffered
+// file, or a growing memory buffer for the clipboard), value rendering through
+// the display formats compiled at Begin, and the column and item bookkeeping.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "zbshr/export.h"
+#include "zbshr/format.h"
+#include "zbshr/memory.h"
+#include "zbshr/system.h"
+
+namespace zbshr::exp {
+
+constexpr uint8_t kString = OSSAVE_STRING;
+constexpr uint8_t kNumber = OSSAVE_NUMBER;
+constexpr uint8_t kDateTime = OSSAVE_DATETIME;
+constexpr uint8_t kDate = OSSAVE_DATE;
+constexpr uint8_t kTime = OSSAVE_TIME;
+constexpr uint8_t kDecimal = OSSAVE_DECIMAL;
+
+constexpr int kTableNameMax = 260;
+constexpr int kTimeSepMax = 10;
+
+enum class Kind : uint8_t { Csv, Text, Clip, Sql, Dif, Sylk, Excel, Wk, Dbase2, Dbase3 };
+
+struct ExportColumn {
+  char* name;     // pool copy of the name given to Column
+  int32_t width;  // after the format's clamp
+  uint8_t type;   // type code as given (low byte)
+};
+
+}  // namespace zbshr::exp
+
+struct ExportState {
+  ZBSTG_HEAP heap;
+  uint32_t pool;
+  int32_t rows;         // row count given to Begin
+  int32_t cur_row;      // 0-based
+  int32_t total_width;  // sum of the clamped widths
+  int32_t cols;         // column count given to Begin
+  int32_t cur_col;      // 0-based
+  uint32_t options;     // bit 0: write column headings
+  char table[zbshr::exp::kTableNameMax + 1];
+  unsigned char fmt_number[SHFORMAT_BUFSIZE];    // "[GENERAL]"
+  unsigned char fmt_date[SHFORMAT_BUFSIZE];      // "[SHORTDATE]"
+  unsigned char fmt_time[SHFORMAT_BUFSIZE];      // "[TIME]"
+  unsigned char fmt_datetime[SHFORMAT_BUFSIZE];  // "[SHORTDATE] [TIME]"
+  OSFILE file;
+  int32_t file_open;  // 1 while `file` is open
+  char* clip;         // clipboard text (NUL-terminated), or null
+  int32_t clip_cap;
+  int32_t clip_used;
+  zbshr::exp::Kind kind;
+  int32_t time_sep_read;                         // 1 once time_sep holds the separator
+  char time_sep[zbshr::exp::kTimeSepMax + 1];    // "sTime" of the regional profile
+  zbshr::exp::ExportColumn* columns;             // `cols` entries, right after the record
+};
+
+namespace zbshr::exp {
+
+// A small staging buffer: bytes of one call are gathered here and handed to
+// the output in as few writes as possible. A write that moves fewer bytes than
+// asked makes every later put a no-op and ok() false.
+class Out {
+ public:
+  explicit Out(ExportState* s) : s_(s) {}
+  ~Out() = default;
+  Out(const Out&) = delete;
+  Out& operator=(const Out&) = delete;
+
+  void put(const char* p, size_t n);
+  void put(const char* z) { put(z, std::strlen(z)); }
+  void put(char c) {
+    if (n_ == sizeof(buf_)) spill();
+    buf_[n_++] = c;
+  }
+  void put_u16(uint32_t v) {
+    put(static_cast<char>(v & 0xFF));
+    put(static_cast<char>((v >> 8) & 0xFF));
+  }
+  void put_u32(uint32_t v) {
+    put_u16(v & 0xFFFF);
+    put_u16(v >> 16);
+  }
+  void put_f64(double d);
+  void fill(char c, size_t n) {
+    while (n--) put(c);
+  }
+  // printf-style append (short texts only).
+  void putf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  // The quoted string rule: "..." with every double quote written twice.
+  void put_quoted(const char* z);
+  // Sends the staged bytes; true when every write so far moved all its bytes.
+  bool flush();
+
+ private:
+  void spill();
+  ExportState* s_;
+  bool ok_ = true;
+  size_t n_ = 0;
+  char buf_[2048];
+};
+
+// Writes n bytes to the export's output; true only when all n were taken.
+// Zero bytes always succeed.
+bool write_out(ExportState* s, const void* p, size_t n);
+
+// Allocates and prepares the state (steps 1 to 5 of every Begin): null when
+// the file cannot be created. `file_name` null opens no file.
+ExportState* begin_state(Kind kind, ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
+                         int32_t rows, int32_t cols, uint32_t options);
+// Writes the header staged in `out`; on a short write closes the file with the
+// discard flag, frees the state and returns null.
+ExportState* finish_begin(ExportState* s, Out& out);
+// Releases the column names and the record (and a clipboard buffer).
+void free_state(ExportState* s);
+// End of the file formats: writes the trailer in `out` (may be empty), closes
+// the file (discard flag after a failed trailer) and frees the state.
+int32_t end_file(ExportState* s, Out& out);
+
+// Column bookkeeping: stores name, clamped width and type in the current
+// entry and adds the width to the total. Null when the handle is null or every
+// column is already declared.
+ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int32_t type);
+inline bool column_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
+// Advances the current column; true when that was the last one (the current
+// column is then back at 0).
+bool column_advance(ExportState* s);
+
+// The column of the next cell, or null when the handle is null or has no
+// columns.
+ExportColumn* item_column(ExportState* s);
+bool item_is_last(const ExportState* s);
+// Advances to the next cell (and the next row after the last column).
+void item_advance(ExportState* s);
+
+// Rendering through the compiled display formats into a buffer of `size`
+// bytes (terminator included). Each returns the text length.
+size_t render_double(ExportState* s, double v, char* out, int32_t size);
+size_t render_decimal(ExportState* s, const void* dec, char* out, int32_t size);
+// Date: "[SHORTDATE]"; time and date-time also get the fraction suffix, which
+// needs up to kSuffixRoom more bytes after `size`.
+constexpr int32_t kSuffixRoom = kTimeSepMax + 16;
+size_t render_date(ExportState* s, const SHDATETIME* dt, char* out, int32_t size);
+size_t render_time(ExportState* s, const SHDATETIME* dt, char* out, int32_t size);
+size_t render_datetime(ExportState* s, const SHDATETIME* dt, char* out, int32_t size);
+// Renders a date, time or date-time value by type code (others: empty).
+size_t render_dt_type(ExportState* s, uint8_t type, const SHDATETIME* dt, char* out,
+                      int32_t size);
+// The decimal converted to a double (0 when it cannot be converted).
+double decimal_to_double(const void* dec);
+
+// The table name derived from a file name (at most 260 characters).
+void derive_table_name(const char* file_name, char* out);
+
+// dBase field names: upper-cased, at most 10 bytes.
+void dbase_field_name(const char* name, uint8_t out[11]);
+
+}  // namespace zbshr::exp
