@@ -1,0 +1,787 @@
+// The heap manager: heaps, pools, sub-pools and blocks.
+//
+// Memory comes from the system in sub-pools, chunks taken with GlobalAlloc and
+// kept locked for their whole life. A sub-pool's bytes have one fixed layout on
+// every host (little-endian, read and written byte by byte):
+//
+//   0  long  pool number that owns the sub-pool
+//   4  word  offset of the first free block, 0 when none
+//   6  word  number of blocks allocated in it
+//   8  ...   blocks: word size (header included; 64001 marks a large block),
+//            word back-offset to the sub-pool start (bit 15: string-length
+//            flag) or, in a free block, the offset of the next free block.
+//
+// A large block (payload above 63,996 bytes) is a sub-pool of payload + 16
+// bytes: pool, first free 0, count 1, payload size (long at 8), size word
+// 64001 at 12, back-offset 12 at 14, payload from 16.
+//
+// The heap record, the pool directory and the sub-pool tables hold pointers
+// and handles. They are native records here: every pointer and handle field
+// is pointer-wide (8 bytes on 64-bit hosts), counters are 32-bit, and the
+// records are taken with GlobalAlloc as in the 32-bit layout (heap record
+// flags 2, directory and tables flags 66), in the same sequence of calls. The
+// statistics report the sizes the tables and a grown directory have in the
+// 32-bit layout (24 + 12 x capacity, 16 + 8 x capacity), so the figures a
+// caller sees do not depend on the host's pointer width. Everything a caller
+// can observe (block sizes, offsets inside sub-pools, GlobalSize of
+// sub-pools, pool numbers, statistics) is the same on every host.
+//
+// Speed without changing results: the largest-free values of a table sit in
+// the leaves of a max tree, so "the first entry, in index order, whose largest
+// free block fits" is a descent of the tree; a bitmap finds the first empty
+// entry; a map from sub-pool address to (directory entry, table entry) lets
+// zbstg_free reach its table entry in constant time; a map from pool number to
+// directory entry replaces the directory scan.
+//
+// Robustness beyond the classic contract: a pointer whose sub-pool is not one
+// of the heap's (a stale or foreign pointer, a double free after the sub-pool
+// went away) is ignored by zbstg_free; a block freed while it already lies on
+// (or inside) a free block is ignored; free-list walks stop at any link that
+// does not move forward, so a damaged list cannot make a walk loop.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "memory/heap_intl.h"
+
+using namespace zbshr::plat;
+
+namespace zbshr::mem {
+
+// ---------------------------------------------------------------- failures
+
+uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
+  if (!*handle) *handle = GlobalAlloc(flags, bytes);
+  void* p = *handle ? GlobalLock(*handle) : nullptr;
+  while (!p) {
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
+                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    if (answer != IDRETRY) {
+      if (heap) zbstg_end(heap);
+      FatalAppExitA(0, "Insufficient memory to continue.");
+    }
+    if (!*handle) *handle = GlobalAlloc(flags, bytes);
+    if (*handle) p = GlobalLock(*handle);
+  }
+  return static_cast<uint8_t*>(p);
+}
+
+// GlobalReAlloc with the out-of-memory dialog; returns the new locked address
+// and updates `*handle`.
+static uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
+  HGLOBAL h = GlobalReAlloc(*handle, bytes, flags);
+  void* p = h ? GlobalLock(h) : nullptr;
+  while (!p) {
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
+                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    if (answer != IDRETRY) {
+      if (heap) zbstg_end(heap);
+      FatalAppExitA(0, "Insufficient memory to continue.");
+    }
+    if (!h) h = GlobalReAlloc(*handle, bytes, flags);
+    if (h) p = GlobalLock(h);
+  }
+  *handle = h;
+  return static_cast<uint8_t*>(p);
+}
+
+void* SideAlloc(ZBSTG_HEAP heap, size_t bytes) {
+  void* p = std::calloc(bytes ? bytes : 1, 1);
+  while (!p) {
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
+                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    if (answer != IDRETRY) {
+      if (heap) zbstg_end(heap);
+      FatalAppExitA(0, "Insufficient memory to continue.");
+    }
+    p = std::calloc(bytes ? bytes : 1, 1);
+  }
+  return p;
+}
+
+// ---------------------------------------------------------------- U64Map
+
+void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
+  if (!slots || (size + 1) * 4 > (mask + 1) * 3) {
+    uint32_t cap = slots ? (mask + 1) * 2 : 16;
+    auto* fresh = static_cast<Slot*>(SideAlloc(heap, sizeof(Slot) * cap));
+    for (uint32_t i = 0; i < cap; ++i) fresh[i].key = kEmpty;
+    Slot* old = slots;
+    uint32_t old_cap = slots ? mask + 1 : 0;
+    slots = fresh;
+    mask = cap - 1;
+    shift = 64 - static_cast<uint32_t>(__builtin_ctz(cap));
+    for (uint32_t i = 0; i < old_cap; ++i) {
+      if (old[i].key == kEmpty) continue;
+      uint32_t j = Home(old[i].key);
+      while (slots[j].key != kEmpty) j = (j + 1) & mask;
+      slots[j] = old[i];
+    }
+    std::free(old);
+  }
+  uint32_t i = Home(key);
+  while (slots[i].key != kEmpty) {
+    if (slots[i].key == key) {
+      slots[i].value = value;
+      return;
+    }
+    i = (i + 1) & mask;
+  }
+  slots[i] = {key, value};
+  ++size;
+}
+
+void U64Map::Erase(uint64_t key) {
+  if (!slots) return;
+  uint32_t i = Home(key);
+  while (slots[i].key != key) {
+    if (slots[i].key == kEmpty) return;
+    i = (i + 1) & mask;
+  }
+  // Backward-shift deletion keeps every probe sequence unbroken.
+  uint32_t j = i;
+  for (;;) {
+    j = (j + 1) & mask;
+    if (slots[j].key == kEmpty) break;
+    uint32_t home = Home(slots[j].key);
+    // Move slot j into the hole at i unless its home lies cyclically in (i, j].
+    bool stays = (i <= j) ? (home > i && home <= j) : (home > i || home <= j);
+    if (!stays) {
+      slots[i] = slots[j];
+      i = j;
+    }
+  }
+  slots[i].key = kEmpty;
+  --size;
+}
+
+void U64Map::Release() {
+  std::free(slots);
+  slots = nullptr;
+  mask = shift = size = 0;
+}
+
+// ---------------------------------------------------------------- table index
+
+static uint32_t LeavesFor(uint32_t capacity) {
+  uint32_t l = 1;
+  while (l < capacity) l <<= 1;
+  return l;
+}
+
+static void SetLargest(Table* t, uint32_t i, uint32_t value) {
+  uint32_t* tree = t->tree;
+  uint32_t k = t->leaves + i;
+  tree[k] = value;
+  for (k >>= 1; k; k >>= 1) {
+    uint32_t m = std::max(tree[2 * k], tree[2 * k + 1]);
+    if (tree[k] == m) break;
+    tree[k] = m;
+  }
+}
+
+// First entry (in index order) whose largest-free value is at least b, or -1.
+static int32_t FirstFit(const Table* t, uint32_t b) {
+  const uint32_t* tree = t->tree;
+  if (tree[1] < b) return -1;
+  uint32_t k = 1;
+  while (k < t->leaves) k = (tree[2 * k] >= b) ? 2 * k : 2 * k + 1;
+  return static_cast<int32_t>(k - t->leaves);
+}
+
+// Builds (or rebuilds after growth) the index of a table of t->capacity entries.
+static void IndexTable(ZBSTG_HEAP heap, Table* t, const uint32_t* old_leaf_values,
+                       uint32_t old_count) {
+  uint32_t leaves = LeavesFor(t->capacity);
+  auto* tree = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * 2 * leaves));
+  for (uint32_t i = 0; i < old_count; ++i) tree[leaves + i] = old_leaf_values[i];
+  for (uint32_t k = leaves - 1; k >= 1; --k) tree[k] = std::max(tree[2 * k], tree[2 * k + 1]);
+  uint32_t words = (t->capacity + 63) / 64;
+  auto* occ = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
+  if (t->occupied) std::memcpy(occ, t->occupied, sizeof(uint64_t) * ((old_count + 63) / 64));
+  std::free(t->occupied);
+  std::free(t->tree);
+  t->tree = tree;
+  t->leaves = leaves;
+  t->occupied = occ;
+}
+
+static void FreeTable(Table* t) {
+  std::free(t->tree);
+  std::free(t->occupied);
+  HGLOBAL h = t->handle;
+  GlobalUnlock(h);
+  GlobalFree(h);
+}
+
+static size_t TableNativeBytes(uint32_t capacity) {
+  return sizeof(Table) + sizeof(TableEntry) * capacity;
+}
+
+// ---------------------------------------------------------------- directory
+
+static void MarkDirSlot(ZBSTG_HEAP heap, uint32_t slot, bool used) {
+  uint32_t w = slot / 64;
+  if (w >= heap->dir_occupied_words) {
+    uint32_t words = std::max<uint32_t>(w + 1, heap->dir_occupied_words * 2);
+    auto* fresh = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
+    if (heap->dir_occupied)
+      std::memcpy(fresh, heap->dir_occupied, sizeof(uint64_t) * heap->dir_occupied_words);
+    std::free(heap->dir_occupied);
+    heap->dir_occupied = fresh;
+    heap->dir_occupied_words = words;
+  }
+  if (used)
+    heap->dir_occupied[w] |= 1ull << (slot % 64);
+  else
+    heap->dir_occupied[w] &= ~(1ull << (slot % 64));
+}
+
+// First directory entry below `count` without a table, or -1.
+static int64_t FirstFreeDirSlot(ZBSTG_HEAP heap, uint32_t count) {
+  for (uint32_t w = 0; w * 64 < count; ++w) {
+    uint64_t bits = w < heap->dir_occupied_words ? heap->dir_occupied[w] : 0;
+    if (~bits) {
+      uint32_t i = w * 64 + static_cast<uint32_t>(__builtin_ctzll(~bits));
+      return i < count ? static_cast<int64_t>(i) : -1;
+    }
+  }
+  return -1;
+}
+
+static Table* MakeTable(ZBSTG_HEAP heap) {
+  HGLOBAL h = nullptr;
+  uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), GMEM_MOVEABLE | GMEM_ZEROINIT);
+  auto* t = new (mem) Table{h, 0, kTableStep, -1, 0, nullptr, nullptr};
+  std::memset(static_cast<void*>(t->Entries()), 0, sizeof(TableEntry) * kTableStep);
+  IndexTable(heap, t, nullptr, 0);
+  return t;
+}
+
+// Finds the table of `pool`, creating it when `create`; sets *slot. Null when
+// absent and not created.
+static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* slot) {
+  uint64_t v;
+  if (heap->pool_slot.Find(pool, &v)) {
+    *slot = static_cast<uint32_t>(v);
+    return TableAt(heap, *slot);
+  }
+  if (!create) return nullptr;
+  Directory* dir = heap->directory;
+  int64_t free_slot = FirstFreeDirSlot(heap, dir->count);
+  uint32_t s;
+  if (free_slot >= 0) {
+    s = static_cast<uint32_t>(free_slot);
+  } else if (dir->count < dir->capacity) {
+    s = dir->count++;
+  } else {
+    // Grow the directory by 100 entries; the replaced block is kept until the
+    // heap ends.
+    uint32_t cap = dir->capacity + kDirectoryStep;
+    HGLOBAL h = nullptr;
+    uint8_t* mem = ObtainLocked(heap, &h, sizeof(Directory) + sizeof(DirEntry) * cap,
+                                GMEM_MOVEABLE | GMEM_ZEROINIT);
+    auto* fresh = new (mem) Directory{h, cap, dir->count};
+    std::memset(static_cast<void*>(fresh->Entries()), 0, sizeof(DirEntry) * cap);
+    std::memcpy(static_cast<void*>(fresh->Entries()), dir->Entries(),
+                sizeof(DirEntry) * dir->capacity);
+    if (dir->handle) {
+      auto* list = static_cast<HGLOBAL*>(
+          SideAlloc(heap, sizeof(HGLOBAL) * (heap->old_directory_count + 1)));
+      if (heap->old_directories)
+        std::memcpy(list, heap->old_directories, sizeof(HGLOBAL) * heap->old_directory_count);
+      std::free(heap->old_directories);
+      list[heap->old_directory_count++] = dir->handle;
+      heap->old_directories = list;
+    }
+    heap->directory = dir = fresh;
+    s = dir->count++;
+  }
+  Table* t = MakeTable(heap);
+  DirEntry& e = heap->directory->Entries()[s];
+  e.pool = pool;
+  e.table = t;
+  MarkDirSlot(heap, s, true);
+  heap->pool_slot.Put(heap, pool, s);
+  *slot = s;
+  return t;
+}
+
+// ---------------------------------------------------------------- sub-pools
+
+static void CountSubpool(ZBSTG_HEAP heap) {
+  ++heap->subpools;
+  if (heap->subpools > heap->peak_subpools) heap->peak_subpools = heap->subpools;
+}
+
+// Puts a sub-pool in the first empty entry of the table at `slot` (growing
+// the table by 200 entries when full). Returns the entry index.
+static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
+                             uint32_t largest) {
+  Table* t = TableAt(heap, slot);
+  uint32_t idx = t->capacity;
+  uint32_t words = (t->capacity + 63) / 64;
+  for (uint32_t w = 0; w < words; ++w) {
+    uint64_t bits = ~t->occupied[w];
+    if (bits) {
+      uint32_t i = w * 64 + static_cast<uint32_t>(__builtin_ctzll(bits));
+      if (i < t->capacity) idx = i;
+      break;
+    }
+  }
+  if (idx == t->capacity) {
+    uint32_t old_cap = t->capacity;
+    uint32_t cap = old_cap + kTableStep;
+    // Keep the index aside: the table may move.
+    uint32_t* values = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * old_cap));
+    std::memcpy(values, t->tree + t->leaves, sizeof(uint32_t) * old_cap);
+    HGLOBAL th = t->handle;
+    uint8_t* mem = ReallocLocked(heap, &th, TableNativeBytes(cap), GMEM_MOVEABLE | GMEM_ZEROINIT);
+    t = reinterpret_cast<Table*>(mem);
+    t->handle = th;
+    t->capacity = cap;
+    std::memset(static_cast<void*>(t->Entries() + old_cap), 0, sizeof(TableEntry) * kTableStep);
+    heap->directory->Entries()[slot].table = t;
+    IndexTable(heap, t, values, old_cap);
+    std::free(values);
+    idx = old_cap;
+  }
+  TableEntry& e = t->Entries()[idx];
+  e.subpool = sp;
+  e.handle = h;
+  SetLargest(t, idx, largest);
+  t->occupied[idx / 64] |= 1ull << (idx % 64);
+  ++t->count;
+  heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(sp),
+                         (static_cast<uint64_t>(slot) << 32) | idx);
+  return idx;
+}
+
+// Makes a new small sub-pool able to hold a block of b bytes; returns its
+// table index.
+static uint32_t NewSmallSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t b) {
+  uint8_t* sp;
+  HGLOBAL h;
+  uint32_t size;
+  if (heap->spare && b < 4086) {
+    sp = heap->spare;
+    h = heap->spare_handle;
+    heap->spare = nullptr;
+    heap->spare_handle = nullptr;
+    heap->subpool_size = kSmallSubpool;
+    size = kSmallSubpool;
+  } else {
+    uint32_t live = heap->live_blocks;
+    uint32_t choice = live >= 200000 ? 16384 : live >= 100000 ? 8192 : kSmallSubpool;
+    heap->subpool_size = static_cast<uint16_t>(choice);
+    size = (choice - 10 <= b) ? b + 10 : choice;
+    h = GlobalAlloc(heap->alloc_flags, size);
+    if (!h && size > kSmallSubpool && b < 4086) {
+      size = kSmallSubpool;
+      h = GlobalAlloc(heap->alloc_flags, size);
+    }
+    sp = ObtainLocked(heap, &h, size, heap->alloc_flags);
+  }
+  CountSubpool(heap);
+  St32(sp, pool);
+  St16(sp + 4, kSubpoolHeader);
+  St16(sp + 6, 0);
+  St16(sp + 8, size - 10);
+  St16(sp + 10, 0);
+  return PlaceSubpool(heap, slot, sp, h, size - 10);
+}
+
+// Releases the sub-pool of entry `idx` of the table at `slot` (keeping it as
+// the spare when it is a 4 KB one and there is none yet).
+static void ReleaseSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
+  Table* t = TableAt(heap, slot);
+  TableEntry& e = t->Entries()[idx];
+  uint8_t* sp = e.subpool;
+  HGLOBAL h = e.handle;
+  heap->live_blocks -= Ld16(sp + 6);
+  if (--heap->subpools == 0) heap->live_blocks = 0;
+  size_t gs = GlobalSize(h);
+  if (!heap->spare && gs >= kSpareMin && gs <= kSpareMax) {
+    heap->spare = sp;
+    heap->spare_handle = h;
+  } else {
+    GlobalUnlock(h);
+    GlobalFree(h);
+  }
+  heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
+  e.subpool = nullptr;
+  e.handle = nullptr;
+  SetLargest(t, idx, 0);
+  t->occupied[idx / 64] &= ~(1ull << (idx % 64));
+  --t->count;
+}
+
+// Largest free block on a sub-pool's free list.
+static uint32_t LargestFree(const uint8_t* sp) {
+  uint32_t best = 0;
+  uint32_t cur = Ld16(sp + 4), prev = 0;
+  while (cur > prev) {
+    uint32_t s = Ld16(sp + cur);
+    if (s > best) best = s;
+    prev = cur;
+    cur = Ld16(sp + cur + 2);
+  }
+  return best;
+}
+
+static inline void Link(uint8_t* sp, uint32_t prev, uint32_t to) {
+  St16(prev ? sp + prev + 2 : sp + 4, to);
+}
+
+// Carves a block of b bytes from the sub-pool of entry `idx`; null when no
+// free block fits.
+static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
+  uint8_t* sp = t->Entries()[idx].subpool;
+  uint32_t prev = 0, cur = Ld16(sp + 4), size = 0;
+  while (cur > prev) {
+    size = Ld16(sp + cur);
+    if (size >= b) break;
+    prev = cur;
+    cur = Ld16(sp + cur + 2);
+  }
+  if (cur <= prev) return nullptr;
+  bool recompute = size >= t->Largest(idx);
+  uint32_t next = Ld16(sp + cur + 2);
+  uint32_t rest = size - b;
+  if (rest >= 4) {
+    uint32_t nf = cur + b;
+    St16(sp + nf, rest);
+    St16(sp + nf + 2, next);
+    Link(sp, prev, nf);
+  } else {
+    Link(sp, prev, next);  // the 1-3 trailing bytes stay lost until release
+  }
+  St16(sp + cur, b);
+  St16(sp + cur + 2, cur);
+  St16(sp + 6, Ld16(sp + 6) + 1u);
+  ++heap->live_blocks;
+  if (recompute) SetLargest(t, idx, LargestFree(sp));
+  return sp + cur + 4;
+}
+
+static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t n) {
+  HGLOBAL h = nullptr;
+  uint8_t* sp = ObtainLocked(heap, &h, static_cast<size_t>(n) + kLargeHeader, heap->alloc_flags);
+  CountSubpool(heap);
+  St32(sp, pool);
+  St16(sp + 4, 0);
+  St16(sp + 6, 1);
+  St32(sp + 8, n);
+  St16(sp + 12, kLargeMark);
+  St16(sp + 14, 12);
+  PlaceSubpool(heap, slot, sp, h, 0);
+  ++heap->live_blocks;
+  return sp + kLargeHeader;
+}
+
+static void* AllocIn(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
+  uint32_t slot;
+  Table* t = FindTable(heap, pool, true, &slot);
+  if (n > kMaxSmallRequest) return AllocLarge(heap, slot, pool, n);
+  uint32_t b = ((n + 3) & ~3u) + 4;
+  int32_t idx = -1;
+  if (static_cast<int32_t>(b) < static_cast<int32_t>(heap->subpool_size) - 10) {
+    int32_t last = t->last_used;
+    if (last >= 0 && static_cast<uint32_t>(last) < t->capacity &&
+        t->Largest(static_cast<uint32_t>(last)) >= b)
+      idx = last;
+    else
+      idx = FirstFit(t, b);
+  }
+  if (idx < 0) {
+    idx = static_cast<int32_t>(NewSmallSubpool(heap, slot, pool, b));
+    t = TableAt(heap, slot);
+  }
+  t->last_used = idx;
+  return CarveBlock(heap, t, static_cast<uint32_t>(idx), b);
+}
+
+// Frees a block whose sub-pool is entry `idx` of the table at `slot`.
+static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, uint8_t* hdr) {
+  Table* t = TableAt(heap, slot);
+  uint32_t off = static_cast<uint32_t>(hdr - sp);
+  uint32_t bsz = Ld16(hdr);
+  uint32_t prev = 0, cur = Ld16(sp + 4);
+  while (cur > prev && cur < off) {
+    prev = cur;
+    cur = Ld16(sp + cur + 2);
+  }
+  if (cur <= prev) cur = 0;  // end of list (or a damaged link)
+  // Already free: on the list, or inside the free block before it.
+  if (cur == off || (prev && prev + Ld16(sp + prev) > off)) return;
+  uint32_t count = Ld16(sp + 6);
+  if (count == 0) return;
+  St16(hdr + 2, cur);
+  Link(sp, prev, off);
+  St16(sp + 6, count - 1);
+  --heap->live_blocks;
+  if (count - 1 == 0) {
+    ReleaseSubpool(heap, slot, idx);
+    return;
+  }
+  uint32_t start = off, size = bsz;
+  if (prev && prev + Ld16(sp + prev) == off) {
+    start = prev;
+    size += Ld16(sp + prev);
+    St16(sp + start, size);
+    St16(sp + start + 2, cur);
+  }
+  if (cur && start + size == cur) {
+    size += Ld16(sp + cur);
+    uint32_t next = Ld16(sp + cur + 2);
+    St16(sp + start, size);
+    St16(sp + start + 2, next);
+  }
+  if (size > t->Largest(idx)) SetLargest(t, idx, size);
+}
+
+}  // namespace zbshr::mem
+
+using namespace zbshr::mem;
+
+// ---------------------------------------------------------------- exported
+
+ZBSHR_API(ZBSTG_HEAP) zbstg_begin_allocflags(uint16_t subpool_size, uint32_t alloc_flags) {
+  HGLOBAL h = nullptr;
+  uint8_t* mem = ObtainLocked(nullptr, &h, sizeof(zbstg_heap_s), GMEM_MOVEABLE);
+  std::memset(mem, 0, sizeof(zbstg_heap_s));
+  auto* heap = new (mem) zbstg_heap_s{};
+  heap->directory = &heap->inline_directory;
+  heap->sos = 0;
+  heap->default_pool = 1;
+  heap->next_pool = 2;
+  heap->subpool_size = static_cast<uint16_t>(subpool_size ? subpool_size : kDefaultSubpoolSize);
+  heap->own_handle = h;
+  heap->alloc_flags = alloc_flags;
+  heap->inline_directory.handle = nullptr;
+  heap->inline_directory.capacity = kInitialDirectory;
+  heap->inline_directory.count = 0;
+  return heap;
+}
+
+ZBSHR_API(ZBSTG_HEAP) zbstg_begin(uint16_t subpool_size) {
+  return zbstg_begin_allocflags(subpool_size, GMEM_MOVEABLE);
+}
+
+ZBSHR_API(void) zbstg_end(ZBSTG_HEAP heap) {
+  if (!heap) return;
+  Directory* dir = heap->directory;
+  for (uint32_t s = 0; s < dir->count; ++s) {
+    Table* t = dir->Entries()[s].table;
+    if (!t) continue;
+    for (uint32_t i = 0; i < t->capacity; ++i) {
+      TableEntry& e = t->Entries()[i];
+      if (!e.subpool) continue;
+      GlobalUnlock(e.handle);
+      GlobalFree(e.handle);
+    }
+    FreeTable(t);
+  }
+  if (heap->spare) {
+    GlobalUnlock(heap->spare_handle);
+    GlobalFree(heap->spare_handle);
+  }
+  if (dir->handle) {
+    GlobalUnlock(dir->handle);
+    GlobalFree(dir->handle);
+  }
+  for (uint32_t i = 0; i < heap->old_directory_count; ++i) {
+    GlobalUnlock(heap->old_directories[i]);
+    GlobalFree(heap->old_directories[i]);
+  }
+  std::free(heap->old_directories);
+  std::free(heap->dir_occupied);
+  heap->pool_slot.Release();
+  heap->subpool_home.Release();
+  HGLOBAL own = heap->own_handle;
+  GlobalUnlock(own);
+  GlobalFree(own);
+}
+
+ZBSHR_API(uint32_t) zbstg_new_pool(ZBSTG_HEAP heap) {
+  if (!heap) return 0;
+  return heap->next_pool++;
+}
+
+ZBSHR_API(ZBSTG_HEAP) zbstg_set_next_pool(ZBSTG_HEAP heap, uint32_t next_pool) {
+  if (heap) heap->next_pool = next_pool;
+  return heap;
+}
+
+ZBSHR_API(uint32_t) zbstg_default_pool(ZBSTG_HEAP heap, uint32_t pool) {
+  if (!heap) return 0;
+  uint32_t previous = heap->default_pool;
+  heap->default_pool = pool;
+  return previous;
+}
+
+ZBSHR_API(void) zbstg_free_pool(ZBSTG_HEAP heap, uint32_t pool) {
+  if (!heap) return;
+  if (pool == 0) pool = heap->default_pool;
+  uint32_t slot;
+  Table* t = FindTable(heap, pool, false, &slot);
+  if (!t) return;
+  for (uint32_t i = 0; i < t->capacity; ++i) {
+    if (t->Entries()[i].subpool) ReleaseSubpool(heap, slot, i);
+  }
+  FreeTable(t);
+  DirEntry& e = heap->directory->Entries()[slot];
+  e.pool = 0;
+  e.table = nullptr;
+  MarkDirSlot(heap, slot, false);
+  heap->pool_slot.Erase(pool);
+}
+
+ZBSHR_API(void *) zbstg_alloc(ZBSTG_HEAP heap, uint32_t size, uint32_t pool) {
+  if (!heap) return nullptr;
+  if (heap->next_pool <= pool) heap->next_pool = pool + 1;
+  if (pool == 0) pool = heap->default_pool;
+  return AllocIn(heap, size, pool);
+}
+
+ZBSHR_API(void) zbstg_free(ZBSTG_HEAP heap, void *block) {
+  if (!block || !heap) return;
+  uint8_t* hdr = static_cast<uint8_t*>(block) - 4;
+  uint8_t* sp = SubpoolOf(block);
+  uint32_t slot, idx;
+  if (!LocateSubpool(heap, sp, &slot, &idx)) {
+    // A block at offset 32,768 or more of a 64 KB sub-pool has bit 15 set by
+    // its offset, not by the string flag.
+    if (!(Ld16(hdr + 2) & kStringFlag)) return;
+    sp = SubpoolOf(block, true);
+    if (!LocateSubpool(heap, sp, &slot, &idx)) return;
+  }
+  FreeIn(heap, slot, idx, sp, hdr);
+}
+
+ZBSHR_API(uint32_t) zbstg_size(ZBSTG_HEAP heap, const void *block) {
+  if (!block) return 0;
+  const uint8_t* hdr = static_cast<const uint8_t*>(block) - 4;
+  uint16_t bsz = Ld16(hdr);
+  if (bsz == kLargeMark) return Ld32(hdr - 4);
+  return bsz - 4u;
+}
+
+ZBSHR_API(uint32_t) zbstg_get_pointer_subpool(ZBSTG_HEAP heap, const void *block) {
+  if (!heap || !block) return 0;
+  uint8_t* sp = SubpoolOf(block);
+  uint32_t slot, idx;
+  if (!LocateSubpool(heap, sp, &slot, &idx)) return 0;
+  return Ld32(sp);
+}
+
+ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uint32_t pool) {
+  if (!heap) return nullptr;
+  uint32_t target = pool ? pool : heap->default_pool;
+  if (!block) return zbstg_alloc(heap, size, target);
+
+  uint8_t* hdr = static_cast<uint8_t*>(block) - 4;
+  uint32_t bsz = Ld16(hdr);
+  bool large_block = bsz == kLargeMark;
+  uint32_t n = size;
+  if (!large_block) {
+    if (n > 0xFFFFFFFCu) return nullptr;  // cannot be rounded to a 32-bit size
+    n = (n + 3) & ~3u;
+  }
+  uint8_t* sp = SubpoolOf(block, true);  // the string flag is not cleared here
+  uint32_t slot, idx;
+  if (!LocateSubpool(heap, sp, &slot, &idx)) return nullptr;
+  bool same_pool = Ld32(sp) == target;
+  bool large_req = n > kMaxSmallRequest;
+  uint32_t count = Ld16(sp + 6);
+  bool sole = !large_req && count == 1 && Ld16(sp + 4) == 0;
+  bool shared = !large_req && !sole;
+  int32_t heap_size = heap->subpool_size;
+
+  if (large_block && large_req && same_pool) {
+    Table* t = TableAt(heap, slot);
+    HGLOBAL h = t->Entries()[idx].handle;
+    uint8_t* moved = ReallocLocked(heap, &h, static_cast<size_t>(n) + kLargeHeader,
+                                   heap->alloc_flags);
+    t = TableAt(heap, slot);
+    heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
+    t->Entries()[idx].subpool = moved;
+    t->Entries()[idx].handle = h;
+    SetLargest(t, idx, 0);
+    heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(moved),
+                           (static_cast<uint64_t>(slot) << 32) | idx);
+    St32(moved + 8, n);
+    return moved + kLargeHeader;
+  }
+
+  uint32_t off = static_cast<uint32_t>(hdr - sp);
+  if (sole && !large_block && same_pool && static_cast<int32_t>(bsz) > heap_size - 8) {
+    Table* t = TableAt(heap, slot);
+    HGLOBAL h = t->Entries()[idx].handle;
+    uint8_t* moved = ReallocLocked(heap, &h, static_cast<size_t>(off) + n + 4, heap->alloc_flags);
+    t = TableAt(heap, slot);
+    heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
+    t->Entries()[idx].subpool = moved;
+    t->Entries()[idx].handle = h;
+    heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(moved),
+                           (static_cast<uint64_t>(slot) << 32) | idx);
+    St16(moved + off, n + 4);
+    return moved + off + 4;
+  }
+
+  if (shared && same_pool && !large_block && static_cast<int32_t>(bsz) < heap_size + 4) {
+    uint32_t need = n + 4;
+    uint32_t prev = 0, nxt = Ld16(sp + 4);
+    while (nxt > prev && nxt < off) {
+      prev = nxt;
+      nxt = Ld16(sp + nxt + 2);
+    }
+    if (nxt <= prev) nxt = 0;
+    bool touching = nxt != 0 && nxt == off + bsz;
+    if (need == bsz) return block;
+    if (need < bsz) {
+      uint32_t tail = bsz - need, tail_off = off + need;
+      if (touching) {
+        uint32_t merged = tail + Ld16(sp + nxt);
+        uint32_t after = Ld16(sp + nxt + 2);
+        St16(sp + tail_off, merged);
+        St16(sp + tail_off + 2, after);
+        Link(sp, prev, tail_off);
+        St16(hdr, need);
+      } else if (tail > 4) {
+        St16(sp + tail_off, tail);
+        St16(sp + tail_off + 2, nxt);
+        Link(sp, prev, tail_off);
+        St16(hdr, need);
+      }
+      return block;
+    }
+    if (touching) {
+      uint32_t fsz = Ld16(sp + nxt);
+      if (bsz + fsz >= need) {
+        uint32_t after = Ld16(sp + nxt + 2);
+        uint32_t rest = bsz + fsz - need;
+        if (rest >= 4) {
+          uint32_t nf = off + need;
+          St16(sp + nf, rest);
+          St16(sp + nf + 2, after);
+          Link(sp, prev, nf);
+          St16(hdr, need);
+        } else {
+          Link(sp, prev, after);
+          St16(hdr, bsz + fsz);
+        }
+        return block;
+      }
+    }
+  }
+
+  // Move: a new block in the target pool, the contents copied, the old freed.
+  void* fresh = zbstg_alloc(heap, n, target);
+  if (!fresh) return nullptr;
+  uint32_t old_usable = zbstg_size(heap, block);
+  std::memcpy(fresh, block, std::min(old_usable, n));
+  zbstg_free(heap, block);
+  return fresh;
+}
