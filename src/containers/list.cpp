@@ -1,0 +1,264 @@
+// Ring lists with a current position. Every operation at the current
+// position is constant time; the handle keeps the last node so that
+// appending is constant time too.
+#include "zbshr/containers.h"
+#include "zbshr/memory.h"
+
+#include "platform/platform.h"
+
+namespace {
+
+SHLISTNODE* new_node(SHLIST* list, void* data) {
+  auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(list->heap, sizeof(SHLISTNODE), list->pool));
+  if (node) {
+    node->prev = node->next = node;
+    node->data = data;
+  }
+  return node;
+}
+
+// Frees every node of the list, optionally with its data, and empties it.
+void free_nodes(SHLIST* list, bool free_data) {
+  SHLISTNODE* node = list->first;
+  for (int32_t left = list->count; node && left > 0; --left) {
+    SHLISTNODE* next = node->next;
+    if (free_data) zbstg_free(list->heap, node->data);
+    zbstg_free(list->heap, node);
+    if (node == list->last) break;
+    node = next;
+  }
+  list->first = list->last = list->current = nullptr;
+  list->count = 0;
+}
+
+int32_t compare_strings(void* a, void* b) {
+  return zbshr::plat::lstrcmpA(static_cast<const char*>(a), static_cast<const char*>(b));
+}
+
+}  // namespace
+
+SHLIST* shlist_new(ZBSTG_HEAP heap, uint32_t pool) {
+  auto* list = static_cast<SHLIST*>(zbstg_alloc(heap, sizeof(SHLIST), pool));
+  if (!list) return nullptr;
+  list->first = list->last = list->current = nullptr;
+  list->heap = heap;
+  list->pool = pool;
+  list->count = 0;
+  return list;
+}
+
+void shlist_delete(SHLIST* list) {
+  if (!list) return;
+  free_nodes(list, false);
+  zbstg_free(list->heap, list);
+}
+
+int32_t shlist_deleteFree(SHLIST* list) {
+  if (!list) return 0;
+  free_nodes(list, true);
+  zbstg_free(list->heap, list);
+  return 0;
+}
+
+int32_t shlist_get_count(SHLIST* list) { return list ? list->count : 0; }
+
+void* shlist_get_first(SHLIST* list) {
+  if (!list || !list->first) return nullptr;
+  list->current = list->first;
+  return list->current->data;
+}
+
+void* shlist_get_last(SHLIST* list) {
+  if (!list || !list->last) return nullptr;
+  list->current = list->last;
+  return list->current->data;
+}
+
+void* shlist_get_next(SHLIST* list) {
+  if (!list) return nullptr;
+  if (!list->current || list->current == list->last) {
+    list->current = nullptr;
+    return nullptr;
+  }
+  list->current = list->current->next;
+  return list->current->data;
+}
+
+void* shlist_get_prev(SHLIST* list) {
+  if (!list) return nullptr;
+  if (!list->current || list->current == list->first) {
+    list->current = nullptr;
+    return nullptr;
+  }
+  list->current = list->current->prev;
+  return list->current->data;
+}
+
+void* shlist_get_curr(SHLIST* list) {
+  return list && list->current ? list->current->data : nullptr;
+}
+
+SHLISTNODE* shlist_get_handle(SHLIST* list) { return list ? list->current : nullptr; }
+
+SHLISTNODE* shlist_curr_node(SHLIST* list) { return list ? list->current : nullptr; }
+
+SHLIST* shlist_set_current(SHLIST* list, SHLISTNODE* node) {
+  if (list) list->current = node;
+  return list;
+}
+
+void* shlist_update(SHLIST* list, void* data) {
+  if (!list || !list->current) return nullptr;
+  void* old = list->current->data;
+  list->current->data = data;
+  return old;
+}
+
+int32_t shlist_putafter(SHLIST* list, SHLISTNODE* node) {
+  if (!list || !node) return 0;
+  SHLISTNODE* cur = list->current;
+  if (!cur && list->first) {
+    // Nowhere to link it: a non-empty list without a current position.
+    zbstg_free(list->heap, node);
+    return 0;
+  }
+  if (!list->first) {
+    node->prev = node->next = node;
+    list->first = list->last = node;
+  } else {
+    node->prev = cur;
+    node->next = cur->next;
+    cur->next->prev = node;
+    cur->next = node;
+    if (cur == list->last) list->last = node;
+  }
+  list->current = node;
+  ++list->count;
+  return 1;
+}
+
+int32_t shlist_addafter(SHLIST* list, void* data) {
+  if (!list) return 0;
+  SHLISTNODE* node = new_node(list, data);
+  if (!node) return 0;
+  return shlist_putafter(list, node);
+}
+
+int32_t shlist_insert_at_curr(SHLIST* list, void* data) {
+  return shlist_addafter(list, data) ? 1 : 0;
+}
+
+int32_t shlist_addbefore(SHLIST* list, void* data) {
+  if (!list) return 0;
+  SHLISTNODE* cur = list->current;
+  if (!cur && list->first) return 0;
+  SHLISTNODE* node = new_node(list, data);
+  if (!node) return 0;
+  if (!list->first) {
+    list->first = list->last = node;
+  } else {
+    node->next = cur;
+    node->prev = cur->prev;
+    cur->prev->next = node;
+    cur->prev = node;
+    if (cur == list->first) list->first = node;
+  }
+  list->current = node;
+  ++list->count;
+  return 1;
+}
+
+int32_t shlist_insert(SHLIST* list, void* data) {
+  if (!list) return 0;
+  list->current = list->last;
+  return shlist_addafter(list, data);
+}
+
+void* shlist_remove(SHLIST* list) {
+  if (!list || !list->current) return nullptr;
+  SHLISTNODE* node = list->current;
+  void* data = node->data;
+  if (list->first == list->last) {
+    list->first = list->last = list->current = nullptr;
+  } else if (node == list->first) {
+    list->first = node->next;
+    list->current = node->next;
+  } else if (node == list->last) {
+    // Removing the last node leaves no current position (unlike the first).
+    list->last = node->prev;
+    list->current = nullptr;
+  } else {
+    list->current = node->next;
+  }
+  node->prev->next = node->next;
+  node->next->prev = node->prev;
+  zbstg_free(list->heap, node);
+  --list->count;
+  return data;
+}
+
+int32_t shlist_traversal(SHLIST* list, intptr_t param, SHLIST_VISIT visit) {
+  if (!list || !list->first || !visit) return 1;
+  int32_t result = 1;
+  SHLISTNODE* node = list->first;
+  for (;;) {
+    // Read the links first: the callback may remove the node it is given.
+    const bool at_last = node == list->last;
+    SHLISTNODE* next = node->next;
+    result = visit(node->data, param);
+    if (result == 0 || at_last) break;
+    node = next;
+  }
+  return result;
+}
+
+namespace {
+
+template <class Sort>
+void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
+  if (!list || list->count <= 0 || !list->first) return nullptr;
+  const int32_t n = list->count;
+  if (static_cast<uint64_t>(n) * sizeof(void*) > UINT32_MAX) return nullptr;
+  auto* array = static_cast<void**>(
+      zbstg_alloc(list->heap, static_cast<uint32_t>(sizeof(void*) * static_cast<uint32_t>(n)),
+                  list->pool));
+  if (!array) return nullptr;
+  const bool take = (flags & (SHLIST_SORT_REBUILD | SHLIST_SORT_EMPTY)) != 0;
+  SHLISTNODE* node = list->first;
+  for (int32_t i = 0; i < n; ++i) {
+    array[i] = node->data;
+    SHLISTNODE* next = node->next;
+    if (take) zbstg_free(list->heap, node);
+    node = next;
+  }
+  if (take) {
+    list->first = list->last = list->current = nullptr;
+    list->count = 0;
+  }
+  sort(array, n);
+  if (flags & SHLIST_SORT_REBUILD) {
+    for (int32_t i = 0; i < n; ++i) shlist_insert(list, array[i]);
+  }
+  if (flags & SHLIST_SORT_NOARRAY) {
+    zbstg_free(list->heap, array);
+    return nullptr;
+  }
+  return array;
+}
+
+}  // namespace
+
+void** shlist_sort(SHLIST* list, SH_COMPARE compare, int32_t flags) {
+  if (!compare) compare = compare_strings;
+  return sort_list(list, flags, [compare](void** a, int32_t n) { sh_heapsort(a, n, compare); });
+}
+
+void** shlist_sort_param(SHLIST* list, intptr_t param, SH_COMPARE_PARAM compare, int32_t flags) {
+  if (!compare) {
+    return sort_list(list, flags,
+                     [](void** a, int32_t n) { sh_heapsort(a, n, compare_strings); });
+  }
+  return sort_list(list, flags, [param, compare](void** a, int32_t n) {
+    sh_heapsort_param(param, a, n, compare);
+  });
+}

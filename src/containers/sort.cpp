@@ -1,0 +1,135 @@
+// Heap sort of pointer arrays and binary search over sorted arrays.
+#include <cctype>
+#include <cstddef>
+
+#include "zbshr/containers.h"
+
+namespace {
+
+// Places `value` into the max-heap of `len` elements whose hole is at `hole`:
+// the hole first sinks along the larger children to a leaf (one comparison
+// per level), then the value climbs back to its place. This needs about half
+// the comparisons of the textbook sift-down.
+template <class Less>
+void adjust(void** a, size_t hole, size_t len, void* value, Less less) {
+  const size_t top = hole;
+  size_t child;
+  while ((child = 2 * hole + 1) < len) {
+    if (child + 1 < len && less(a[child], a[child + 1])) ++child;
+    a[hole] = a[child];
+    hole = child;
+  }
+  while (hole > top) {
+    const size_t parent = (hole - 1) / 2;
+    if (!less(a[parent], value)) break;
+    a[hole] = a[parent];
+    hole = parent;
+  }
+  a[hole] = value;
+}
+
+template <class Less>
+void heap_sort(void** a, int32_t count, Less less) {
+  if (!a || count < 2) return;
+  const size_t len = static_cast<size_t>(count);
+  for (size_t i = len / 2; i-- > 0;) adjust(a, i, len, a[i], less);
+  for (size_t end = len - 1; end > 0; --end) {
+    void* value = a[end];
+    a[end] = a[0];
+    adjust(a, 0, end, value, less);
+  }
+}
+
+// Shared by both searches: returns the match index (found = true) or the
+// final `hi` of the narrowed range.
+int32_t search(const void* key, const void* base, int32_t item_size, int32_t count,
+               SH_SEARCH_COMPARE compare, bool* found) {
+  *found = false;
+  int32_t lo = 0, hi = count - 1;
+  if (!compare || !base || item_size < 0 || count <= 0) return -1;
+  const char* bytes = static_cast<const char*>(base);
+  while (lo <= hi) {
+    const auto mid = static_cast<int32_t>((static_cast<int64_t>(lo) + hi) / 2);
+    const int32_t r = compare(key, bytes + static_cast<ptrdiff_t>(mid) * item_size);
+    if (r < 0) {
+      hi = mid - 1;
+    } else if (r > 0) {
+      lo = mid + 1;
+    } else {
+      *found = true;
+      return mid;
+    }
+  }
+  return hi;
+}
+
+int32_t keyword_compare(const void* key, const void* item) {
+  const auto* p = static_cast<const unsigned char*>(key);
+  const char* k = static_cast<const SHKEYWORD*>(item)->key;
+  const auto* q = reinterpret_cast<const unsigned char*>(k ? k : "");
+  while (*p && *p == *q) ++p, ++q;
+  return static_cast<int32_t>(*p) - static_cast<int32_t>(*q);
+}
+
+int32_t keyword_compare_nocase(const void* key, const void* item) {
+  const auto* p = static_cast<const unsigned char*>(key);
+  const char* k = static_cast<const SHKEYWORD*>(item)->key;
+  const auto* q = reinterpret_cast<const unsigned char*>(k ? k : "");
+  for (;; ++p, ++q) {
+    const int a = std::tolower(*p), b = std::tolower(*q);
+    if (a != b || a == 0) return a - b;
+  }
+}
+
+int32_t keyword_lookup(const char* key, const SHKEYWORD* table, int32_t count,
+                       SH_SEARCH_COMPARE compare) {
+  if (!key || !table) return -1;
+  const int32_t i = sh_binary_search(key, table, static_cast<int32_t>(sizeof(SHKEYWORD)), count,
+                                     compare);
+  return i < 0 ? -1 : table[i].value;
+}
+
+}  // namespace
+
+void sh_heapsort(void** array, int32_t count, SH_COMPARE compare) {
+  if (!compare) return;
+  heap_sort(array, count, [compare](void* a, void* b) { return compare(a, b) < 0; });
+}
+
+void sh_hugeheapsort(void** array, int32_t count, SH_COMPARE compare) {
+  sh_heapsort(array, count, compare);
+}
+
+void sh_heapsort_param(intptr_t param, void** array, int32_t count, SH_COMPARE_PARAM compare) {
+  if (!compare) return;
+  heap_sort(array, count,
+            [param, compare](void* a, void* b) { return compare(param, a, b) < 0; });
+}
+
+void sh_hugeheapsort_param(intptr_t param, void** array, int32_t count,
+                           SH_COMPARE_PARAM compare) {
+  sh_heapsort_param(param, array, count, compare);
+}
+
+int32_t sh_binary_search(const void* key, const void* base, int32_t item_size, int32_t count,
+                         SH_SEARCH_COMPARE compare) {
+  bool found;
+  const int32_t i = search(key, base, item_size, count, compare, &found);
+  return found ? i : -1;
+}
+
+int32_t sh_bin_search(const void* key, const void* base, int32_t item_size, int32_t count,
+                      SH_SEARCH_COMPARE compare, int32_t* found) {
+  bool hit;
+  const int32_t i = search(key, base, item_size, count, compare, &hit);
+  if (found) *found = hit ? 1 : 0;
+  return i;
+}
+
+int32_t shBinSrch(const char* key, const SHKEYWORD* table, int32_t count) {
+  return keyword_lookup(key, table, count, keyword_compare);
+}
+
+int32_t shBinSrchi(const char* key, const SHKEYWORD* table, int32_t count) {
+  return keyword_lookup(key, table, count, keyword_compare_nocase);
+}
