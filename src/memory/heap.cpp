@@ -51,12 +51,13 @@ namespace zbshr::mem {
 
 // ---------------------------------------------------------------- failures
 
+// The out-of-memory box: Retry and Cancel buttons, stop icon, task-modal.
+constexpr UINT kOutOfMemoryStyle = 0x2015;
+
 uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
-  if (!*handle) *handle = GlobalAlloc(flags, bytes);
   void* p = *handle ? GlobalLock(*handle) : nullptr;
   while (!p) {
-    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
-                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
     if (answer != IDRETRY) {
       if (heap) zbstg_end(heap);
       FatalAppExitA(0, "Insufficient memory to continue.");
@@ -73,8 +74,7 @@ static uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, ui
   HGLOBAL h = GlobalReAlloc(*handle, bytes, flags);
   void* p = h ? GlobalLock(h) : nullptr;
   while (!p) {
-    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
-                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
     if (answer != IDRETRY) {
       if (heap) zbstg_end(heap);
       FatalAppExitA(0, "Insufficient memory to continue.");
@@ -89,8 +89,7 @@ static uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, ui
 void* SideAlloc(ZBSTG_HEAP heap, size_t bytes) {
   void* p = std::calloc(bytes ? bytes : 1, 1);
   while (!p) {
-    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr,
-                             MB_SYSTEMMODAL | MB_ICONSTOP | MB_RETRYCANCEL);
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
     if (answer != IDRETRY) {
       if (heap) zbstg_end(heap);
       FatalAppExitA(0, "Insufficient memory to continue.");
@@ -251,8 +250,9 @@ static int64_t FirstFreeDirSlot(ZBSTG_HEAP heap, uint32_t count) {
 }
 
 static Table* MakeTable(ZBSTG_HEAP heap) {
-  HGLOBAL h = nullptr;
-  uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), GMEM_MOVEABLE | GMEM_ZEROINIT);
+  constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+  HGLOBAL h = GlobalAlloc(kFlags, TableNativeBytes(kTableStep));
+  uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), kFlags);
   auto* t = new (mem) Table{h, 0, kTableStep, -1, 0, nullptr, nullptr};
   std::memset(static_cast<void*>(t->Entries()), 0, sizeof(TableEntry) * kTableStep);
   IndexTable(heap, t, nullptr, 0);
@@ -279,9 +279,10 @@ static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* s
     // Grow the directory by 100 entries; the replaced block is kept until the
     // heap ends.
     uint32_t cap = dir->capacity + kDirectoryStep;
-    HGLOBAL h = nullptr;
-    uint8_t* mem = ObtainLocked(heap, &h, sizeof(Directory) + sizeof(DirEntry) * cap,
-                                GMEM_MOVEABLE | GMEM_ZEROINIT);
+    constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+    size_t bytes = sizeof(Directory) + sizeof(DirEntry) * cap;
+    HGLOBAL h = GlobalAlloc(kFlags, bytes);
+    uint8_t* mem = ObtainLocked(heap, &h, bytes, kFlags);
     auto* fresh = new (mem) Directory{h, cap, dir->count};
     std::memset(static_cast<void*>(fresh->Entries()), 0, sizeof(DirEntry) * cap);
     std::memcpy(static_cast<void*>(fresh->Entries()), dir->Entries(),
@@ -466,8 +467,9 @@ static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
 }
 
 static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t n) {
-  HGLOBAL h = nullptr;
-  uint8_t* sp = ObtainLocked(heap, &h, static_cast<size_t>(n) + kLargeHeader, heap->alloc_flags);
+  size_t bytes = static_cast<size_t>(n) + kLargeHeader;
+  HGLOBAL h = GlobalAlloc(heap->alloc_flags, bytes);
+  uint8_t* sp = ObtainLocked(heap, &h, bytes, heap->alloc_flags);
   CountSubpool(heap);
   St32(sp, pool);
   St16(sp + 4, 0);
@@ -548,7 +550,7 @@ using namespace zbshr::mem;
 // ---------------------------------------------------------------- exported
 
 ZBSHR_API(ZBSTG_HEAP) zbstg_begin_allocflags(uint16_t subpool_size, uint32_t alloc_flags) {
-  HGLOBAL h = nullptr;
+  HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE, sizeof(zbstg_heap_s));
   uint8_t* mem = ObtainLocked(nullptr, &h, sizeof(zbstg_heap_s), GMEM_MOVEABLE);
   std::memset(mem, 0, sizeof(zbstg_heap_s));
   auto* heap = new (mem) zbstg_heap_s{};

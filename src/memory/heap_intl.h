@@ -150,9 +150,10 @@ struct zbstg_heap_s {
 
 namespace zbshr::mem {
 
-// Runs the out-of-memory dialog until `*handle` (allocated with `flags` and
-// `bytes` when null) can be locked; on Cancel ends `heap` (if any) and the
-// process. Returns the locked address.
+// Locks `*handle` (the result of a GlobalAlloc, null when it failed); when no
+// memory was obtained, runs the out-of-memory dialog: Retry allocates again
+// (`bytes` with `flags`, if there is still no handle) and locks, Cancel ends
+// `heap` (if any) and the process. Returns the locked address.
 uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags);
 // calloc that runs the same dialog on failure.
 void* SideAlloc(ZBSTG_HEAP heap, size_t bytes);

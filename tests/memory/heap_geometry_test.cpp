@@ -1,0 +1,238 @@
+// Block and sub-pool geometry: sizes, offsets, lost bytes, large blocks.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "heap_testutil.h"
+
+using namespace heaptest;
+using FL = std::vector<std::pair<uint32_t, uint32_t>>;
+
+TEST(HeapGeometry, FirstBlocksOfAFreshHeap) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  ASSERT_NE(h, nullptr);
+  auto* a = static_cast<uint8_t*>(zbstg_alloc(h, 5, 0));
+  ASSERT_NE(a, nullptr);
+  const uint8_t* sp = Subpool(a);
+  // Sub-pool header: owner pool (the default pool 1), first free, count.
+  EXPECT_EQ(L(sp, 0), 1u);
+  EXPECT_EQ(Offset(a), 8u);
+  EXPECT_EQ(BlockSize(a), 12u);
+  EXPECT_EQ(zbstg_size(h, a), 8u);
+  EXPECT_EQ(BlockCount(sp), 1u);
+  EXPECT_EQ(FreeList(sp), (FL{{20, 4086 - 12}}));
+
+  auto* b = static_cast<uint8_t*>(zbstg_alloc(h, 1, 0));
+  auto* c = static_cast<uint8_t*>(zbstg_alloc(h, 0, 0));
+  auto* d = static_cast<uint8_t*>(zbstg_alloc(h, 12, 1));
+  EXPECT_EQ(b, a + 12);
+  EXPECT_EQ(c, b + 8);
+  EXPECT_EQ(d, c + 4);
+  EXPECT_EQ(zbstg_size(h, b), 4u);
+  EXPECT_EQ(zbstg_size(h, c), 0u);
+  EXPECT_EQ(zbstg_size(h, d), 12u);
+  EXPECT_EQ(BlockSize(c), 4u);
+  EXPECT_EQ(Offset(d), 8u + 12 + 8 + 4);
+  EXPECT_EQ(BlockCount(sp), 4u);
+  for (void* p : {a, b, c, d}) EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 4, 0u);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, d), 1u);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  // A fresh 4 KB sub-pool has one free block of 4,086 bytes; a block of 4,084
+  // takes it whole and the 2 bytes left over are lost.
+  void* a = zbstg_alloc(h, 4080, 0);
+  const uint8_t* sp = Subpool(a);
+  EXPECT_EQ(BlockSize(a), 4084u);
+  EXPECT_EQ(zbstg_size(h, a), 4080u);
+  EXPECT_EQ(FirstFree(sp), 0u);
+  // The next block cannot come from there.
+  void* b = zbstg_alloc(h, 0, 0);
+  EXPECT_NE(Subpool(b), sp);
+  // Freed, the block keeps its recorded size: the lost bytes stay lost.
+  void* c = zbstg_alloc(h, 2000, 0);
+  void* d = zbstg_alloc(h, 2072, 0);  // 2,076 of the 2,078 left: whole block again
+  EXPECT_EQ(Subpool(c), Subpool(b));
+  EXPECT_EQ(Subpool(d), Subpool(b));
+  EXPECT_EQ(FirstFree(Subpool(b)), 0u);
+  zbstg_free(h, d);
+  EXPECT_EQ(FreeList(Subpool(b)), (FL{{8 + 4 + 2004, 2076}}));
+  zbstg_free(h, c);  // merges with the block after it
+  EXPECT_EQ(FreeList(Subpool(b)), (FL{{12, 2004 + 2076}}));
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, SmallAndLargeBoundary) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* s = zbstg_alloc(h, 63996, 3);
+  const uint8_t* sp = Subpool(s);
+  EXPECT_EQ(Offset(s), 8u);
+  EXPECT_EQ(BlockSize(s), 64000u);
+  EXPECT_EQ(zbstg_size(h, s), 63996u);
+  EXPECT_EQ(FirstFree(sp), 0u);
+  EXPECT_EQ(L(sp, 0), 3u);
+  ZBSTG_STAT st = Stat(h);
+  EXPECT_EQ(st.system_bytes, 64010u + 2424u);  // a sub-pool of b + 10 bytes and its table
+
+  void* l = zbstg_alloc(h, 63997, 4);
+  const uint8_t* lp = static_cast<const uint8_t*>(l) - 16;
+  EXPECT_EQ(L(lp, 0), 4u);
+  EXPECT_EQ(W(lp, 4), 0u);
+  EXPECT_EQ(W(lp, 6), 1u);
+  EXPECT_EQ(L(lp, 8), 63997u);
+  EXPECT_EQ(W(lp, 12), 64001u);
+  EXPECT_EQ(W(lp, 14), 12u);
+  EXPECT_EQ(zbstg_size(h, l), 63997u);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, l), 4u);
+  std::memset(l, 0xAB, 63997);
+  st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 2u);
+  EXPECT_EQ(st.system_bytes, 64010u + 2424u + 64013u + 2424u);
+  zbstg_free(h, l);
+  st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 1u);
+  EXPECT_EQ(st.system_bytes, 64010u + 2424u + 2424u);  // pool 4 keeps its empty table
+
+  void* big = zbstg_alloc(h, 1000000, 0);
+  EXPECT_EQ(zbstg_size(h, big), 1000000u);
+  std::memset(big, 1, 1000000);
+  zbstg_free(h, big);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, BlocksLargerThanTheSubpoolSizeGetTheirOwnSubpool) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* a = zbstg_alloc(h, 4088, 0);  // b = 4,092: not below 4,096 - 10
+  EXPECT_EQ(Offset(a), 8u);
+  EXPECT_EQ(BlockSize(a), 4092u);
+  EXPECT_EQ(FirstFree(Subpool(a)), 0u);
+  EXPECT_EQ(Stat(h).system_bytes, 4102u + 2424u);
+  void* b = zbstg_alloc(h, 4076, 0);  // b = 4,080 < 4,086: an ordinary 4 KB sub-pool
+  EXPECT_EQ(FreeList(Subpool(b)), (FL{{8 + 4080, 6}}));
+  EXPECT_EQ(Stat(h).system_bytes, 4102u + 4096u + 2424u);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
+  // The size given to zbstg_begin is replaced by 4,096 when the first
+  // sub-pool is made, whatever it was.
+  for (uint16_t size : {uint16_t(6), uint16_t(100), uint16_t(0), uint16_t(30000)}) {
+    ZBSTG_HEAP h = zbstg_begin(size);
+    EXPECT_EQ(Stat(h).subpool_bytes, 0u);
+    void* a = zbstg_alloc(h, 88, 0);
+    void* b = zbstg_alloc(h, 88, 0);
+    EXPECT_EQ(Subpool(a), Subpool(b)) << size;
+    EXPECT_EQ(Offset(b), 8u + 92) << size;
+    EXPECT_EQ(Stat(h).subpool_bytes, 4096u) << size;
+    EXPECT_EQ(Stat(h).system_bytes, 4096u + 2424u) << size;
+    zbstg_end(h);
+  }
+}
+
+TEST(HeapGeometry, FirstFitWithinASubpool) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* p[6];
+  for (int i = 0; i < 6; ++i) p[i] = zbstg_alloc(h, 28, 0);  // blocks of 32 at 8, 40, ...
+  const uint8_t* sp = Subpool(p[0]);
+  zbstg_free(h, p[1]);
+  zbstg_free(h, p[3]);
+  zbstg_free(h, p[4]);  // merges with p[3]
+  EXPECT_EQ(FreeList(sp), (FL{{40, 32}, {104, 64}, {200, 4086 - 192}}));
+  void* x = zbstg_alloc(h, 40, 0);  // 44: skips the 32 at 40, splits the 64 at 104
+  EXPECT_EQ(Offset(x), 104u);
+  EXPECT_EQ(FreeList(sp), (FL{{40, 32}, {148, 20}, {200, 4086 - 192}}));
+  void* y = zbstg_alloc(h, 14, 0);  // 20 bytes: the 32 at 40 is the first fit
+  EXPECT_EQ(Offset(y), 40u);
+  EXPECT_EQ(FreeList(sp), (FL{{60, 12}, {148, 20}, {200, 4086 - 192}}));
+  void* z = zbstg_alloc(h, 14, 0);  // takes the 20 at 148 whole
+  EXPECT_EQ(Offset(z), 148u);
+  EXPECT_EQ(zbstg_size(h, z), 16u);
+  EXPECT_EQ(FreeList(sp), (FL{{60, 12}, {200, 4086 - 192}}));
+  void* w = zbstg_alloc(h, 6, 0);  // 12: the remainder 0 is taken whole
+  EXPECT_EQ(Offset(w), 60u);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, FreeMergesWithBothNeighbours) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* a = zbstg_alloc(h, 16, 0);
+  void* b = zbstg_alloc(h, 16, 0);
+  void* c = zbstg_alloc(h, 16, 0);
+  void* d = zbstg_alloc(h, 16, 0);
+  const uint8_t* sp = Subpool(a);
+  zbstg_free(h, a);
+  zbstg_free(h, c);
+  EXPECT_EQ(FreeList(sp), (FL{{8, 20}, {48, 20}, {88, 4086 - 80}}));
+  zbstg_free(h, b);
+  EXPECT_EQ(FreeList(sp), (FL{{8, 60}, {88, 4086 - 80}}));
+  EXPECT_EQ(BlockCount(sp), 1u);
+  // Double free of a block already merged into a free block is ignored.
+  zbstg_free(h, b);
+  zbstg_free(h, a);
+  EXPECT_EQ(FreeList(sp), (FL{{8, 60}, {88, 4086 - 80}}));
+  EXPECT_EQ(BlockCount(sp), 1u);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  zbstg_free(h, nullptr);
+  EXPECT_EQ(zbstg_size(h, d), 16u);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, LargestFreeValueDrivesTheSubpoolChoice) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  // Three sub-pools A, B, C, each with two blocks of 2,004 and 78 bytes free.
+  void* blk[6];
+  for (int i = 0; i < 6; ++i) blk[i] = zbstg_alloc(h, 2000, 0);
+  const uint8_t* A = Subpool(blk[0]);
+  const uint8_t* B = Subpool(blk[2]);
+  const uint8_t* C = Subpool(blk[4]);
+  EXPECT_EQ(Subpool(blk[1]), A);
+  EXPECT_NE(A, B);
+  EXPECT_NE(B, C);
+  zbstg_free(h, blk[2]);  // B: 2,004 free at 8
+  zbstg_free(h, blk[0]);  // A: 2,004 free at 8
+  // The last-used sub-pool (C) has no room: the first fitting entry is A.
+  void* x = zbstg_alloc(h, 1000, 0);
+  EXPECT_EQ(Subpool(x), A);
+  EXPECT_EQ(Offset(x), 8u);
+  // A's largest free block is now 1,000: 1,504 goes to B, the next entry.
+  void* y = zbstg_alloc(h, 1500, 0);
+  EXPECT_EQ(Subpool(y), B);
+  // Last used is B; 400 fits there (500 left), so it is taken before A.
+  void* z = zbstg_alloc(h, 396, 0);
+  EXPECT_EQ(Subpool(z), B);
+  EXPECT_EQ(Offset(z), 8u + 1504);
+  zbstg_end(h);
+}
+
+TEST(HeapGeometry, SmallStatusServices) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  EXPECT_EQ(zbstg_validate(h), 1);
+  EXPECT_EQ(zbstg_sos(h, 77), 0u);
+  EXPECT_EQ(zbstg_sos(h, 5), 77u);
+  EXPECT_EQ(zbstg_nextGeneration(h), 0);
+  zbstg_dumpLeaks(h);
+  zbstg_dumpHeap(h);
+  EXPECT_EQ(zbstg_alloc_align(h, 16, 16, 0), nullptr);
+  void* p = zbstg_alloc(h, 16, 0);
+  EXPECT_EQ(zbstg_realloc_align(h, p, 32, 16, 0), nullptr);
+  EXPECT_EQ(zbstg_size(h, p), 16u);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  void* q = zbstg_dballoc(h, 5, 0, __FILE__, __LINE__);
+  EXPECT_EQ(zbstg_size(h, q), 8u);
+  q = zbstg_dbrealloc(h, q, 100, 0, __FILE__, __LINE__);
+  EXPECT_EQ(zbstg_size(h, q), 100u);
+  zbstg_end(h);
+  // Only the low 16 bits of the debug begin's size are used: 0x10000 is 0,
+  // which means 4,088.
+  h = zbstg_dbbegin(0x10000, __FILE__, __LINE__);
+  EXPECT_EQ(Stat(h).subpool_bytes, 0u);
+  zbstg_alloc(h, 1, 0);
+  EXPECT_EQ(Stat(h).subpool_bytes, 4096u);
+  zbstg_end(h);
+  h = zbstg_dbbegin_allocflags(0, 0x42, __FILE__, __LINE__);
+  void* z = zbstg_alloc(h, 8, 0);
+  EXPECT_NE(z, nullptr);
+  zbstg_end(h);
+}
