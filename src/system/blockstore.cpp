@@ -11,6 +11,8 @@
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
 
+// The store record lives in a heap block, which is only 4-byte aligned: it is
+// copied in and out rather than accessed in place.
 struct zbfstg_s {
   ZBSTG_HEAP heap;
   uint32_t pool;
@@ -21,6 +23,13 @@ struct zbfstg_s {
 namespace {
 
 namespace plat = zbshr::plat;
+
+zbfstg_s load(ZBFSTG st) {
+  zbfstg_s s;
+  std::memcpy(&s, static_cast<const void*>(st), sizeof s);
+  return s;
+}
+void save(ZBFSTG st, const zbfstg_s& s) { std::memcpy(static_cast<void*>(st), &s, sizeof s); }
 
 constexpr char kPrefix[] = "ZBTP";
 
@@ -39,28 +48,28 @@ ZBSHR_API(ZBFSTG) zbfstg_begin(ZBSTG_HEAP heap, uint32_t pool) {
     char name[OS_OFS_MAXPATH + 16];
     if (plat::GetTempFileNameA(dir, kPrefix, 0, name) == 0) return nullptr;
 
-    auto* store = static_cast<zbfstg_s*>(zbstg_alloc(heap, sizeof(zbfstg_s), pool));
+    auto* store = static_cast<ZBFSTG>(zbstg_alloc(heap, sizeof(zbfstg_s), pool));
     if (store == nullptr) {
       plat::DeleteFileA(name);
       return nullptr;
     }
-    store->heap = heap;
-    store->pool = pool;
-    store->file_name = zbstg_strdup(heap, name, pool);
-    store->next = 0;
-    if (store->file_name == nullptr) {
+    zbfstg_s s{heap, pool, zbstg_strdup(heap, name, pool), 0};
+    if (s.file_name == nullptr) {
       plat::DeleteFileA(name);
       zbstg_free(heap, store);
       return nullptr;
     }
+    save(store, s);
     return store;
   } catch (...) {
     return nullptr;
   }
 }
 
-ZBSHR_API(int32_t) zbfstg_alloc(ZBFSTG store, const void* data, int32_t n) {
-  if (store == nullptr || n < 0 || (data == nullptr && n > 0)) return 0;
+ZBSHR_API(int32_t) zbfstg_alloc(ZBFSTG handle, const void* data, int32_t n) {
+  if (handle == nullptr || n < 0 || (data == nullptr && n > 0)) return 0;
+  zbfstg_s st = load(handle);
+  zbfstg_s* store = &st;
   // The counter is a 32-bit position: refuse a block that would overflow it.
   if (static_cast<int64_t>(store->next) + n + 4 > INT32_MAX) return 0;
 
@@ -77,13 +86,16 @@ ZBSHR_API(int32_t) zbfstg_alloc(ZBFSTG store, const void* data, int32_t n) {
       plat::_lwrite(h, data, static_cast<plat::UINT>(n)) == n) {
     result = store->next;
     store->next += n + 4;
+    save(handle, st);
   }
   plat::_lclose(h);
   return result;
 }
 
-ZBSHR_API(void*) zbfstg_get(ZBFSTG store, int32_t pos) {
-  if (store == nullptr || pos < 0) return nullptr;
+ZBSHR_API(void*) zbfstg_get(ZBFSTG handle, int32_t pos) {
+  if (handle == nullptr || pos < 0) return nullptr;
+  zbfstg_s st = load(handle);
+  const zbfstg_s* store = &st;
   OSOFSTRUCT of;
   int32_t h = osOpenFile(store->file_name, &of, OF_READ);
   if (h == -1) return nullptr;
@@ -112,11 +124,12 @@ ZBSHR_API(void*) zbfstg_get(ZBFSTG store, int32_t pos) {
 
 ZBSHR_API(int32_t) zbfstg_free(ZBFSTG store, int32_t pos) { return 1; }
 
-ZBSHR_API(int32_t) zbfstg_end(ZBFSTG store) {
-  if (store == nullptr) return 0;
-  zbstg_remove(store->file_name);
+ZBSHR_API(int32_t) zbfstg_end(ZBFSTG handle) {
+  if (handle == nullptr) return 0;
+  zbfstg_s st = load(handle);
+  zbstg_remove(st.file_name);
   // The file name stays in the pool, which frees it with the pool.
-  zbstg_free(store->heap, store);
+  zbstg_free(st.heap, handle);
   return 1;
 }
 
