@@ -1,0 +1,229 @@
+// Pools, the pool directory, sub-pool tables, the spare sub-pool and the
+// statistics.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "heap_testutil.h"
+
+using namespace heaptest;
+
+TEST(HeapPools, PoolNumbers) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  EXPECT_EQ(zbstg_new_pool(h), 2u);
+  EXPECT_EQ(zbstg_new_pool(h), 3u);
+  zbstg_alloc(h, 4, 7);
+  EXPECT_EQ(zbstg_new_pool(h), 8u);
+  zbstg_alloc(h, 4, 5);  // below the next number: no change
+  zbstg_alloc(h, 4, 0);
+  EXPECT_EQ(zbstg_new_pool(h), 9u);
+  EXPECT_EQ(zbstg_set_next_pool(h, 100), h);
+  EXPECT_EQ(zbstg_new_pool(h), 100u);
+  EXPECT_EQ(zbstg_default_pool(h, 42), 1u);
+  void* p = zbstg_alloc(h, 4, 0);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, p), 42u);
+  // The raise compares the pool as passed: 0 does not raise to the default.
+  zbstg_set_next_pool(h, 10);
+  zbstg_alloc(h, 4, 0);
+  EXPECT_EQ(zbstg_new_pool(h), 10u);
+  // realloc resolves 0 to the default before allocating.
+  zbstg_realloc(h, nullptr, 4, 0);
+  EXPECT_EQ(zbstg_new_pool(h), 43u);
+  EXPECT_EQ(zbstg_default_pool(h, 1), 42u);
+  // Pool numbers wrap.
+  zbstg_alloc(h, 4, 0xFFFFFFFFu);
+  EXPECT_EQ(zbstg_new_pool(h), 0u);
+  EXPECT_EQ(zbstg_new_pool(h), 1u);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, FreePoolKeepsOtherPools) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  std::vector<char*> two, three;
+  for (int i = 0; i < 500; ++i) {
+    char* a = static_cast<char*>(zbstg_alloc(h, 10 + i % 50, 2));
+    char* b = static_cast<char*>(zbstg_alloc(h, 10 + i % 50, 3));
+    std::memset(a, 'a', 10);
+    std::memset(b, static_cast<char>(i), 10);
+    two.push_back(a);
+    three.push_back(b);
+  }
+  EXPECT_EQ(Stat(h).live_blocks, 1000u);
+  zbstg_free_pool(h, 2);
+  EXPECT_EQ(Stat(h).live_blocks, 500u);
+  for (int i = 0; i < 500; ++i) {
+    for (int k = 0; k < 10; ++k) ASSERT_EQ(three[i][k], static_cast<char>(i));
+    EXPECT_EQ(zbstg_get_pointer_subpool(h, three[i]), 3u);
+  }
+  // The number can be used again; pools without a table are left alone.
+  void* again = zbstg_alloc(h, 8, 2);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, again), 2u);
+  zbstg_free_pool(h, 55);
+  zbstg_free_pool(h, 3);
+  zbstg_free_pool(h, 3);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  // Pool 0 means the default pool.
+  void* d = zbstg_alloc(h, 8, 1);
+  EXPECT_NE(d, nullptr);
+  zbstg_free_pool(h, 0);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  zbstg_free(h, again);
+  EXPECT_EQ(Stat(h).live_blocks, 0u);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, StatisticsOfASmallHeap) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  ZBSTG_STAT st{};
+  EXPECT_EQ(zbstg_stat(h, &st), 0u);
+  EXPECT_EQ(st.live_blocks, 0u);
+  zbstg_alloc(h, 5, 0);
+  zbstg_alloc(h, 1, 0);
+  EXPECT_EQ(zbstg_stat(h, &st), 4096u + 2424u);
+  EXPECT_EQ(st.live_blocks, 2u);
+  EXPECT_EQ(st.subpool_bytes, 4096u);
+  EXPECT_EQ(st.total_bytes, 4096u + 2424u);
+  EXPECT_EQ(st.system_bytes, st.total_bytes);
+  EXPECT_EQ(st.free_bytes, 4086u - 12 - 8);
+  // GlobalSize - header - 4 per block - free: 4096 - 8 - 8 - 4066.
+  EXPECT_EQ(st.used_bytes, 14u);
+  void* l = zbstg_alloc(h, 70000, 2);
+  zbstg_stat(h, &st);
+  EXPECT_EQ(st.system_bytes, 4096u + 2424u + 70016u + 2424u);
+  EXPECT_EQ(st.used_bytes, 14u + 70000u);
+  EXPECT_EQ(st.subpool_bytes, 4096u * 2);
+  zbstg_free(h, l);
+  zbstg_stat(h, &st);
+  EXPECT_EQ(st.subpool_bytes, 4096u * 2);  // the peak stays
+  EXPECT_EQ(st.system_bytes, 4096u + 2424u + 2424u);
+  // A sub-pool of 64,001 bytes or more is counted as a large block: the long
+  // at offset 8 (here the first block's header words) is taken as its payload.
+  void* s = zbstg_alloc(h, 63996, 3);
+  zbstg_stat(h, &st);
+  EXPECT_EQ(st.used_bytes, 14u + 64000u + (8u << 16));
+  EXPECT_EQ(st.system_bytes, 4096u + 2424u * 3 + 64010u);
+  zbstg_free(h, s);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, DirectoryGrowsPastOneHundredPools) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  std::vector<void*> blocks;
+  for (uint32_t pool = 10; pool < 160; ++pool) {
+    auto* p = static_cast<uint32_t*>(zbstg_alloc(h, 4, pool));
+    *p = pool;
+    blocks.push_back(p);
+  }
+  ZBSTG_STAT st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 150u);
+  // 150 sub-pools and tables, and the grown directory of 200 entries.
+  EXPECT_EQ(st.system_bytes, 150u * (4096 + 2424) + (16 + 8 * 200));
+  for (uint32_t i = 0; i < blocks.size(); ++i) {
+    EXPECT_EQ(zbstg_get_pointer_subpool(h, blocks[i]), 10 + i);
+    EXPECT_EQ(*static_cast<uint32_t*>(blocks[i]), 10 + i);
+  }
+  // Grow once more: 300 entries.
+  for (uint32_t pool = 160; pool < 220; ++pool) zbstg_alloc(h, 4, pool);
+  EXPECT_EQ(Stat(h).system_bytes, 210u * (4096 + 2424) + (16 + 8 * 300));
+  for (uint32_t pool = 10; pool < 220; ++pool) zbstg_free_pool(h, pool);
+  st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 0u);
+  EXPECT_EQ(st.system_bytes, 16u + 8 * 300);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, TableGrowsPastTwoHundredSubpools) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  std::vector<uint8_t*> blocks;
+  for (int i = 0; i < 201; ++i) {
+    auto* p = static_cast<uint8_t*>(zbstg_alloc(h, 4000, 0));
+    std::memset(p, i, 4000);
+    blocks.push_back(p);
+  }
+  ZBSTG_STAT st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 201u);
+  EXPECT_EQ(st.system_bytes, 201u * 4096 + (24 + 12 * 400));
+  EXPECT_EQ(st.free_bytes, 201u * 82);
+  for (int i = 0; i < 201; ++i)
+    for (int k = 0; k < 4000; k += 499) ASSERT_EQ(blocks[i][k], static_cast<uint8_t>(i));
+  // The last-used sub-pool (entry 200) takes a block that fits its 82 bytes.
+  void* small = zbstg_alloc(h, 60, 0);
+  EXPECT_EQ(Subpool(small), Subpool(blocks[200]));
+  // Entry 0 released (kept as the spare); a block that fits nowhere goes to
+  // a new sub-pool: the spare, in the first empty entry.
+  const uint8_t* first = Subpool(blocks[0]);
+  zbstg_free(h, blocks[0]);
+  EXPECT_EQ(Stat(h).system_bytes, 200u * 4096 + (24 + 12 * 400));
+  void* again = zbstg_alloc(h, 100, 0);
+  EXPECT_EQ(Subpool(again), first);
+  // Freeing the whole pool leaves only the spare, which statistics do not see.
+  zbstg_free_pool(h, 0);
+  st = Stat(h);
+  EXPECT_EQ(st.system_bytes, 0u);
+  EXPECT_EQ(st.live_blocks, 0u);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, SpareSubpool) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* a = zbstg_alloc(h, 16, 0);
+  void* b = zbstg_alloc(h, 16, 0);
+  const uint8_t* sp = Subpool(a);
+  zbstg_free(h, a);
+  zbstg_free(h, b);
+  EXPECT_EQ(Stat(h).system_bytes, 2424u);
+  // Reused for the next small sub-pool, of another pool too, freshly set up.
+  void* c = zbstg_alloc(h, 16, 9);
+  EXPECT_EQ(Subpool(c), sp);
+  EXPECT_EQ(Offset(c), 8u);
+  EXPECT_EQ(L(sp, 0), 9u);
+  zbstg_free(h, c);
+  // A block of 4,086 or more does not take the spare.
+  void* big = zbstg_alloc(h, 4084, 0);
+  EXPECT_NE(Subpool(big), sp);
+  // A sub-pool of 4,098..4,196 bytes is kept as the spare when there is none;
+  // reused, it is set up as a 4,096-byte sub-pool though it keeps its size.
+  void* odd = zbstg_alloc(h, 4100, 4);  // b = 4,104: a sub-pool of 4,114
+  const uint8_t* oddsp = Subpool(odd);
+  void* take = zbstg_alloc(h, 16, 5);   // takes the 4 KB spare
+  EXPECT_EQ(Subpool(take), sp);
+  zbstg_free(h, odd);                    // now the 4,114-byte one is the spare
+  void* d = zbstg_alloc(h, 16, 6);
+  EXPECT_EQ(Subpool(d), oddsp);
+  EXPECT_EQ(FreeList(oddsp).back().second, 4086u - 20);
+  ZBSTG_STAT st = Stat(h);
+  EXPECT_EQ(st.system_bytes, 4098u + 4096u + 4114u + 5 * 2424u);
+  // A sub-pool above 4,196 bytes is never kept.
+  void* e = zbstg_alloc(h, 5000, 7);
+  const uint8_t* esp = Subpool(e);
+  zbstg_free(h, d);  // spare again: the 4,114 one
+  zbstg_free(h, e);
+  void* f = zbstg_alloc(h, 16, 8);
+  EXPECT_EQ(Subpool(f), oddsp);
+  EXPECT_NE(Subpool(f), esp);
+  zbstg_end(h);
+}
+
+TEST(HeapPools, SubpoolSizeFollowsTheLiveBlockCount) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  int fours = 0, eights = 0, sixteens = 0;
+  for (uint32_t live = 0; live < 202000; ++live) {
+    void* p = zbstg_alloc(h, 4, 0);
+    if (Offset(p) != 8) continue;
+    // A new sub-pool: its size is the free block after the first block + 18.
+    auto fl = FreeList(Subpool(p));
+    ASSERT_EQ(fl.size(), 1u);
+    uint32_t size = fl[0].second + 18;
+    uint32_t expected = live >= 200000 ? 16384 : live >= 100000 ? 8192 : 4096;
+    ASSERT_EQ(size, expected) << "live " << live;
+    (size == 4096 ? fours : size == 8192 ? eights : sixteens)++;
+  }
+  EXPECT_GT(fours, 100);
+  EXPECT_GT(eights, 50);
+  EXPECT_GT(sixteens, 0);
+  ZBSTG_STAT st = Stat(h);
+  EXPECT_EQ(st.live_blocks, 202000u);
+  EXPECT_EQ(st.subpool_bytes, 16384u * (fours + eights + sixteens));
+  zbstg_end(h);
+}
