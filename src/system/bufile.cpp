@@ -11,11 +11,32 @@ namespace {
 
 namespace plat = zbshr::plat;
 
+// Callers may keep the object inside a heap block, which is only 4-byte
+// aligned: the functions below work on a copy and write it back.
+class Access {
+ public:
+  explicit Access(OSFILE* p) : p_(p) {
+    if (p_) std::memcpy(&f_, static_cast<const void*>(p_), sizeof f_);
+  }
+  ~Access() {
+    if (p_) std::memcpy(static_cast<void*>(p_), &f_, sizeof f_);
+  }
+  Access(const Access&) = delete;
+  Access& operator=(const Access&) = delete;
+  OSFILE* get() { return p_ ? &f_ : nullptr; }
+
+ private:
+  OSFILE* p_;
+  OSFILE f_{};
+};
+
 bool usable(const OSFILE* f) { return f != nullptr && f->buffer != nullptr && f->capacity > 0; }
 
-int32_t open_buffered(ZBSTG_HEAP heap, uint32_t pool, OSFILE* file, const char* name,
+int32_t open_buffered(ZBSTG_HEAP heap, uint32_t pool, OSFILE* object, const char* name,
                       uint32_t buffer_size, uint16_t mode, bool read_mode) {
-  if (file == nullptr || heap == nullptr) return 0;
+  if (object == nullptr || heap == nullptr) return 0;
+  Access access(object);
+  OSFILE* file = access.get();
   if (buffer_size == 0) buffer_size = OSFILE_DEFAULT_BUFFER;
   // Room, position and capacity are 32-bit signed counts.
   if (buffer_size > INT32_MAX) return 0;
@@ -46,6 +67,16 @@ bool write_buffer(OSFILE* f, int32_t n) {
   return put == n;
 }
 
+// Writes the pending bytes; a short write leaves position and room as they
+// were.
+bool flush(OSFILE* f) {
+  if (f->position == 0) return true;
+  if (!write_buffer(f, f->position)) return false;
+  f->position = 0;
+  f->room = f->capacity;
+  return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -65,17 +96,12 @@ ZBSHR_API(int32_t) osFileOpenRead(ZBSTG_HEAP heap, uint32_t pool, OSFILE* file, 
   return open_buffered(heap, pool, file, name, buffer_size, OF_READ, true);
 }
 
-ZBSHR_API(uint32_t) osFileWrite(OSFILE* file, const void* src, uint32_t n) {
+ZBSHR_API(uint32_t) osFileWrite(OSFILE* object, const void* src, uint32_t n) {
+  Access access(object);
+  OSFILE* file = access.get();
   if (!usable(file) || file->readMode) return 0;
 
-  if (src == nullptr) {  // flush
-    if (file->position == 0) return 1;
-    // A short write leaves position and room as they were.
-    if (!write_buffer(file, file->position)) return 0;
-    file->position = 0;
-    file->room = file->capacity;
-    return 1;
-  }
+  if (src == nullptr) return flush(file) ? 1 : 0;
   if (n == 0) return 0;
 
   const auto* from = static_cast<const char*>(src);
@@ -104,7 +130,9 @@ ZBSHR_API(uint32_t) osFileWrite(OSFILE* file, const void* src, uint32_t n) {
   }
 }
 
-ZBSHR_API(uint32_t) osFileRead(OSFILE* file, void* dst, uint32_t n) {
+ZBSHR_API(uint32_t) osFileRead(OSFILE* object, void* dst, uint32_t n) {
+  Access access(object);
+  OSFILE* file = access.get();
   if (!usable(file) || !file->readMode || (dst == nullptr && n != 0)) return 0;
   auto* to = static_cast<char*>(dst);
   uint32_t delivered = 0;
@@ -129,7 +157,9 @@ ZBSHR_API(uint32_t) osFileRead(OSFILE* file, void* dst, uint32_t n) {
   }
 }
 
-ZBSHR_API(uint32_t) osFileSize(OSFILE* file) {
+ZBSHR_API(uint32_t) osFileSize(OSFILE* object) {
+  Access access(object);
+  OSFILE* file = access.get();
   if (file == nullptr || !file->readMode || file->hFile == 0) return 0;
   plat::LONG here = plat::_llseek(file->hFile, 0, plat::FILE_CURRENT);
   if (here == plat::HFILE_ERROR) return 0;
@@ -138,11 +168,13 @@ ZBSHR_API(uint32_t) osFileSize(OSFILE* file) {
   return size == plat::HFILE_ERROR ? 0 : static_cast<uint32_t>(size);
 }
 
-ZBSHR_API(int32_t) osFileClose(OSFILE* file, int32_t keep) {
+ZBSHR_API(int32_t) osFileClose(OSFILE* object, int32_t keep) {
+  Access access(object);
+  OSFILE* file = access.get();
   if (file == nullptr) return 0;
   int32_t result = keep;
   if (file->position != 0 && keep != 0 && !file->readMode) {
-    if (osFileWrite(file, nullptr, 0) == 0) result = 0;
+    if (!flush(file)) result = 0;
   }
   if (file->hFile != 0) {
     plat::_lclose(file->hFile);

@@ -201,6 +201,24 @@ TEST_F(BufFile, ShortWriteLeavesTheObjectUnchanged) {
   EXPECT_EQ(f_.buffer, nullptr);
 }
 
+TEST_F(BufFile, ObjectInsideAHeapBlock) {
+  // Heap blocks are 4-byte aligned; an object kept inside one (as the export
+  // state does) must work wherever it lands.
+  auto* block = static_cast<unsigned char*>(zbstg_alloc(heap_, sizeof(OSFILE) + 8, 0));
+  auto* obj = reinterpret_cast<OSFILE*>(block + (reinterpret_cast<uintptr_t>(block) % 8 ? 0 : 4));
+  std::memset(static_cast<void*>(obj), 0, sizeof(OSFILE));
+  ASSERT_EQ(osFileOpenNew(heap_, 0, obj, "inblock.txt", 5), 1);
+  EXPECT_EQ(osFileWrite(obj, "0123456789ab", 12), 12u);
+  EXPECT_EQ(osFileClose(obj, 1), 1);
+  ASSERT_EQ(osFileOpenRead(heap_, 0, obj, "inblock.txt", 5), 1);
+  EXPECT_EQ(osFileSize(obj), 12u);
+  char buf[16] = {};
+  EXPECT_EQ(osFileRead(obj, buf, 16), 12u);
+  EXPECT_STREQ(buf, "0123456789ab");
+  EXPECT_EQ(osFileClose(obj, 0), 0);
+  zbstg_free(heap_, block);
+}
+
 TEST_F(BufFile, HugeBufferSizeIsRefused) {
   EXPECT_EQ(osFileOpenNew(heap_, 0, &f_, "big.txt", 0x80000000u), 0);
   EXPECT_FALSE(fs::exists("big.txt"));
