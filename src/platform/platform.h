@@ -256,6 +256,18 @@ void SetACP(UINT codepage);
 int lstrcmpA(const char* a, const char* b);
 int lstrcmpiA(const char* a, const char* b);
 
+// ---------------------------------------------------------------- modules
+// The module of a loaded program or library by file name, or null when it is
+// not loaded; a null name gives the process's own program. On POSIX the only
+// module is the running program: a name matches it when it equals the
+// program's file name without regard to case, with or without ".exe" on either
+// side. ZBSHR_HOST_PROGRAM, when set, stands in for the running program's
+// path (so a script can act as a given host program).
+HINSTANCE GetModuleHandleA(const char* name);
+// The full file name of a module from GetModuleHandleA (POSIX: the program's
+// path, or ZBSHR_HOST_PROGRAM when set). Length written, or 0 on failure.
+DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size);
+
 // ---------------------------------------------------------------- fault injection (tests)
 // Makes the n-th next call (1 = the very next) of the given service fail, and
 // the `count` - 1 calls after it too. `count` 0 disarms. A failing GlobalAlloc
