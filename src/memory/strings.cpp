@@ -62,6 +62,9 @@ ZBSHR_API(char*) zbstg_dbstrdup(ZBSTG_HEAP heap, const char* s, uint32_t pool, c
 }
 
 ZBSHR_API(void*) zbstg_allocstring(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
+  // A negative length passed through a 32-bit signed variable arrives here
+  // as a size beyond 2 GB: refuse it rather than ask the heap for it.
+  if (n > INT32_MAX) return nullptr;
   if (static_cast<uint64_t>(n) + 2 >= kLargeLimit) return zbstg_alloc(heap, n, pool);
   auto* p = static_cast<unsigned char*>(zbstg_alloc(heap, n + 2, pool));
   if (p == nullptr) return nullptr;

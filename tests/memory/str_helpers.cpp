@@ -67,6 +67,7 @@ TEST_F(StrHeap, AllocStringAtTheLargeBlockLimit) {
   EXPECT_EQ(zbstg_allocstringlen(big), 3);
   zbstg_free(heap_, small);
   zbstg_free(heap_, big);
+  EXPECT_EQ(zbstg_allocstring(heap_, static_cast<uint32_t>(-1), 0), nullptr);
 }
 
 TEST_F(StrHeap, StrdupCopiesIntoThePool) {
