@@ -1,0 +1,283 @@
+#include <cstring>
+
+#include "helpers.h"
+#include "platform/platform.h"
+
+namespace {
+
+class List : public HeapTest {
+ protected:
+  SHLIST* Make(std::initializer_list<const char*> items, uint32_t pool = 0) {
+    SHLIST* l = shlist_new(heap_, pool);
+    for (const char* s : items) EXPECT_EQ(shlist_insert(l, S(s)), 1);
+    return l;
+  }
+  static std::string Cur(SHLIST* l) {
+    void* d = shlist_get_curr(l);
+    return d ? static_cast<const char*>(d) : "<none>";
+  }
+};
+
+TEST_F(List, AddAfterAndBeforeOnANewList) {
+  SHLIST* l = shlist_new(heap_, 0);
+  EXPECT_EQ(shlist_get_count(l), 0);
+  EXPECT_EQ(shlist_get_first(l), nullptr);
+  EXPECT_EQ(shlist_addafter(l, S("a")), 1);
+  EXPECT_EQ(l->first, l->last);
+  EXPECT_EQ(l->current, l->first);
+  EXPECT_EQ(l->first->next, l->first);
+  EXPECT_EQ(l->first->prev, l->first);
+  shlist_delete(l);
+
+  l = shlist_new(heap_, 0);
+  EXPECT_EQ(shlist_addbefore(l, S("b")), 1);
+  EXPECT_EQ(Contents(l), Strings({"b"}));
+  EXPECT_EQ(Cur(l), "b");
+  EXPECT_EQ(shlist_addbefore(l, S("a")), 1);  // before the first: becomes first
+  EXPECT_EQ(Contents(l), Strings({"a", "b"}));
+  EXPECT_EQ(l->first, l->current);
+  shlist_delete(l);
+}
+
+TEST_F(List, CursorWalkAndEnds) {
+  SHLIST* l = Make({"a", "b", "c"});
+  EXPECT_EQ(Cur(l), "c");  // an append leaves the new node current
+  EXPECT_STREQ(static_cast<char*>(shlist_get_first(l)), "a");
+  EXPECT_STREQ(static_cast<char*>(shlist_get_next(l)), "b");
+  EXPECT_STREQ(static_cast<char*>(shlist_get_next(l)), "c");
+  EXPECT_EQ(shlist_get_next(l), nullptr);  // past the end: position cleared
+  EXPECT_EQ(shlist_get_handle(l), nullptr);
+  EXPECT_EQ(shlist_get_next(l), nullptr);  // and no wrap-around afterwards
+  EXPECT_EQ(shlist_get_prev(l), nullptr);
+
+  EXPECT_STREQ(static_cast<char*>(shlist_get_last(l)), "c");
+  EXPECT_STREQ(static_cast<char*>(shlist_get_prev(l)), "b");
+  EXPECT_STREQ(static_cast<char*>(shlist_get_prev(l)), "a");
+  EXPECT_EQ(shlist_get_prev(l), nullptr);
+  EXPECT_EQ(shlist_curr_node(l), nullptr);
+
+  // With no current position in a non-empty list nothing can be added.
+  const uint32_t before = live();
+  EXPECT_EQ(shlist_addafter(l, S("x")), 0);
+  EXPECT_EQ(shlist_insert_at_curr(l, S("x")), 0);
+  EXPECT_EQ(shlist_addbefore(l, S("x")), 0);
+  EXPECT_EQ(live(), before);  // the node made for addafter was freed again
+  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
+  EXPECT_EQ(shlist_update(l, S("x")), nullptr);
+  EXPECT_EQ(shlist_remove(l), nullptr);
+  EXPECT_EQ(shlist_get_count(l), 3);
+  shlist_delete(l);
+}
+
+TEST_F(List, InsertInTheMiddleMovesCurrentButNotTheEnds) {
+  SHLIST* l = Make({"a", "c"});
+  shlist_get_first(l);
+  EXPECT_EQ(shlist_addafter(l, S("b")), 1);
+  EXPECT_EQ(Cur(l), "b");
+  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
+  EXPECT_STREQ(static_cast<char*>(l->last->data), "c");
+
+  shlist_get_last(l);
+  EXPECT_EQ(shlist_addafter(l, S("d")), 1);  // after the last: becomes last
+  EXPECT_EQ(l->last, l->current);
+  shlist_get_last(l);
+  EXPECT_EQ(shlist_addbefore(l, S("c2")), 1);
+  EXPECT_EQ(Contents(l), Strings({"a", "b", "c", "c2", "d"}));
+  EXPECT_EQ(Cur(l), "c2");
+  EXPECT_EQ(shlist_get_count(l), 5);
+  shlist_delete(l);
+}
+
+TEST_F(List, RemoveChoosesTheNewPositionAsymmetrically) {
+  SHLIST* l = Make({"a", "b", "c", "d"});
+  // Middle: the next node becomes current.
+  shlist_get_first(l);
+  shlist_get_next(l);
+  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "b");
+  EXPECT_EQ(Cur(l), "c");
+  EXPECT_EQ(Contents(l), Strings({"a", "c", "d"}));
+  // First: the next node becomes first and current.
+  shlist_get_first(l);
+  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "a");
+  EXPECT_EQ(Cur(l), "c");
+  EXPECT_EQ(l->first, l->current);
+  // Last: the previous node becomes last and there is no current node.
+  shlist_get_last(l);
+  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "d");
+  EXPECT_EQ(l->current, nullptr);
+  EXPECT_EQ(shlist_get_next(l), nullptr);
+  EXPECT_EQ(Contents(l), Strings({"c"}));
+  // Only node: the list is empty.
+  shlist_get_first(l);
+  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "c");
+  EXPECT_EQ(Contents(l), Strings{});
+  // An empty list accepts a new node again.
+  EXPECT_EQ(shlist_addafter(l, S("z")), 1);
+  EXPECT_EQ(Contents(l), Strings({"z"}));
+  shlist_delete(l);
+}
+
+TEST_F(List, UpdateSetCurrentAndPutAfter) {
+  SHLIST* l = Make({"a", "b", "c"});
+  shlist_get_first(l);
+  SHLISTNODE* first = shlist_get_handle(l);
+  shlist_get_last(l);
+  EXPECT_EQ(shlist_set_current(l, first), l);
+  EXPECT_STREQ(static_cast<char*>(shlist_update(l, S("A"))), "a");
+  EXPECT_EQ(Contents(l), Strings({"A", "b", "c"}));
+
+  auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
+  node->data = S("a2");
+  EXPECT_EQ(shlist_putafter(l, node), 1);
+  EXPECT_EQ(shlist_get_handle(l), node);
+  EXPECT_EQ(Contents(l), Strings({"A", "a2", "b", "c"}));
+
+  // A node that cannot be linked is freed by the list.
+  shlist_set_current(l, nullptr);
+  const uint32_t before = live();
+  node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
+  node->data = S("lost");
+  EXPECT_EQ(shlist_putafter(l, node), 0);
+  EXPECT_EQ(live(), before);
+  EXPECT_EQ(shlist_get_count(l), 4);
+  shlist_delete(l);
+}
+
+TEST_F(List, NullHandleIsTolerated) {
+  EXPECT_EQ(shlist_get_count(nullptr), 0);
+  EXPECT_EQ(shlist_get_first(nullptr), nullptr);
+  EXPECT_EQ(shlist_get_last(nullptr), nullptr);
+  EXPECT_EQ(shlist_get_next(nullptr), nullptr);
+  EXPECT_EQ(shlist_insert(nullptr, S("a")), 0);
+  EXPECT_EQ(shlist_addafter(nullptr, S("a")), 0);
+  EXPECT_EQ(shlist_addbefore(nullptr, S("a")), 0);
+  EXPECT_EQ(shlist_remove(nullptr), nullptr);
+  EXPECT_EQ(shlist_sort(nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(shlist_traversal(nullptr, 0, nullptr), 1);
+  shlist_delete(nullptr);
+}
+
+struct Visit {
+  std::vector<std::string> seen;
+  std::string stop_at;
+};
+
+int32_t Visitor(void* data, intptr_t param) {
+  auto* v = reinterpret_cast<Visit*>(param);
+  v->seen.emplace_back(static_cast<const char*>(data));
+  return v->seen.back() == v->stop_at ? 0 : static_cast<int32_t>(v->seen.size()) + 10;
+}
+
+TEST_F(List, TraversalStopsAtZeroAndKeepsThePosition) {
+  SHLIST* l = Make({"a", "b", "c"});
+  shlist_get_first(l);
+  shlist_get_next(l);
+  SHLISTNODE* pos = shlist_get_handle(l);
+
+  Visit all;
+  EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&all), Visitor), 13);
+  EXPECT_EQ(all.seen, Strings({"a", "b", "c"}));
+  Visit some{{}, "b"};
+  EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&some), Visitor), 0);
+  EXPECT_EQ(some.seen, Strings({"a", "b"}));
+  EXPECT_EQ(shlist_get_handle(l), pos);
+
+  SHLIST* empty = shlist_new(heap_, 0);
+  Visit none;
+  EXPECT_EQ(shlist_traversal(empty, reinterpret_cast<intptr_t>(&none), Visitor), 1);
+  EXPECT_TRUE(none.seen.empty());
+  shlist_delete(empty);
+  shlist_delete(l);
+}
+
+int32_t ByLength(void* a, void* b) {
+  return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) -
+         static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
+}
+
+int32_t Descending(intptr_t param, void* a, void* b) {
+  ++*reinterpret_cast<int*>(param);
+  return std::strcmp(static_cast<char*>(b), static_cast<char*>(a));
+}
+
+Strings ArrayStrings(void** a, int n) {
+  Strings out;
+  for (int i = 0; i < n; ++i) out.emplace_back(static_cast<const char*>(a[i]));
+  return out;
+}
+
+TEST_F(List, SortFlags) {
+  const uint32_t base = live();
+  // 1 | 2: the list is rebuilt in order and no array comes back.
+  SHLIST* l = Make({"b", "a", "c"});
+  EXPECT_EQ(shlist_sort(l, nullptr, SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY), nullptr);
+  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
+  EXPECT_EQ(Cur(l), "c");
+  shlist_delete(l);
+
+  // 0: the list is unchanged; the sorted array belongs to the caller.
+  l = Make({"ccc", "a", "bb"}, 9);
+  void** arr = shlist_sort(l, ByLength, 0);
+  ASSERT_NE(arr, nullptr);
+  EXPECT_EQ(ArrayStrings(arr, 3), Strings({"a", "bb", "ccc"}));
+  EXPECT_EQ(Contents(l), Strings({"ccc", "a", "bb"}));
+  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, arr), 9u);  // the list's pool
+  zbstg_free(heap_, arr);
+
+  // 4: the list is emptied, the data are only in the array.
+  arr = shlist_sort(l, ByLength, SHLIST_SORT_EMPTY);
+  ASSERT_NE(arr, nullptr);
+  EXPECT_EQ(ArrayStrings(arr, 3), Strings({"a", "bb", "ccc"}));
+  EXPECT_EQ(Contents(l), Strings{});
+  zbstg_free(heap_, arr);
+  EXPECT_EQ(shlist_sort(l, ByLength, 0), nullptr);  // empty list
+  shlist_delete(l);
+
+  // 1 with a parameter: list rebuilt and array returned.
+  l = Make({"m", "z", "a", "q"});
+  int calls = 0;
+  arr = shlist_sort_param(l, reinterpret_cast<intptr_t>(&calls), Descending, SHLIST_SORT_REBUILD);
+  ASSERT_NE(arr, nullptr);
+  EXPECT_GT(calls, 0);
+  EXPECT_EQ(ArrayStrings(arr, 4), Strings({"z", "q", "m", "a"}));
+  EXPECT_EQ(Contents(l), Strings({"z", "q", "m", "a"}));
+  zbstg_free(heap_, arr);
+  shlist_delete(l);
+  EXPECT_EQ(live(), base);
+}
+
+TEST_F(List, NullComparisonUsesTheSystemCollation) {
+  SHLIST* l = Make({"beta", "Alpha", "alpha", "Beta", "gamma", "10", "9", "", "_x"});
+  void** arr = shlist_sort(l, nullptr, 0);
+  ASSERT_NE(arr, nullptr);
+  for (int i = 0; i + 1 < 9; ++i) {
+    EXPECT_LE(zbshr::plat::lstrcmpA(static_cast<char*>(arr[i]), static_cast<char*>(arr[i + 1])), 0)
+        << i;
+  }
+  zbstg_free(heap_, arr);
+  shlist_delete(l);
+}
+
+TEST_F(List, NodesLiveInTheListsPoolAndAreAllFreed) {
+  const uint32_t base = live();
+  SHLIST* l = Make({"a", "b"}, 7);
+  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, l), 7u);
+  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, l->first), 7u);
+  for (int i = 0; i < 1000; ++i) shlist_insert(l, S("x"));
+  EXPECT_EQ(live(), base + 1003);
+  shlist_delete(l);
+  EXPECT_EQ(live(), base);
+
+  // deleteFree also frees the data, in the list's heap.
+  l = shlist_new(heap_, 3);
+  for (int i = 0; i < 10; ++i) {
+    char* s = static_cast<char*>(zbstg_alloc(heap_, 8, 3));
+    std::strcpy(s, "data");
+    shlist_insert(l, s);
+  }
+  EXPECT_EQ(live(), base + 21);
+  EXPECT_EQ(shlist_deleteFree(l), 0);
+  EXPECT_EQ(live(), base);
+}
+
+}  // namespace
