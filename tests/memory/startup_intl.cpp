@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -23,8 +24,9 @@ class Intl : public ::testing::Test {
     const char* home = std::getenv("ZBSHR_HOME");
     if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
     std::string dir = zbshr::plat::ConfigDir();
-    std::string mk = "mkdir -p '" + dir + "'";
-    ASSERT_EQ(std::system(mk.c_str()), 0);
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    ASSERT_FALSE(ec) << dir;
     ini_ = dir + "/win.ini";
   }
   void TearDown() override {
