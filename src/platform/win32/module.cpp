@@ -1,7 +1,11 @@
 // Modules on Windows: the real module table of the process.
-#include <windows.h>
-
+// platform.h comes first: the Windows headers define many of its names as macros.
 #include "platform/platform.h"
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
 
 namespace zbshr::plat {
 

@@ -1,0 +1,359 @@
+// The Windows backend: every service forwards to the real API. Handles cross
+// the boundary through intptr_t (file handles) or as they are (memory,
+// windows, registry keys). Fault injection applies here too, so tests of the
+// layers above behave the same on both systems.
+//
+// platform.h comes first: the Windows headers define many of its names as
+// macros with the same values.
+#include "platform/platform.h"
+#include "platform/internal.h"
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+namespace zbshr::plat {
+namespace {
+
+HANDLE H(HFILE f) { return reinterpret_cast<HANDLE>(static_cast<intptr_t>(f)); }
+HFILE F(HANDLE h) { return static_cast<HFILE>(reinterpret_cast<intptr_t>(h)); }
+::HKEY K(HKEY k) { return static_cast<::HKEY>(k); }
+
+std::atomic<UINT> g_codepage{0};  // 0: the system's ANSI code page
+
+}  // namespace
+
+// ---------------------------------------------------------------- errors
+DWORD GetLastError() { return static_cast<DWORD>(::GetLastError()); }
+void SetLastError(DWORD code) { ::SetLastError(code); }
+
+// ---------------------------------------------------------------- global memory
+HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
+  if (detail::FaultFires(Fault::GlobalAlloc)) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return ::GlobalAlloc(flags, bytes);
+}
+
+void* GlobalLock(HGLOBAL h) {
+  if (detail::FaultFires(Fault::GlobalLock)) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return ::GlobalLock(h);
+}
+
+BOOL GlobalUnlock(HGLOBAL h) { return ::GlobalUnlock(h); }
+
+HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
+  if (detail::FaultFires(Fault::GlobalAlloc)) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return ::GlobalReAlloc(h, bytes, flags);
+}
+
+size_t GlobalSize(HGLOBAL h) { return ::GlobalSize(h); }
+HGLOBAL GlobalFree(HGLOBAL h) { return ::GlobalFree(h); }
+
+// ---------------------------------------------------------------- files
+HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition,
+                  DWORD flags_and_attributes) {
+  if (detail::FaultFires(Fault::Open)) {
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE;
+  }
+  HANDLE h = ::CreateFileA(name, access, share, nullptr, disposition, flags_and_attributes, nullptr);
+  return h == INVALID_HANDLE_VALUE ? INVALID_HANDLE : F(h);
+}
+
+BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
+  if (got) *got = 0;
+  if (detail::FaultFires(Fault::Read)) {
+    ::SetLastError(ERROR_READ_FAULT);
+    return 0;
+  }
+  ::DWORD done = 0;
+  BOOL ok = ::ReadFile(H(f), buf, n, &done, nullptr);
+  if (got) *got = static_cast<DWORD>(done);
+  return ok;
+}
+
+BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
+  if (put) *put = 0;
+  DWORD want = n;
+  bool short_write = detail::FaultFires(Fault::Write);
+  if (short_write) want = n / 2;
+  ::DWORD done = 0;
+  BOOL ok = ::WriteFile(H(f), buf, want, &done, nullptr);
+  if (put) *put = static_cast<DWORD>(done);
+  if (ok && short_write) ::SetLastError(ERROR_DISK_FULL);
+  return ok;
+}
+
+DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
+  if (detail::FaultFires(Fault::Seek)) {
+    ::SetLastError(ERROR_SEEK);
+    return INVALID_SET_FILE_POINTER;
+  }
+  ::LONG hi = high ? *high : 0;
+  ::DWORD r = ::SetFilePointer(H(f), distance, high ? &hi : nullptr, method);
+  if (high) *high = hi;
+  return static_cast<DWORD>(r);
+}
+
+BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
+  if (detail::FaultFires(Fault::Seek)) {
+    ::SetLastError(ERROR_SEEK);
+    return 0;
+  }
+  LARGE_INTEGER d, r;
+  d.QuadPart = distance;
+  r.QuadPart = 0;
+  BOOL ok = ::SetFilePointerEx(H(f), d, &r, method);
+  if (ok && new_pos) *new_pos = r.QuadPart;
+  return ok;
+}
+
+BOOL SetEndOfFile(HFILE f) { return ::SetEndOfFile(H(f)); }
+
+DWORD GetFileSize(HFILE f, DWORD* high) {
+  ::DWORD hi = 0;
+  ::DWORD r = ::GetFileSize(H(f), high ? &hi : nullptr);
+  if (high) *high = static_cast<DWORD>(hi);
+  return static_cast<DWORD>(r);
+}
+
+BOOL GetFileSizeEx(HFILE f, int64_t* size) {
+  LARGE_INTEGER s;
+  s.QuadPart = 0;
+  BOOL ok = ::GetFileSizeEx(H(f), &s);
+  if (ok && size) *size = s.QuadPart;
+  return ok;
+}
+
+BOOL FlushFileBuffers(HFILE f) { return ::FlushFileBuffers(H(f)); }
+BOOL CloseHandle(HFILE f) { return ::CloseHandle(H(f)); }
+BOOL DeleteFileA(const char* name) { return ::DeleteFileA(name); }
+BOOL MoveFileExA(const char* from, const char* to, DWORD flags) { return ::MoveFileExA(from, to, flags); }
+DWORD GetFileAttributesA(const char* name) { return static_cast<DWORD>(::GetFileAttributesA(name)); }
+
+BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
+  FILETIME written;
+  if (!::GetFileTime(H(f), nullptr, nullptr, &written)) return 0;
+  uint64_t ticks = (static_cast<uint64_t>(written.dwHighDateTime) << 32) | written.dwLowDateTime;
+  // 100-nanosecond ticks since 1601 to seconds since 1970.
+  if (seconds) *seconds = static_cast<int64_t>(ticks / 10000000ull) - 11644473600ll;
+  return 1;
+}
+
+DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
+                  char** file_part) {
+  return static_cast<DWORD>(::SearchPathA(path, file, ext, size, buf, file_part));
+}
+
+DWORD GetFullPathNameA(const char* name, DWORD size, char* buf, char** file_part) {
+  return static_cast<DWORD>(::GetFullPathNameA(name, size, buf, file_part));
+}
+
+UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* out) {
+  return ::GetTempFileNameA(dir, prefix, unique, out);
+}
+
+DWORD GetTempPathA(DWORD size, char* buf) { return static_cast<DWORD>(::GetTempPathA(size, buf)); }
+
+DWORD GetCurrentDirectoryA(DWORD size, char* buf) {
+  return static_cast<DWORD>(::GetCurrentDirectoryA(size, buf));
+}
+
+DWORD GetModuleFileNameA(HINSTANCE module, char* buf, DWORD size) {
+  return static_cast<DWORD>(::GetModuleFileNameA(static_cast<HMODULE>(module), buf, size));
+}
+
+int32_t _lread(HFILE f, void* buf, UINT n) {
+  DWORD got = 0;
+  return ReadFile(f, buf, n, &got) ? static_cast<int32_t>(got) : HFILE_ERROR;
+}
+
+int32_t _lwrite(HFILE f, const void* buf, UINT n) {
+  DWORD put = 0;
+  return WriteFile(f, buf, n, &put) ? static_cast<int32_t>(put) : HFILE_ERROR;
+}
+
+LONG _llseek(HFILE f, LONG offset, int origin) {
+  int64_t pos = 0;
+  if (!SetFilePointerEx(f, offset, &pos, static_cast<DWORD>(origin))) return HFILE_ERROR;
+  return static_cast<LONG>(pos);
+}
+
+HFILE _lclose(HFILE f) { return CloseHandle(f) ? 0 : HFILE_ERROR; }
+
+std::string NativePath(const char* name) { return name ? std::string(name) : std::string(); }
+
+// ---------------------------------------------------------------- profiles and registry
+DWORD GetProfileStringA(const char* section, const char* key, const char* def, char* buf,
+                        DWORD size) {
+  return static_cast<DWORD>(::GetProfileStringA(section, key, def, buf, size));
+}
+
+UINT GetProfileIntA(const char* section, const char* key, int32_t def) {
+  return ::GetProfileIntA(section, key, def);
+}
+
+BOOL WriteProfileStringA(const char* section, const char* key, const char* value) {
+  return ::WriteProfileStringA(section, key, value);
+}
+
+DWORD GetPrivateProfileStringA(const char* section, const char* key, const char* def, char* buf,
+                               DWORD size, const char* file) {
+  return static_cast<DWORD>(::GetPrivateProfileStringA(section, key, def, buf, size, file));
+}
+
+UINT GetPrivateProfileIntA(const char* section, const char* key, int32_t def, const char* file) {
+  return ::GetPrivateProfileIntA(section, key, def, file);
+}
+
+BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
+                                const char* file) {
+  return ::WritePrivateProfileStringA(section, key, value, file);
+}
+
+LONG RegCreateKeyExA(HKEY key, const char* subkey, DWORD reserved, char* cls, DWORD options,
+                     DWORD sam, void* security, HKEY* result, DWORD* disposition) {
+  ::HKEY out = nullptr;
+  ::DWORD disp = 0;
+  LONG r = ::RegCreateKeyExA(K(key), subkey, reserved, cls, options, sam,
+                             static_cast<LPSECURITY_ATTRIBUTES>(security), &out, &disp);
+  if (result) *result = out;
+  if (disposition) *disposition = static_cast<DWORD>(disp);
+  return r;
+}
+
+LONG RegOpenKeyExA(HKEY key, const char* subkey, DWORD options, DWORD sam, HKEY* result) {
+  ::HKEY out = nullptr;
+  LONG r = ::RegOpenKeyExA(K(key), subkey, options, sam, &out);
+  if (result) *result = out;
+  return r;
+}
+
+LONG RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, uint8_t* data, DWORD* size) {
+  ::DWORD t = 0, s = size ? *size : 0;
+  LONG r = ::RegQueryValueExA(K(key), name, nullptr, type ? &t : nullptr, data, size ? &s : nullptr);
+  if (type) *type = static_cast<DWORD>(t);
+  if (size) *size = static_cast<DWORD>(s);
+  return r;
+}
+
+LONG RegSetValueExA(HKEY key, const char* name, DWORD reserved, DWORD type, const uint8_t* data,
+                    DWORD size) {
+  return ::RegSetValueExA(K(key), name, reserved, type, data, size);
+}
+
+LONG RegDeleteValueA(HKEY key, const char* name) { return ::RegDeleteValueA(K(key), name); }
+LONG RegFlushKey(HKEY key) { return ::RegFlushKey(K(key)); }
+LONG RegCloseKey(HKEY key) { return ::RegCloseKey(K(key)); }
+
+std::string ConfigDir() {
+  char buf[MAX_PATH + 1];
+  UINT n = ::GetWindowsDirectoryA(buf, sizeof buf);
+  if (n == 0 || n >= sizeof buf) return std::string("C:\\Windows");
+  std::string dir(buf, n);
+  while (dir.size() > 3 && (dir.back() == '\\' || dir.back() == '/')) dir.pop_back();
+  return dir;
+}
+
+// ---------------------------------------------------------------- user interface
+void ResetMessageBoxScript() {}
+
+int MessageBoxA(HWND owner, const char* text, const char* caption, UINT style) {
+  int answer = 0;
+  if (detail::CallMessageBoxHandler(text, caption, style, &answer)) return answer;
+  return ::MessageBoxA(static_cast<::HWND>(owner), text, caption, style);
+}
+
+BOOL MessageBeep(UINT type) { return ::MessageBeep(type); }
+HWND GetActiveWindow() { return ::GetActiveWindow(); }
+
+void FatalAppExitA(UINT action, const char* text) {
+  ::FatalAppExitA(action, text);
+  ::ExitProcess(3);
+}
+
+HINSTANCE ModuleInstance() {
+  HMODULE module = nullptr;
+  ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                           GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCSTR>(&ModuleInstance), &module);
+  return module;
+}
+
+DWORD GetVersion() {
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#endif
+  return static_cast<DWORD>(::GetVersion());
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+}
+
+// ---------------------------------------------------------------- clipboard
+BOOL OpenClipboard(HWND owner) { return ::OpenClipboard(static_cast<::HWND>(owner)); }
+BOOL EmptyClipboard() { return ::EmptyClipboard(); }
+
+HGLOBAL SetClipboardData(UINT format, HGLOBAL mem) {
+  if (format == CF_TEXT && mem) {
+    // Keep a copy for zbshr_clipboard_text before the system takes the block.
+    if (const char* p = static_cast<const char*>(::GlobalLock(mem))) {
+      size_t size = ::GlobalSize(mem), n = 0;
+      while (n < size && p[n] != '\0') ++n;
+      detail::SetClipboardText(std::string(p, n));
+      ::GlobalUnlock(mem);
+    }
+  }
+  return ::SetClipboardData(format, mem);
+}
+
+BOOL CloseClipboard() { return ::CloseClipboard(); }
+
+// ---------------------------------------------------------------- clock
+void GetLocalTime(SYSTEMTIME* t) {
+  if (!t) return;
+  ::SYSTEMTIME st;
+  ::GetLocalTime(&st);
+  t->wYear = st.wYear;
+  t->wMonth = st.wMonth;
+  t->wDayOfWeek = st.wDayOfWeek;
+  t->wDay = st.wDay;
+  t->wHour = st.wHour;
+  t->wMinute = st.wMinute;
+  t->wSecond = st.wSecond;
+  t->wMilliseconds = st.wMilliseconds;
+}
+
+DWORD GetTickCount() { return static_cast<DWORD>(::GetTickCount()); }
+
+// ---------------------------------------------------------------- character set
+BOOL IsDBCSLeadByte(uint8_t c) { return detail::IsLeadByteIn(GetACP(), c) ? 1 : 0; }
+
+UINT GetACP() {
+  UINT cp = g_codepage.load(std::memory_order_relaxed);
+  return cp ? cp : ::GetACP();
+}
+
+void SetACP(UINT codepage) { g_codepage.store(codepage, std::memory_order_relaxed); }
+
+int lstrcmpA(const char* a, const char* b) { return ::lstrcmpA(a ? a : "", b ? b : ""); }
+int lstrcmpiA(const char* a, const char* b) { return ::lstrcmpiA(a ? a : "", b ? b : ""); }
+
+}  // namespace zbshr::plat
