@@ -132,7 +132,7 @@ void dbase3_header_rest(ExportState* s, Out& out) {
 
 int32_t dbase_column(ExportState* s, const char* name, int32_t width, int32_t type,
                      const DbaseRules& r, bool dbase3) {
-  if (s == nullptr || s->cur_col < 0 || s->cur_col >= s->cols) return 0;
+  if (s == nullptr) return 0;
   const int32_t w = dbase_width(r, width, static_cast<uint8_t>(type));
   if (w < 0) return 0;  // a field cannot be narrower than nothing
   if (ex::column_store(s, name, w, type) == nullptr) return 0;

