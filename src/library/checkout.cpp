@@ -1,0 +1,277 @@
+// Library files: check-out records. Each library keeps one byte string of
+// records {other library, entry name, user, status byte}; every change
+// rewrites the whole string as a new data chain.
+#include <algorithm>
+
+#include "library/lm.h"
+#include "zbshr/memory.h"
+
+using namespace zbshr::lm;
+
+namespace {
+
+struct Record {
+  size_t start = 0, end = 0;  // bytes [start, end) of the list
+  std::string other, name, user;
+  char status = 0;
+};
+
+// Splits a list into records; false when it ends inside a record.
+bool parse(const std::vector<uint8_t>& list, std::vector<Record>* out) {
+  const char* b = reinterpret_cast<const char*>(list.data());
+  size_t p = 0, n = list.size();
+  while (p < n) {
+    Record r;
+    r.start = p;
+    std::string* f[3] = {&r.other, &r.name, &r.user};
+    for (auto s : f) {
+      const void* z = std::memchr(b + p, 0, n - p);
+      if (!z) return false;
+      size_t e = size_t(static_cast<const char*>(z) - b);
+      s->assign(b + p, e - p);
+      p = e + 1;
+    }
+    if (p >= n) return false;
+    r.status = b[p++];
+    r.end = p;
+    out->push_back(std::move(r));
+  }
+  return true;
+}
+
+void appendRecord(std::vector<uint8_t>* list, const std::string& other, const char* name,
+                  const std::string& user, char status) {
+  for (const std::string& s : {other, std::string(name), user}) {
+    list->insert(list->end(), s.begin(), s.end());
+    list->push_back(0);
+  }
+  list->push_back(uint8_t(status));
+}
+
+// Rewrites the list of `h` with one record added.
+int32_t addRecord(Library* h, const std::string& other, const char* name, const std::string& user,
+                  char status) {
+  std::vector<uint8_t> list;
+  if (readList(h, &list)) return LMI_E_IO;
+  appendRecord(&list, other, name, user, status);
+  int32_t rc = writeList(h, list, true);
+  durable(h);
+  return rc;
+}
+
+template <class F>
+int32_t guard(F&& f) {
+  try {
+    return f();
+  } catch (...) {
+    return LMI_E_IO;
+  }
+}
+
+// Closes a library opened here (keeping nothing open on failure).
+void finish(Library* h) {
+  if (h && closeLibrary(h)) destroy(h);
+}
+
+}  // namespace
+
+namespace zbshr::lm {
+
+int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
+                           bool onlyIfPresent) {
+  *status = 0;
+  std::vector<uint8_t> list;
+  if (readList(h, &list)) return LMI_E_IO;
+  std::vector<Record> recs;
+  parse(list, &recs);
+  for (const Record& r : recs)
+    if (r.name == name) {
+      *other = r.other;
+      *status = r.status;
+      list.erase(list.begin() + long(r.start), list.begin() + long(r.end));
+      break;
+    }
+  if (onlyIfPresent && *status == 0) return 0;
+  int32_t rc = writeList(h, list, true);
+  durable(h);
+  return rc;
+}
+
+}  // namespace zbshr::lm
+
+ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePath,
+                                     char* workPath, char* user) {
+  if (!name || !sourcePath || !workPath || !user) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  return guard([&]() -> int32_t {
+    lowerInPlace(name);
+    lowerInPlace(sourcePath);
+    lowerInPlace(workPath);
+    Library* s = openLibrary(heap, sourcePath, 2, 0);
+    if (!s) return LMI_E_IO;
+    Library* w = openLibrary(heap, workPath, 2, 0);
+    if (!w) {
+      finish(s);
+      return LMI_E_IO;
+    }
+    int32_t rc = addRecord(s, w->path, name, user, 'd');
+    if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
+    finish(w);
+    finish(s);
+    return rc;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
+                                    char* sourcePath) {
+  if (!name || !workPath || !sourcePath) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  return guard([&]() -> int32_t {
+    lowerInPlace(name);
+    lowerInPlace(workPath);
+    Library* w = openLibrary(heap, workPath, 2, 0);
+    if (!w) return LMI_E_IO;
+    std::vector<uint8_t> list;
+    if (readList(w, &list)) {
+      finish(w);
+      return LMI_E_IO;
+    }
+    std::vector<Record> recs;
+    parse(list, &recs);
+    Record found;
+    for (const Record& r : recs)
+      if (r.name == name) {
+        found = r;
+        break;
+      }
+    std::strcpy(sourcePath, found.other.c_str());
+    Library* s = found.other.empty() ? nullptr : openLibrary(heap, found.other.c_str(), 2, 0);
+    if (!s) {
+      finish(w);
+      return LMI_E_IO;
+    }
+    std::string other;
+    char status;
+    int32_t rc = dropCheckOutRecord(w, name, &other, &status);
+    if (rc == 0) {
+      rc = dropCheckOutRecord(s, name, &other, &status);
+      if (rc) addRecord(w, found.other, name, found.user, 's');
+    }
+    finish(s);
+    finish(w);
+    return rc;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_CheckRegisterEntry(ZBSTG_HEAP heap, char* libraryPath, char* name) {
+  if (!libraryPath || !name) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  return guard([&]() -> int32_t {
+    lowerInPlace(libraryPath);
+    lowerInPlace(name);
+    Library* h = openLibrary(heap, libraryPath, 2, 0);
+    if (!h) return LMI_E_IO;
+    int32_t rc = addRecord(h, "", name, "", 'r');
+    finish(h);
+    return rc;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_CheckClearRegEntry(ZBSTG_HEAP heap, char* libraryPath, char* name) {
+  if (!libraryPath || !name) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  return guard([&]() -> int32_t {
+    lowerInPlace(libraryPath);
+    lowerInPlace(name);
+    Library* h = openLibrary(heap, libraryPath, 2, 0);
+    if (!h) return LMI_E_IO;
+    std::string other;
+    char status;
+    int32_t rc = dropCheckOutRecord(h, name, &other, &status);
+    finish(h);
+    return rc;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_IsEntryCheckedOut(LMI_HANDLE handle, char* name, char* userOut,
+                                         char* statusOut, char* otherLibraryOut) {
+  Library* h = H(handle);
+  if (!h) return LMI_E_NULL_HANDLE;
+  if (h->state || h->listing) return LMI_E_BUSY;
+  if (!name) return LMI_E_ARGUMENT;
+  if (userOut) userOut[0] = 0;
+  if (statusOut) *statusOut = 0;
+  if (otherLibraryOut) otherLibraryOut[0] = 0;
+  return guard([&]() -> int32_t {
+    lowerInPlace(name);
+    std::vector<uint8_t> list;
+    if (readList(h, &list)) return LMI_E_IO;
+    std::vector<Record> recs;
+    parse(list, &recs);
+    for (const Record& r : recs)
+      if (r.name == name) {
+        if (userOut) std::strcpy(userOut, r.user.c_str());
+        if (statusOut) *statusOut = r.status;
+        if (otherLibraryOut) std::strcpy(otherLibraryOut, r.other.c_str());
+        if (r.status == 'r') return LMI_E_REGISTERED;
+        if (r.status == 'd' || r.status == 's') return LMI_E_CHECKED_OUT;
+        return 0;
+      }
+    return 0;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_GetCheckOutEntries(LMI_HANDLE handle, void* buffer) {
+  Library* h = H(handle);
+  if (!h) return LMI_E_NULL_HANDLE;
+  if (!buffer) return LMI_E_NULL_BUFFER;
+  if (h->state || h->listing) return LMI_E_BUSY;
+  if (h->mode != 1) return LMI_E_NOT_READABLE;
+  return guard([&]() -> int32_t {
+    std::vector<uint8_t> list;
+    if (rd32(h->fixed + hdr::kListLen) == 0 || readList(h, &list)) return LMI_E_IO;
+    std::memcpy(buffer, list.data(), list.size());
+    return 0;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_SetCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath, const void* bytes,
+                                          int32_t count) {
+  if (!libraryPath) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  if (!bytes) return LMI_E_NULL_BUFFER;
+  if (count <= 0) return LMI_E_ZERO_LENGTH;
+  return guard([&]() -> int32_t {
+    lowerInPlace(libraryPath);
+    Library* h = openLibrary(heap, libraryPath, 2, 0);
+    if (!h) return LMI_E_IO;
+    const uint8_t* b = static_cast<const uint8_t*>(bytes);
+    // The old chain is not freed: its blocks stay marked in use.
+    int32_t rc = writeList(h, std::vector<uint8_t>(b, b + count), false);
+    durable(h);
+    finish(h);
+    return rc ? LMI_E_IO : 0;
+  });
+}
+
+ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath,
+                                           LMI_CHECKOUTCALLBACK callback, void* userData) {
+  if (!libraryPath) return LMI_E_ARGUMENT;
+  if (!heap) return LMI_E_NULL_HEAP;
+  return guard([&]() -> int32_t {
+    lowerInPlace(libraryPath);
+    Library* h = openLibrary(heap, libraryPath, 1, 0);
+    if (!h) return LMI_E_IO;
+    std::vector<uint8_t> list;
+    int32_t rc = readList(h, &list) ? LMI_E_IO : 0;
+    finish(h);
+    if (rc) return rc;
+    std::vector<Record> recs;
+    bool whole = parse(list, &recs);
+    for (Record& r : recs) {
+      LMI_CHECKOUTINFO info{r.other.c_str(), r.name.c_str(), r.user.c_str(), r.status};
+      if (callback) callback(&info, userData);
+    }
+    return whole ? 0 : LMI_E_IO;
+  });
+}

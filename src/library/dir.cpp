@@ -1,0 +1,492 @@
+// Library files: the entry directory, a binary tree of directory nodes each
+// holding a range of names (every name in a left subtree sorts below the
+// node's names, every name in a right subtree above them).
+#include <algorithm>
+
+#include "library/lm.h"
+#include "zbshr/memory.h"
+
+namespace zbshr::lm {
+
+uint8_t* rootImg(Library* h) { return h->fixed + 1024; }
+uint32_t rootOff(Library* h) { return h->base + 1024; }
+
+static bool validNode(Library* h, const uint8_t* img) {
+  if (std::memcmp(img, "NOD*", 4) != 0) return false;
+  uint32_t freeb = rd16(img + node::kFree);
+  if (freeb > h->entrySpace) return false;
+  uint32_t end = kNodeHead + h->entrySpace - freeb;
+  uint32_t count = 0, minOff = rd16(img + node::kMin), maxOff = rd16(img + node::kMax);
+  bool minOk = false, maxOk = false;
+  for (uint32_t p = kNodeHead; p < end;) {
+    if (p + kRecHead > end || std::memcmp(img + p, "ENT*", 4) != 0) return false;
+    uint32_t nl = rd16(img + p + rec::kNameLen);
+    if (nl == 0 || p + kRecHead + nl > end) return false;
+    const uint8_t* name = img + p + kRecHead;
+    if (name[nl - 1] != 0 || std::memchr(name, 0, nl - 1)) return false;
+    if (p + kRecHead == minOff) minOk = true;
+    if (p + kRecHead == maxOff) maxOk = true;
+    ++count;
+    p += kRecHead + nl;
+  }
+  if (count != rd16(img + node::kCount)) return false;
+  return count == 0 || (minOk && maxOk);
+}
+
+int32_t nodeImg(Library* h, uint32_t off, uint8_t** img) {
+  if (off == rootOff(h)) {
+    *img = rootImg(h);
+    if (!validNode(h, *img)) return LMI_E_DAMAGED;
+    return 0;
+  }
+  auto it = h->nodes.find(off);
+  if (it != h->nodes.end()) {
+    *img = it->second;
+    return 0;
+  }
+  if (off < uint64_t(h->base) + h->fixedSize || (off - h->base) % kBlock ||
+      uint64_t(off) + h->nodeSize > h->fsize)
+    return LMI_E_DAMAGED;
+  uint8_t* p = static_cast<uint8_t*>(zbstg_alloc(h->heap, h->nodeSize, 0));
+  uint32_t got = 0;
+  int32_t rc = readAt(h, off, p, h->nodeSize, &got);
+  if (rc == 0 && (got != h->nodeSize || !validNode(h, p))) rc = LMI_E_DAMAGED;
+  if (rc) {
+    zbstg_free(h->heap, p);
+    return rc;
+  }
+  h->nodes.emplace(off, p);
+  *img = p;
+  return 0;
+}
+
+int32_t writeNode(Library* h, uint32_t off) {
+  uint8_t* img;
+  if (off == rootOff(h))
+    img = rootImg(h);
+  else {
+    auto it = h->nodes.find(off);
+    if (it == h->nodes.end()) return LMI_E_DAMAGED;
+    img = it->second;
+  }
+  return writeAt(h, off, img, h->nodeSize);
+}
+
+uint8_t* recordPtr(Library* h, uint32_t nodeOff, uint32_t recOff) {
+  uint8_t* img;
+  if (nodeImg(h, nodeOff, &img)) return nullptr;
+  return img + recOff;
+}
+
+static const char* nameAt(const uint8_t* img, uint32_t nameOff) {
+  return reinterpret_cast<const char*>(img + nameOff);
+}
+
+// Compares a name with one node: kFound (record offset in *recOff), kAbsent,
+// kRight or kLeft.
+static int compareNode(Library* h, const uint8_t* img, const char* name, uint32_t* recOff) {
+  uint32_t count = rd16(img + node::kCount);
+  if (count == 0) return kAbsent;
+  uint32_t mn = rd16(img + node::kMin), mx = rd16(img + node::kMax);
+  int c = std::strcmp(name, nameAt(img, mn));
+  if (c == 0) {
+    *recOff = mn - kRecHead;
+    return kFound;
+  }
+  if (c < 0) return kLeft;
+  c = std::strcmp(name, nameAt(img, mx));
+  if (c > 0) return kRight;
+  if (c == 0) {
+    *recOff = mx - kRecHead;
+    return kFound;
+  }
+  uint32_t end = kNodeHead + h->entrySpace - rd16(img + node::kFree);
+  for (uint32_t p = kNodeHead; p < end; p += kRecHead + rd16(img + p + rec::kNameLen))
+    if (std::strcmp(name, nameAt(img, p + kRecHead)) == 0) {
+      *recOff = p;
+      return kFound;
+    }
+  return kAbsent;
+}
+
+static int32_t searchFrom(Library* h, uint32_t off, const char* name, Search* s, bool tolerant,
+                          uint32_t depth) {
+  uint64_t limit = h->fsize / h->nodeSize + 2;
+  for (;;) {
+    if (++depth > limit) return LMI_E_DAMAGED;
+    uint8_t* img;
+    int32_t rc = nodeImg(h, off, &img);
+    if (rc) return rc;
+    s->path.push_back(off);
+    uint32_t recOff = 0;
+    int r = compareNode(h, img, name, &recOff);
+    if (r == kFound) {
+      s->result = kFound;
+      s->node = off;
+      s->rec = recOff;
+      return kFound;
+    }
+    if (r == kAbsent) {
+      s->result = kAbsent;
+      s->node = off;
+      if (tolerant) {
+        for (uint32_t child : {rd32(img + node::kLeft), rd32(img + node::kRight)}) {
+          if (!child) continue;
+          Search t;
+          t.path = s->path;
+          rc = searchFrom(h, child, name, &t, true, depth);
+          if (rc == kFound) {
+            *s = t;
+            return kFound;
+          }
+        }
+      }
+      return kAbsent;
+    }
+    uint32_t child = rd32(img + (r == kRight ? node::kRight : node::kLeft));
+    if (!child) {
+      s->result = r;
+      s->node = off;
+      return kAbsent;
+    }
+    off = child;
+  }
+}
+
+int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant) {
+  *s = Search{};
+  return searchFrom(h, rootOff(h), name, s, tolerant, 0);
+}
+
+// ---- node editing
+
+static void recomputeMinMax(Library* h, uint8_t* img) {
+  uint32_t end = kNodeHead + h->entrySpace - rd16(img + node::kFree);
+  uint32_t mn = 0, mx = 0;
+  for (uint32_t p = kNodeHead; p < end; p += kRecHead + rd16(img + p + rec::kNameLen)) {
+    uint32_t n = p + kRecHead;
+    if (!mn || std::strcmp(nameAt(img, n), nameAt(img, mn)) < 0) mn = n;
+    if (!mx || std::strcmp(nameAt(img, n), nameAt(img, mx)) > 0) mx = n;
+  }
+  wr16(img + node::kMin, uint16_t(mn));
+  wr16(img + node::kMax, uint16_t(mx));
+}
+
+// Appends a record; returns its offset in the node.
+static uint32_t appendRecord(Library* h, uint8_t* img, const uint8_t* recb, uint32_t len) {
+  uint32_t freeb = rd16(img + node::kFree);
+  uint32_t at = kNodeHead + h->entrySpace - freeb;
+  std::memcpy(img + at, recb, len);
+  uint32_t count = rd16(img + node::kCount);
+  wr16(img + node::kCount, uint16_t(count + 1));
+  wr16(img + node::kFree, uint16_t(freeb - len));
+  uint32_t n = at + kRecHead;
+  if (count == 0) {
+    wr16(img + node::kMin, uint16_t(n));
+    wr16(img + node::kMax, uint16_t(n));
+  } else {
+    if (std::strcmp(nameAt(img, n), nameAt(img, rd16(img + node::kMin))) < 0)
+      wr16(img + node::kMin, uint16_t(n));
+    if (std::strcmp(nameAt(img, n), nameAt(img, rd16(img + node::kMax))) > 0)
+      wr16(img + node::kMax, uint16_t(n));
+  }
+  return at;
+}
+
+static uint32_t recSize(const uint8_t* img, uint32_t recOff) {
+  return kRecHead + rd16(img + recOff + rec::kNameLen);
+}
+
+static void removeRecordAt(Library* h, uint8_t* img, uint32_t recOff) {
+  uint32_t len = recSize(img, recOff);
+  uint32_t freeb = rd16(img + node::kFree);
+  uint32_t end = kNodeHead + h->entrySpace - freeb;
+  std::memmove(img + recOff, img + recOff + len, end - recOff - len);
+  std::memset(img + end - len, 0, len);
+  wr16(img + node::kCount, uint16_t(rd16(img + node::kCount) - 1));
+  wr16(img + node::kFree, uint16_t(freeb + len));
+  recomputeMinMax(h, img);
+}
+
+static int32_t newNode(Library* h, uint32_t parent, uint32_t* off) {
+  uint32_t nb = h->nodeSize / kBlock;
+  uint32_t offs[6];
+  int32_t rc = allocBlocks(h, nb, true, false, offs);
+  if (rc) return rc;
+  for (uint32_t t = 1; t < nb; ++t)
+    if (offs[t] != offs[0] + t * kBlock) return LMI_E_DAMAGED;
+  uint8_t* img = static_cast<uint8_t*>(zbstg_alloc(h->heap, h->nodeSize, 0));
+  std::memset(img, 0, h->nodeSize);
+  std::memcpy(img, "NOD*", 4);
+  wr32(img + node::kParent, parent);
+  wr16(img + node::kFree, uint16_t(h->entrySpace));
+  h->nodes[offs[0]] = img;
+  *off = offs[0];
+  return writeNode(h, offs[0]);
+}
+
+static int32_t freeNode(Library* h, uint32_t off) {
+  uint32_t nb = h->nodeSize / kBlock;
+  uint32_t offs[6];
+  for (uint32_t t = 0; t < nb; ++t) offs[t] = off + t * kBlock;
+  int32_t rc = markBlocks(h, nb, offs, false);
+  if (rc) return rc;
+  auto it = h->nodes.find(off);
+  if (it != h->nodes.end()) {
+    zbstg_free(h->heap, it->second);
+    h->nodes.erase(it);
+  }
+  return 0;
+}
+
+static int32_t setParent(Library* h, uint32_t child, uint32_t parent) {
+  if (!child) return 0;
+  uint8_t* img;
+  int32_t rc = nodeImg(h, child, &img);
+  if (rc) return rc;
+  wr32(img + node::kParent, parent);
+  return writeNode(h, child);
+}
+
+// Moves one record from `from` into `to` (which has room).
+static void moveRecord(Library* h, uint8_t* from, uint32_t recOff, uint8_t* to) {
+  uint8_t tmp[3072];
+  uint32_t len = recSize(from, recOff);
+  std::memcpy(tmp, from + recOff, len);
+  removeRecordAt(h, from, recOff);
+  appendRecord(h, to, tmp, len);
+}
+
+static uint32_t smallestRec(const uint8_t* img) { return rd16(img + node::kMin) - kRecHead; }
+static uint32_t greatestRec(const uint8_t* img) { return rd16(img + node::kMax) - kRecHead; }
+
+// Moves records of `img` into the node `dst`, smallest first (or greatest
+// first), while the node lacks room, the record fits and does not cross `name`.
+static void moveRun(Library* h, uint8_t* img, uint8_t* dst, const char* name, uint32_t need,
+                    bool smallestFirst) {
+  while (rd16(img + node::kFree) < need && rd16(img + node::kCount) > 0) {
+    uint32_t r = smallestFirst ? smallestRec(img) : greatestRec(img);
+    int c = std::strcmp(nameAt(img, r + kRecHead), name);
+    if (smallestFirst ? c > 0 : c < 0) break;
+    if (rd16(dst + node::kFree) < recSize(img, r)) break;
+    moveRecord(h, img, r, dst);
+  }
+}
+
+// Makes room for a record of `need` bytes in a full node whose range holds the name.
+static int32_t makeRoom(Library* h, uint32_t off, uint32_t parent, const char* name,
+                        uint32_t need) {
+  uint8_t* img;
+  int32_t rc = nodeImg(h, off, &img);
+  if (rc) return rc;
+  auto freeOf = [](const uint8_t* p) { return uint32_t(rd16(p + node::kFree)); };
+  auto tryOne = [&](uint32_t dstOff, bool smallest) -> int32_t {
+    uint8_t* dst;
+    int32_t e = nodeImg(h, dstOff, &dst);
+    if (e) return e;
+    uint32_t r = smallest ? smallestRec(img) : greatestRec(img);
+    uint32_t len = recSize(img, r);
+    if (freeOf(dst) < len || freeOf(img) + len < need) return 0;
+    moveRecord(h, img, r, dst);
+    e = writeNode(h, dstOff);
+    return e ? e : 1;
+  };
+  // (a) up into the parent
+  if (parent) {
+    uint8_t* pimg;
+    rc = nodeImg(h, parent, &pimg);
+    if (rc) return rc;
+    if (rd32(pimg + node::kRight) == off && !rd32(img + node::kLeft))
+      rc = tryOne(parent, true);
+    else if (rd32(pimg + node::kLeft) == off && !rd32(img + node::kRight))
+      rc = tryOne(parent, false);
+    if (rc < 0) return rc;
+    if (rc == 1) return writeNode(h, off);
+  }
+  // (b) into a left child that has no right child
+  if (uint32_t l = rd32(img + node::kLeft)) {
+    uint8_t* limg;
+    rc = nodeImg(h, l, &limg);
+    if (rc) return rc;
+    if (!rd32(limg + node::kRight)) {
+      rc = tryOne(l, true);
+      if (rc < 0) return rc;
+      if (rc == 1) return writeNode(h, off);
+    }
+  }
+  // (c) into a right child that has no left child
+  if (uint32_t r = rd32(img + node::kRight)) {
+    uint8_t* rimg;
+    rc = nodeImg(h, r, &rimg);
+    if (rc) return rc;
+    if (!rd32(rimg + node::kLeft)) {
+      rc = tryOne(r, false);
+      if (rc < 0) return rc;
+      if (rc == 1) return writeNode(h, off);
+    }
+  }
+  // (d) a new left child, (e) a new right child, (f) a new node between the
+  // node and its left subtree, then the same on the right.
+  bool made[2] = {false, false};
+  for (int step = 0; step < 4 && freeOf(img) < need; ++step) {
+    bool left = step == 0 || step == 2;
+    bool between = step >= 2;
+    uint32_t side = left ? node::kLeft : node::kRight;
+    uint32_t old = rd32(img + side);
+    if (!between && old) continue;
+    if (between && made[left ? 0 : 1]) continue;
+    if (!rd16(img + node::kCount)) break;
+    {
+      uint32_t r0 = left ? smallestRec(img) : greatestRec(img);
+      int c = std::strcmp(nameAt(img, r0 + kRecHead), name);
+      if (left ? c > 0 : c < 0) continue;  // nothing on this side can move
+    }
+    if (!between) made[left ? 0 : 1] = true;
+    uint32_t n;
+    rc = newNode(h, off, &n);
+    if (rc) return rc;
+    uint8_t* nimg = h->nodes[n];
+    // newNode may have read other nodes; re-fetch our own image pointer
+    rc = nodeImg(h, off, &img);
+    if (rc) return rc;
+    if (between && old) {
+      wr32(nimg + side, old);
+      rc = setParent(h, old, n);
+      if (rc) return rc;
+    }
+    wr32(img + side, n);
+    moveRun(h, img, nimg, name, need, left);
+    rc = writeNode(h, n);
+    if (rc) return rc;
+  }
+  rc = writeNode(h, off);
+  if (rc) return rc;
+  return freeOf(img) >= need ? 0 : LMI_E_ARGUMENT;
+}
+
+int32_t insertEntry(Library* h, const char* name, Search* s) {
+  uint32_t nl = uint32_t(std::strlen(name)) + 1;
+  uint32_t need = kRecHead + nl;
+  if (need > h->entrySpace) return LMI_E_ARGUMENT;
+  uint8_t recb[3072] = {};
+  std::memcpy(recb, "ENT*", 4);
+  std::memcpy(recb + rec::kVersion, "0500", 4);
+  wr32(recb + rec::kTime, uint32_t(now32()));
+  wr16(recb + rec::kNameLen, uint16_t(nl));
+  std::memcpy(recb + kRecHead, name, nl);
+
+  uint32_t off = s->node;
+  uint8_t* img;
+  int32_t rc = nodeImg(h, off, &img);
+  if (rc) return rc;
+  if (rd16(img + node::kFree) < need) {
+    if (s->result == kRight || s->result == kLeft) {
+      uint32_t n;
+      rc = newNode(h, off, &n);
+      if (rc) return rc;
+      rc = nodeImg(h, off, &img);
+      if (rc) return rc;
+      wr32(img + (s->result == kRight ? node::kRight : node::kLeft), n);
+      rc = writeNode(h, off);
+      if (rc) return rc;
+      off = n;
+    } else {
+      uint32_t parent = s->path.size() >= 2 ? s->path[s->path.size() - 2] : 0;
+      rc = makeRoom(h, off, parent, name, need);
+      if (rc) return rc;
+    }
+    rc = nodeImg(h, off, &img);
+    if (rc) return rc;
+  }
+  uint32_t at = appendRecord(h, img, recb, need);
+  rc = writeNode(h, off);
+  if (rc) return rc;
+  s->result = kFound;
+  s->node = off;
+  s->rec = at;
+  return 0;
+}
+
+// A node left empty by a removal is taken out of the tree (never the root's
+// position: the root takes over its only child instead).
+static int32_t dropEmptyNode(Library* h, uint32_t off, uint32_t parent) {
+  uint8_t* img;
+  int32_t rc = nodeImg(h, off, &img);
+  if (rc) return rc;
+  uint32_t l = rd32(img + node::kLeft), r = rd32(img + node::kRight);
+  if (l && r) {
+    // Hang the right subtree on the right side of the left subtree.
+    uint32_t rm = l;
+    uint64_t limit = h->fsize / h->nodeSize + 2, steps = 0;
+    for (;;) {
+      if (++steps > limit) return LMI_E_DAMAGED;
+      uint8_t* m;
+      rc = nodeImg(h, rm, &m);
+      if (rc) return rc;
+      uint32_t next = rd32(m + node::kRight);
+      if (!next) break;
+      rm = next;
+    }
+    uint8_t* m;
+    rc = nodeImg(h, rm, &m);
+    if (rc) return rc;
+    wr32(m + node::kRight, r);
+    rc = writeNode(h, rm);
+    if (rc) return rc;
+    rc = setParent(h, r, rm);
+    if (rc) return rc;
+    rc = nodeImg(h, off, &img);
+    if (rc) return rc;
+    wr32(img + node::kRight, 0);
+    r = 0;
+  }
+  uint32_t child = l ? l : r;
+  if (off != rootOff(h)) {
+    uint8_t* pimg;
+    rc = nodeImg(h, parent, &pimg);
+    if (rc) return rc;
+    if (rd32(pimg + node::kLeft) == off) wr32(pimg + node::kLeft, child);
+    if (rd32(pimg + node::kRight) == off) wr32(pimg + node::kRight, child);
+    rc = writeNode(h, parent);
+    if (rc) return rc;
+    rc = setParent(h, child, parent);
+    if (rc) return rc;
+    return freeNode(h, off);
+  }
+  if (!child) return writeNode(h, off);
+  uint8_t* cimg;
+  rc = nodeImg(h, child, &cimg);
+  if (rc) return rc;
+  std::memcpy(rootImg(h), cimg, h->nodeSize);
+  wr32(rootImg(h) + node::kParent, 0);
+  rc = freeNode(h, child);
+  if (rc) return rc;
+  rc = writeNode(h, off);
+  if (rc) return rc;
+  rc = setParent(h, rd32(rootImg(h) + node::kLeft), off);
+  if (rc) return rc;
+  return setParent(h, rd32(rootImg(h) + node::kRight), off);
+}
+
+int32_t removeEntry(Library* h, const char* name, bool removeRecord) {
+  Search s;
+  int32_t rc = findEntry(h, name, &s);
+  if (rc < 0) return rc;
+  if (rc != kFound) return LMI_E_NOT_FOUND;
+  uint8_t* img;
+  rc = nodeImg(h, s.node, &img);
+  if (rc) return rc;
+  uint8_t* r = img + s.rec;
+  rc = freeChain(h, rd32(r + rec::kLength), rd32(r + rec::kFirst));
+  if (rc) return rc;
+  if (!removeRecord) {
+    wr32(r + rec::kFirst, 0);
+    return writeNode(h, s.node);
+  }
+  removeRecordAt(h, img, s.rec);
+  if (rd16(img + node::kCount) > 0) return writeNode(h, s.node);
+  uint32_t parent = s.path.size() >= 2 ? s.path[s.path.size() - 2] : 0;
+  return dropEmptyNode(h, s.node, parent);
+}
+
+}  // namespace zbshr::lm

@@ -1,0 +1,248 @@
+// Library files: the handle and the block-level machinery shared by the
+// exported LMI_ functions (lmi.cpp, checkout.cpp) and the checker (verify.cpp).
+//
+// On-disk layout (all integers little-endian, all stored positions absolute
+// file offsets): block 0 header "HDR*", block 1 first free-space bitmap
+// "FRE*", then the root directory node "NOD*" (3072 bytes in the large
+// layout, 1024 in the old one). Entries live in directory nodes as "ENT*"
+// records; their data in chains of "DAT*" blocks of 502 payload bytes.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/platform.h"
+#include "zbshr/library.h"
+
+namespace zbshr::lm {
+
+constexpr uint32_t kBlock = 512;
+constexpr uint32_t kPayload = 502;
+constexpr uint32_t kBitsPerMap = 4032;
+constexpr uint32_t kMapRange = kBitsPerMap * kBlock;  // 2,064,384 bytes of file
+constexpr uint32_t kMaxOffset = 0x7FFFFFFFu;
+constexpr uint32_t kRecHead = 24;
+constexpr uint32_t kNodeHead = 32;
+constexpr int32_t kDefaultReadAhead = 16384;
+constexpr int32_t kMaxReadAhead = 64000;
+
+// Field offsets.
+namespace hdr {
+constexpr uint32_t kVersion = 18, kCreated = 22, kComment = 28, kListFirst = 284, kListLen = 288;
+}
+namespace node {
+constexpr uint32_t kLeft = 4, kParent = 8, kRight = 12, kFree = 16, kMax = 18, kCount = 20,
+                   kMin = 22;
+}
+namespace rec {
+constexpr uint32_t kVersion = 4, kFirst = 8, kLength = 12, kTime = 16, kCommentLen = 20,
+                   kNameLen = 22;
+}
+
+inline uint32_t rd32(const uint8_t* p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+inline uint16_t rd16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
+inline void wr32(uint8_t* p, uint32_t v) {
+  p[0] = uint8_t(v);
+  p[1] = uint8_t(v >> 8);
+  p[2] = uint8_t(v >> 16);
+  p[3] = uint8_t(v >> 24);
+}
+inline void wr16(uint8_t* p, uint16_t v) {
+  p[0] = uint8_t(v);
+  p[1] = uint8_t(v >> 8);
+}
+
+// Result of a directory search.
+enum : int { kFound = 1, kAbsent = 2, kRight = 3, kLeft = 4 };
+
+struct Bitmap {
+  uint32_t off = 0;
+  uint8_t* img = nullptr;  // 512 bytes (the first one points into the header copy)
+  bool dirty = false;
+};
+
+struct Search {
+  int result = kAbsent;         // kFound, kAbsent, kRight or kLeft
+  uint32_t node = 0;            // node where the search ended
+  uint32_t rec = 0;             // record offset inside that node when found
+  std::vector<uint32_t> path;   // nodes from the root down to `node`
+};
+
+// A reader of one data chain, independent of the entry in hand.
+struct ChainReader {
+  uint32_t next = 0;       // next block to read, 0 at the end
+  uint32_t left = 0;       // bytes of the chain still to deliver
+  uint32_t blocksLeft = 0; // blocks the chain may still have (guards cycles)
+  uint8_t* buf = nullptr;  // read-ahead buffer
+  uint32_t bufSize = 0;
+  uint32_t bufOff = 0;     // file offset of buf[0]
+  uint32_t bufLen = 0;     // bytes valid in buf
+  uint32_t cur = 0;        // offset in buf of the block in hand
+  uint32_t unread = 0;     // payload bytes of the block in hand not yet delivered
+  uint32_t pos = 0;        // payload position inside the block in hand
+  bool inHand = false;
+};
+
+struct Library {
+  ZBSTG_HEAP heap = nullptr;
+  plat::HFILE file = plat::INVALID_HANDLE;
+  int32_t mode = 0;
+  uint32_t base = 0;
+  std::string path;  // absolute, normalised, lower case
+  uint8_t* fixed = nullptr;  // header copy (4096 bytes + a guard zero)
+  uint32_t nodeSize = 3072, entrySpace = 3040, fixedSize = 4096;
+  uint64_t fsize = 0;  // current file length
+
+  // Directory nodes other than the root, by file offset (heap blocks).
+  std::unordered_map<uint32_t, uint8_t*> nodes;
+
+  // Free-space bitmaps; [0] is the one inside the header copy.
+  std::vector<Bitmap> maps;
+  bool mapsLoaded = false;
+  uint32_t freeHint = 0;  // no clear bit below this block index
+
+  // Entry in hand.
+  int state = 0;  // 0 none, 1 reading, 3 writing
+  bool listing = false;
+  uint32_t eNode = 0, eRec = 0;
+  char comment[256] = {};
+
+  // Data buffer and its block offset table.
+  int32_t readAhead = kDefaultReadAhead;
+  uint8_t* dbuf = nullptr;
+  uint32_t* dtab = nullptr;
+  uint32_t dblocks = 0;  // blocks the buffer holds
+
+  // Writer.
+  uint32_t wWaiting = 0;  // blocks waiting in the buffer
+  uint32_t wFree = 0;     // free payload bytes in the last of them
+  uint32_t keptOff = 0;   // last block already written (rewritten with its next)
+  uint8_t kept[kBlock] = {};
+  uint32_t wFirst = 0;    // first block of the chain being written
+  uint32_t wLength = 0;   // bytes written to the chain so far
+  bool appending = false;
+  bool freed = false;
+
+  // Reader of the entry in hand.
+  ChainReader rd;
+
+  bool trailer = false;
+  bool kept_by_session = false;
+  bool writeThrough = true;
+};
+
+// ---- utilities
+void lowerInPlace(char* s);
+// Absolute, normalised path (lower-cased); empty when the path service rejects it.
+std::string fullPath(const char* path);
+bool isExecutableOrLibrary(const std::string& path);
+bool isExecutable(const std::string& path);
+int32_t now32();
+bool writeThroughSetting();
+void setWriteThrough(bool on);
+
+// ---- entry level (lmi.cpp)
+Library* H(LMI_HANDLE h);
+void durable(Library* h);
+int32_t openRead(Library* h, const char* name, bool tolerant);
+int32_t openWrite(Library* h, const char* name, const char* comment);
+int32_t closeEntry(Library* h);
+// Removes the first check-out record of `name` (rewriting the list); reports
+// the record's other library and status (0 when there was none).
+int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
+                           bool onlyIfPresent = false);
+
+// ---- block I/O with the disk-error dialog
+int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got = nullptr);
+int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n);
+
+// ---- opening and closing
+Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
+int32_t closeLibrary(Library* h);
+void destroy(Library* h);
+
+// ---- bitmaps
+int32_t loadMaps(Library* h);
+int32_t flushMaps(Library* h);
+int32_t allocBlocks(Library* h, uint32_t count, bool contiguous, bool mayRetryScattered,
+                    uint32_t* out);
+// Toggles each block's bit; `allocating` says whether the bits must be clear
+// (allocation) or set (freeing) beforehand: a mismatch is damage and changes nothing.
+int32_t markBlocks(Library* h, uint32_t count, uint32_t* offs, bool allocating);
+bool blockInUse(Library* h, uint32_t off);
+int32_t freeChain(Library* h, uint32_t length, uint32_t first);
+int32_t releaseTail(Library* h);
+
+// ---- directory
+uint8_t* rootImg(Library* h);
+uint32_t rootOff(Library* h);
+int32_t nodeImg(Library* h, uint32_t off, uint8_t** img);
+int32_t writeNode(Library* h, uint32_t off);
+int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant = false);
+int32_t insertEntry(Library* h, const char* name, Search* s);
+int32_t removeEntry(Library* h, const char* name, bool removeRecord);
+uint8_t* recordPtr(Library* h, uint32_t nodeOff, uint32_t recOff);
+// Visits every record in directory order; stops on a negative return of `fn`.
+template <class F>
+int32_t walkTree(Library* h, F&& fn);
+
+// ---- data
+bool validDataOffset(Library* h, uint32_t off);
+void readerStart(Library* h, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
+                 uint32_t bufSize);
+// Copies up to n bytes; returns the count (0 at the end) or an error.
+int32_t readerRead(Library* h, ChainReader* r, void* out, uint32_t n);
+void writerStart(Library* h);
+int32_t appendData(Library* h, const void* bytes, uint32_t count);
+int32_t flushData(Library* h);
+// Writes `count` bytes as a new chain (nothing in hand); returns its first block in *first.
+int32_t writeChain(Library* h, const void* bytes, uint32_t count, uint32_t* first);
+// Reads a whole chain of `length` bytes into `out`.
+int32_t readChain(Library* h, uint32_t first, uint32_t length, std::vector<uint8_t>* out);
+
+// ---- check-out list
+int32_t readList(Library* h, std::vector<uint8_t>* out);
+int32_t writeList(Library* h, const std::vector<uint8_t>& bytes, bool freeOld);
+
+// ---- checker
+struct VerifyReport {
+  std::vector<std::string> problems;
+  uint32_t entries = 0, nodes = 0, dataBlocks = 0, freeBlocks = 0, blocks = 0, maps = 0;
+  uint32_t listBytes = 0;
+  bool ok() const { return problems.empty(); }
+};
+VerifyReport verify(Library* h);
+
+// Walk in directory order: the node's records in stored order, then the left
+// subtree, then the right subtree.
+template <class F>
+int32_t walkTree(Library* h, F&& fn) {
+  std::vector<uint32_t> stack{rootOff(h)};
+  uint64_t limit = h->fsize / h->nodeSize + 2, visited = 0;
+  while (!stack.empty()) {
+    uint32_t off = stack.back();
+    stack.pop_back();
+    if (++visited > limit) return LMI_E_DAMAGED;
+    uint8_t* img;
+    int32_t rc = nodeImg(h, off, &img);
+    if (rc < 0) return rc;
+    uint32_t used = h->entrySpace - rd16(img + node::kFree);
+    for (uint32_t p = kNodeHead; p < kNodeHead + used;) {
+      uint32_t len = kRecHead + rd16(img + p + rec::kNameLen);
+      rc = fn(off, p);
+      if (rc < 0) return rc;
+      p += len;
+    }
+    uint32_t l = rd32(img + node::kLeft), r = rd32(img + node::kRight);
+    if (r) stack.push_back(r);
+    if (l) stack.push_back(l);
+  }
+  return 0;
+}
+
+}  // namespace zbshr::lm
