@@ -13,6 +13,10 @@
 
 ZBSHR_BEGIN_DECLS
 
+/* Heap blocks are only 4-byte aligned, so the records the containers keep in
+ * heap blocks are packed to 4 bytes. */
+#pragma pack(push, 4)
+
 /* ---- Linked list --------------------------------------------------------- */
 
 /* A list node. Nodes form a ring: the first node's `prev` is the last node
@@ -35,6 +39,8 @@ typedef struct SHLIST {
   uint32_t pool;       /* pool of the nodes and of the array a sort returns */
   int32_t count;       /* number of nodes */
 } SHLIST;
+
+#pragma pack(pop)
 
 /* Traversal callback: called with (data, param); 0 stops the walk. */
 typedef int32_t (*SHLIST_VISIT)(void *data, intptr_t param);
@@ -97,7 +103,9 @@ ZBSHR_API(void *) shlist_remove(SHLIST *list);
  * position is neither used nor changed. */
 ZBSHR_API(int32_t) shlist_traversal(SHLIST *list, intptr_t param, SHLIST_VISIT visit);
 /* Sorts the data into a new array of `count` pointers allocated in the
- * list's heap and pool (the caller frees it with zbstg_free). A null
+ * list's heap and pool (the caller frees it with zbstg_free). Like every heap
+ * block the array is only 4-byte aligned: where the processor insists on
+ * aligned pointers, read its elements with memcpy. A null
  * comparison compares the data as strings in the system's collation order.
  * See the SHLIST_SORT_* flags; flags 0 leave the list unchanged. Null for a
  * null handle or an empty list. */
@@ -114,10 +122,17 @@ ZBSHR_API(void **) shlist_sort_param(SHLIST *list, intptr_t param, SH_COMPARE_PA
 typedef void *(*SHHASH_KEYFN)(void *data);
 typedef void *(*SHHASH_KEYFN_ARG)(intptr_t arg, void *data);
 
+#pragma pack(push, 4)
+
+/* One bucket: its list, null until the bucket's first insertion. */
+typedef struct SHHASH_SLOT {
+  SHLIST *list;
+} SHHASH_SLOT;
+
 typedef struct SHHASH {
   ZBSTG_HEAP heap;       /* heap of the table, bucket array and bucket lists */
   uint32_t pool;         /* pool of all of them */
-  SHLIST **buckets;      /* bucket lists, each null until its first insertion */
+  SHHASH_SLOT *buckets;  /* bucket-count slots */
   SHHASH_KEYFN keyfn;    /* null: the data pointer is the key */
   intptr_t keyarg;       /* 0: keyfn takes only the data */
   int32_t bucket_count;  /* fixed at creation */
@@ -126,6 +141,8 @@ typedef struct SHHASH {
   int32_t unique;        /* non-zero: shhash_insert refuses duplicate keys */
   int32_t list_keys;     /* non-zero: keys are lists of strings */
 } SHHASH;
+
+#pragma pack(pop)
 
 typedef struct SHHASH_STAT {
   double expected_chain; /* items / buckets, never below 1.0 */
@@ -168,6 +185,7 @@ ZBSHR_API(SHHASH_STAT *) shhash_statistics(SHHASH *table, SHHASH_STAT *stat);
 
 /* ---- Growable blocks ----------------------------------------------------- */
 
+#pragma pack(push, 4)
 typedef struct SH_GRWBLK {
   void *data;         /* null until the first growth */
   int32_t step;       /* grow step, in items (never 0) */
@@ -175,6 +193,7 @@ typedef struct SH_GRWBLK {
   int32_t count;      /* items in use */
   int32_t item_size;  /* bytes */
 } SH_GRWBLK;
+#pragma pack(pop)
 
 ZBSHR_API(void) sh_grwblk_init(SH_GRWBLK *block, int32_t step, int32_t item_size);
 ZBSHR_API(SH_GRWBLK *) sh_new_grwblk(ZBSTG_HEAP heap, int32_t step, int32_t item_size,
@@ -197,7 +216,8 @@ ZBSHR_API(void *) sh_grwblk_close(ZBSTG_HEAP heap, SH_GRWBLK *block, int32_t *co
 
 /* ---- Sorting and searching ----------------------------------------------- */
 
-/* In-place heap sort of `count` pointers into ascending order (not stable). */
+/* In-place heap sort of `count` pointers into ascending order (not stable).
+ * The array needs only 4-byte alignment (a heap block will do). */
 ZBSHR_API(void) sh_heapsort(void **array, int32_t count, SH_COMPARE compare);
 ZBSHR_API(void) sh_hugeheapsort(void **array, int32_t count, SH_COMPARE compare);
 ZBSHR_API(void) sh_heapsort_param(intptr_t param, void **array, int32_t count,

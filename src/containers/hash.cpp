@@ -95,16 +95,16 @@ bool find(SHHASH* t, const void* key, void** data) {
   *data = nullptr;
   if (!has_buckets(t)) return false;
   t->current = bucket_of(t, key);
-  SHLIST* list = t->buckets[t->current];
+  SHLIST* list = t->buckets[t->current].list;
   return find_from(t, list, list ? list->first : nullptr, key, data);
 }
 
 void delete_lists(SHHASH* t) {
   if (!t->buckets) return;
   for (int32_t i = 0; i < t->bucket_count; ++i) {
-    if (t->buckets[i]) {
-      shlist_delete(t->buckets[i]);
-      t->buckets[i] = nullptr;
+    if (t->buckets[i].list) {
+      shlist_delete(t->buckets[i].list);
+      t->buckets[i].list = nullptr;
     }
   }
 }
@@ -121,7 +121,7 @@ SHHASH* shhash_new(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t 
 SHHASH* shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t list_keys,
                        ZBSTG_HEAP heap, uint32_t pool, intptr_t keyarg) {
   if (buckets < 0) buckets = 0;
-  const uint64_t bytes = static_cast<uint64_t>(buckets) * sizeof(SHLIST*);
+  const uint64_t bytes = static_cast<uint64_t>(buckets) * sizeof(SHHASH_SLOT);
   if (bytes > UINT32_MAX) return nullptr;
   auto* t = static_cast<SHHASH*>(zbstg_alloc(heap, sizeof(SHHASH), pool));
   if (!t) return nullptr;
@@ -136,7 +136,7 @@ SHHASH* shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int3
   t->unique = unique;
   t->list_keys = list_keys;
   if (buckets > 0) {
-    t->buckets = static_cast<SHLIST**>(zbstg_alloc(heap, static_cast<uint32_t>(bytes), pool));
+    t->buckets = static_cast<SHHASH_SLOT*>(zbstg_alloc(heap, static_cast<uint32_t>(bytes), pool));
     if (!t->buckets) {
       zbstg_free(heap, t);
       return nullptr;
@@ -165,11 +165,12 @@ int32_t shhash_insert(SHHASH* table, void* data) {
   void* found;
   if (table->unique && find(table, key, &found)) return 2;
   table->current = bucket_of(table, key);
-  SHLIST*& list = table->buckets[table->current];
-  if (!list) {
-    list = shlist_new(table->heap, table->pool);
-    if (!list) return 0;
+  SHHASH_SLOT& slot = table->buckets[table->current];
+  if (!slot.list) {
+    slot.list = shlist_new(table->heap, table->pool);
+    if (!slot.list) return 0;
   }
+  SHLIST* list = slot.list;
   const int32_t r = shlist_insert(list, data);
   if (r == 1) ++table->item_count;
   return r;
@@ -185,7 +186,7 @@ void* shhash_search_unique(SHHASH* table, const void* key) { return shhash_searc
 
 void* shhash_searchNext(SHHASH* table, const void* key) {
   if (!has_buckets(table)) return nullptr;
-  SHLIST* list = table->buckets[table->current];
+  SHLIST* list = table->buckets[table->current].list;
   if (!list || !list->current) return nullptr;
   SHLISTNODE* start = list->current == list->last ? nullptr : list->current->next;
   void* data;
@@ -196,12 +197,12 @@ void* shhash_searchNext(SHHASH* table, const void* key) {
 SHLIST* shhash_searchSlot(SHHASH* table, const void* key) {
   if (!has_buckets(table)) return nullptr;
   table->current = bucket_of(table, key);
-  return table->buckets[table->current];
+  return table->buckets[table->current].list;
 }
 
 void* shhash_remove(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
-  SHLIST* list = table->buckets[table->current];
+  SHLIST* list = table->buckets[table->current].list;
   if (!list) return nullptr;
   void* data = shlist_remove(list);
   if (data) --table->item_count;
@@ -211,9 +212,9 @@ void* shhash_remove(SHHASH* table) {
 void* shhash_get_first(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
   for (int32_t i = 0; i < table->bucket_count; ++i) {
-    if (non_empty(table->buckets[i])) {
+    if (non_empty(table->buckets[i].list)) {
       table->current = i;
-      return shlist_get_first(table->buckets[i]);
+      return shlist_get_first(table->buckets[i].list);
     }
   }
   return nullptr;
@@ -221,15 +222,15 @@ void* shhash_get_first(SHHASH* table) {
 
 void* shhash_get_next(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
-  SHLIST* list = table->buckets[table->current];
+  SHLIST* list = table->buckets[table->current].list;
   if (list) {
     void* data = shlist_get_next(list);
     if (list->current) return data;
   }
   for (int32_t i = table->current + 1; i < table->bucket_count; ++i) {
-    if (non_empty(table->buckets[i])) {
+    if (non_empty(table->buckets[i].list)) {
       table->current = i;
-      return shlist_get_first(table->buckets[i]);
+      return shlist_get_first(table->buckets[i].list);
     }
   }
   return nullptr;
@@ -239,8 +240,8 @@ int32_t shhash_traversal(SHHASH* table, intptr_t param, SHLIST_VISIT visit) {
   if (!has_buckets(table)) return 1;
   int32_t result = 1;
   for (int32_t i = 0; i < table->bucket_count; ++i) {
-    if (!non_empty(table->buckets[i])) continue;
-    result = shlist_traversal(table->buckets[i], param, visit);
+    if (!non_empty(table->buckets[i].list)) continue;
+    result = shlist_traversal(table->buckets[i].list, param, visit);
     if (result == 0) break;
   }
   return result;
@@ -258,7 +259,7 @@ SHHASH_STAT* shhash_statistics(SHHASH* table, SHHASH_STAT* stat) {
   }
   int32_t used = 0;
   for (int32_t i = 0; table->buckets && i < table->bucket_count; ++i) {
-    const SHLIST* list = table->buckets[i];
+    const SHLIST* list = table->buckets[i].list;
     if (!non_empty(list)) continue;
     ++used;
     if (list->count > stat->longest_chain) stat->longest_chain = list->count;

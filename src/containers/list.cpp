@@ -1,6 +1,8 @@
 // Ring lists with a current position. Every operation at the current
 // position is constant time; the handle keeps the last node so that
 // appending is constant time too.
+#include <cstring>
+
 #include "zbshr/containers.h"
 #include "zbshr/memory.h"
 
@@ -225,8 +227,9 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
   if (!array) return nullptr;
   const bool take = (flags & (SHLIST_SORT_REBUILD | SHLIST_SORT_EMPTY)) != 0;
   SHLISTNODE* node = list->first;
+  auto* bytes = reinterpret_cast<unsigned char*>(array);  // only 4-byte aligned
   for (int32_t i = 0; i < n; ++i) {
-    array[i] = node->data;
+    std::memcpy(bytes + i * sizeof(void*), &node->data, sizeof(void*));
     SHLISTNODE* next = node->next;
     if (take) zbstg_free(list->heap, node);
     node = next;
@@ -237,7 +240,11 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
   }
   sort(array, n);
   if (flags & SHLIST_SORT_REBUILD) {
-    for (int32_t i = 0; i < n; ++i) shlist_insert(list, array[i]);
+    for (int32_t i = 0; i < n; ++i) {
+      void* data;
+      std::memcpy(&data, bytes + i * sizeof(void*), sizeof data);
+      shlist_insert(list, data);
+    }
   }
   if (flags & SHLIST_SORT_NOARRAY) {
     zbstg_free(list->heap, array);

@@ -1,41 +1,67 @@
 // Heap sort of pointer arrays and binary search over sorted arrays.
 #include <cctype>
 #include <cstddef>
+#include <cstring>
 
 #include "zbshr/containers.h"
 
 namespace {
+
+// Arrays of pointers may sit in heap blocks, which are only 4-byte aligned:
+// elements are read and written by copy.
+class Slots {
+ public:
+  explicit Slots(void** a) : p_(reinterpret_cast<unsigned char*>(a)) {}
+  void* get(size_t i) const {
+    void* v;
+    std::memcpy(&v, p_ + i * sizeof(void*), sizeof v);
+    return v;
+  }
+  void set(size_t i, void* v) const { std::memcpy(p_ + i * sizeof(void*), &v, sizeof v); }
+
+ private:
+  unsigned char* p_;
+};
 
 // Places `value` into the max-heap of `len` elements whose hole is at `hole`:
 // the hole first sinks along the larger children to a leaf (one comparison
 // per level), then the value climbs back to its place. This needs about half
 // the comparisons of the textbook sift-down.
 template <class Less>
-void adjust(void** a, size_t hole, size_t len, void* value, Less less) {
+void adjust(Slots a, size_t hole, size_t len, void* value, Less less) {
   const size_t top = hole;
   size_t child;
   while ((child = 2 * hole + 1) < len) {
-    if (child + 1 < len && less(a[child], a[child + 1])) ++child;
-    a[hole] = a[child];
+    void* c = a.get(child);
+    if (child + 1 < len) {
+      void* right = a.get(child + 1);
+      if (less(c, right)) {
+        ++child;
+        c = right;
+      }
+    }
+    a.set(hole, c);
     hole = child;
   }
   while (hole > top) {
     const size_t parent = (hole - 1) / 2;
-    if (!less(a[parent], value)) break;
-    a[hole] = a[parent];
+    void* p = a.get(parent);
+    if (!less(p, value)) break;
+    a.set(hole, p);
     hole = parent;
   }
-  a[hole] = value;
+  a.set(hole, value);
 }
 
 template <class Less>
-void heap_sort(void** a, int32_t count, Less less) {
-  if (!a || count < 2) return;
+void heap_sort(void** array, int32_t count, Less less) {
+  if (!array || count < 2) return;
+  const Slots a(array);
   const size_t len = static_cast<size_t>(count);
-  for (size_t i = len / 2; i-- > 0;) adjust(a, i, len, a[i], less);
+  for (size_t i = len / 2; i-- > 0;) adjust(a, i, len, a.get(i), less);
   for (size_t end = len - 1; end > 0; --end) {
-    void* value = a[end];
-    a[end] = a[0];
+    void* value = a.get(end);
+    a.set(end, a.get(0));
     adjust(a, 0, end, value, less);
   }
 }

@@ -11,7 +11,7 @@ class Grow : public HeapTest {};
 TEST_F(Grow, AddGrowsByTheStep) {
   SH_GRWBLK b;
   sh_grwblk_init(&b, 3, sizeof(int32_t));
-  EXPECT_EQ(b.data, nullptr);
+  EXPECT_EQ(V(b.data), nullptr);
   for (int32_t i = 0; i < 7; ++i) {
     EXPECT_EQ(sh_add_to_grwblk(heap_, &b, &i, 5), i);
     EXPECT_EQ(b.capacity, (i / 3 + 1) * 3);
@@ -106,7 +106,7 @@ TEST_F(Grow, StepZeroIsRefused) {
   EXPECT_EQ(sh_add_to_grwblk(heap_, &b, &v, 0), -1);
   EXPECT_EQ(sh_append_to_grwblk(heap_, &b, &v, 1, 0), -1);
   EXPECT_EQ(sh_set_grwblk_item(heap_, &b, 0, &v, 0), 0);
-  EXPECT_EQ(b.data, nullptr);
+  EXPECT_EQ(V(b.data), nullptr);
   EXPECT_EQ(b.count, 0);
 }
 

@@ -23,6 +23,13 @@ class HeapTest : public ::testing::Test {
   ZBSTG_HEAP heap_ = nullptr;
 };
 
+// The list and table records are packed to 4 bytes; assertions take their
+// pointer fields by value.
+template <class T>
+T V(T x) {
+  return x;
+}
+
 inline void* S(const char* s) { return const_cast<char*>(s); }
 
 // Walks the ring from `first`, checking every link and the ends, and returns
@@ -30,20 +37,20 @@ inline void* S(const char* s) { return const_cast<char*>(s); }
 inline std::vector<std::string> Contents(const SHLIST* list) {
   std::vector<std::string> out;
   if (list->count == 0) {
-    EXPECT_EQ(list->first, nullptr);
-    EXPECT_EQ(list->last, nullptr);
-    EXPECT_EQ(list->current, nullptr);
+    EXPECT_EQ(V(list->first), nullptr);
+    EXPECT_EQ(V(list->last), nullptr);
+    EXPECT_EQ(V(list->current), nullptr);
     return out;
   }
-  EXPECT_EQ(list->first->prev, list->last);
-  EXPECT_EQ(list->last->next, list->first);
+  EXPECT_EQ(V(list->first->prev), V(list->last));
+  EXPECT_EQ(V(list->last->next), V(list->first));
   const SHLISTNODE* n = list->first;
   for (int32_t i = 0; i < list->count; ++i) {
-    EXPECT_EQ(n->next->prev, n);
-    EXPECT_EQ(n->prev->next, n);
+    EXPECT_EQ(V(n->next->prev), n);
+    EXPECT_EQ(V(n->prev->next), n);
     out.emplace_back(n->data ? static_cast<const char*>(n->data) : "<null>");
     if (i + 1 == list->count) {
-      EXPECT_EQ(n, list->last);
+      EXPECT_EQ(n, V(list->last));
     }
     n = n->next;
   }
