@@ -41,7 +41,7 @@ const char* kHelp =
     "--raw prints a decimal result as SIGN SCALE MAGNITUDE instead of text.\n"
     "--batch reads lines 'OPERATION ARGUMENTS...' and answers each with a line\n"
     "'ok RESULT' (followed by ' wCODE' for each reported-only code such as -305)\n"
-    "or 'err CODE'.\n"
+    "or 'err CODE'; after 'parse ' the rest of the line is the text, blanks included.\n"
     "\n"
     "An error prints its code and meaning on standard error and exits with 1;\n"
     "a reported-only code (-305 underflow, -308 fraction dropped) is noted on\n"
@@ -304,7 +304,9 @@ int run_batch(bool raw) {
   std::string line;
   std::string out;
   while (std::getline(std::cin, line)) {
-    auto w = split(line);
+    // "parse TEXT" takes the rest of the line as it stands, blanks included.
+    auto w = line.rfind("parse ", 0) == 0 ? std::vector<std::string>{"parse", line.substr(6)}
+                                          : split(line);
     if (w.empty()) continue;
     Outcome o = evaluate(w, raw);
     if (o.usage) {
