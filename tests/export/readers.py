@@ -6,7 +6,8 @@ usage: readers.py ZBSHR_PROGRAM WORK_FOLDER
 
 The sample result set is written through `zbshr export` in every file format,
 then read with:
-  - xlrd (the BIFF stream), dbfread (dBase III): Python modules;
+  - xlrd (the BIFF stream), dbfread (dBase III), sqlite3 (the SQL script):
+    Python modules;
   - LibreOffice headless (DIF, SYLK, WKS, CSV, BIFF, dBase III), all files
     converted to CSV in one invocation;
   - Gnumeric's ssconvert (the same files), as a second opinion.
@@ -290,6 +291,26 @@ def read_dbfread(res, files):
     compare(res, "dbfread", "dbase3", grid, False)
 
 
+def read_sqlite(res, files):
+    try:
+        import sqlite3
+    except ImportError as e:
+        res.skip("sqlite3", "Python's sqlite3 module is not available (%s)" % e)
+        return
+    with open(files["sql"], encoding="cp1252") as f:
+        script = f.read()
+    db = sqlite3.connect(":memory:")
+    try:
+        db.executescript(script)
+        grid = [list(r) for r in db.execute("SELECT * FROM out_sql")]
+    except sqlite3.Error as e:
+        res.checked += 1
+        res.failures += 1
+        print("FAIL sqlite3 running the SQL script: %s" % e)
+        return
+    compare(res, "sqlite3", "sql", grid, False)
+
+
 def read_csv_file(path):
     with open(path, newline="", encoding="utf-8", errors="replace") as f:
         return [row for row in csv.reader(f)]
@@ -416,7 +437,7 @@ def main():
     os.makedirs(work)
     src = os.path.join(work, "sample.csv")
     write_input(src)
-    exts = {"csv": "csv", "dif": "dif", "sylk": "slk", "excel": "xls", "wk": "wks",
+    exts = {"csv": "csv", "sql": "sql", "dif": "dif", "sylk": "slk", "excel": "xls", "wk": "wks",
             "dbase3": "dbf"}
     files = {}
     for fmt, ext in exts.items():
@@ -441,6 +462,7 @@ def main():
     res = Result()
     read_xlrd(res, files)
     read_dbfread(res, files)
+    read_sqlite(res, files)
     read_libreoffice(res, files, work)
     read_gnumeric(res, files, work)
     print("%d checks, %d failed, skipped: %s" % (res.checked, res.failures,
