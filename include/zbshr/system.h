@@ -118,6 +118,47 @@ ZBSHR_API(int32_t) osFileClose(OSFILE *file, int32_t keep);
 
 /* ---- End of buffered files --------------------------------------------- */
 
+/* ---- Profile files and the start-up path --------------------------------
+ * The host program is recognised from the programs loaded in the process
+ * (on POSIX: the running program's file name, or ZBSHR_HOST_PROGRAM when set,
+ * compared without regard to case, with or without ".exe"): zb050 is the
+ * development environment ("zb"), kw050 and kwrt050 the report tool ("kw"),
+ * dv050 the grid builder ("dv"); anything else counts as the development
+ * environment. Its profile file is <init path><short name>.ini. */
+
+/* The init path (ending in a separator or ':'), with `file` appended when
+ * given; a result that would not fit gives `file` alone. Returns buf. */
+ZBSHR_API(char *) OS_UtilGetInitPath(char *buf, int32_t size, const char *file);
+/* Stores a folder as the init path (an empty one removes the stored path).
+ * Non-zero on success; 0 when the folder holds no profile file of the host
+ * or the store fails. */
+ZBSHR_API(int32_t) OS_UtilPutInitPath(const char *folder);
+/* Private-profile reads and writes on the host's profile file. A write to a
+ * profile file that does not exist removes the stored init path and lands in
+ * the host program's folder. */
+ZBSHR_API(int32_t) OS_UtilGetProfInt(const char *section, const char *key, int32_t def);
+ZBSHR_API(int32_t) OS_UtilGetProfStr(const char *section, const char *key, const char *def,
+                                     char *buf, int32_t size);
+ZBSHR_API(int32_t) OS_UtilPutProfStr(const char *section, const char *key, const char *value);
+/* The shared profile is named by "sharedIni" in section "zb" of the local
+ * profile. Accessible returns the length of that name (0: none). Without a
+ * shared profile, reads give the default and writes fail with 0. */
+ZBSHR_API(int32_t) OS_NetworkSharedProfileAccessible(void);
+ZBSHR_API(int32_t) OS_NetworkGetProfInt(const char *section, const char *key, int32_t def);
+ZBSHR_API(int32_t) OS_NetworkGetProfStr(const char *section, const char *key, const char *def,
+                                        char *buf, int32_t size);
+ZBSHR_API(int32_t) OS_NetworkPutProfStr(const char *section, const char *key, const char *value);
+/* Diagnostics: the recognised host's short name, product name and program
+ * folder (each cut to its buffer); returns 1. */
+ZBSHR_API(int32_t) OS_UtilGetHostInfo(char *short_name, int32_t short_size, char *product,
+                                      int32_t product_size, char *folder, int32_t folder_size);
+/* Diagnostics: the profile file path used for reading (for_writing 0) or
+ * writing (non-zero; this may remove a stored init path whose profile file is
+ * missing, as a write would). Returns the full length of the path. */
+ZBSHR_API(int32_t) OS_UtilGetProfileFile(char *buf, int32_t size, int32_t for_writing);
+
+/* ---- End of profile files ---------------------------------------------- */
+
 ZBSHR_END_DECLS
 
 #endif

@@ -19,6 +19,10 @@ struct StringEntry {
 // Keep the table sorted by id (checked at compile time below). New entries
 // go in their place by number.
 constexpr StringEntry kStrings[] = {
+    // Host programs: "<short name> <product name>".
+    {29, "zb Quillbrander"},
+    {30, "dv DVBuilder"},
+    {31, "kw Kestrel Reports"},
     {107, "Release %d.%d"},
     {108, "This feature is not currently supported on this platform."},
     // Upper-case month names for recognition, short and long in pairs, in
