@@ -288,10 +288,25 @@ bool decode(const Unit* c, std::vector<Node<Unit>>& out) {
   }
 }
 
+// Positions from which the rest of the pattern after a closure is known to
+// fail. at() depends only on the node and the position, so a failure found
+// once holds for every later start: remembering it keeps a closure such as
+// ".*b" over a long text without "b" linear instead of quadratic.
+// The same holds for the run of characters a closure's item matches: a start
+// inside a run already measured ends at the same place.
+template <typename Unit>
+struct FailSpan {
+  const Unit* lo = nullptr;
+  const Unit* hi = nullptr;        // empty when lo is null
+  const Unit* run_lo = nullptr;    // the item matches every unit in
+  const Unit* run_end = nullptr;   // [run_lo, run_end) and fails at run_end
+};
+
 template <typename Unit>
 struct Matcher {
   const Node<Unit>* nodes;
   const Unit* begin;
+  FailSpan<Unit>* fails;  // one per node
 
   // Matches the pattern from node i at p; returns the end of the match or null.
   const Unit* at(size_t i, const Unit* p) const {
@@ -319,21 +334,41 @@ struct Matcher {
       }
       const Unit* start = p;
       const Unit* q = p;
+      FailSpan<Unit>& known = fails[i];
       if (n.closure == kQuest) {
         if (test(n, *q)) ++q;
       } else {
-        if (n.closure == kPlus) {
-          if (!test(n, *q)) return nullptr;
-          ++q;
+        if (known.run_lo != nullptr && p >= known.run_lo && p <= known.run_end) {
+          q = known.run_end;
+        } else {
+          while (test(n, *q)) ++q;
+          known.run_lo = p;
+          known.run_end = q;
         }
-        while (test(n, *q)) ++q;
+        if (n.closure == kPlus && q == p) return nullptr;  // needs one match
       }
       if (nodes[i + 1].kind == kEnd) return q;  // the furthest try succeeds
+      // Back off from the furthest position down to the closure's start.
+      const Unit* const furthest = q;
       for (;;) {
+        if (known.lo != nullptr && q >= known.lo && q <= known.hi) {
+          if (known.lo <= start) break;
+          q = known.lo - 1;
+          continue;
+        }
         if (const Unit* r = at(i + 1, q)) return r;
-        if (q == start) return nullptr;
+        if (q == start) break;
         --q;
       }
+      // Every position in [start, furthest] fails.
+      if (known.lo != nullptr && known.lo <= furthest + 1 && start <= known.hi + 1) {
+        if (start < known.lo) known.lo = start;
+        if (furthest > known.hi) known.hi = furthest;
+      } else {
+        known.lo = start;
+        known.hi = furthest;
+      }
+      return nullptr;
     }
   }
 };
@@ -344,7 +379,8 @@ int32_t count_matches(const Unit* text, const Unit* compiled) {
   std::vector<Node<Unit>> nodes;
   nodes.reserve(16);
   if (!decode(compiled, nodes)) return 0;
-  Matcher<Unit> m{nodes.data(), text};
+  std::vector<FailSpan<Unit>> fails(nodes.size());
+  Matcher<Unit> m{nodes.data(), text, fails.data()};
   const Node<Unit>& first = nodes[0];
 
   if (first.kind == kBol) return m.at(0, text) ? 1 : 0;  // no later start can match
