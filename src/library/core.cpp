@@ -532,6 +532,8 @@ int32_t readerRead(Library* h, ChainReader* r, void* outv, uint32_t n) {
       r->unread = std::min<uint32_t>(used, r->left);
       r->pos = 0;
       r->blocksLeft--;
+      // The last block of a chain ends it; anything else is a cycle or damage.
+      if (r->blocksLeft == 0 && (rd32(blk + 4) != 0 || used < r->left)) return LMI_E_DAMAGED;
     }
     uint32_t take = std::min(r->unread, n - copied);
     std::memcpy(out + copied, r->buf + r->cur + 10 + r->pos, take);
