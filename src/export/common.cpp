@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "export/state.h"
@@ -140,15 +141,21 @@ static char* pool_strdup(ExportState* s, const char* z) {
 ExportState* begin_state(Kind kind, ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
                          int32_t rows, int32_t cols, uint32_t options) {
   if (heap == nullptr || cols < 0) return nullptr;
-  const size_t head = (sizeof(ExportState) + 7) & ~size_t{7};
-  const size_t bytes = head + static_cast<size_t>(cols) * sizeof(ExportColumn);
+  constexpr size_t kAlign = alignof(ExportState) > alignof(ExportColumn) ? alignof(ExportState)
+                                                                        : alignof(ExportColumn);
+  const size_t head = (sizeof(ExportState) + kAlign - 1) & ~(kAlign - 1);
+  const size_t bytes = kAlign + head + static_cast<size_t>(cols) * sizeof(ExportColumn);
   if (bytes > 0x7FFFFFF0u) return nullptr;
   void* mem = zbstg_alloc(heap, static_cast<uint32_t>(bytes), pool);
   if (mem == nullptr) return nullptr;
-  std::memset(mem, 0, bytes);
-  ExportState* s = new (mem) ExportState;
+  std::memset(mem, 0, bytes);  // the record and its columns start zero-filled
+  void* at = mem;
+  size_t space = bytes;
+  std::align(kAlign, head, at, space);
+  ExportState* s = new (at) ExportState;
   std::memset(static_cast<void*>(s), 0, sizeof(ExportState));
-  s->columns = reinterpret_cast<ExportColumn*>(static_cast<char*>(mem) + head);
+  s->block = mem;
+  s->columns = reinterpret_cast<ExportColumn*>(static_cast<char*>(at) + head);
   s->kind = kind;
   s->heap = heap;
   s->pool = pool;
@@ -178,7 +185,7 @@ void free_state(ExportState* s) {
   }
   if (s->clip != nullptr) zbstg_free(heap, s->clip);
   if (s->file_open) osFileClose(&s->file, 0);
-  zbstg_free(heap, s);
+  zbstg_free(heap, s->block);
 }
 
 ExportState* finish_begin(ExportState* s, Out& out) {

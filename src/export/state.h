@@ -36,6 +36,8 @@ struct ExportColumn {
 }  // namespace zbshr::exp
 
 struct ExportState {
+  void* block;  // the heap block holding this record (heap blocks are only
+                // 4-byte aligned; the record starts at the next multiple of 8)
   ZBSTG_HEAP heap;
   uint32_t pool;
   int32_t rows;         // row count given to Begin

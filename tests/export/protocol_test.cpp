@@ -88,7 +88,8 @@ TEST_F(Protocol, EndReleasesEverythingWhateverThePointReached) {
       ExportState* h = f.begin(heap_, pool, path(std::string("r.") + f.name).c_str(), 5, 3,
                                OSSAVE_HEADINGS);
       ASSERT_NE(h, nullptr);
-      EXPECT_EQ(zbstg_get_pointer_subpool(heap_, h), pool);
+      EXPECT_EQ(zbstg_get_pointer_subpool(heap_, h->block), pool);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(h) % alignof(ExportState), 0u);
       if (stop >= 1) {
         f.column(h, "FIRST", 10, 1);
         f.column(h, "SECOND", 10, 2);
