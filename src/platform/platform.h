@@ -63,6 +63,7 @@ constexpr UINT GMEM_FIXED = 0x0000;
 constexpr UINT GMEM_MOVEABLE = 0x0002;
 constexpr UINT GMEM_ZEROINIT = 0x0040;
 constexpr UINT GMEM_DDESHARE = 0x2000;
+constexpr UINT GMEM_MODIFY = 0x0080;  // GlobalReAlloc: change the flags only
 
 // GlobalSize reports the size asked for. GlobalReAlloc may move the block: the
 // new address comes from locking the (possibly new) handle again. GlobalFree

@@ -200,6 +200,22 @@ TEST(Sharing, TheWindowsMatrixWithinOneProcess) {
           EXPECT_EQ(Opens(p, a2, s2), expect) << a1 << " " << s1 << " " << a2 << " " << s2;
           CloseHandle(first);
         }
+  // An open for neither reading nor writing takes part in no sharing check,
+  // and needs no read permission.
+  HFILE attrs = CreateFileA(p.c_str(), 0, 0, OPEN_EXISTING, 0);
+  ASSERT_NE(attrs, INVALID_HANDLE);
+  EXPECT_TRUE(Opens(p, RW, 0));
+  chmod(p.c_str(), 0);
+  HFILE noperm = CreateFileA(p.c_str(), 0, SHARE_RW, OPEN_EXISTING, 0);
+  if (geteuid() != 0) {
+    EXPECT_EQ(CreateFileA(p.c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0), INVALID_HANDLE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  }
+  ASSERT_NE(noperm, INVALID_HANDLE);
+  EXPECT_EQ(GetFileSize(noperm, nullptr), 4u);
+  CloseHandle(noperm);
+  chmod(p.c_str(), 0644);
+  CloseHandle(attrs);
   // Closing the first open lifts its restrictions.
   HFILE excl = INVALID_HANDLE;
   ASSERT_TRUE(Opens(p, RW, 0, &excl));

@@ -40,6 +40,10 @@ TEST(GlobalMemory, SizeIsWhatWasAskedAndZeroFillWorks) {
   EXPECT_EQ(p[999], 0xAB);
   EXPECT_EQ(p[1000], 0);
   EXPECT_EQ(p[4999], 0);
+  // Changing the flags only keeps size and contents.
+  ASSERT_EQ(GlobalReAlloc(h2, 0, GMEM_MODIFY | GMEM_MOVEABLE), h2);
+  EXPECT_EQ(GlobalSize(h2), 5000u);
+  EXPECT_EQ(static_cast<unsigned char*>(GlobalLock(h2))[999], 0xAB);
   // Shrinking reports the new size.
   ASSERT_NE(GlobalReAlloc(h2, 10, GMEM_MOVEABLE), nullptr);
   EXPECT_EQ(GlobalSize(h2), 10u);

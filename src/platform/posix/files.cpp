@@ -407,6 +407,10 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
     }
   } else {
     fd = open(path.c_str(), flags | O_RDONLY, 0666);
+    // An open for neither reading nor writing (attributes, size) needs no
+    // read permission.
+    if (fd < 0 && errno == EACCES && !want_read && !(flags & O_CREAT))
+      fd = open(path.c_str(), O_PATH | O_CLOEXEC);
   }
   if (fd < 0) {
     int err = errno;

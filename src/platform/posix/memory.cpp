@@ -105,6 +105,11 @@ HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
     SetLastError(ERROR_INVALID_HANDLE);
     return nullptr;
   }
+  if (flags & GMEM_MODIFY) {
+    // Only the block's attributes change; size and contents stay.
+    b->flags = (b->flags & ~GMEM_MOVEABLE) | (flags & GMEM_MOVEABLE);
+    return b;
+  }
   void* data = std::realloc(b->data, bytes ? bytes : 1);
   if (!data) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
