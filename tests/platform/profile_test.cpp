@@ -1,5 +1,7 @@
 // Profiles, registry and clipboard of the platform layer.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -351,6 +353,62 @@ TEST(Clipboard, KeepsTheTextAndPipesItToACommand) {
   EmptyClipboard();
   CloseClipboard();
   EXPECT_EQ(zbshr_clipboard_text(buf, sizeof buf), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// Two processes writing at once must not lose each other's changes.
+template <typename WriteFn>
+void WriteFromTwoProcesses(WriteFn write_one) {
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  const bool child = pid == 0;
+  bool ok = true;
+  for (int i = 0; i < 40; ++i) ok = write_one(child ? 1 : 0, i) && ok;
+  if (child) _exit(ok ? 0 : 1);
+  EXPECT_TRUE(ok);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(HomeTest, ConcurrentProfileWritesLoseNothing) {
+  WriteFromTwoProcesses([](int who, int i) {
+    std::string key = "k" + std::to_string(who) + "_" + std::to_string(i);
+    return WritePrivateProfileStringA("s", key.c_str(), "v", "shared.ini") != 0;
+  });
+  char buf[4096];
+  DWORD n = GetPrivateProfileStringA("s", nullptr, "", buf, sizeof buf, "shared.ini");
+  int keys = 0;
+  for (DWORD i = 0; i < n; ++i) keys += buf[i] == '\0';
+  EXPECT_EQ(keys, 80);
+}
+
+TEST_F(HomeTest, ConcurrentRegistryWritesLoseNothing) {
+  WriteFromTwoProcesses([](int who, int i) {
+    HKEY k = nullptr;
+    if (RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\Race", 0, nullptr, 0, KEY_ALL_ACCESS,
+                        nullptr, &k, nullptr) != ERROR_SUCCESS)
+      return false;
+    std::string name = "v" + std::to_string(who) + "_" + std::to_string(i);
+    uint32_t data = static_cast<uint32_t>(who * 1000 + i);
+    uint8_t bytes[4] = {static_cast<uint8_t>(data), static_cast<uint8_t>(data >> 8), 0, 0};
+    bool ok = RegSetValueExA(k, name.c_str(), 0, REG_DWORD, bytes, 4) == ERROR_SUCCESS;
+    return RegCloseKey(k) == ERROR_SUCCESS && ok;
+  });
+  HKEY k = nullptr;
+  ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "software\\race", 0, KEY_READ, &k), ERROR_SUCCESS);
+  for (int who = 0; who < 2; ++who)
+    for (int i = 0; i < 40; ++i) {
+      std::string name = "v" + std::to_string(who) + "_" + std::to_string(i);
+      uint8_t buf[4] = {};
+      DWORD size = sizeof buf, type = 0;
+      ASSERT_EQ(RegQueryValueExA(k, name.c_str(), nullptr, &type, buf, &size), ERROR_SUCCESS) << name;
+      EXPECT_EQ(buf[0] | (buf[1] << 8), who * 1000 + i);
+    }
+  RegCloseKey(k);
 }
 
 }  // namespace

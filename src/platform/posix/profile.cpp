@@ -2,7 +2,12 @@
 // private-profile calls. The system profile is win.ini in the configuration
 // folder; a private profile given by a relative name is looked for there too,
 // as Windows looks for it in its own folder.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -167,6 +172,28 @@ DWORD CopyList(const std::vector<std::string>& names, char* buf, DWORD size) {
   return size - 2;
 }
 
+// Serialises read-modify-write of the profiles of one folder between
+// processes: an exclusive lock on the folder itself, so no lock file is left
+// beside the user's files.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::string& dir) {
+    fd_ = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd_ >= 0) {
+      while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+      }
+    }
+  }
+  ~FolderLock() {
+    if (fd_ >= 0) close(fd_);  // closing releases the lock
+  }
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
 UINT ParseInt(const std::string& v) {
   size_t i = 0;
   bool neg = false;
@@ -246,6 +273,10 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
   bool in_config = false;
   std::string path = ProfilePath(file, &in_config);
   std::lock_guard<std::mutex> lock(g_profile_mutex);
+  std::string dir = path.substr(0, path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/'));
+  if (dir.empty()) dir = path[0] == '/' ? "/" : ".";
+  if (in_config && !posix::MakeDirs(dir)) return 0;
+  FolderLock folder_lock(dir);
   Profile p;
   bool existed = false;
   if (!Load(path, &p, &existed)) return 0;
