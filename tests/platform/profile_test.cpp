@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -409,6 +410,57 @@ TEST_F(HomeTest, ConcurrentRegistryWritesLoseNothing) {
       EXPECT_EQ(buf[0] | (buf[1] << 8), who * 1000 + i);
     }
   RegCloseKey(k);
+}
+
+}  // namespace
+
+namespace {
+
+// Random bytes in place of a profile or registry file: every read must stay
+// inside its buffer and keep the documented shape of its result.
+TEST_F(HomeTest, GarbageFilesAreReadSafely) {
+  std::mt19937 rng(12345);
+  const char alphabet[] = "[]=;\"'\\ \t\r\nabcAB01x:\x00\x01\xff";
+  for (int round = 0; round < 300; ++round) {
+    std::string content;
+    int len = static_cast<int>(rng() % 400);
+    for (int i = 0; i < len; ++i) content += alphabet[rng() % (sizeof alphabet - 1)];
+    s_.write("g.ini", content);
+    std::filesystem::create_directories(s_.path("home"));
+    s_.write("home/registry.dat", content);
+    std::string f = s_.path("g.ini");
+    for (DWORD size : {1u, 2u, 3u, 7u, 64u}) {
+      std::vector<char> buf(size + 8, '#');
+      DWORD n = GetPrivateProfileStringA(nullptr, nullptr, "", buf.data(), size, f.c_str());
+      ASSERT_LE(n, size - (size >= 2 ? 1 : 0));
+      if (size >= 2) {
+        ASSERT_EQ(buf[n], '\0');
+        // The list ends with two terminators: the name's and the list's.
+        bool cut = n == size - 2 && buf[n + 1] == '\0';
+        ASSERT_TRUE(n == 0 || buf[n - 1] == '\0' || cut) << n << " of " << size;
+      }
+      for (int i = 0; i < 8; ++i) ASSERT_EQ(buf[size + i], '#');  // nothing past the buffer
+      n = GetPrivateProfileStringA("a", nullptr, "", buf.data(), size, f.c_str());
+      ASSERT_LT(n, size);
+      n = GetPrivateProfileStringA("a", "b", "dd", buf.data(), size, f.c_str());
+      ASSERT_LT(n, size);
+      ASSERT_EQ(buf[n], '\0');
+      for (int i = 0; i < 8; ++i) ASSERT_EQ(buf[size + i], '#');
+    }
+    GetPrivateProfileIntA("A", "x", 3, f.c_str());
+    HKEY k = nullptr;
+    if (RegOpenKeyExA(HKEY_CURRENT_USER, "a", 0, KEY_READ, &k) == ERROR_SUCCESS) {
+      uint8_t data[16];
+      DWORD size = sizeof data;
+      RegQueryValueExA(k, "", nullptr, nullptr, data, &size);
+      ASSERT_LE(size, 1u << 20);
+      RegCloseKey(k);
+    }
+  }
+  // Still writable afterwards: the garbage is kept around the new entry.
+  EXPECT_TRUE(WritePrivateProfileStringA("new", "k", "v", s_.path("g.ini").c_str()));
+  char buf[8];
+  EXPECT_EQ(GetPrivateProfileStringA("new", "k", "", buf, sizeof buf, s_.path("g.ini").c_str()), 1u);
 }
 
 }  // namespace
