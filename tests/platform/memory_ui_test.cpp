@@ -320,6 +320,27 @@ TEST(Collation, CaseRulesOfBothComparisons) {
   EXPECT_EQ(Sign(lstrcmpA("9", "a")), -1);
   EXPECT_EQ(Sign(lstrcmpA("[", "a")), -1);
   EXPECT_EQ(lstrcmpA(nullptr, ""), 0);
+  // Accented letters sort with their base letter; the accent counts only
+  // when the letters are otherwise equal, the case after that.
+  EXPECT_EQ(Sign(lstrcmpA("\xE9t\xE9", "etz")), -1);   // ete' < etz
+  EXPECT_EQ(Sign(lstrcmpA("ete", "\xE9t\xE9")), -1);
+  EXPECT_EQ(Sign(lstrcmpA("\xE9", "F")), -1);
+  EXPECT_EQ(Sign(lstrcmpA("\xC9", "\xE9")), 1);        // upper after lower
+  EXPECT_EQ(lstrcmpiA("\xC9T\xC9", "\xE9t\xE9"), 0);
+  EXPECT_NE(lstrcmpiA("\xE9", "e"), 0);
+  EXPECT_EQ(Sign(lstrcmpA("\xFEorn", "zz")), 1);        // thorn after z
+  // Hyphen and apostrophe are passed over, then break ties.
+  EXPECT_EQ(Sign(lstrcmpA("co-op", "coop")), 1);
+  EXPECT_EQ(Sign(lstrcmpA("co-op", "cop")), -1);
+  EXPECT_EQ(Sign(lstrcmpA("it's", "its")), 1);
+  EXPECT_EQ(Sign(lstrcmpiA("CO-OP", "coop")), 1);
+  // A total order: antisymmetric on a mixed sample.
+  const char* sample[] = {"a", "A", "\xE1", "\xC1", "-a", "a-", "b", "1", "!", "", "ab", "a'b"};
+  for (const char* x : sample)
+    for (const char* y : sample) {
+      EXPECT_EQ(Sign(lstrcmpA(x, y)), -Sign(lstrcmpA(y, x))) << x << " " << y;
+      EXPECT_EQ(lstrcmpA(x, y) == 0, std::strcmp(x, y) == 0) << x << " " << y;
+    }
 }
 
 }  // namespace

@@ -5,12 +5,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/internal.h"
@@ -80,34 +82,91 @@ int NextScriptedAnswer() {
   return WordToAnswer(words[g_script_pos++]);
 }
 
-// A collation weight that orders like a Western locale: control characters,
-// then punctuation and symbols, then digits, then letters (case folded), then
-// the upper half of the code page.
-int Weight(unsigned char c) {
-  if (c < 0x20) return c;
-  if (c >= '0' && c <= '9') return 0x100 + c;
-  if (c >= 'A' && c <= 'Z') return 0x200 + (c - 'A' + 'a');
-  if (c >= 'a' && c <= 'z') return 0x200 + c;
-  if (c < 0x80) return 0x80 + c;
-  return 0x300 + c;
+// Collation of code page 1252 text in the manner of a Western locale, in
+// levels: first the base characters (control characters, then punctuation
+// and symbols, then digits, then letters without regard to case or accent,
+// accented letters with their base letter), then the accents, then the case
+// (lower case first), and last the hyphen and apostrophe, which are skipped
+// by the other levels ("coop" < "co-op" < "cop").
+struct CharKey {
+  int primary;    // 0: ignored at the first three levels
+  int secondary;  // accent
+  int tertiary;   // 0 lower / 1 upper
+};
+
+CharKey KeyOf(unsigned char c) {
+  // Base letter and accent of the letters of the upper half.
+  static const char kBase[64 + 1] =
+      "AAAAAAACEEEEIIIIDNOOOOO*OUUUUYTS"   // 0xC0-0xDF
+      "aaaaaaaceeeeiiiidnooooo/ouuuuyty";  // 0xE0-0xFF
+  if (c == '-' || c == '\'') return {0, 0, 0};
+  if (c < 0x20) return {1 + c, 0, 0};
+  if (c >= '0' && c <= '9') return {0x200 + c, 0, 0};
+  if (c >= 'A' && c <= 'Z') return {0x300 + (c - 'A') * 4, 0, 1};
+  if (c >= 'a' && c <= 'z') return {0x300 + (c - 'a') * 4, 0, 0};
+  auto letter = [](char base, int accent, bool upper) {
+    int b = std::tolower(static_cast<unsigned char>(base)) - 'a';
+    return CharKey{0x300 + b * 4, accent, upper ? 1 : 0};
+  };
+  switch (c) {
+    case 0x8A: return letter('s', 1, true);   // S caron
+    case 0x9A: return letter('s', 1, false);
+    case 0x8C: return letter('o', 9, true);   // OE
+    case 0x9C: return letter('o', 9, false);
+    case 0x8E: return letter('z', 1, true);   // Z caron
+    case 0x9E: return letter('z', 1, false);
+    case 0x9F: return letter('y', 8, true);   // Y diaeresis
+    case 0x83: return letter('f', 1, false);  // f hook
+    case 0xDF: return letter('s', 8, false);  // sharp s
+    case 0xDE: return {0x300 + 26 * 4, 0, 1};  // thorn sorts after z
+    case 0xFE: return {0x300 + 26 * 4, 0, 0};
+    default: break;
+  }
+  if (c >= 0xC0 && c != 0xD7 && c != 0xF7) {
+    char base = kBase[c - 0xC0];
+    int accent = 1 + (c & 0x07);
+    return letter(base, accent, c < 0xE0);
+  }
+  if (c < 0x80) return {0x100 + c, 0, 0};  // punctuation and symbols
+  return {0x100 + c, 0, 0};                // other symbols of the upper half
 }
 
 int Collate(const char* a, const char* b, bool ignore_case) {
   if (!a) a = "";
   if (!b) b = "";
-  const auto* p = reinterpret_cast<const unsigned char*>(a);
-  const auto* q = reinterpret_cast<const unsigned char*>(b);
-  int case_diff = 0;  // first difference of case only: lower before upper
-  for (;; ++p, ++q) {
-    if (*p == 0 || *q == 0) {
-      if (*p != *q) return *p == 0 ? -1 : 1;
-      break;
+  const auto* pa = reinterpret_cast<const unsigned char*>(a);
+  const auto* pb = reinterpret_cast<const unsigned char*>(b);
+  auto keys = [](const unsigned char* s) {
+    std::vector<CharKey> out;
+    for (; *s; ++s)
+      if (KeyOf(*s).primary != 0) out.push_back(KeyOf(*s));
+    return out;
+  };
+  std::vector<CharKey> ka = keys(pa), kb = keys(pb);
+  size_t n = std::min(ka.size(), kb.size());
+  for (size_t i = 0; i < n; ++i)
+    if (ka[i].primary != kb[i].primary) return ka[i].primary < kb[i].primary ? -1 : 1;
+  if (ka.size() != kb.size()) return ka.size() < kb.size() ? -1 : 1;
+  for (size_t i = 0; i < n; ++i)
+    if (ka[i].secondary != kb[i].secondary) return ka[i].secondary < kb[i].secondary ? -1 : 1;
+  if (!ignore_case)
+    for (size_t i = 0; i < n; ++i)
+      if (ka[i].tertiary != kb[i].tertiary) return ka[i].tertiary < kb[i].tertiary ? -1 : 1;
+  // Equal but for hyphens and apostrophes: fewer of them first, then the
+  // one whose first difference stands earlier.
+  auto ignorables = [](const unsigned char* s) {
+    std::vector<std::pair<int, int>> out;  // (letters before it, character)
+    int seen = 0;
+    for (; *s; ++s) {
+      if (KeyOf(*s).primary == 0) out.emplace_back(seen, *s);
+      else ++seen;
     }
-    int wp = Weight(*p), wq = Weight(*q);
-    if (wp != wq) return wp < wq ? -1 : 1;
-    if (case_diff == 0 && *p != *q) case_diff = std::islower(*p) ? -1 : 1;
-  }
-  return ignore_case ? 0 : case_diff;
+    return out;
+  };
+  auto ia = ignorables(pa), ib = ignorables(pb);
+  if (ia == ib) return 0;
+  if (ia.size() != ib.size()) return ia.size() < ib.size() ? -1 : 1;
+  return ia < ib ? -1 : 1;
 }
 
 }  // namespace
