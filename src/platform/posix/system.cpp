@@ -136,6 +136,17 @@ int Collate(const char* a, const char* b, bool ignore_case) {
   if (!b) b = "";
   const auto* pa = reinterpret_cast<const unsigned char*>(a);
   const auto* pb = reinterpret_cast<const unsigned char*>(b);
+  // First level without allocating: most comparisons end here.
+  for (const unsigned char *x = pa, *y = pb;; ++x, ++y) {
+    while (*x && KeyOf(*x).primary == 0) ++x;
+    while (*y && KeyOf(*y).primary == 0) ++y;
+    if (*x == 0 || *y == 0) {
+      if (*x != *y) return *x == 0 ? -1 : 1;
+      break;
+    }
+    int kx = KeyOf(*x).primary, ky = KeyOf(*y).primary;
+    if (kx != ky) return kx < ky ? -1 : 1;
+  }
   auto keys = [](const unsigned char* s) {
     std::vector<CharKey> out;
     for (; *s; ++s)
