@@ -31,6 +31,14 @@ const u128 kMaxMul[25] = {
     (kLim79 - 1) / p10(21), (kLim79 - 1) / p10(22), (kLim79 - 1) / p10(23),
     (kLim79 - 1) / p10(24)};
 
+const u128 kFit79[15] = {
+    kLim79 * p10(0),  kLim79 * p10(1),  kLim79 * p10(2),  kLim79 * p10(3),  kLim79 * p10(4),
+    kLim79 * p10(5),  kLim79 * p10(6),  kLim79 * p10(7),  kLim79 * p10(8),  kLim79 * p10(9),
+    kLim79 * p10(10), kLim79 * p10(11), kLim79 * p10(12), kLim79 * p10(13), kLim79 * p10(14)};
+
+const u128 kFit63[8] = {kLim63 * p10(0), kLim63 * p10(1), kLim63 * p10(2), kLim63 * p10(3),
+                        kLim63 * p10(4), kLim63 * p10(5), kLim63 * p10(6), kLim63 * p10(7)};
+
 // ---- the error hook -------------------------------------------------------------
 
 // The hook the library installs: it does nothing. It is a named, out-of-line
@@ -155,25 +163,7 @@ void wide_divmod(const Wide& n, const Wide& d, Wide& q, Wide& r) {
 // ---- primitive 6 ----------------------------------------------------------------------
 
 int fit(const Wide& v, u128& out) {
-  if (v.fits128()) {
-    u128 t = v.low128();
-    if (t < kLim79) {
-      out = t;
-      return 0;
-    }
-    // At most 39 digits: drop down to the first value below 2^79.
-    const int bits = 128 - (static_cast<uint64_t>(t >> 64) ? __builtin_clzll(static_cast<uint64_t>(t >> 64)) : 64);
-    int k = bits > 80 ? ((bits - 80) * 30103) / 100000 : 0;
-    t = div_pow10_trunc(t, k);
-    unsigned digit;
-    do {
-      digit = static_cast<unsigned>(t % 10);
-      t /= 10;
-      ++k;
-    } while (t >= kLim79);
-    out = t + (digit >= 5 ? 1 : 0);
-    return k;
-  }
+  if (v.fits128()) return fit128(v.low128(), out);
   const int bits = wide_bits(v);
   int k = bits > 80 ? ((bits - 80) * 30103) / 100000 : 0;
   Wide t = v;
@@ -191,76 +181,6 @@ int fit(const Wide& v, u128& out) {
   }
   out = t.low128() + (digit >= 5 ? 1 : 0);
   return k;
-}
-
-// ---- addition ---------------------------------------------------------------------------
-
-int add_core(Num a, Num b, Num& r) {
-  if (b.scale > a.scale) {
-    a.scale += rescale_up(a.m, b.scale - a.scale);
-    if (a.scale < b.scale) {
-      b.m = div_pow10_round(b.m, b.scale - a.scale);
-      b.scale = a.scale;
-    }
-  } else if (a.scale > b.scale) {
-    b.scale += rescale_up(b.m, a.scale - b.scale);
-    if (b.scale < a.scale) {
-      a.m = div_pow10_round(a.m, a.scale - b.scale);
-      a.scale = b.scale;
-    }
-  }
-  r.scale = a.scale;
-  if (a.neg != b.neg) {
-    if (a.m > b.m) {
-      r.m = a.m - b.m;
-      r.neg = a.neg;
-    } else if (b.m > a.m) {
-      r.m = b.m - a.m;
-      r.neg = b.neg;
-    } else {
-      r.m = 0;
-      r.neg = a.neg;
-    }
-    return 0;
-  }
-  u128 s = a.m + b.m;
-  if (s >= kLim80) {
-    if (r.scale == 0) return kErrOverflow;
-    s = div_pow10_round(a.m, 1) + div_pow10_round(b.m, 1);
-    r.scale -= 1;
-  }
-  r.m = s;
-  r.neg = a.neg;
-  return 0;
-}
-
-// ---- multiplication ---------------------------------------------------------------------
-
-int mul_core(const Num& a, const Num& b, Num& r) {
-  int scale = a.scale + b.scale;
-  if (a.m == 0 || b.m == 0) {
-    r.m = 0;
-    r.neg = false;
-    r.scale = scale < kInternalScale ? scale : kInternalScale;
-    return 0;
-  }
-  u128 m;
-  int k;
-  if (a.m < kLim64 && b.m < kLim64) {
-    k = fit128(a.m * b.m, m);
-  } else {
-    k = fit(wide_mul(a.m, b.m), m);
-  }
-  scale -= k;
-  if (scale < 0) return kErrOverflow;
-  if (scale > kInternalScale) {
-    m = div_pow10_round(m, scale - kInternalScale);
-    scale = kInternalScale;
-  }
-  r.m = m;
-  r.scale = scale;
-  r.neg = a.neg != b.neg;
-  return 0;
 }
 
 // ---- division ---------------------------------------------------------------------------
@@ -315,18 +235,6 @@ int div_core(const Num& a, const Num& b, int target, bool round, Num& q) {
   if (!quot.fits128() || quot.low128() >= kLim80) return kErrOverflow;
   q.m = quot.low128();
   return 0;
-}
-
-// ---- comparison --------------------------------------------------------------------------
-
-int cmp_magnitudes(const Num& a, const Num& b) {
-  u128 am = a.m, bm = b.m;
-  if (a.scale < b.scale) {
-    if (!mul_pow10(am, b.scale - a.scale)) return 1;
-  } else if (b.scale < a.scale) {
-    if (!mul_pow10(bm, a.scale - b.scale)) return -1;
-  }
-  return am < bm ? -1 : (am > bm ? 1 : 0);
 }
 
 }  // namespace zbshr::dec

@@ -113,31 +113,67 @@ inline Num zero_num(int scale = 2) {
 
 extern const u128 kPow10[39];    // 10^0 .. 10^38
 extern const u128 kMaxMul[25];   // largest m with m * 10^j below 2^79
+extern const u128 kFit79[15];    // 2^79 x 10^k: a value below kFit79[k] needs at most k digits dropped
+extern const u128 kFit63[8];     // 2^63 x 10^k
 
 inline u128 pow10(int n) { return kPow10[n]; }
 
-// m / 10^n, truncating.
+// v / d for d below 2^64, with the remainder.
+inline u128 div_u128_u64(u128 v, uint64_t d, uint64_t& rem) {
+  const uint64_t lo = static_cast<uint64_t>(v);
+  uint64_t hi = static_cast<uint64_t>(v >> 64);
+  if (hi == 0) {
+    rem = lo % d;
+    return lo / d;
+  }
+#if defined(__x86_64__)
+  uint64_t qhi = 0;
+  if (hi >= d) {
+    qhi = hi / d;
+    hi %= d;
+  }
+  uint64_t qlo;
+  __asm__("divq %[d]" : "=a"(qlo), "=d"(rem) : [d] "rm"(d), "a"(lo), "d"(hi));
+  return (static_cast<u128>(qhi) << 64) | qlo;
+#else
+  const u128 q = v / d;
+  rem = static_cast<uint64_t>(v - q * d);
+  return q;
+#endif
+}
+
+// m / 10^n truncated, and the remainder (n in 1..38).
+inline u128 div_pow10_rem(u128 m, int n, u128& rem) {
+  if (n <= 19) {
+    uint64_t r;
+    const u128 q = div_u128_u64(m, static_cast<uint64_t>(kPow10[n]), r);
+    rem = r;
+    return q;
+  }
+  if (m < kPow10[n]) {
+    rem = m;
+    return 0;
+  }
+  const u128 q = m / kPow10[n];
+  rem = m - q * kPow10[n];
+  return q;
+}
+
+// m / 10^n, truncating (primitive 4).
 inline u128 div_pow10_trunc(u128 m, int n) {
   if (n <= 0) return m;
   if (n > 38) return 0;
-  if (m < kLim64 && n <= 19) return static_cast<uint64_t>(m) / static_cast<uint64_t>(kPow10[n]);
-  if (m < kPow10[n]) return 0;
-  return m / kPow10[n];
+  u128 rem;
+  return div_pow10_rem(m, n, rem);
 }
 
 // m / 10^n, rounding half up on the last digit dropped (primitive 3).
 inline u128 div_pow10_round(u128 m, int n) {
   if (n <= 0) return m;
-  if (n > 39) return 0;
-  if (m < kLim64 && n <= 19) {
-    const uint64_t mm = static_cast<uint64_t>(m), d = static_cast<uint64_t>(kPow10[n]);
-    const uint64_t q = mm / d, r = mm - q * d;
-    return q + (r >= d / 2 ? 1 : 0);
-  }
-  if (n == 39) return m >= 5 * kPow10[38] ? 1 : 0;
-  if (m < kPow10[n] / 2) return 0;
-  const u128 q = m / kPow10[n], r = m - q * kPow10[n];
-  return q + (r >= kPow10[n] / 2 ? 1 : 0);
+  if (n > 38) return (n == 39 && m >= 5 * kPow10[38]) ? 1 : 0;
+  u128 rem;
+  const u128 q = div_pow10_rem(m, n, rem);
+  return q + (rem >= kPow10[n] / 2 ? 1 : 0);
 }
 
 // Primitive 1: m * 10^n, failing (m unchanged) when a step reaches 2^79.
@@ -180,7 +216,13 @@ inline int fit128(u128 v, u128& out) {
     out = v;
     return 0;
   }
-  return fit(Wide::from(v), out);
+  // The fewest digits whose removal brings v below 2^79.
+  const int bits = 128 - __builtin_clzll(static_cast<uint64_t>(v >> 64));
+  int k = ((bits - 80) * 1233) >> 12;
+  if (k < 1) k = 1;
+  while (k < 15 && v >= kFit79[k]) ++k;
+  out = div_pow10_round(v, k);
+  return k;
 }
 
 // The result normalisation: scale at most 18, magnitude below 2^63 (one
@@ -191,15 +233,9 @@ inline int normalise(Num& x) {
     x.scale = kPublishedScale;
   }
   if (x.m >= kLim63) {
-    int k = 0;
-    unsigned digit = 0;
-    u128 t = x.m;
-    do {
-      digit = static_cast<unsigned>(t % 10);
-      t /= 10;
-      ++k;
-    } while (t >= kLim63);
-    x.m = t + (digit >= 5 ? 1 : 0);
+    int k = 1;
+    while (k < 7 && x.m >= kFit63[k]) ++k;
+    x.m = div_pow10_round(x.m, k);
     x.scale -= k;
     if (x.scale < 0) return kErrOverflow;
   }
@@ -209,17 +245,88 @@ inline int normalise(Num& x) {
 // ---- operation cores (results unnormalised) -----------------------------------
 
 // a + b with scale alignment; 0 or -304.
-int add_core(Num a, Num b, Num& r);
+inline int add_core(Num a, Num b, Num& r) {
+  if (b.scale > a.scale) {
+    a.scale += rescale_up(a.m, b.scale - a.scale);
+    if (a.scale < b.scale) {
+      b.m = div_pow10_round(b.m, b.scale - a.scale);
+      b.scale = a.scale;
+    }
+  } else if (a.scale > b.scale) {
+    b.scale += rescale_up(b.m, a.scale - b.scale);
+    if (b.scale < a.scale) {
+      a.m = div_pow10_round(a.m, a.scale - b.scale);
+      a.scale = b.scale;
+    }
+  }
+  r.scale = a.scale;
+  if (a.neg != b.neg) {
+    if (a.m > b.m) {
+      r.m = a.m - b.m;
+      r.neg = a.neg;
+    } else if (b.m > a.m) {
+      r.m = b.m - a.m;
+      r.neg = b.neg;
+    } else {
+      r.m = 0;
+      r.neg = a.neg;
+    }
+    return 0;
+  }
+  u128 s = a.m + b.m;
+  if (s >= kLim80) [[unlikely]] {
+    // Only hand-made records above 2^79 get here.
+    if (r.scale == 0) return kErrOverflow;
+    s = div_pow10_round(a.m, 1) + div_pow10_round(b.m, 1);
+    r.scale -= 1;
+  }
+  r.m = s;
+  r.neg = a.neg;
+  return 0;
+}
 
 // a x b: fitted below 2^79 and at most 23 places; 0 or -304.
-int mul_core(const Num& a, const Num& b, Num& r);
+inline int mul_core(const Num& a, const Num& b, Num& r) {
+  int scale = a.scale + b.scale;
+  if (a.m == 0 || b.m == 0) {
+    r.m = 0;
+    r.neg = false;
+    r.scale = scale < kInternalScale ? scale : kInternalScale;
+    return 0;
+  }
+  u128 m;
+  int k;
+  if (((a.m | b.m) >> 64) == 0) [[likely]] {
+    k = fit128(a.m * b.m, m);
+  } else {
+    k = fit(wide_mul(a.m, b.m), m);
+  }
+  scale -= k;
+  if (scale < 0) return kErrOverflow;
+  if (scale > kInternalScale) {
+    m = div_pow10_round(m, scale - kInternalScale);
+    scale = kInternalScale;
+  }
+  r.m = m;
+  r.scale = scale;
+  r.neg = a.neg != b.neg;
+  return 0;
+}
 
 // Quotient of a / b at scale `target` (a, b non-zero): truncated, or rounded
 // half up on the remainder. -304 when the quotient does not fit 80 bits.
 int div_core(const Num& a, const Num& b, int target, bool round, Num& q);
 
 // Steps 3 and 4 of the comparison on the magnitudes: -1, 0 or 1.
-int cmp_magnitudes(const Num& a, const Num& b);
+inline int cmp_magnitudes(const Num& a, const Num& b) {
+  u128 am = a.m, bm = b.m;
+  if (a.scale < b.scale) {
+    if (!mul_pow10(am, b.scale - a.scale)) return 1;
+  } else if (b.scale < a.scale) {
+    if (!mul_pow10(bm, a.scale - b.scale)) return -1;
+  }
+  return am < bm ? -1 : (am > bm ? 1 : 0);
+}
 
 inline int sign_of(const Num& a) { return a.m == 0 ? 0 : (a.neg ? -1 : 1); }
 
