@@ -92,6 +92,22 @@ TEST(Files, ReadWriteSeekAndAccessChecks) {
   int64_t pos = -1;
   ASSERT_TRUE(SetFilePointerEx(f, 0, &pos, FILE_CURRENT));
   EXPECT_EQ(pos, (int64_t{1} << 32) + 5);
+  // Without the high half a position past 4 GiB cannot be told: refused,
+  // and the position stays where it was.
+  ASSERT_TRUE(SetFilePointerEx(f, 3, nullptr, FILE_BEGIN));
+  EXPECT_EQ(SetFilePointer(f, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0x80000002u);
+  // 0xFFFFFFFF is a valid position too: success says so by a zero last error.
+  EXPECT_EQ(SetFilePointer(f, 0x7FFFFFFD, nullptr, FILE_CURRENT), 0xFFFFFFFFu);
+  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  EXPECT_EQ(SetFilePointer(f, 10, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  ASSERT_TRUE(SetFilePointerEx(f, 0, &pos, FILE_CURRENT));
+  EXPECT_EQ(pos, 0xFFFFFFFFLL);
+  // One injected seek failure fails exactly one call.
+  InjectFault(Fault::Seek, 1, 1);
+  EXPECT_EQ(SetFilePointer(f, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
+  EXPECT_EQ(GetLastError(), ERROR_SEEK);
+  EXPECT_EQ(SetFilePointer(f, 0, nullptr, FILE_BEGIN), 0u);
   // Cutting the file at the position.
   ASSERT_TRUE(SetFilePointerEx(f, 4, nullptr, FILE_BEGIN));
   ASSERT_TRUE(SetEndOfFile(f));

@@ -539,14 +539,11 @@ BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
   return 1;
 }
 
-BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
+// Moves the position; the callers below check for injected faults once.
+static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
   HandleInfo info;
   if (!Lookup(f, &info)) {
     SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
-  if (detail::FaultFires(Fault::Seek)) {
-    SetLastError(ERROR_SEEK);
     return 0;
   }
   int whence;
@@ -589,14 +586,28 @@ BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method)
   return 1;
 }
 
+BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
+  if (detail::FaultFires(Fault::Seek)) {
+    SetLastError(ERROR_SEEK);
+    return 0;
+  }
+  return Seek(f, distance, new_pos, method);
+}
+
 DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
+  if (detail::FaultFires(Fault::Seek)) {
+    SetLastError(ERROR_SEEK);
+    return INVALID_SET_FILE_POINTER;
+  }
   int64_t d = high ? static_cast<int64_t>((static_cast<uint64_t>(static_cast<uint32_t>(*high)) << 32) |
                                           static_cast<uint32_t>(distance))
                    : static_cast<int64_t>(distance);
-  int64_t pos = 0;
-  if (!SetFilePointerEx(f, d, &pos, method)) return INVALID_SET_FILE_POINTER;
+  int64_t pos = 0, before = 0;
+  if (!high && !Seek(f, 0, &before, FILE_CURRENT)) return INVALID_SET_FILE_POINTER;
+  if (!Seek(f, d, &pos, method)) return INVALID_SET_FILE_POINTER;
   if (!high && pos > 0xFFFFFFFFLL) {
     // The position does not fit the 32-bit answer: Windows refuses the move.
+    Seek(f, before, nullptr, FILE_BEGIN);
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }
