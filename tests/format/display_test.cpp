@@ -1,0 +1,360 @@
+// Display formats: compiled masks applied to numbers, decimals, dates and
+// strings, under the default and other regional settings.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "regional.h"
+#include "zbshr/decimal.h"
+#include "zbshr/format.h"
+
+namespace {
+
+struct Result {
+  int32_t code;
+  std::string text;
+};
+
+Result num(const char* mask, const double* v, int32_t size = 300) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  int32_t e = shformatCmplNumericMask(c, mask, sizeof c);
+  if (e != 0) return {100 + e, {}};
+  std::string out(static_cast<size_t>(size) + 8, '\x7F');
+  e = shformatDouble(out.data(), size, c, v);
+  // Nothing is written past the size given.
+  for (size_t i = static_cast<size_t>(size); i < out.size(); ++i) EXPECT_EQ(out[i], '\x7F');
+  return {e, out.c_str()};
+}
+std::string num(const char* mask, double v) { return num(mask, &v).text; }
+
+std::string dec(const char* mask, const char* value) {
+  SHDEC d;
+  EXPECT_NE(ConvAsciiToDecimal(&d, value), nullptr) << value;
+  unsigned char c[SHFORMAT_BUFSIZE];
+  EXPECT_EQ(shformatCmplNumericMask(c, mask, sizeof c), 0) << mask;
+  char out[100];
+  EXPECT_EQ(shformatDecimal(out, sizeof out, c, &d), 0);
+  return out;
+}
+
+Result date(const char* mask, const SHDATETIME* v, int32_t size = 300) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  int32_t e = shformatCmplDateTimeMask(c, mask, sizeof c);
+  if (e != 0) return {100 + e, {}};
+  std::string out(static_cast<size_t>(size) + 1, '\0');
+  e = shformatDateTime(out.data(), size, c, v);
+  return {e, out.c_str()};
+}
+
+std::string str(const char* mask, const char* v) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  EXPECT_EQ(shformatCmplStringMask(c, mask, sizeof c), 0) << mask;
+  char out[200];
+  EXPECT_EQ(shformatString(out, sizeof out, c, v), 0);
+  return out;
+}
+
+SHDATETIME sample() {  // Thursday 2 January 2003, 14:05:09.123456
+  SHDATETIME d{};
+  shdtBuildTime(&d, 2003, 1, 2, 14, 5, 9, 123456);
+  return d;
+}
+
+using DisplayFormat = Regional;
+
+TEST_F(DisplayFormat, GeneralNumbers) {
+  EXPECT_EQ(num("[GENERAL]", 0.0), "0");
+  EXPECT_EQ(num("[GENERAL]", -0.0), "0");
+  EXPECT_EQ(num("[GENERAL]", 1.5), "1.5");
+  EXPECT_EQ(num("[GENERAL]", -2.0), "-2");
+  EXPECT_EQ(num("[GENERAL]", 1234567.891), "1234567.891");
+  EXPECT_EQ(num("[GENERAL]", 0.1 + 0.2), "0.3");
+  EXPECT_EQ(num("[GENERAL]", 2.0 / 3.0), "0.666666666666667");
+  EXPECT_EQ(num("[GENERAL]", 123456789012345.0), "123456789012345");
+  EXPECT_EQ(num("[GENERAL]", 1e15), "1E+15");
+  EXPECT_EQ(num("[GENERAL]", 1e100), "1E+100");
+  EXPECT_EQ(num("[GENERAL]", 0.0001), "0.0001");
+  EXPECT_EQ(num("[GENERAL]", -1.5e-7), "-1.5E-07");
+  EXPECT_EQ(num("", 42.25), "42.25");  // an empty mask is the general form
+  EXPECT_EQ(num("[general] kg", 3.0), "3 kg");
+}
+
+TEST_F(DisplayFormat, NumericMasks) {
+  EXPECT_EQ(num("#,##0.00", 1234567.891), "1,234,567.89");
+  EXPECT_EQ(num("#,##0.00", -1234.5), "-1,234.50");
+  EXPECT_EQ(num("#,##0.00", 0.0), "0.00");
+  EXPECT_EQ(num("#,##0", 999.5), "1,000");
+  EXPECT_EQ(num("0.00", 0.005), "0.01");   // halves round away from zero
+  EXPECT_EQ(num("0.00", 1.005), "1.01");   // on the shortest decimal form
+  EXPECT_EQ(num("0.00", -0.004), "0.00");  // no minus on a value shown as zero
+  EXPECT_EQ(num("0", 1e20), "100000000000000000000");
+  EXPECT_EQ(num("0%", 0.256), "26%");
+  EXPECT_EQ(num("0.0%", 0.0125), "1.3%");
+  EXPECT_EQ(num("000-00-0000", 123456789.0), "123-45-6789");
+  EXPECT_EQ(num("(###) ###-####", 5551234567.0), "(555) 123-4567");
+  EXPECT_EQ(num("00000", 42.0), "00042");
+  EXPECT_EQ(num("#", 0.0), "");
+  EXPECT_EQ(num("#.##", 0.5), ".5");
+  EXPECT_EQ(num("0.##", 2.0), "2");
+  EXPECT_EQ(num("0.##", 2.1), "2.1");
+  EXPECT_EQ(num("0.0#", 2.0), "2.0");
+  EXPECT_EQ(num("\"Total: \"0.0 'kg'", 2.25), "Total: 2.3 kg");
+  EXPECT_EQ(num("\\#0", 7.0), "#7");
+  EXPECT_EQ(num("0.00E+00", 12345.0), "1.23E+04");
+  EXPECT_EQ(num("0.00E+00", 0.000123), "1.23E-04");
+  EXPECT_EQ(num("0.00E+00", 99999.0), "1.00E+05");
+  EXPECT_EQ(num("0.00E+00", 0.0), "0.00E+00");
+  EXPECT_EQ(num("0.0e-0", 12345.0), "1.2e4");
+  EXPECT_EQ(num("00.0E+0", 12345.0), "12.3E+3");
+  const std::string big = num("#,##0", 1e100);
+  EXPECT_EQ(big.size(), 101u + 33);
+  EXPECT_EQ(big.substr(0, 14), "10,000,000,000");
+}
+
+TEST_F(DisplayFormat, Sections) {
+  const char* m = "0.00;(0.00);\"zero\";\"n/a\"";
+  EXPECT_EQ(num(m, 2.5), "2.50");
+  EXPECT_EQ(num(m, -3.14159), "(3.14)");
+  EXPECT_EQ(num(m, 0.0), "zero");
+  EXPECT_EQ(num(m, nullptr).text, "n/a");
+  EXPECT_EQ(num("0.00", nullptr).text, "");
+  EXPECT_EQ(num("0;", -5.0), "");  // an empty negative section shows nothing
+  EXPECT_EQ(num("0;-0;", 0.0), "");
+  EXPECT_EQ(num("[GENERAL];[GENERAL]-", -2.5), "2.5-");
+  EXPECT_EQ(num("0.0;\\;0.0", -1.0), ";1.0");  // an escaped ';' is a literal
+}
+
+TEST_F(DisplayFormat, OverflowFillsWithHashes) {
+  double v = 12345.678;
+  Result r = num("0.00", &v, 6);
+  EXPECT_EQ(r.code, SHFORMAT_E_OVERFLOW);
+  EXPECT_EQ(r.text, "#####");
+  r = num("0.00", &v, 9);  // "12345.68" and the terminator fit exactly
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.text, "12345.68");
+  r = num("0.00", &v, 8);
+  EXPECT_EQ(r.code, SHFORMAT_E_OVERFLOW);
+  EXPECT_EQ(r.text, "#######");
+  r = num("0.00", &v, 0);
+  EXPECT_EQ(r.code, SHFORMAT_E_OVERFLOW);
+}
+
+TEST_F(DisplayFormat, CompileErrors) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  EXPECT_EQ(shformatCmplNumericMask(c, "0.0.0", sizeof c), SHFORMAT_E_NUMERIC);
+  EXPECT_EQ(shformatCmplNumericMask(c, "\"abc", sizeof c), SHFORMAT_E_QUOTE);
+  EXPECT_EQ(shformatCmplNumericMask(c, "[FOO]", sizeof c), SHFORMAT_E_KEYWORD);
+  EXPECT_EQ(shformatCmplNumericMask(c, "[GENERAL", sizeof c), SHFORMAT_E_KEYWORD);
+  EXPECT_EQ(shformatCmplNumericMask(c, "[SHORTDATE]", sizeof c), SHFORMAT_E_KEYWORD);
+  EXPECT_EQ(shformatCmplNumericMask(c, "0;0;0;0;0", sizeof c), SHFORMAT_E_SECTIONS);
+  EXPECT_EQ(shformatCmplNumericMask(c, "[GENERAL]0", sizeof c), SHFORMAT_E_NUMERIC);
+  EXPECT_EQ(shformatCmplNumericMask(c, "E+00", sizeof c), SHFORMAT_E_NUMERIC);
+  EXPECT_EQ(shformatCmplNumericMask(c, "0E+0E+0", sizeof c), SHFORMAT_E_NUMERIC);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "fffffff", sizeof c), SHFORMAT_E_DATETIME);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "ddddd", sizeof c), SHFORMAT_E_DATETIME);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "hhh", sizeof c), SHFORMAT_E_DATETIME);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "d;m;y", sizeof c), SHFORMAT_E_SECTIONS);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "[CURRENCY]", sizeof c), SHFORMAT_E_KEYWORD);
+  EXPECT_EQ(shformatCmplStringMask(c, "@[GENERAL]", sizeof c), SHFORMAT_E_STRING);
+  EXPECT_EQ(shformatCmplStringMask(c, "'@", sizeof c), SHFORMAT_E_QUOTE);
+  EXPECT_EQ(shformatCmplNumericMask(nullptr, "0", 10), SHFORMAT_E_ARGUMENT);
+  EXPECT_EQ(shformatCmplNumericMask(c, nullptr, 10), SHFORMAT_E_ARGUMENT);
+
+  // Buffer too small: the compiled form is written whole or not at all.
+  std::memset(c, 0xEE, sizeof c);
+  EXPECT_EQ(shformatCmplNumericMask(c, "#,##0.00", 10), SHFORMAT_E_SMALL);
+  for (unsigned char b : c) ASSERT_EQ(b, 0xEE);
+  int32_t need = 8;
+  while (shformatCmplNumericMask(c, "#,##0.00", need) == SHFORMAT_E_SMALL) ++need;
+  EXPECT_LT(need, 64);
+  double v = 1.0;
+  char out[32];
+  EXPECT_EQ(shformatDouble(out, sizeof out, c, &v), 0);
+  EXPECT_STREQ(out, "1.00");
+
+  // Applying a format of another kind, or no format.
+  ASSERT_EQ(shformatCmplDateTimeMask(c, "yyyy", sizeof c), 0);
+  EXPECT_EQ(shformatDouble(out, sizeof out, c, &v), SHFORMAT_E_COMPILED);
+  EXPECT_EQ(shformatString(out, sizeof out, c, "x"), SHFORMAT_E_COMPILED);
+  EXPECT_EQ(shformatDouble(out, sizeof out, nullptr, &v), SHFORMAT_E_ARGUMENT);
+  unsigned char junk[16] = {1, 2, 3};
+  EXPECT_EQ(shformatDouble(out, sizeof out, junk, &v), SHFORMAT_E_COMPILED);
+  // A header that claims more sections than its length holds.
+  ASSERT_EQ(shformatCmplNumericMask(c, "0", sizeof c), 0);
+  c[4] = 4;
+  EXPECT_EQ(shformatDouble(out, sizeof out, c, &v), SHFORMAT_E_COMPILED);
+}
+
+TEST_F(DisplayFormat, ValuesThatCannotBeShown) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  Result r = num("0.00", &nan);
+  EXPECT_EQ(r.code, SHFORMAT_E_VALUE);
+  EXPECT_EQ(r.text, "");
+  double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(num("[GENERAL]", &inf).code, SHFORMAT_E_VALUE);
+  SHDATETIME d = sample();
+  d.month = 12;
+  EXPECT_EQ(date("mmm", &d).code, SHFORMAT_E_VALUE);
+  EXPECT_EQ(date("hh:mm", &d).text, "14:05");  // fields not shown are not checked
+  d = sample();
+  d.minute = 60;
+  EXPECT_EQ(date("hh:mm", &d).code, SHFORMAT_E_VALUE);
+}
+
+TEST_F(DisplayFormat, ErrorStrings) {
+  char buf[80];
+  EXPECT_GT(shformatErrorString(SHFORMAT_E_SMALL, buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "The buffer for the compiled format is too small");
+  for (int32_t e = 0; e <= SHFORMAT_E_VALUE; ++e) {
+    EXPECT_GT(shformatErrorString(e, buf, sizeof buf), 0);
+    EXPECT_STRNE(buf, "Unknown format error") << e;
+  }
+  EXPECT_EQ(shformatErrorString(99, buf, sizeof buf), 20);
+  EXPECT_STREQ(buf, "Unknown format error");
+  EXPECT_EQ(shformatErrorString(-1, buf, 8), 7);
+  EXPECT_STREQ(buf, "Unknown");
+  EXPECT_EQ(shformatErrorString(1, nullptr, 8), 0);
+}
+
+TEST_F(DisplayFormat, RegionalNumbers) {
+  use("sDecimal=,\nsThousand=.\n");
+  EXPECT_EQ(num("[GENERAL]", 1.5), "1,5");
+  EXPECT_EQ(num("[GENERAL]", 1.5e20), "1,5E+20");
+  EXPECT_EQ(num("#,##0.00", 1234.5), "1.234,50");
+  EXPECT_EQ(num("0.00E+00", 12345.0), "1,23E+04");
+  EXPECT_EQ(dec("[GENERAL]", "-1234.5600"), "-1234,56");
+}
+
+TEST_F(DisplayFormat, Currency) {
+  EXPECT_EQ(num("[CURRENCY]", 1234.5), "$1,234.50");
+  EXPECT_EQ(num("[CURRENCY]", -1234.5), "($1,234.50)");
+  EXPECT_EQ(num("[CURRENCY] \"net\"", 3.0), "$3.00 net");
+  use("sDecimal=,\nsThousand=.\nsCurrency=DM\niCurrency=3\niCurrDigits=1\niNegCurr=8\n");
+  EXPECT_EQ(num("[CURRENCY]", 1234.56), "1.234,6 DM");
+  EXPECT_EQ(num("[CURRENCY]", -1234.56), "-1.234,6 DM");
+  use("sCurrency=\"\niCurrency=1\niCurrDigits=0\niNegCurr=5\n");
+  EXPECT_EQ(num("[CURRENCY]", -7.0), "-7\"");  // a symbol is always literal
+}
+
+TEST_F(DisplayFormat, Decimals) {
+  EXPECT_EQ(dec("[GENERAL]", "1234.5600"), "1234.56");
+  EXPECT_EQ(dec("[GENERAL]", "-0.0000000000000000000000000001"),
+            "-0.0000000000000000000000000001");
+  EXPECT_EQ(dec("[GENERAL]", "12345678901234567890.5"), "12345678901234567890.5");
+  EXPECT_EQ(dec("[GENERAL]", "0.000"), "0");
+  EXPECT_EQ(dec("#,##0.0", "1234.56"), "1,234.6");
+  EXPECT_EQ(dec("0.0", "-0.05"), "-0.1");
+  EXPECT_EQ(dec("0.0", "-0.04"), "0.0");
+  EXPECT_EQ(dec("0.00;(0.00);-", "0"), "-");
+  unsigned char c[SHFORMAT_BUFSIZE];
+  ASSERT_EQ(shformatCmplNumericMask(c, "0;0;0;\"null\"", sizeof c), 0);
+  char out[16];
+  EXPECT_EQ(shformatDecimal(out, sizeof out, c, nullptr), 0);
+  EXPECT_STREQ(out, "null");
+}
+
+TEST_F(DisplayFormat, Reals) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  ASSERT_EQ(shformatCmplNumericMask(c, "[GENERAL]", sizeof c), 0);
+  char out[40];
+  float f = 0.1f;
+  EXPECT_EQ(shformatReal(out, sizeof out, c, &f), 0);
+  EXPECT_STREQ(out, "0.1");  // the float's own shortest form, not the double's
+  f = -3.4028235e38f;
+  EXPECT_EQ(shformatReal(out, sizeof out, c, &f), 0);
+  EXPECT_STREQ(out, "-3.4028235E+38");
+  ASSERT_EQ(shformatCmplNumericMask(c, "0.000", sizeof c), 0);
+  f = 2.0005f;  // shortest form 2.0005
+  EXPECT_EQ(shformatReal(out, sizeof out, c, &f), 0);
+  EXPECT_STREQ(out, "2.001");
+}
+
+TEST_F(DisplayFormat, Dates) {
+  SHDATETIME d = sample();
+  EXPECT_EQ(date("[SHORTDATE]", &d).text, "1/2/2003");
+  EXPECT_EQ(date("[LONGDATE]", &d).text, "Thursday, January 02, 2003");
+  EXPECT_EQ(date("[TIME]", &d).text, "14:05:09");
+  EXPECT_EQ(date("[SHORTDATE] [TIME]", &d).text, "1/2/2003 14:05:09");
+  EXPECT_EQ(date("[shortdate]", &d).text, "1/2/2003");
+  EXPECT_EQ(date("dd/mm/yy", &d).text, "02/01/03");
+  EXPECT_EQ(date("ddd d mmm yyyy", &d).text, "Thu 2 Jan 2003");
+  EXPECT_EQ(date("dddd", &d).text, "Thursday");
+  EXPECT_EQ(date("mmmm", &d).text, "January");
+  EXPECT_EQ(date("yyyy-mm-dd", &d).text, "2003-01-02");
+  EXPECT_EQ(date("h:mm am/pm", &d).text, "2:05 pm");
+  EXPECT_EQ(date("hh:mm AM/PM", &d).text, "02:05 PM");
+  EXPECT_EQ(date("h A/P", &d).text, "2 P");
+  EXPECT_EQ(date("h a/p", &d).text, "2 p");
+  EXPECT_EQ(date("hh:mm:ss.fff", &d).text, "14:05:09.123");
+  EXPECT_EQ(date("ss.ffffff", &d).text, "09.123456");
+  EXPECT_EQ(date("s.f", &d).text, "9.1");
+  EXPECT_EQ(date("H:M:S", &d).text, "14:5:9");
+  EXPECT_EQ(date("m:ss", &d).text, "5:09");   // before seconds: minutes
+  EXPECT_EQ(date("m/d", &d).text, "1/2");     // otherwise: the month
+  EXPECT_EQ(date("hh\\h mm", &d).text, "14h 05");
+  EXPECT_EQ(date("\"Day\" d", &d).text, "Day 2");
+  EXPECT_EQ(date("yyyy;\"none\"", nullptr).text, "none");
+  EXPECT_EQ(date("yyyy", nullptr).text, "");
+  d.hour = 0;
+  EXPECT_EQ(date("h:mm am/pm", &d).text, "12:05 am");
+  d.hour = 12;
+  EXPECT_EQ(date("h:mm am/pm", &d).text, "12:05 pm");
+  shdtBuildTime(&d, 987, 3, 5, 0, 0, 0, 0);
+  EXPECT_EQ(date("yyyy yy", &d).text, "0987 87");
+}
+
+TEST_F(DisplayFormat, DatesWithoutTimeOrDate) {
+  SHDATETIME d{};
+  ASSERT_EQ(shdtParse(&d, "7/4/1998", SHDT_DATE), 0);
+  EXPECT_EQ(date("[GENERAL]", &d).text, "7/4/1998");
+  EXPECT_EQ(date("", &d).text, "7/4/1998");
+  ASSERT_EQ(shdtParse(&d, "10:15:30", SHDT_TIME), 0);
+  EXPECT_EQ(date("[GENERAL]", &d).text, "10:15:30");
+  EXPECT_EQ(date("yyyy", &d).code, SHFORMAT_E_VALUE);
+  ASSERT_EQ(shdtParse(&d, "7/4/1998 10:15", SHDT_DATETIME), 0);
+  EXPECT_EQ(date("[GENERAL]", &d).text, "7/4/1998 10:15:00");
+}
+
+TEST_F(DisplayFormat, RegionalDates) {
+  use("sShortDate=dd.MM.yyyy\nsLongDate=d. MMMM yyyy\nsTime=.\ns1159=vorm\ns2359=nachm\n");
+  SHDATETIME d = sample();
+  EXPECT_EQ(date("[SHORTDATE] [TIME]", &d).text, "02.01.2003 14.05.09");
+  EXPECT_EQ(date("[LONGDATE]", &d).text, "2. January 2003");
+  EXPECT_EQ(date("h AM/PM", &d).text, "2 nachm");
+  use("sShortDate=yyyy'-'MM'-'dd\n");
+  EXPECT_EQ(date("[SHORTDATE]", &d).text, "2003-01-02");
+}
+
+TEST_F(DisplayFormat, Strings) {
+  EXPECT_EQ(str("(@@@) @@@-@@@@", "5551234567"), "(555) 123-4567");
+  EXPECT_EQ(str("(@@@) @@@-@@@@", "55512"), "(555) 12-");
+  EXPECT_EQ(str("@@-@@", "abcdefg"), "ab-cdefg");  // nothing is lost
+  EXPECT_EQ(str(">@@", "abc"), "ABC");
+  EXPECT_EQ(str("@<@@", "XYZ"), "Xyz");
+  EXPECT_EQ(str("[GENERAL]", "as is"), "as is");
+  EXPECT_EQ(str("", "as is"), "as is");
+  EXPECT_EQ(str("\"<\"[GENERAL]\">\"", "x"), "<x>");
+  EXPECT_EQ(str("\\@@", "x"), "@x");
+  unsigned char c[SHFORMAT_BUFSIZE];
+  ASSERT_EQ(shformatCmplStringMask(c, "@;\"(none)\"", sizeof c), 0);
+  char out[20];
+  EXPECT_EQ(shformatString(out, sizeof out, c, nullptr), 0);
+  EXPECT_STREQ(out, "(none)");
+  EXPECT_EQ(shformatString(out, 4, c, "abcdef"), SHFORMAT_E_OVERFLOW);
+  EXPECT_STREQ(out, "###");
+}
+
+TEST_F(DisplayFormat, LongMasksFitTheRecommendedBuffer) {
+  const std::string m(200, '0');
+  unsigned char c[SHFORMAT_BUFSIZE];
+  EXPECT_EQ(shformatCmplNumericMask(c, m.c_str(), sizeof c), 0);
+  std::string lits(200, 'x');
+  EXPECT_EQ(shformatCmplDateTimeMask(c, lits.c_str(), sizeof c), 0);
+  EXPECT_EQ(shformatCmplStringMask(c, std::string(200, '@').c_str(), sizeof c), 0);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, "[LONGDATE] [TIME] [SHORTDATE]", sizeof c), 0);
+}
+
+}  // namespace
