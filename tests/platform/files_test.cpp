@@ -4,7 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cstring>
+#include <fstream>
 #include <filesystem>
 #include <string>
 
@@ -136,6 +139,34 @@ TEST(Files, ReadWriteSeekAndAccessChecks) {
   EXPECT_FALSE(ReadFile(9999, buf, 1, &n));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_EQ(GetFileSize(-5, nullptr), INVALID_FILE_SIZE);
+}
+
+// The open flags of a descriptor as the kernel reports them.
+long KernelFlags(HFILE f) {
+  std::ifstream in("/proc/self/fdinfo/" + std::to_string(f));
+  std::string word;
+  while (in >> word)
+    if (word == "flags:") {
+      std::string octal;
+      in >> octal;
+      return std::stol(octal, nullptr, 8);
+    }
+  return -1;
+}
+
+TEST(Files, WriteThroughOpensSynchronously) {
+  Scratch s;
+  HFILE plain = CreateFileA(s.path("p").c_str(), RW, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  HFILE sync = CreateFileA(s.path("s").c_str(), RW, 0, CREATE_ALWAYS, FILE_FLAG_WRITE_THROUGH);
+  ASSERT_NE(plain, INVALID_HANDLE);
+  ASSERT_NE(sync, INVALID_HANDLE);
+  ASSERT_NE(KernelFlags(plain), -1);
+  EXPECT_EQ(KernelFlags(plain) & O_DSYNC, 0);
+  EXPECT_EQ(KernelFlags(sync) & O_DSYNC, O_DSYNC);
+  // Handles are not inherited by programs the host starts.
+  EXPECT_NE(KernelFlags(sync) & O_CLOEXEC, 0);
+  CloseHandle(plain);
+  CloseHandle(sync);
 }
 
 TEST(Files, ClassicCallsOnTheSameHandles) {

@@ -200,6 +200,9 @@ TEST_F(HomeTest, RelativeNamesAndWinIniLiveInTheConfigurationFolder) {
   char buf[32];
   EXPECT_EQ(GetProfileStringA("intl", "sDecimal", ".", buf, sizeof buf), 1u);
   EXPECT_EQ(GetPrivateProfileIntA("x", "y", 5, "app.ini"), 5u);
+  HKEY k = nullptr;
+  EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &k), ERROR_FILE_NOT_FOUND);
+  EXPECT_TRUE(WritePrivateProfileStringA("x", "y", nullptr, "app.ini"));  // deletes nothing
   EXPECT_FALSE(std::filesystem::exists(s_.path("home")));
   EXPECT_EQ(ConfigDir(), s_.path("home"));
 

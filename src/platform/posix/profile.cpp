@@ -275,6 +275,8 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
   std::lock_guard<std::mutex> lock(g_profile_mutex);
   std::string dir = path.substr(0, path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/'));
   if (dir.empty()) dir = path[0] == '/' ? "/" : ".";
+  // Deleting from a file that does not exist changes nothing and creates nothing.
+  if ((!key || !value) && !posix::Exists(path)) return 1;
   if (in_config && !posix::MakeDirs(dir)) return 0;
   FolderLock folder_lock(dir);
   Profile p;
