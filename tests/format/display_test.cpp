@@ -5,6 +5,10 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <random>
+#include <vector>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "regional.h"
@@ -355,6 +359,77 @@ TEST_F(DisplayFormat, LongMasksFitTheRecommendedBuffer) {
   EXPECT_EQ(shformatCmplDateTimeMask(c, lits.c_str(), sizeof c), 0);
   EXPECT_EQ(shformatCmplStringMask(c, std::string(200, '@').c_str(), sizeof c), 0);
   EXPECT_EQ(shformatCmplDateTimeMask(c, "[LONGDATE] [TIME] [SHORTDATE]", sizeof c), 0);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Numbers against Python: "[GENERAL]" must read as "%.15g" does (with an
+// upper-case E and no sign on zero), and a fixed mask as the shortest decimal
+// form of the double rounded half away from zero.
+namespace {
+
+std::vector<double> sample_doubles() {
+  std::vector<double> v;
+  std::mt19937_64 rng(77);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  std::uniform_int_distribution<int> e10(-30, 30);
+  for (int i = 0; i < 3000; ++i) {
+    double x = unit(rng) * std::pow(10.0, e10(rng));
+    if (i % 3 == 0) x = -x;
+    if (i % 7 == 0) x = std::round(x * 1000) / 1000;  // short decimals, ties
+    v.push_back(x);
+  }
+  for (double x : {0.5, 1.5, 2.5, 0.125, 0.375, 1e15, 999999999999999.0, 1e-5, 1e-4, 123456.5,
+                   0.1, 0.7, 1e21, 5e-324, 1.7976931348623157e308, 1.005, 2.675})
+    v.push_back(x);
+  return v;
+}
+
+std::vector<std::string> python_lines(const std::vector<double>& values, const char* expr) {
+  char path[] = "/tmp/zbshr_fmt_XXXXXX";
+  int fd = mkstemp(path);
+  if (fd < 0) return {};
+  FILE* f = fdopen(fd, "w");
+  for (double x : values) std::fprintf(f, "%a\n", x);
+  std::fclose(f);
+  std::string cmd = std::string("/usr/bin/python3 -c \"import sys\nfrom decimal import *\n"
+                                "for l in open(sys.argv[1]):\n    x = float.fromhex(l)\n    print(") +
+                    expr + ")\" " + path;
+  std::vector<std::string> out;
+  if (FILE* p = popen(cmd.c_str(), "r")) {
+    char line[512];
+    while (std::fgets(line, sizeof line, p)) {
+      std::string s = line;
+      while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+      out.push_back(s);
+    }
+    pclose(p);
+  }
+  std::remove(path);
+  return out;
+}
+
+TEST_F(DisplayFormat, GeneralAgreesWithPython) {
+  const auto values = sample_doubles();
+  const auto py = python_lines(values, "('%.15g' % x).replace('e', 'E').replace('-0', '0') "
+                                       "if x == 0 else ('%.15g' % x).replace('e', 'E')");
+  if (py.size() != values.size()) GTEST_SKIP() << "python3 is not available";
+  for (size_t i = 0; i < values.size(); ++i)
+    ASSERT_EQ(num("[GENERAL]", values[i]), py[i]) << std::hexfloat << values[i];
+}
+
+TEST_F(DisplayFormat, FixedMasksAgreeWithPythonDecimal) {
+  std::vector<double> values;
+  for (double x : sample_doubles())
+    if (std::fabs(x) < 1e15) values.push_back(x);
+  const auto py = python_lines(
+      values,
+      "(lambda q: ('-' if q < 0 and q != 0 else '') + '{:,}'.format(abs(q)))"
+      "(Decimal(repr(x)).quantize(Decimal('0.01'), rounding=ROUND_HALF_UP))");
+  if (py.size() != values.size()) GTEST_SKIP() << "python3 is not available";
+  for (size_t i = 0; i < values.size(); ++i)
+    ASSERT_EQ(num("#,##0.00", values[i]), py[i]) << std::hexfloat << values[i];
 }
 
 }  // namespace
