@@ -441,19 +441,19 @@ void BM_Raw_Big(benchmark::State& st) {
 
 }  // namespace
 
-BENCHMARK(BM_Lib_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_Sqlite_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_Files_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_Lib_ReadRandom)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Sqlite_ReadRandom)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Files_ReadRandom)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Lib_List)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Sqlite_List)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Files_List)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Lib_DeleteHalfRewrite)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_Sqlite_DeleteHalfRewrite)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_Lib_Big)->Args({0, 0})->Args({1, 0})->Args({0, 1})->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_Raw_Big)->Args({0, 0})->Args({1, 0})->Args({0, 1})->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_Lib_Lookup)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Lib_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Sqlite_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Files_Write)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Lib_ReadRandom)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Sqlite_ReadRandom)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Files_ReadRandom)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Lib_List)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Sqlite_List)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Files_List)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Lib_DeleteHalfRewrite)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Sqlite_DeleteHalfRewrite)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Lib_Big)->Args({0, 0})->Args({1, 0})->Args({0, 1})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_Raw_Big)->Args({0, 0})->Args({1, 0})->Args({0, 1})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_Lib_Lookup)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();

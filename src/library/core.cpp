@@ -80,14 +80,16 @@ static int diskDialog(UINT textId, const char* fallback) {
 int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
   for (;;) {
     DWORD r = 0;
-    if (SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN) &&
+    if ((h->pos == int64_t(off) || SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN)) &&
         ReadFile(h->file, buf, n, &r)) {
+      h->pos = int64_t(off + r);
       if (got) {
         *got = r;
         return 0;
       }
       return r == n ? 0 : LMI_E_DAMAGED;
     }
+    h->pos = -1;
     if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
   }
 }
@@ -95,8 +97,9 @@ int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
 int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
   for (;;) {
     DWORD put = 0;
-    if (!SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN) ||
-        !WriteFile(h->file, buf, n, &put)) {
+    bool at = h->pos == int64_t(off) || SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN);
+    h->pos = -1;
+    if (!at || !WriteFile(h->file, buf, n, &put)) {
       if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
       continue;
     }
@@ -112,6 +115,7 @@ int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
       continue;
     }
     if (off + n > h->fsize) h->fsize = off + n;
+    h->pos = int64_t(off + n);
     return 0;
   }
 }
@@ -133,13 +137,14 @@ static bool largeLayout(const uint8_t* v) {
 void destroy(Library* h) {
   if (!h) return;
   ZBSTG_HEAP heap = h->heap;
+  void* raw = h->raw;
   for (auto& kv : h->nodes) hfree(h, kv.second);
   for (size_t k = 1; k < h->maps.size(); ++k) hfree(h, h->maps[k].img);
   hfree(h, h->fixed);
   hfree(h, h->dbuf);
   hfree(h, h->dtab);
   h->~Library();
-  zbstg_free(heap, h);
+  zbstg_free(heap, raw);
 }
 
 Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead) {
@@ -165,12 +170,15 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
   }
   if (f == INVALID_HANDLE) return nullptr;
 
-  void* mem = zbstg_alloc(heap, sizeof(Library), 0);
+  // Heap blocks are 4-byte aligned; the handle needs the alignment of its members.
+  void* mem = zbstg_alloc(heap, uint32_t(sizeof(Library) + alignof(Library)), 0);
   if (!mem) {
     CloseHandle(f);
     return nullptr;
   }
-  Library* h = new (mem) Library();
+  uintptr_t at = (reinterpret_cast<uintptr_t>(mem) + alignof(Library) - 1) & ~uintptr_t(alignof(Library) - 1);
+  Library* h = new (reinterpret_cast<void*>(at)) Library();
+  h->raw = mem;
   h->heap = heap;
   h->file = f;
   h->mode = mode;
@@ -195,6 +203,7 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
       h->trailer = true;
       if (uint64_t(h->base) + kBlock > h->fsize - kBlock) return fail();
       if (mode != 1) {
+        h->pos = -1;
         if (!SetFilePointerEx(f, int64_t(h->fsize - kBlock), nullptr, FILE_BEGIN) ||
             !SetEndOfFile(f))
           return fail();
@@ -430,6 +439,7 @@ int32_t releaseTail(Library* h) {
   rc = flushMaps(h);
   if (rc) return rc;
   if (h->fsize > end) {
+    h->pos = -1;
     if (!SetFilePointerEx(h->file, int64_t(end), nullptr, FILE_BEGIN) || !SetEndOfFile(h->file))
       return LMI_E_IO;
     h->fsize = end;

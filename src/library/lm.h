@@ -89,6 +89,7 @@ struct ChainReader {
 };
 
 struct Library {
+  void* raw = nullptr;  // the heap block holding this handle
   ZBSTG_HEAP heap = nullptr;
   plat::HFILE file = plat::INVALID_HANDLE;
   int32_t mode = 0;
@@ -97,6 +98,7 @@ struct Library {
   uint8_t* fixed = nullptr;  // header copy (4096 bytes + a guard zero)
   uint32_t nodeSize = 3072, entrySpace = 3040, fixedSize = 4096;
   uint64_t fsize = 0;  // current file length
+  int64_t pos = -1;    // the file pointer when known (saves a seek per transfer)
 
   // Directory nodes other than the root, by file offset (heap blocks).
   std::unordered_map<uint32_t, uint8_t*> nodes;
