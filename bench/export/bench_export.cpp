@@ -66,23 +66,17 @@ std::string tmp_file(const char* leaf) {
 
 // ---------------------------------------------------------------- the peers
 
-// The time text the "[TIME]" display format gives with the default settings.
-int time_text(char* out, const SHDATETIME& t) {
-  const int h12 = t.hour % 12 == 0 ? 12 : t.hour % 12;
-  return std::sprintf(out, "%d:%02d:%02d %s", h12, t.minute, t.second, t.hour < 12 ? "AM" : "PM");
-}
-
+// The peers print what the display formats give with the default regional
+// settings: "[GENERAL]" shows at most 15 significant digits without trailing
+// zeros (decimals too), "[SHORTDATE]" is M/d/yyyy, "[TIME]" is HH:mm:ss.
 void write_fprintf(const char* path, int n) {
   FILE* f = std::fopen(path, "wb");
   const auto& r = rows();
   for (int i = 0; i < n; ++i) {
     const Row& x = r[i % kPatterns];
-    const int64_t a = x.cents < 0 ? -x.cents : x.cents;
-    char tm[32];
-    time_text(tm, x.time);
-    std::fprintf(f, "%.15g,%s%lld.%02lld,%s,%d/%d/%d,%s\r\n", x.number, x.cents < 0 ? "-" : "",
-                 static_cast<long long>(a / 100), static_cast<long long>(a % 100), x.name,
-                 x.date.month + 1, x.date.day, x.date.year + 1900, tm);
+    std::fprintf(f, "%.15g,%.15g,%s,%d/%d/%d,%02d:%02d:%02d\r\n", x.number,
+                 static_cast<double>(x.cents) / 100.0, x.name, x.date.month + 1, x.date.day,
+                 x.date.year + 1900, x.time.hour, x.time.minute, x.time.second);
   }
   std::fclose(f);
 }
@@ -111,14 +105,7 @@ void write_to_chars(const char* path, int n) {
     char* p = buf + used;
     p = std::to_chars(p, p + 32, x.number).ptr;
     *p++ = ',';
-    int64_t a = x.cents;
-    if (a < 0) {
-      *p++ = '-';
-      a = -a;
-    }
-    p = put_int(p, a / 100);
-    *p++ = '.';
-    p = put2(p, static_cast<int>(a % 100));
+    p = std::to_chars(p, p + 32, static_cast<double>(x.cents) / 100.0).ptr;
     *p++ = ',';
     const size_t nl = std::strlen(x.name);
     std::memcpy(p, x.name, nl);
@@ -130,14 +117,13 @@ void write_to_chars(const char* path, int n) {
     *p++ = '/';
     p = put_int(p, x.date.year + 1900);
     *p++ = ',';
-    const int h12 = x.time.hour % 12 == 0 ? 12 : x.time.hour % 12;
-    p = put_int(p, h12);
+    p = put2(p, x.time.hour);
     *p++ = ':';
     p = put2(p, x.time.minute);
     *p++ = ':';
     p = put2(p, x.time.second);
-    std::memcpy(p, x.time.hour < 12 ? " AM\r\n" : " PM\r\n", 5);
-    p += 5;
+    *p++ = '\r';
+    *p++ = '\n';
     used = static_cast<size_t>(p - buf);
   }
   std::fwrite(buf, 1, used, f);
