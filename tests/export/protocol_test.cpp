@@ -45,9 +45,9 @@ TEST(ExportFieldName, UpperCasedAndCutToTenBytes) {
   EXPECT_EQ(std::string(reinterpret_cast<char*>(out)), "A\xe9Z");
 }
 
-using Protocol = ExportTest;
+using ExportProtocol = ExportTest;
 
-TEST_F(Protocol, MisuseIsRefusedWithoutCrashing) {
+TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
   for (const Format& f : kAll) {
     SCOPED_TRACE(f.name);
     EXPECT_EQ(f.column(nullptr, "A", 1, 1), 0);
@@ -69,7 +69,7 @@ TEST_F(Protocol, MisuseIsRefusedWithoutCrashing) {
   }
 }
 
-TEST_F(Protocol, FileThatCannotBeCreatedFailsBegin) {
+TEST_F(ExportProtocol, FileThatCannotBeCreatedFailsBegin) {
   const std::string bad = path("no/such/folder/out.dat");
   for (const Format& f : kAll) {
     if (f.item == osSaveClipItem) continue;
@@ -77,7 +77,7 @@ TEST_F(Protocol, FileThatCannotBeCreatedFailsBegin) {
   }
 }
 
-TEST_F(Protocol, EndReleasesEverythingWhateverThePointReached) {
+TEST_F(ExportProtocol, EndReleasesEverythingWhateverThePointReached) {
   ZBSTG_STAT before{}, after{};
   zbstg_stat(heap_, &before);
   for (const Format& f : kAll) {
@@ -114,7 +114,7 @@ static void fill_buffer(ExportState* h, const Format& f) {
   ASSERT_EQ(f.item(h, s.c_str()), 1);
 }
 
-TEST_F(Protocol, ShortWriteOfACellFailsTheItem) {
+TEST_F(ExportProtocol, ShortWriteOfACellFailsTheItem) {
   const std::string file = path("short.csv");
   ExportState* h = osSaveCsvBegin(heap_, 0, file.c_str(), 2, 1, 0);
   ASSERT_NE(h, nullptr);
@@ -126,7 +126,7 @@ TEST_F(Protocol, ShortWriteOfACellFailsTheItem) {
   EXPECT_EQ(osSaveCsvEnd(h), 1);
 }
 
-TEST_F(Protocol, FailedTrailerDiscardsPendingBytesAndStillFrees) {
+TEST_F(ExportProtocol, FailedTrailerDiscardsPendingBytesAndStillFrees) {
   ZBSTG_STAT before{}, after{};
   zbstg_stat(heap_, &before);
   const std::string file = path("trailer.sql");
@@ -148,7 +148,7 @@ TEST_F(Protocol, FailedTrailerDiscardsPendingBytesAndStillFrees) {
   EXPECT_EQ(after.live_blocks, before.live_blocks);
 }
 
-TEST_F(Protocol, FailedFinalFlushFailsEnd) {
+TEST_F(ExportProtocol, FailedFinalFlushFailsEnd) {
   const std::string file = path("flush.csv");
   ExportState* h = osSaveCsvBegin(heap_, 0, file.c_str(), 1, 1, 0);
   ASSERT_NE(h, nullptr);
@@ -158,7 +158,7 @@ TEST_F(Protocol, FailedFinalFlushFailsEnd) {
   EXPECT_EQ(osSaveCsvEnd(h), 0);
 }
 
-TEST_F(Protocol, HeaderWriteFailureAtBeginLeavesNothingAllocated) {
+TEST_F(ExportProtocol, HeaderWriteFailureAtBeginLeavesNothingAllocated) {
   ZBSTG_STAT before{}, after{};
   zbstg_stat(heap_, &before);
   zbshr_inject_fault(5, 1, 1);  // the open fails
