@@ -134,14 +134,15 @@ typedef struct DBI_SQLCACHE_COLUMN {
 #define DBI_SQLCACHE_COL_NULLABLE 0x1u
 #define DBI_SQLCACHE_COL_UPDATABLE 0x2u
 
-/* A cache entry: one prepared statement. */
+/* A cache entry: one prepared statement. A driver reads its fields and
+ * changes none of them. */
 typedef struct DBI_SQLCACHE_ENTRY {
   char *text;           /* statement text, leading blanks removed (owned) */
   SHLIST *columns;      /* DBI_SQLCACHE_COLUMN records, null until registered */
   void *statement;      /* the driver's statement handle */
   uint32_t use_count;   /* times the entry was handed out by a lookup */
-  uint32_t reserved[4]; /* bookkeeping, zero at registration; reserved[0]
-                           is non-zero while the entry is in a cache */
+  uint32_t reserved[4]; /* the cache's bookkeeping (in-list mark, text length
+                           and hash; zero after a discard) */
 } DBI_SQLCACHE_ENTRY;
 
 /* The statement cache of one connection. */

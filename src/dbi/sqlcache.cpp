@@ -28,11 +28,33 @@ const char* skip_blanks(const char* text) {
   return text;
 }
 
-// reserved[0] marks an entry that is in a cache's list, so that an entry
-// returned twice is not linked twice (and later dropped twice).
+// Bookkeeping in an entry's reserved words: [0] marks an entry that is in a
+// cache's list, so that an entry returned twice is not linked twice (and
+// later dropped twice); [1] and [2] hold the text's length and hash, which
+// let a lookup pass over most entries without comparing their texts.
 constexpr int kMarkSlot = 0;
+constexpr int kLengthSlot = 1;
+constexpr int kHashSlot = 2;
 bool in_cache(const DBI_SQLCACHE_ENTRY* e) { return e->reserved[kMarkSlot] != 0; }
 void set_in_cache(DBI_SQLCACHE_ENTRY* e, bool on) { e->reserved[kMarkSlot] = on ? 1u : 0u; }
+
+// A quick 32-bit hash of n bytes, eight at a time. It only has to agree with
+// itself within one process.
+uint32_t text_hash(const char* s, size_t n) {
+  uint64_t h = 0x9E3779B97F4A7C15ull ^ n;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, s + i, 8);
+    h = (h ^ w) * 0xFF51AFD7ED558CCDull;
+    h ^= h >> 32;
+  }
+  uint64_t w = 0;
+  std::memcpy(&w, s + i, n - i);
+  h = (h ^ w) * 0xC4CEB9FE1A85EC53ull;
+  h ^= h >> 29;
+  return static_cast<uint32_t>(h);
+}
 
 void free_cached_columns(SHLIST* columns) {
   if (columns == nullptr) return;
@@ -133,6 +155,9 @@ ZBSHR_API(DBI_SQLCACHE_ENTRY*) DBI_SQLCacheRegisterSQLStatement(DBI_CONNECTION* 
     zbstg_free(connection->heap, entry);
     return nullptr;
   }
+  const size_t len = std::strlen(entry->text);
+  entry->reserved[kLengthSlot] = static_cast<uint32_t>(len);
+  entry->reserved[kHashSlot] = text_hash(entry->text, len);
   entry->statement = statementHandle;
   return entry;
 }
@@ -178,11 +203,18 @@ ZBSHR_API(DBI_SQLCACHE_ENTRY*) DBI_SQLCacheRequestSqlStatement(DBI_CONNECTION* c
     return nullptr;
   }
   text = skip_blanks(text);
+  const size_t len = std::strlen(text);
+  const uint32_t hash = text_hash(text, len);
   SHLIST* list = cache->entries;
   SHLISTNODE* node = list->first;
   for (int32_t i = 0; i < list->count && node != nullptr; ++i, node = node->next) {
     auto* entry = static_cast<DBI_SQLCACHE_ENTRY*>(node->data);
-    if (entry == nullptr || entry->text == nullptr || std::strcmp(entry->text, text) != 0) continue;
+    if (entry == nullptr || entry->text == nullptr) continue;
+    // Equal texts have equal lengths and hashes; only then compare bytes.
+    if (entry->reserved[kHashSlot] != hash || entry->reserved[kLengthSlot] != len ||
+        std::memcmp(entry->text, text, len) != 0) {
+      continue;
+    }
     shlist_set_current(list, node);
     shlist_remove(list);
     set_in_cache(entry, false);

@@ -23,7 +23,7 @@ TEST_F(DbiTest, RegisterCopiesTextWithoutLeadingBlanks) {
   EXPECT_EQ(V(e->statement), H(7));
   EXPECT_EQ(V(e->columns), nullptr);
   EXPECT_EQ(e->use_count, 0u);
-  for (uint32_t r : e->reserved) EXPECT_EQ(r, 0u);
+  EXPECT_EQ(e->reserved[0], 0u);  // not in a cache
   EXPECT_EQ(zbstg_get_pointer_subpool(heap_, e), pool_);
   EXPECT_EQ(zbstg_get_pointer_subpool(heap_, V(e->text)), pool_);
   DBI_SQLCacheDiscardEntry(conn(), e, 1);
@@ -79,6 +79,37 @@ TEST_F(DbiTest, MatchingSkipsLeadingBlanksOnlyAndIsByteExact) {
   EXPECT_TRUE(drv_->requests.empty());  // nothing dropped so far
   DBI_SQLCacheEnd(conn(), cache);
   EXPECT_EQ(drv_->dropped, std::vector<intptr_t>{1});
+  EXPECT_EQ(Live(), base_live_);
+}
+
+TEST_F(DbiTest, TextsOfEqualLengthDifferingInOneByte) {
+  // 37 bytes: four whole words and a 5-byte tail. Each variant changes one
+  // byte, at every position, including bytes with the high bit set.
+  const std::string base = "SELECT a FROM t WHERE k = 1 AND v = 2";
+  ASSERT_EQ(base.size(), 37u);
+  DBI_SQLCACHE* cache = DBI_SQLCacheBegin(conn(), 100);
+  std::vector<std::string> texts;
+  for (size_t pos = 0; pos < base.size(); ++pos) {
+    std::string t = base;
+    t[pos] = static_cast<char>(pos % 2 ? 0xE9 : '#');
+    texts.push_back(t);
+    Put(cache, t.c_str(), static_cast<intptr_t>(pos + 1));
+  }
+  EXPECT_EQ(DBI_SQLCacheRequestSqlStatement(conn(), cache, base.c_str()), nullptr);
+  for (size_t pos = 0; pos < texts.size(); ++pos) {
+    DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRequestSqlStatement(conn(), cache, texts[pos].c_str());
+    ASSERT_NE(e, nullptr) << pos;
+    EXPECT_EQ(V(e->statement), H(static_cast<intptr_t>(pos + 1)));
+    DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);
+  }
+  // A text that extends a cached one, or stops short of it, does not match.
+  EXPECT_EQ(DBI_SQLCacheRequestSqlStatement(conn(), cache, (texts[3] + "x").c_str()), nullptr);
+  EXPECT_EQ(DBI_SQLCacheRequestSqlStatement(conn(), cache, texts[3].substr(0, 36).c_str()),
+            nullptr);
+  EXPECT_EQ(cache->hits, 37u);
+  EXPECT_EQ(cache->misses, 3u);
+  DBI_SQLCacheEnd(conn(), cache);
+  EXPECT_EQ(drv_->dropped.size(), 37u);
   EXPECT_EQ(Live(), base_live_);
 }
 
