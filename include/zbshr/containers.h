@@ -103,10 +103,10 @@ ZBSHR_API(void *) shlist_remove(SHLIST *list);
  * position is neither used nor changed. */
 ZBSHR_API(int32_t) shlist_traversal(SHLIST *list, intptr_t param, SHLIST_VISIT visit);
 /* Sorts the data into a new array of `count` pointers allocated in the
- * list's heap and pool (the caller frees it with zbstg_free). Like every heap
- * block the array is only 4-byte aligned: where the processor insists on
- * aligned pointers, read its elements with memcpy. A null
- * comparison compares the data as strings in the system's collation order.
+ * list's heap and pool (the caller frees it with zbstg_free). Heap blocks are
+ * only sure to be 4-byte aligned: where the processor insists on aligned
+ * pointers, read the elements with memcpy. A null comparison compares the
+ * data as strings in the system's collation order.
  * See the SHLIST_SORT_* flags; flags 0 leave the list unchanged. Null for a
  * null handle or an empty list. */
 ZBSHR_API(void **) shlist_sort(SHLIST *list, SH_COMPARE compare, int32_t flags);
