@@ -9,7 +9,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-TEST(Flip, SingleValues) {
+TEST(ContainersFlip, SingleValues) {
   unsigned char b[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   EXPECT_EQ(shFlipLong(b), b + 4);
   EXPECT_EQ(Bytes(b, b + 4), Bytes({4, 3, 2, 1}));
@@ -19,7 +19,7 @@ TEST(Flip, SingleValues) {
   EXPECT_EQ(Bytes(b + 8, b + 16), Bytes({12, 11, 10, 9, 13, 14, 15, 16}));
 }
 
-TEST(Flip, DoubleAgainstItsBigEndianEncoding) {
+TEST(ContainersFlip, DoubleAgainstItsBigEndianEncoding) {
   // 1.5 is 3F F8 00 00 00 00 00 00 in big-endian order.
   unsigned char be[8] = {0x3F, 0xF8, 0, 0, 0, 0, 0, 0};
   EXPECT_EQ(shFlipDouble(be), be + 8);
@@ -30,7 +30,7 @@ TEST(Flip, DoubleAgainstItsBigEndianEncoding) {
   EXPECT_EQ(Bytes(be, be + 8), Bytes({0x3F, 0xF8, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST(Flip, DecimalSwapsSevenWordsAndLeavesTheLastTwoBytes) {
+TEST(ContainersFlip, DecimalSwapsSevenWordsAndLeavesTheLastTwoBytes) {
   unsigned char v[18];
   for (int i = 0; i < 18; ++i) v[i] = static_cast<unsigned char>(0xA0 + i);
   EXPECT_EQ(shFlipSHDEC(v), v + 16);
@@ -49,7 +49,7 @@ void* Flip3(void* p, int32_t extra) {
   return b + 3;
 }
 
-TEST(Flip, DataLoop) {
+TEST(ContainersFlip, DataLoop) {
   uint16_t words[4] = {0x0102, 0x0304, 0x0506, 0x0708};
   auto* end = shFlipDataLoop(words, reinterpret_cast<SHFLIPFN>(reinterpret_cast<void (*)()>(
                                         &shFlipShort)),
@@ -75,7 +75,7 @@ TEST(Flip, DataLoop) {
   EXPECT_EQ(Bytes(b, b + 9), Bytes({3, 2, 1, 6, 5, 4, 9, 8, 7}));
 }
 
-TEST(Flip, NativeFlagIsOnlyStored) {
+TEST(ContainersFlip, NativeFlagIsOnlyStored) {
   EXPECT_EQ(shGetFlipDataNative(), 0);
   EXPECT_EQ(shSetFlipDataNative(5), 5);
   EXPECT_EQ(shGetFlipDataNative(), 5);

@@ -6,9 +6,9 @@
 
 namespace {
 
-class Grow : public HeapTest {};
+class ContainersGrow : public HeapTest {};
 
-TEST_F(Grow, AddGrowsByTheStep) {
+TEST_F(ContainersGrow, AddGrowsByTheStep) {
   SH_GRWBLK b;
   sh_grwblk_init(&b, 3, sizeof(int32_t));
   EXPECT_EQ(V(b.data), nullptr);
@@ -23,7 +23,7 @@ TEST_F(Grow, AddGrowsByTheStep) {
   zbstg_free(heap_, b.data);
 }
 
-TEST_F(Grow, SetItemBeyondTheEnd) {
+TEST_F(ContainersGrow, SetItemBeyondTheEnd) {
   SH_GRWBLK* b = sh_new_grwblk(heap_, 4, 2, 0);
   const uint16_t v = 0xBEEF;
   EXPECT_EQ(sh_set_grwblk_item(heap_, b, 5, &v, 0), 2);
@@ -40,7 +40,7 @@ TEST_F(Grow, SetItemBeyondTheEnd) {
   sh_grwblk_delete(heap_, b);
 }
 
-TEST_F(Grow, AppendUsesUnsigned32BitCapacityArithmetic) {
+TEST_F(ContainersGrow, AppendUsesUnsigned32BitCapacityArithmetic) {
   const uint32_t base = live();
   SH_GRWBLK* b = sh_new_grwblk(heap_, 10, 1, 0);
   char ten[10] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'};
@@ -73,7 +73,7 @@ TEST_F(Grow, AppendUsesUnsigned32BitCapacityArithmetic) {
   EXPECT_EQ(live(), base);
 }
 
-TEST_F(Grow, WrappedCapacityAlwaysHoldsTheItems) {
+TEST_F(ContainersGrow, WrappedCapacityAlwaysHoldsTheItems) {
   // Compare against a model of the unsigned arithmetic for many shapes; the
   // block must always end with room for count + n items.
   std::mt19937 rng(7);
@@ -99,7 +99,7 @@ TEST_F(Grow, WrappedCapacityAlwaysHoldsTheItems) {
   }
 }
 
-TEST_F(Grow, StepZeroIsRefused) {
+TEST_F(ContainersGrow, StepZeroIsRefused) {
   SH_GRWBLK b;
   sh_grwblk_init(&b, 0, 4);
   int32_t v = 1;
@@ -120,7 +120,7 @@ int32_t CmpIntMod(intptr_t m, void* a, void* b) {
   return x < y ? -1 : x > y;
 }
 
-TEST(HeapSort, MatchesStdSortOnManyShapes) {
+TEST(ContainersHeapSort, MatchesStdSortOnManyShapes) {
   std::mt19937 rng(42);
   for (int n : {0, 1, 2, 3, 4, 5, 7, 8, 16, 17, 100, 1000, 4097}) {
     for (int range : {3, 1000000}) {
@@ -145,7 +145,7 @@ TEST(HeapSort, MatchesStdSortOnManyShapes) {
   EXPECT_TRUE(std::is_sorted(down.begin(), down.end()));
 }
 
-TEST(HeapSort, ParameterComesFirstAndStringsSort) {
+TEST(ContainersHeapSort, ParameterComesFirstAndStringsSort) {
   std::vector<void*> a;
   for (intptr_t v : {25, 13, 7, 42, 100, 8}) a.push_back(reinterpret_cast<void*>(v));
   sh_heapsort_param(10, a.data(), 6, CmpIntMod);  // by last digit
@@ -173,7 +173,7 @@ int32_t CmpKeyInt(const void* key, const void* item) {
   return k < v ? -1 : k > v;
 }
 
-TEST(BinarySearch, FindsItemsAndInsertionPoints) {
+TEST(ContainersBinarySearch, FindsItemsAndInsertionPoints) {
   const int32_t items[] = {10, 20, 30, 40, 50, 60, 70};
   for (int32_t n = 0; n <= 7; ++n) {
     for (int32_t key = 5; key <= 75; ++key) {
@@ -202,7 +202,7 @@ TEST(BinarySearch, FindsItemsAndInsertionPoints) {
   EXPECT_EQ(found, 0);
 }
 
-TEST(BinarySearch, KeywordTables) {
+TEST(ContainersBinarySearch, KeywordTables) {
   const SHKEYWORD exact[] = {{"AND", 1}, {"OR", 2}, {"and", 3}, {"not", 4}, {"or", 5}};
   EXPECT_EQ(shBinSrch("AND", exact, 5), 1);
   EXPECT_EQ(shBinSrch("and", exact, 5), 3);

@@ -8,7 +8,7 @@
 
 namespace {
 
-class Hash : public HeapTest {
+class ContainersHash : public HeapTest {
  protected:
   // The bucket a key falls into, as the table reports it.
   static int32_t BucketOf(SHHASH* t, const void* key) {
@@ -26,7 +26,7 @@ std::string FromHex(const std::string& hex) {
 }
 
 // Buckets computed by an independent model (hash_model.py).
-TEST_F(Hash, BucketsMatchTheModel) {
+TEST_F(ContainersHash, BucketsMatchTheModel) {
   std::ifstream in(std::string(ZBSHR_SOURCE_DIR) + "/tests/containers/hash_vectors.txt");
   ASSERT_TRUE(in) << "hash_vectors.txt missing";
   std::map<int32_t, SHHASH*> tables;
@@ -47,7 +47,7 @@ TEST_F(Hash, BucketsMatchTheModel) {
   for (auto& [n, t] : tables) shhash_delete(t);
 }
 
-TEST_F(Hash, ListKeysHashLikeTheConcatenatedString) {
+TEST_F(ContainersHash, ListKeysHashLikeTheConcatenatedString) {
   SHHASH* strings = shhash_new(1000003, nullptr, 0, 0, heap_, 0);
   SHHASH* lists = shhash_new(1000003, nullptr, 0, 1, heap_, 0);
   SHLIST* key = shlist_new(heap_, 0);
@@ -62,7 +62,7 @@ TEST_F(Hash, ListKeysHashLikeTheConcatenatedString) {
   shhash_delete(lists);
 }
 
-TEST_F(Hash, UniqueTableRefusesADuplicate) {
+TEST_F(ContainersHash, UniqueTableRefusesADuplicate) {
   SHHASH* t = shhash_new(101, nullptr, 1, 0, heap_, 0);
   char copy[] = "key";
   EXPECT_EQ(shhash_insert(t, S("key")), 1);
@@ -82,7 +82,7 @@ void* RecNameArg(intptr_t arg, void* data) {
   return RecName(data);
 }
 
-TEST_F(Hash, DuplicatesSearchNextAndRemove) {
+TEST_F(ContainersHash, DuplicatesSearchNextAndRemove) {
   Rec recs[] = {{"x", 1}, {"y", 2}, {"x", 3}, {"x", 4}};
   // One bucket: every key collides, so the chain order is observable.
   SHHASH* t = shhash_new(1, RecName, 0, 0, heap_, 0);
@@ -111,7 +111,7 @@ TEST_F(Hash, DuplicatesSearchNextAndRemove) {
   shhash_delete(t);
 }
 
-TEST_F(Hash, KeyFunctionWithArgument) {
+TEST_F(ContainersHash, KeyFunctionWithArgument) {
   Rec recs[] = {{"alpha", 1}, {"beta", 2}};
   int calls = 0;
   SHHASH* t = shhash_new_arg(13, reinterpret_cast<SHHASH_KEYFN>(reinterpret_cast<void (*)()>(RecNameArg)), 1, 0, heap_, 0,
@@ -124,7 +124,7 @@ TEST_F(Hash, KeyFunctionWithArgument) {
   shhash_delete(t);
 }
 
-TEST_F(Hash, ListKeyTable) {
+TEST_F(ContainersHash, ListKeyTable) {
   // Items are lists of strings; the key is the list itself.
   SHHASH* t = shhash_new(17, nullptr, 1, 1, heap_, 0);
   auto make = [&](std::initializer_list<const char*> parts) {
@@ -147,7 +147,7 @@ TEST_F(Hash, ListKeyTable) {
   shhash_delete(t);
 }
 
-TEST_F(Hash, IterationVisitsEveryItemOnceInBucketOrder) {
+TEST_F(ContainersHash, IterationVisitsEveryItemOnceInBucketOrder) {
   SHHASH* t = shhash_new(7, nullptr, 0, 0, heap_, 0);
   SHHASH* probe = shhash_new(7, nullptr, 0, 0, heap_, 0);  // bucket look-ups only
   std::vector<std::string> keys;
@@ -173,7 +173,7 @@ int32_t CountUntil(void* data, intptr_t param) {
   return ++*n == 5 ? 0 : 42;
 }
 
-TEST_F(Hash, TraversalStatisticsClearAndLeaks) {
+TEST_F(ContainersHash, TraversalStatisticsClearAndLeaks) {
   const uint32_t base = live();
   SHHASH* t = shhash_new(10, nullptr, 0, 0, heap_, 4);
   int n = 0;
@@ -219,7 +219,7 @@ TEST_F(Hash, TraversalStatisticsClearAndLeaks) {
   EXPECT_EQ(live(), base);
 }
 
-TEST_F(Hash, DegenerateTables) {
+TEST_F(ContainersHash, DegenerateTables) {
   SHHASH* t = shhash_new(0, nullptr, 0, 0, heap_, 0);
   ASSERT_NE(t, nullptr);
   EXPECT_EQ(shhash_insert(t, S("a")), 0);

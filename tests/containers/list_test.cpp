@@ -5,7 +5,7 @@
 
 namespace {
 
-class List : public HeapTest {
+class ContainersList : public HeapTest {
  protected:
   SHLIST* Make(std::initializer_list<const char*> items, uint32_t pool = 0) {
     SHLIST* l = shlist_new(heap_, pool);
@@ -18,7 +18,7 @@ class List : public HeapTest {
   }
 };
 
-TEST_F(List, AddAfterAndBeforeOnANewList) {
+TEST_F(ContainersList, AddAfterAndBeforeOnANewList) {
   SHLIST* l = shlist_new(heap_, 0);
   EXPECT_EQ(shlist_get_count(l), 0);
   EXPECT_EQ(shlist_get_first(l), nullptr);
@@ -39,7 +39,7 @@ TEST_F(List, AddAfterAndBeforeOnANewList) {
   shlist_delete(l);
 }
 
-TEST_F(List, CursorWalkAndEnds) {
+TEST_F(ContainersList, CursorWalkAndEnds) {
   SHLIST* l = Make({"a", "b", "c"});
   EXPECT_EQ(Cur(l), "c");  // an append leaves the new node current
   EXPECT_STREQ(static_cast<char*>(shlist_get_first(l)), "a");
@@ -69,7 +69,7 @@ TEST_F(List, CursorWalkAndEnds) {
   shlist_delete(l);
 }
 
-TEST_F(List, InsertInTheMiddleMovesCurrentButNotTheEnds) {
+TEST_F(ContainersList, InsertInTheMiddleMovesCurrentButNotTheEnds) {
   SHLIST* l = Make({"a", "c"});
   shlist_get_first(l);
   EXPECT_EQ(shlist_addafter(l, S("b")), 1);
@@ -88,7 +88,7 @@ TEST_F(List, InsertInTheMiddleMovesCurrentButNotTheEnds) {
   shlist_delete(l);
 }
 
-TEST_F(List, RemoveChoosesTheNewPositionAsymmetrically) {
+TEST_F(ContainersList, RemoveChoosesTheNewPositionAsymmetrically) {
   SHLIST* l = Make({"a", "b", "c", "d"});
   // Middle: the next node becomes current.
   shlist_get_first(l);
@@ -117,7 +117,7 @@ TEST_F(List, RemoveChoosesTheNewPositionAsymmetrically) {
   shlist_delete(l);
 }
 
-TEST_F(List, UpdateSetCurrentAndPutAfter) {
+TEST_F(ContainersList, UpdateSetCurrentAndPutAfter) {
   SHLIST* l = Make({"a", "b", "c"});
   shlist_get_first(l);
   SHLISTNODE* first = shlist_get_handle(l);
@@ -143,7 +143,7 @@ TEST_F(List, UpdateSetCurrentAndPutAfter) {
   shlist_delete(l);
 }
 
-TEST_F(List, NullHandleIsTolerated) {
+TEST_F(ContainersList, NullHandleIsTolerated) {
   EXPECT_EQ(shlist_get_count(nullptr), 0);
   EXPECT_EQ(shlist_get_first(nullptr), nullptr);
   EXPECT_EQ(shlist_get_last(nullptr), nullptr);
@@ -168,7 +168,7 @@ int32_t Visitor(void* data, intptr_t param) {
   return v->seen.back() == v->stop_at ? 0 : static_cast<int32_t>(v->seen.size()) + 10;
 }
 
-TEST_F(List, TraversalStopsAtZeroAndKeepsThePosition) {
+TEST_F(ContainersList, TraversalStopsAtZeroAndKeepsThePosition) {
   SHLIST* l = Make({"a", "b", "c"});
   shlist_get_first(l);
   shlist_get_next(l);
@@ -213,7 +213,7 @@ Strings ArrayStrings(void** a, int n) {
   return out;
 }
 
-TEST_F(List, SortFlags) {
+TEST_F(ContainersList, SortFlags) {
   const uint32_t base = live();
   // 1 | 2: the list is rebuilt in order and no array comes back.
   SHLIST* l = Make({"b", "a", "c"});
@@ -253,7 +253,7 @@ TEST_F(List, SortFlags) {
   EXPECT_EQ(live(), base);
 }
 
-TEST_F(List, NullComparisonUsesTheSystemCollation) {
+TEST_F(ContainersList, NullComparisonUsesTheSystemCollation) {
   SHLIST* l = Make({"beta", "Alpha", "alpha", "Beta", "gamma", "10", "9", "", "_x"});
   void** arr = shlist_sort(l, nullptr, 0);
   ASSERT_NE(arr, nullptr);
@@ -264,7 +264,7 @@ TEST_F(List, NullComparisonUsesTheSystemCollation) {
   shlist_delete(l);
 }
 
-TEST_F(List, NodesLiveInTheListsPoolAndAreAllFreed) {
+TEST_F(ContainersList, NodesLiveInTheListsPoolAndAreAllFreed) {
   const uint32_t base = live();
   SHLIST* l = Make({"a", "b"}, 7);
   EXPECT_EQ(zbstg_get_pointer_subpool(heap_, l), 7u);

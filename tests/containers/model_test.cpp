@@ -18,9 +18,9 @@ struct ListModel {
 void* P(intptr_t v) { return reinterpret_cast<void*>(v); }
 intptr_t I(void* p) { return reinterpret_cast<intptr_t>(p); }
 
-class Model : public HeapTest {};
+class ContainersModel : public HeapTest {};
 
-TEST_F(Model, ListOperationsFollowTheCursorRules) {
+TEST_F(ContainersModel, ListOperationsFollowTheCursorRules) {
   std::mt19937 rng(2026);
   const uint32_t base = live();
   for (int round = 0; round < 40; ++round) {
@@ -103,7 +103,7 @@ TEST_F(Model, ListOperationsFollowTheCursorRules) {
   EXPECT_EQ(live(), base);
 }
 
-TEST_F(Model, HashTableAgainstAMultimap) {
+TEST_F(ContainersModel, HashTableAgainstAMultimap) {
   std::mt19937 rng(99);
   const uint32_t base = live();
   std::vector<std::string> keys;
