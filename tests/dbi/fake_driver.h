@@ -97,7 +97,8 @@ class DbiTest : public ::testing::Test {
     const SHLIST* list = cache->entries;
     const SHLISTNODE* n = list->first;
     for (int32_t i = 0; i < list->count; ++i, n = n->next) {
-      out.emplace_back(static_cast<const DBI_SQLCACHE_ENTRY*>(n->data)->text);
+      const char* text = static_cast<const DBI_SQLCACHE_ENTRY*>(n->data)->text;
+      out.emplace_back(text);
     }
     return out;
   }
