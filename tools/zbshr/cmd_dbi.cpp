@@ -2,7 +2,7 @@
 // workload against a fake driver, and the `sqlcache` subcommand that runs the
 // statements given to it.
 #include <cstdio>
-#include <cstring>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -46,6 +46,7 @@ bool Execute(DBI_CONNECTION* conn, ToyDriver& drv, const char* sql) {
   if (!hit) {
     e = DBI_SQLCacheRegisterSQLStatement(conn, sql, reinterpret_cast<void*>(
                                                         static_cast<intptr_t>(++drv.prepared)));
+    if (e == nullptr) return false;
   }
   if (drv.verbose) {
     std::fprintf(drv.out, "%-4s #%d %s\n", hit ? "hit" : "miss",
@@ -128,11 +129,10 @@ int cmd_sqlcache(int argc, char** argv) {
     } else if (a == "--quiet") {
       quiet = true;
     } else if (a == "-") {
-      char line[4096];
-      while (std::fgets(line, sizeof line, stdin)) {
-        size_t n = std::strlen(line);
-        while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
-        if (n > 0) statements.emplace_back(line);
+      std::string line;
+      while (std::getline(std::cin, line)) {
+        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+        if (!line.empty()) statements.push_back(line);
       }
     } else if (a.size() > 1 && a[0] == '-') {
       return zcli::usage_error(argv[0], "unknown option " + a);
