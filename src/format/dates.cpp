@@ -196,23 +196,22 @@ ZBSHR_API(void) shdtString(char* date_buffer, char* time_buffer) {
 
 ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
   if (dt == nullptr || text == nullptr || mode < 1 || mode > 3) return SHDT_E_TEXT;
-  int order = zbshr::intl::settings().date_order;
-  if (order < 0 || order > 2) order = 0;
+  // The regional date order is read only when a date field is met.
+  int order = -1;
+  auto date_type = [&](int f) -> FieldType {
+    if (order < 0) {
+      order = zbshr::intl::settings().date_order;
+      if (order < 0 || order > 2) order = 0;
+    }
+    return kOrders[order][f];
+  };
 
-  // Working fields: three date fields in the regional order, then hour,
-  // minute, second and fraction; -1 while unset.
+  // Working fields by type (day, month, year, hour, minute, second,
+  // fraction), -1 while unset. `cur` walks the positions: three date fields
+  // in the regional order, then hour, minute, second and fraction.
   int64_t val[7] = {-1, -1, -1, -1, -1, -1, -1};
   int cur = mode == 3 ? 3 : 0;
   const int last = mode == 2 ? 2 : 6;
-  auto type_of = [&](int f) -> FieldType {
-    return f < 3 ? kOrders[order][f] : static_cast<FieldType>(f);
-  };
-  auto slot = [&](FieldType t) -> int64_t& {
-    if (t >= kHour) return val[t];
-    for (int f = 0; f < 3; ++f)
-      if (kOrders[order][f] == t) return val[f];
-    return val[0];
-  };
 
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
   bool ended = false;  // after am/pm nothing may follow
@@ -230,8 +229,14 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
       }
       const int nd = static_cast<int>(p - s);
       if (cur > last) return SHDT_E_TEXT;
-      if (cur == 0 && nd == 4) order = 2;  // a 4-digit first field is a year
-      switch (type_of(cur)) {
+      FieldType type;
+      if (cur < 3) {
+        if (cur == 0 && nd == 4) order = 2;  // a 4-digit first field is a year
+        type = date_type(cur);
+      } else {
+        type = static_cast<FieldType>(cur);
+      }
+      switch (type) {
         case kDay:
           if (v < 1 || v > 31) return SHDT_E_DAY;
           break;
@@ -260,7 +265,8 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
           break;
         }
       }
-      val[cur++] = v;
+      val[type] = v;
+      ++cur;
     } else if (is_letter(*p)) {
       const unsigned char* s = p;
       while (is_letter(*p)) ++p;
@@ -270,7 +276,7 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
       std::memcpy(word, s, len);
       word[len] = '\0';
       const bool am = zbshr::plat::lstrcmpiA(word, "am") == 0;
-      const bool pm = zbshr::plat::lstrcmpiA(word, "pm") == 0;
+      const bool pm = !am && zbshr::plat::lstrcmpiA(word, "pm") == 0;
       if (am || pm) {
         int64_t& hour = val[kHour];
         if (hour < 0) return SHDT_E_TEXT;
@@ -284,8 +290,9 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
       for (int i = 0; i < 24 && month == 0; ++i)
         if (zbshr::plat::lstrcmpiA(word, zbshr::intl::upper_month_name(i)) == 0)
           month = kNameMonth[i];
-      if (month == 0 || cur > last || cur >= 3 || type_of(cur) != kMonth) return SHDT_E_TEXT;
-      val[cur++] = month;
+      if (month == 0 || cur > last || cur >= 3 || date_type(cur) != kMonth) return SHDT_E_TEXT;
+      val[kMonth] = month;
+      ++cur;
       if (len == 3 && month != 5 && *p == '.') ++p;
     } else {
       return SHDT_E_TEXT;  // a separator before the first field, or a stray character
@@ -299,10 +306,9 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
     }
   }
 
-  int64_t& hour = val[kHour];
-  const int64_t day = slot(kDay), month = slot(kMonth), year = slot(kYear);
+  const int64_t day = val[kDay], month = val[kMonth], year = val[kYear];
   if (mode == 3) {
-    if (hour < 0) return SHDT_E_TEXT;
+    if (val[kHour] < 0) return SHDT_E_TEXT;
   } else {
     if (year < 0 || month < 0 || day < 0) return SHDT_E_TEXT;
   }
@@ -315,7 +321,7 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
       dt->microsecond = static_cast<uint32_t>(val[kFraction]);
       dt->second = static_cast<uint8_t>(val[kSecond]);
       dt->minute = static_cast<uint8_t>(val[kMinute]);
-      dt->hour = static_cast<uint8_t>(hour);
+      dt->hour = static_cast<uint8_t>(val[kHour]);
       dt->day = static_cast<uint8_t>(day);
       dt->month = static_cast<uint8_t>(month - 1);
       if (year > 9999) return SHDT_E_YEAR;
@@ -333,7 +339,7 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
       dt->reserved = 0;
       dt->second = static_cast<uint8_t>(val[kSecond]);
       dt->minute = static_cast<uint8_t>(val[kMinute]);
-      dt->hour = static_cast<uint8_t>(hour);
+      dt->hour = static_cast<uint8_t>(val[kHour]);
       dt->microsecond = static_cast<uint32_t>(val[kFraction]);
       break;
   }

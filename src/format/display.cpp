@@ -758,6 +758,7 @@ struct NumValue {
   double dv = 0;
   float fv = 0;
   Digits exact;  // shortest digits of |value| (decimals: all digits)
+  bool have_exact = true;
 };
 
 bool load_double(double v, NumValue& nv) {
@@ -766,9 +767,19 @@ bool load_double(double v, NumValue& nv) {
   nv.neg = std::signbit(v) && v != 0;
   nv.zero = v == 0;
   nv.dv = std::fabs(v);
-  char buf[40];
-  auto r = std::to_chars(buf, buf + sizeof buf, nv.dv, std::chars_format::scientific);
-  return r.ec == std::errc() && parse_scientific(buf, r.ptr, nv.exact);
+  nv.have_exact = false;  // the general form does not need them
+  return true;
+}
+
+// The shortest digits of a double, computed on first use.
+const Digits& exact_digits(NumValue& nv) {
+  if (!nv.have_exact) {
+    char buf[40];
+    auto r = std::to_chars(buf, buf + sizeof buf, nv.dv, std::chars_format::scientific);
+    if (r.ec != std::errc() || !parse_scientific(buf, r.ptr, nv.exact)) nv.exact = Digits{};
+    nv.have_exact = true;
+  }
+  return nv.exact;
 }
 
 bool load_float(float v, NumValue& nv) {
@@ -817,15 +828,15 @@ bool load_decimal(const SHDEC* v, NumValue& nv) {
 // The general form: at most 15 significant digits, no trailing zeros, an
 // exponent below 1E-4 and from 1E+15 as "%.15g" would (decimals: always
 // plain).
-void put_general(const NumValue& v, bool with_sign, Out& o) {
+void put_general(NumValue& v, bool with_sign, Out& o) {
   const char sep = intl::settings().decimal_sep;
   Digits g;
   if (v.kind == NumKind::Double && !v.zero) {
     char buf[40];
     auto r = std::to_chars(buf, buf + sizeof buf, v.dv, std::chars_format::scientific, 14);
-    if (r.ec != std::errc() || !parse_scientific(buf, r.ptr, g)) g = v.exact;
+    if (r.ec != std::errc() || !parse_scientific(buf, r.ptr, g)) g = exact_digits(v);
   } else {
-    g = v.exact;
+    g = exact_digits(v);
     if (v.kind == NumKind::Float) g.round_to(15);
   }
   if (g.n == 0) {
@@ -864,7 +875,7 @@ void put_general(const NumValue& v, bool with_sign, Out& o) {
 }
 
 // Renders |value| through a numeric section; `minus` puts a '-' in front.
-void render_number_section(const SecView& s, const NumValue& v, bool minus, Out& o) {
+void render_number_section(const SecView& s, NumValue& v, bool minus, Out& o) {
   const auto& st = intl::settings();
   const uint8_t flags = s.flags();
   if (!(flags & fDigits)) {
@@ -872,8 +883,11 @@ void render_number_section(const SecView& s, const NumValue& v, bool minus, Out&
     return;
   }
   const int n_int = s.param(pNInt), n_frac = s.param(pNFrac), frac_min = s.param(pFracMin);
-  Digits d = v.exact;
-  if (d.n > 0) d.point += 2 * s.param(pPercent);
+  Digits d;
+  if (!(flags & fGeneral)) {
+    d = exact_digits(v);
+    if (d.n > 0) d.point += 2 * s.param(pPercent);
+  }
   int exp10 = 0;
   if (flags & fExp) {
     const int m = n_int == 0 ? 0 : (s.param(pIntZeros) > 0 ? s.param(pIntZeros) : 1);
@@ -889,7 +903,7 @@ void render_number_section(const SecView& s, const NumValue& v, bool minus, Out&
   } else if (!(flags & fGeneral)) {
     d.round_to(d.point + n_frac);
   }
-  const bool zero = d.n == 0;
+  const bool zero = (flags & fGeneral) ? v.zero : d.n == 0;
   bool general_seen = false;
   // The sign goes first, and only when the shown value is not zero.
   if (minus && !zero) o.put('-');
