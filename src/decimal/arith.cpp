@@ -1,6 +1,9 @@
 // The exported SHDEC arithmetic: comparison, sign operations, the four
 // operations and their rounding and truncating variants, remainder,
 // rounding and truncation.
+#include <bit>
+#include <cstring>
+
 #include "decimal/arith.h"
 #include "decimal/core.h"
 
@@ -23,6 +26,100 @@ inline int check_places(int32_t places) {
 inline SHDEC* fail(int code) {
   report(code);
   return nullptr;
+}
+
+// The low 64 bits of a record's magnitude when its top word is zero.
+inline bool small_mag(const SHDEC* d, uint64_t& m) {
+  if constexpr (std::endian::native != std::endian::little) return false;
+  if (d->mag[4] != 0) return false;
+  std::memcpy(&m, d->mag, 8);
+  return true;
+}
+
+[[gnu::noinline]] u128 div_round_outline(u128 r, int k) { return div_pow10_round(r, k); }
+
+// r / 10 rounded half up, for 2^63 <= r < 2^80: r / 10 = (r >> 1) / 5 and
+// 2^64 = 5 x 3689348814741910323 + 1, so only 64-bit steps are needed.
+inline u128 div10_round(u128 r) {
+  const u128 w = r >> 1;
+  const uint64_t wh = static_cast<uint64_t>(w >> 64), wl = static_cast<uint64_t>(w);
+  uint64_t t = wl + wh;
+  if (t < wl) return div_round_outline(r, 1);  // the rare carry
+  const uint64_t tq = t / 5;
+  const unsigned rem = static_cast<unsigned>(t - tq * 5) * 2 + static_cast<unsigned>(r & 1);
+  const u128 q = static_cast<u128>(wh) * 3689348814741910323ULL + tq;
+  return q + (rem >= 5 ? 1 : 0);
+}
+
+// a + (b with its sign flipped when `flip`) for validated records whose
+// magnitudes fit 64 bits and whose scales are at most 18: the same steps as
+// add_core and normalise, with 64-bit operands. False sends the caller to
+// the general path (which also reports any error).
+inline bool add_fast(SHDEC* result, const SHDEC* a, const SHDEC* b, bool flip) {
+  uint64_t am, bm;
+  if (!small_mag(a, am) || !small_mag(b, bm)) return false;
+  int s = a->scale;
+  const int sb = b->scale;
+  if (s > kPublishedScale || sb > kPublishedScale) return false;
+  u128 x = am, y = bm;
+  if (s < sb) {
+    const int d = sb - s;
+    if (x > kMaxMul[d]) return false;
+    x = static_cast<u128>(am) * static_cast<uint64_t>(kPow10[d]);
+    s = sb;
+  } else if (sb < s) {
+    const int d = s - sb;
+    if (y > kMaxMul[d]) return false;
+    y = static_cast<u128>(bm) * static_cast<uint64_t>(kPow10[d]);
+  }
+  const bool an = (a->sign & 1) != 0, bn = ((b->sign & 1) != 0) != flip;
+  u128 r;
+  bool neg = an;
+  if (an == bn) {
+    r = x + y;
+  } else if (x >= y) {
+    r = x - y;
+  } else {
+    r = y - x;
+    neg = bn;
+  }
+  if (r >= kLim63) [[unlikely]] {
+    int k = 1;
+    while (k < 7 && r >= kFit63[k]) ++k;
+    if (s < k) return false;
+    r = k == 1 ? div10_round(r) : div_round_outline(r, k);
+    s -= k;
+  }
+  result->sign = neg ? 1 : 0;
+  result->scale = static_cast<int16_t>(s);
+  store_mag(result, r);
+  return true;
+}
+
+// CompareDecimal for validated records whose magnitudes fit 64 bits.
+inline bool compare_fast(const SHDEC* a, const SHDEC* b, int& out) {
+  uint64_t am, bm;
+  if (!small_mag(a, am) || !small_mag(b, bm)) return false;
+  const int an = a->sign & 1, bn = b->sign & 1;
+  if (am == 0 || bm == 0) return false;
+  if (an != bn) {
+    out = an ? -1 : 1;
+    return true;
+  }
+  u128 x = am, y = bm;
+  const int sa = a->scale, sb = b->scale;
+  if (sa < sb) {
+    if (sb - sa > 19) return false;
+    x = static_cast<u128>(am) * static_cast<uint64_t>(kPow10[sb - sa]);
+    if (x >= kLim79) return false;
+  } else if (sb < sa) {
+    if (sa - sb > 19) return false;
+    y = static_cast<u128>(bm) * static_cast<uint64_t>(kPow10[sa - sb]);
+    if (y >= kLim79) return false;
+  }
+  const int c = x < y ? -1 : (x > y ? 1 : 0);
+  out = an ? -c : c;
+  return true;
 }
 
 }  // namespace
@@ -58,10 +155,36 @@ int divide_nums(const Num& a, const Num& b, Num& q) {
 
 extern "C" {
 
-ZBSHR_API(int16_t) CompareDecimal(const SHDEC* a, const SHDEC* b) {
+namespace {
+
+[[gnu::noinline]] int16_t compare_general(const SHDEC* a, const SHDEC* b) {
   if (int c = check(a)) return static_cast<int16_t>(report(c));
   if (int c = check(b)) return static_cast<int16_t>(report(c));
   return static_cast<int16_t>(compare_nums(load(a), load(b)));
+}
+
+[[gnu::noinline]] SHDEC* add_general(SHDEC* result, const SHDEC* a, const SHDEC* b, bool flip) {
+  if (int c = check_args(a, b, result)) return fail(c);
+  Num y = load(b);
+  if (flip) y.neg = !y.neg;
+  Num r;
+  if (int c = add_core(load(a), y, r)) return fail(c);
+  if (int c = normalise(r)) return fail(c);
+  store(result, r);
+  return result;
+}
+
+// Valid operands (non-null, scale 0..28) and, for add, a result pointer.
+inline bool valid(const SHDEC* a, const SHDEC* b) {
+  return a && b && static_cast<uint16_t>(a->scale) <= kMaxScale &&
+         static_cast<uint16_t>(b->scale) <= kMaxScale;
+}
+
+}  // namespace
+
+ZBSHR_API(int16_t) CompareDecimal(const SHDEC* a, const SHDEC* b) {
+  if (int out; valid(a, b) && compare_fast(a, b, out)) return static_cast<int16_t>(out);
+  return compare_general(a, b);
 }
 
 ZBSHR_API(int16_t) MagnitudeOfDecimal(const SHDEC* a, const SHDEC* b) {
@@ -88,23 +211,13 @@ ZBSHR_API(SHDEC*) ChangeSignDecimal(SHDEC* result, const SHDEC* a) {
 }
 
 ZBSHR_API(SHDEC*) AddDecimal(SHDEC* result, const SHDEC* a, const SHDEC* b) {
-  if (int c = check_args(a, b, result)) return fail(c);
-  Num r;
-  if (int c = add_core(load(a), load(b), r)) return fail(c);
-  if (int c = normalise(r)) return fail(c);
-  store(result, r);
-  return result;
+  if (valid(a, b) && result && add_fast(result, a, b, false)) return result;
+  return add_general(result, a, b, false);
 }
 
 ZBSHR_API(SHDEC*) SubtractDecimal(SHDEC* result, const SHDEC* a, const SHDEC* b) {
-  if (int c = check_args(a, b, result)) return fail(c);
-  Num y = load(b);
-  y.neg = !y.neg;
-  Num r;
-  if (int c = add_core(load(a), y, r)) return fail(c);
-  if (int c = normalise(r)) return fail(c);
-  store(result, r);
-  return result;
+  if (valid(a, b) && result && add_fast(result, a, b, true)) return result;
+  return add_general(result, a, b, true);
 }
 
 ZBSHR_API(SHDEC*) MultiplyDecimal(SHDEC* result, const SHDEC* a, const SHDEC* b) {

@@ -111,10 +111,15 @@ inline Num zero_num(int scale = 2) {
 
 // ---- powers of ten ----------------------------------------------------------
 
-extern const u128 kPow10[39];    // 10^0 .. 10^38
-extern const u128 kMaxMul[25];   // largest m with m * 10^j below 2^79
-extern const u128 kFit79[15];    // 2^79 x 10^k: a value below kFit79[k] needs at most k digits dropped
-extern const u128 kFit63[8];     // 2^63 x 10^k
+#if defined(__GNUC__) && !defined(_WIN32)
+#define ZBSHR_DEC_HIDDEN __attribute__((visibility("hidden")))
+#else
+#define ZBSHR_DEC_HIDDEN
+#endif
+extern const u128 kPow10[39] ZBSHR_DEC_HIDDEN;   // 10^0 .. 10^38
+extern const u128 kMaxMul[25] ZBSHR_DEC_HIDDEN;  // largest m with m * 10^j below 2^79
+extern const u128 kFit79[15] ZBSHR_DEC_HIDDEN;   // 2^79 x 10^k: below kFit79[k], k digits suffice
+extern const u128 kFit63[8] ZBSHR_DEC_HIDDEN;    // 2^63 x 10^k
 
 inline u128 pow10(int n) { return kPow10[n]; }
 
@@ -144,6 +149,11 @@ inline u128 div_u128_u64(u128 v, uint64_t d, uint64_t& rem) {
 
 // m / 10^n truncated, and the remainder (n in 1..38).
 inline u128 div_pow10_rem(u128 m, int n, u128& rem) {
+  if (n == 1) {
+    const u128 q = m / 10;  // a constant divisor the compiler turns into multiplications
+    rem = m - q * 10;
+    return q;
+  }
   if (n <= 19) {
     uint64_t r;
     const u128 q = div_u128_u64(m, static_cast<uint64_t>(kPow10[n]), r);
@@ -176,11 +186,18 @@ inline u128 div_pow10_round(u128 m, int n) {
   return q + (rem >= kPow10[n] / 2 ? 1 : 0);
 }
 
+// m * 10^n for a product known to fit.
+inline u128 times_pow10(u128 m, int n) {
+  if ((m >> 64) == 0 && n <= 19)
+    return static_cast<u128>(static_cast<uint64_t>(m)) * static_cast<uint64_t>(kPow10[n]);
+  return m * kPow10[n];
+}
+
 // Primitive 1: m * 10^n, failing (m unchanged) when a step reaches 2^79.
 inline bool mul_pow10(u128& m, int n) {
   if (n <= 0 || m == 0) return true;
   if (n > 24 || m > kMaxMul[n]) return false;
-  m *= kPow10[n];
+  m = times_pow10(m, n);
   return true;
 }
 
@@ -191,7 +208,7 @@ inline int rescale_up(u128& m, int n) {
   if (m == 0) return n;
   int j = n > 24 ? 24 : n;
   while (j > 0 && m > kMaxMul[j]) --j;
-  m *= kPow10[j];
+  m = times_pow10(m, j);
   return j;
 }
 

@@ -37,6 +37,12 @@ TEST(DecimalAdd, AlignsScalesAndNormalises) {
   EXPECT_EQ(add("1000000000000000000.00000", "0.000005"), "1000000000000000000");
   // Normalisation makes one pass: 2^63 - 0.5 rounds to exactly 2^63.
   EXPECT_EQ(add("9223372036854775807.5", "0"), "9223372036854775808");
+  // Sums just below 2^66 and 2^80 lose one digit on the way to 19 digits.
+  EXPECT_EQ(add("7378697629483820646", "0.2"), "7378697629483820646");
+  EXPECT_EQ(add("7378697629483820646", "0.5"), "7378697629483820647");
+  EXPECT_EQ(add("60446290980731458735308.7", "60446290980731458735308.7"),
+            "<null>");  // 120892581961462917470617 needs scale -5
+  EXPECT_EQ(add("6044629098073145873.53087", "-0.000005"), "6044629098073145874");
   SHDEC a = dec("2"), b = dec("3");
   ASSERT_EQ(SubtractDecimal(&a, &a, &b), &a);  // result may be an operand
   EXPECT_EQ(str(a), "-1");
