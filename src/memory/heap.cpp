@@ -26,12 +26,17 @@
 // can observe (block sizes, offsets inside sub-pools, GlobalSize of
 // sub-pools, pool numbers, statistics) is the same on every host.
 //
-// Speed without changing results: the largest-free values of a table sit in
-// the leaves of a max tree, so "the first entry, in index order, whose largest
-// free block fits" is a descent of the tree; a bitmap finds the first empty
-// entry; a map from sub-pool address to (directory entry, table entry) lets
-// zbstg_free reach its table entry in constant time; a map from pool number to
-// directory entry replaces the directory scan.
+// Speed without changing results: the largest-free values of a table are kept
+// with upper bounds per 16 and per 256 entries, so "the first entry, in index
+// order, whose largest free block fits" skips whole groups; a bitmap finds the
+// first empty entry; a map from sub-pool address to (directory entry, table
+// entry) lets zbstg_free reach its table entry in constant time; a map from
+// pool number to directory entry (and a one-entry cache) replaces the
+// directory scan; each small sub-pool's free list is mirrored in a compact
+// array beside it (offset and size of each free block, in offset order), so
+// first-fit and ordered insertion scan a few contiguous words instead of
+// following links through the sub-pool. The links in the sub-pool are written
+// exactly as before; only the searches read the mirror.
 //
 // Robustness beyond the classic contract: a pointer whose sub-pool is not one
 // of the heap's (a stale or foreign pointer, a double free after the sub-pool
@@ -161,53 +166,101 @@ void U64Map::Release() {
   mask = shift = size = 0;
 }
 
-// ---------------------------------------------------------------- table index
+// ---------------------------------------------------------------- free-list mirror
 
-static uint32_t LeavesFor(uint32_t capacity) {
-  uint32_t l = 1;
-  while (l < capacity) l <<= 1;
-  return l;
+Mirror* NewMirror(ZBSTG_HEAP heap, uint32_t off, uint32_t size) {
+  constexpr uint32_t kCap = 14;  // a 64-byte record
+  auto* m = static_cast<Mirror*>(SideAlloc(heap, sizeof(Mirror) + sizeof(uint32_t) * (kCap - 1)));
+  m->n = 1;
+  m->cap = kCap;
+  m->e[0] = Mirror::Pack(off, size);
+  return m;
 }
 
-static void SetLargest(Table* t, uint32_t i, uint32_t value) {
-  uint32_t* tree = t->tree;
-  uint32_t k = t->leaves + i;
-  tree[k] = value;
-  for (k >>= 1; k; k >>= 1) {
-    uint32_t m = std::max(tree[2 * k], tree[2 * k + 1]);
-    if (tree[k] == m) break;
-    tree[k] = m;
+void MirrorInsert(ZBSTG_HEAP heap, Mirror** mp, uint32_t i, uint32_t value) {
+  Mirror* m = *mp;
+  if (m->n == m->cap) {
+    uint32_t cap = m->cap * 2 + 2;
+    auto* g = static_cast<Mirror*>(SideAlloc(heap, sizeof(Mirror) + sizeof(uint32_t) * (cap - 1)));
+    g->n = m->n;
+    g->cap = cap;
+    std::memcpy(g->e, m->e, sizeof(uint32_t) * m->n);
+    std::free(m);
+    *mp = m = g;
+  }
+  for (uint32_t j = m->n; j > i; --j) m->e[j] = m->e[j - 1];
+  m->e[i] = value;
+  ++m->n;
+}
+
+// ---------------------------------------------------------------- table index
+
+static inline void SetLargest(Table* t, uint32_t i, uint32_t value) {
+  t->largest[i] = value;
+  // Group bounds only rise here; a stale (too high) bound is lowered when a
+  // search scans its group.
+  if (value > t->bound16[i >> 4]) {
+    t->bound16[i >> 4] = value;
+    if (value > t->bound256[i >> 8]) t->bound256[i >> 8] = value;
   }
 }
 
 // First entry (in index order) whose largest-free value is at least b, or -1.
-static int32_t FirstFit(const Table* t, uint32_t b) {
-  const uint32_t* tree = t->tree;
-  if (tree[1] < b) return -1;
-  uint32_t k = 1;
-  while (k < t->leaves) k = (tree[2 * k] >= b) ? 2 * k : 2 * k + 1;
-  return static_cast<int32_t>(k - t->leaves);
+static int32_t FirstFit(Table* t, uint32_t b) {
+  const uint32_t cap = t->capacity;
+  const uint32_t* v = t->largest;
+  uint32_t* b16 = t->bound16;
+  uint32_t* b256 = t->bound256;
+  for (uint32_t g2 = 0; g2 * 256 < cap; ++g2) {
+    if (b256[g2] < b) continue;
+    uint32_t m2 = 0;
+    for (uint32_t g = g2 * 16; g < g2 * 16 + 16 && g * 16 < cap; ++g) {
+      if (b16[g] < b) {
+        m2 = std::max(m2, b16[g]);
+        continue;
+      }
+      uint32_t lo = g * 16, hi = std::min(cap, lo + 16), m = 0;
+      for (uint32_t i = lo; i < hi; ++i) {
+        if (v[i] >= b) return static_cast<int32_t>(i);
+        m = std::max(m, v[i]);
+      }
+      b16[g] = m;
+      m2 = std::max(m2, m);
+    }
+    b256[g2] = m2;
+  }
+  return -1;
 }
 
-// Builds (or rebuilds after growth) the index of a table of t->capacity entries.
-static void IndexTable(ZBSTG_HEAP heap, Table* t, const uint32_t* old_leaf_values,
-                       uint32_t old_count) {
-  uint32_t leaves = LeavesFor(t->capacity);
-  auto* tree = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * 2 * leaves));
-  for (uint32_t i = 0; i < old_count; ++i) tree[leaves + i] = old_leaf_values[i];
-  for (uint32_t k = leaves - 1; k >= 1; --k) tree[k] = std::max(tree[2 * k], tree[2 * k + 1]);
-  uint32_t words = (t->capacity + 63) / 64;
+// Builds (or rebuilds after growth) the index of a table of t->capacity
+// entries, keeping the values of the first `old_count` entries.
+static void IndexTable(ZBSTG_HEAP heap, Table* t, uint32_t old_count) {
+  uint32_t cap = t->capacity;
+  auto* largest = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * cap));
+  auto* b16 = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * ((cap + 15) / 16)));
+  auto* b256 = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * ((cap + 255) / 256)));
+  if (t->largest) std::memcpy(largest, t->largest, sizeof(uint32_t) * old_count);
+  for (uint32_t i = 0; i < old_count; ++i) {
+    b16[i >> 4] = std::max(b16[i >> 4], largest[i]);
+    b256[i >> 8] = std::max(b256[i >> 8], largest[i]);
+  }
+  uint32_t words = (cap + 63) / 64;
   auto* occ = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
   if (t->occupied) std::memcpy(occ, t->occupied, sizeof(uint64_t) * ((old_count + 63) / 64));
   std::free(t->occupied);
-  std::free(t->tree);
-  t->tree = tree;
-  t->leaves = leaves;
+  std::free(t->largest);
+  std::free(t->bound16);
+  std::free(t->bound256);
+  t->largest = largest;
+  t->bound16 = b16;
+  t->bound256 = b256;
   t->occupied = occ;
 }
 
 static void FreeTable(Table* t) {
-  std::free(t->tree);
+  std::free(t->largest);
+  std::free(t->bound16);
+  std::free(t->bound256);
   std::free(t->occupied);
   HGLOBAL h = t->handle;
   GlobalUnlock(h);
@@ -253,18 +306,25 @@ static Table* MakeTable(ZBSTG_HEAP heap) {
   constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
   HGLOBAL h = GlobalAlloc(kFlags, TableNativeBytes(kTableStep));
   uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), kFlags);
-  auto* t = new (mem) Table{h, 0, kTableStep, -1, 0, nullptr, nullptr};
+  auto* t = new (mem) Table{h, 0, kTableStep, -1, nullptr, nullptr, nullptr, nullptr};
   std::memset(static_cast<void*>(t->Entries()), 0, sizeof(TableEntry) * kTableStep);
-  IndexTable(heap, t, nullptr, 0);
+  IndexTable(heap, t, 0);
   return t;
 }
 
 // Finds the table of `pool`, creating it when `create`; sets *slot. Null when
 // absent and not created.
 static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* slot) {
+  if (heap->cached_valid && heap->cached_pool == pool) {
+    *slot = heap->cached_slot;
+    return TableAt(heap, *slot);
+  }
   uint64_t v;
   if (heap->pool_slot.Find(pool, &v)) {
     *slot = static_cast<uint32_t>(v);
+    heap->cached_pool = pool;
+    heap->cached_slot = *slot;
+    heap->cached_valid = true;
     return TableAt(heap, *slot);
   }
   if (!create) return nullptr;
@@ -319,7 +379,7 @@ static void CountSubpool(ZBSTG_HEAP heap) {
 // Puts a sub-pool in the first empty entry of the table at `slot` (growing
 // the table by 200 entries when full). Returns the entry index.
 static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
-                             uint32_t largest) {
+                             uint32_t largest, Mirror* mirror) {
   Table* t = TableAt(heap, slot);
   uint32_t idx = t->capacity;
   uint32_t words = (t->capacity + 63) / 64;
@@ -334,9 +394,7 @@ static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBA
   if (idx == t->capacity) {
     uint32_t old_cap = t->capacity;
     uint32_t cap = old_cap + kTableStep;
-    // Keep the index aside: the table may move.
-    uint32_t* values = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * old_cap));
-    std::memcpy(values, t->tree + t->leaves, sizeof(uint32_t) * old_cap);
+    // The table may move; its header (with the index pointers) moves with it.
     HGLOBAL th = t->handle;
     uint8_t* mem = ReallocLocked(heap, &th, TableNativeBytes(cap), GMEM_MOVEABLE | GMEM_ZEROINIT);
     t = reinterpret_cast<Table*>(mem);
@@ -344,13 +402,14 @@ static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBA
     t->capacity = cap;
     std::memset(static_cast<void*>(t->Entries() + old_cap), 0, sizeof(TableEntry) * kTableStep);
     heap->directory->Entries()[slot].table = t;
-    IndexTable(heap, t, values, old_cap);
-    std::free(values);
+    IndexTable(heap, t, old_cap);
     idx = old_cap;
   }
   TableEntry& e = t->Entries()[idx];
   e.subpool = sp;
   e.handle = h;
+  e.mirror = mirror;
+  e.count = Ld16(sp + 6);
   SetLargest(t, idx, largest);
   t->occupied[idx / 64] |= 1ull << (idx % 64);
   ++t->count;
@@ -390,7 +449,7 @@ static uint32_t NewSmallSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, u
   St16(sp + 6, 0);
   St16(sp + 8, size - 10);
   St16(sp + 10, 0);
-  return PlaceSubpool(heap, slot, sp, h, size - 10);
+  return PlaceSubpool(heap, slot, sp, h, size - 10, NewMirror(heap, kSubpoolHeader, size - 10));
 }
 
 // Releases the sub-pool of entry `idx` of the table at `slot` (keeping it as
@@ -411,24 +470,13 @@ static void ReleaseSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
     GlobalFree(h);
   }
   heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
+  std::free(e.mirror);
   e.subpool = nullptr;
   e.handle = nullptr;
+  e.mirror = nullptr;
   SetLargest(t, idx, 0);
   t->occupied[idx / 64] &= ~(1ull << (idx % 64));
   --t->count;
-}
-
-// Largest free block on a sub-pool's free list.
-static uint32_t LargestFree(const uint8_t* sp) {
-  uint32_t best = 0;
-  uint32_t cur = Ld16(sp + 4), prev = 0;
-  while (cur > prev) {
-    uint32_t s = Ld16(sp + cur);
-    if (s > best) best = s;
-    prev = cur;
-    cur = Ld16(sp + cur + 2);
-  }
-  return best;
 }
 
 static inline void Link(uint8_t* sp, uint32_t prev, uint32_t to) {
@@ -438,31 +486,32 @@ static inline void Link(uint8_t* sp, uint32_t prev, uint32_t to) {
 // Carves a block of b bytes from the sub-pool of entry `idx`; null when no
 // free block fits.
 static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
-  uint8_t* sp = t->Entries()[idx].subpool;
-  uint32_t prev = 0, cur = Ld16(sp + 4), size = 0;
-  while (cur > prev) {
-    size = Ld16(sp + cur);
-    if (size >= b) break;
-    prev = cur;
-    cur = Ld16(sp + cur + 2);
-  }
-  if (cur <= prev) return nullptr;
+  TableEntry& te = t->Entries()[idx];
+  uint8_t* sp = te.subpool;
+  Mirror* m = te.mirror;
+  if (!m) return nullptr;
+  uint32_t k = m->FirstFit(b);
+  if (k == m->n) return nullptr;
+  uint32_t cur = Mirror::Off(m->e[k]), size = Mirror::Size(m->e[k]);
+  uint32_t prev = k ? Mirror::Off(m->e[k - 1]) : 0;
+  uint32_t next = k + 1 < m->n ? Mirror::Off(m->e[k + 1]) : 0;
   bool recompute = size >= t->Largest(idx);
-  uint32_t next = Ld16(sp + cur + 2);
   uint32_t rest = size - b;
   if (rest >= 4) {
     uint32_t nf = cur + b;
     St16(sp + nf, rest);
     St16(sp + nf + 2, next);
     Link(sp, prev, nf);
+    m->e[k] = Mirror::Pack(nf, rest);
   } else {
     Link(sp, prev, next);  // the 1-3 trailing bytes stay lost until release
+    m->Remove(k);
   }
   St16(sp + cur, b);
   St16(sp + cur + 2, cur);
-  St16(sp + 6, Ld16(sp + 6) + 1u);
+  St16(sp + 6, ++te.count);
   ++heap->live_blocks;
-  if (recompute) SetLargest(t, idx, LargestFree(sp));
+  if (recompute) SetLargest(t, idx, m->Largest());
   return sp + cur + 4;
 }
 
@@ -477,7 +526,7 @@ static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t 
   St32(sp + 8, n);
   St16(sp + 12, kLargeMark);
   St16(sp + 14, 12);
-  PlaceSubpool(heap, slot, sp, h, 0);
+  PlaceSubpool(heap, slot, sp, h, 0, nullptr);
   ++heap->live_blocks;
   return sp + kLargeHeader;
 }
@@ -507,38 +556,64 @@ static void* AllocIn(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
 // Frees a block whose sub-pool is entry `idx` of the table at `slot`.
 static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, uint8_t* hdr) {
   Table* t = TableAt(heap, slot);
+  TableEntry& te = t->Entries()[idx];
   uint32_t off = static_cast<uint32_t>(hdr - sp);
   uint32_t bsz = Ld16(hdr);
-  uint32_t prev = 0, cur = Ld16(sp + 4);
-  while (cur > prev && cur < off) {
-    prev = cur;
-    cur = Ld16(sp + cur + 2);
-  }
-  if (cur <= prev) cur = 0;  // end of list (or a damaged link)
-  // Already free: on the list, or inside the free block before it.
-  if (cur == off || (prev && prev + Ld16(sp + prev) > off)) return;
-  uint32_t count = Ld16(sp + 6);
+  uint32_t count = te.count;
   if (count == 0) return;
+  if (!te.mirror) {
+    // A large block: its sub-pool holds nothing else.
+    if (off != 12) return;
+    St16(hdr + 2, 0);
+    St16(sp + 4, off);
+    St16(sp + 6, 0);
+    te.count = 0;
+    --heap->live_blocks;
+    ReleaseSubpool(heap, slot, idx);
+    return;
+  }
+  Mirror* m = te.mirror;
+  uint32_t k = m->LowerBound(off);
+  uint32_t prev = 0, prev_size = 0, cur = 0, cur_size = 0;
+  if (k) {
+    prev = Mirror::Off(m->e[k - 1]);
+    prev_size = Mirror::Size(m->e[k - 1]);
+  }
+  if (k < m->n) {
+    cur = Mirror::Off(m->e[k]);
+    cur_size = Mirror::Size(m->e[k]);
+  }
+  // Already free: on the list, or inside the free block before it.
+  if (cur == off || (k && prev + prev_size > off)) return;
   St16(hdr + 2, cur);
   Link(sp, prev, off);
   St16(sp + 6, count - 1);
+  te.count = count - 1;
   --heap->live_blocks;
   if (count - 1 == 0) {
     ReleaseSubpool(heap, slot, idx);
     return;
   }
-  uint32_t start = off, size = bsz;
-  if (prev && prev + Ld16(sp + prev) == off) {
+  uint32_t start = off, size = bsz, at;
+  if (k && prev + prev_size == off) {
     start = prev;
-    size += Ld16(sp + prev);
+    size += prev_size;
     St16(sp + start, size);
     St16(sp + start + 2, cur);
+    at = k - 1;
+    m->e[at] = Mirror::Pack(start, size);
+  } else {
+    at = k;
+    MirrorInsert(heap, &te.mirror, at, Mirror::Pack(off, bsz));
+    m = te.mirror;
   }
   if (cur && start + size == cur) {
-    size += Ld16(sp + cur);
-    uint32_t next = Ld16(sp + cur + 2);
+    size += cur_size;
+    uint32_t next = at + 2 < m->n ? Mirror::Off(m->e[at + 2]) : 0;
     St16(sp + start, size);
     St16(sp + start + 2, next);
+    m->e[at] = Mirror::Pack(start, size);
+    m->Remove(at + 1);
   }
   if (size > t->Largest(idx)) SetLargest(t, idx, size);
 }
@@ -580,6 +655,7 @@ ZBSHR_API(void) zbstg_end(ZBSTG_HEAP heap) {
     for (uint32_t i = 0; i < t->capacity; ++i) {
       TableEntry& e = t->Entries()[i];
       if (!e.subpool) continue;
+      std::free(e.mirror);
       GlobalUnlock(e.handle);
       GlobalFree(e.handle);
     }
@@ -638,6 +714,7 @@ ZBSHR_API(void) zbstg_free_pool(ZBSTG_HEAP heap, uint32_t pool) {
   e.table = nullptr;
   MarkDirSlot(heap, slot, false);
   heap->pool_slot.Erase(pool);
+  heap->cached_valid = false;
 }
 
 ZBSHR_API(void *) zbstg_alloc(ZBSTG_HEAP heap, uint32_t size, uint32_t pool) {
@@ -734,48 +811,49 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
 
   if (shared && same_pool && !large_block && static_cast<int32_t>(bsz) < heap_size + 4) {
     uint32_t need = n + 4;
-    uint32_t prev = 0, nxt = Ld16(sp + 4);
-    while (nxt > prev && nxt < off) {
-      prev = nxt;
-      nxt = Ld16(sp + nxt + 2);
-    }
-    if (nxt <= prev) nxt = 0;
-    bool touching = nxt != 0 && nxt == off + bsz;
     if (need == bsz) return block;
+    TableEntry& te = TableAt(heap, slot)->Entries()[idx];
+    Mirror* m = te.mirror;
+    uint32_t k = m->LowerBound(off);
+    uint32_t prev = k ? Mirror::Off(m->e[k - 1]) : 0;
+    uint32_t nxt = k < m->n ? Mirror::Off(m->e[k]) : 0;
+    uint32_t fsz = k < m->n ? Mirror::Size(m->e[k]) : 0;
+    bool touching = nxt != 0 && nxt == off + bsz;
     if (need < bsz) {
       uint32_t tail = bsz - need, tail_off = off + need;
       if (touching) {
-        uint32_t merged = tail + Ld16(sp + nxt);
+        uint32_t merged = tail + fsz;
         uint32_t after = Ld16(sp + nxt + 2);
         St16(sp + tail_off, merged);
         St16(sp + tail_off + 2, after);
         Link(sp, prev, tail_off);
         St16(hdr, need);
+        m->e[k] = Mirror::Pack(tail_off, merged);
       } else if (tail > 4) {
         St16(sp + tail_off, tail);
         St16(sp + tail_off + 2, nxt);
         Link(sp, prev, tail_off);
         St16(hdr, need);
+        MirrorInsert(heap, &te.mirror, k, Mirror::Pack(tail_off, tail));
       }
       return block;
     }
-    if (touching) {
-      uint32_t fsz = Ld16(sp + nxt);
-      if (bsz + fsz >= need) {
-        uint32_t after = Ld16(sp + nxt + 2);
-        uint32_t rest = bsz + fsz - need;
-        if (rest >= 4) {
-          uint32_t nf = off + need;
-          St16(sp + nf, rest);
-          St16(sp + nf + 2, after);
-          Link(sp, prev, nf);
-          St16(hdr, need);
-        } else {
-          Link(sp, prev, after);
-          St16(hdr, bsz + fsz);
-        }
-        return block;
+    if (touching && bsz + fsz >= need) {
+      uint32_t after = Ld16(sp + nxt + 2);
+      uint32_t rest = bsz + fsz - need;
+      if (rest >= 4) {
+        uint32_t nf = off + need;
+        St16(sp + nf, rest);
+        St16(sp + nf + 2, after);
+        Link(sp, prev, nf);
+        St16(hdr, need);
+        m->e[k] = Mirror::Pack(nf, rest);
+      } else {
+        Link(sp, prev, after);
+        St16(hdr, bsz + fsz);
+        m->Remove(k);
       }
+      return block;
     }
   }
 

@@ -83,14 +83,62 @@ struct U64Map {
   void Release();
 };
 
+// ---------------------------------------------------------------- free-list mirror
+// A compact copy of a small sub-pool's free list, kept beside it: entries
+// (offset << 16 | size) in ascending offset order, so ascending as numbers.
+// Searches run over this contiguous array instead of following the links
+// through the sub-pool; every change is made to both.
+struct Mirror {
+  uint32_t n;
+  uint32_t cap;
+  uint32_t e[1];  // `cap` entries
+
+  static uint32_t Off(uint32_t v) { return v >> 16; }
+  static uint32_t Size(uint32_t v) { return v & 0xFFFF; }
+  static uint32_t Pack(uint32_t off, uint32_t size) { return (off << 16) | size; }
+
+  // Index of the first entry whose offset is not below `off`.
+  uint32_t LowerBound(uint32_t off) const {
+    uint32_t key = off << 16, lo = 0, hi = n;
+    while (hi - lo > 8) {
+      uint32_t mid = (lo + hi) / 2;
+      if (e[mid] < key) lo = mid + 1; else hi = mid;
+    }
+    while (lo < hi && e[lo] < key) ++lo;
+    return lo;
+  }
+  // Index of the first entry of at least `b` bytes, or n.
+  uint32_t FirstFit(uint32_t b) const {
+    uint32_t i = 0;
+    while (i < n && Size(e[i]) < b) ++i;
+    return i;
+  }
+  uint32_t Largest() const {
+    uint32_t m = 0;
+    for (uint32_t i = 0; i < n; ++i) m = Size(e[i]) > m ? Size(e[i]) : m;
+    return m;
+  }
+  void Remove(uint32_t i) {
+    for (uint32_t j = i + 1; j < n; ++j) e[j - 1] = e[j];
+    --n;
+  }
+};
+
+// Makes a mirror holding one free block; Insert may reallocate it.
+Mirror* NewMirror(ZBSTG_HEAP heap, uint32_t off, uint32_t size);
+void MirrorInsert(ZBSTG_HEAP heap, Mirror** m, uint32_t i, uint32_t value);
+
 // ---------------------------------------------------------------- heap records
-// A sub-pool table: header, then `capacity` entries. The largest-free value
-// of each entry lives in the leaves of a max tree kept beside the table, so
-// that the first entry whose largest free block fits is found by descending
-// the tree; a bitmap of occupied entries finds the first empty one.
+// A sub-pool table: header, then `capacity` entries. The largest-free values
+// live in an array beside the table with upper bounds for each group of 16
+// entries and each group of 256, so that the first entry whose largest free
+// block fits is found by skipping whole groups; a bitmap of occupied entries
+// finds the first empty entry.
 struct TableEntry {
   uint8_t* subpool;  // null for an empty entry
   HGLOBAL handle;
+  Mirror* mirror;    // free-list mirror of a small sub-pool, else null
+  uint32_t count;    // copy of the sub-pool's block count (read here, written to both)
 };
 
 struct Table {
@@ -98,12 +146,13 @@ struct Table {
   uint32_t count;      // sub-pools in use
   uint32_t capacity;   // entries
   int32_t last_used;   // -1 until a small block was placed
-  uint32_t leaves;     // leaf count of `tree` (a power of two >= capacity)
-  uint32_t* tree;      // max tree, 2 * leaves values; leaf i = largest free of entry i
+  uint32_t* largest;   // largest-free value of each entry (capacity values)
+  uint32_t* bound16;   // per 16 entries: at least the largest of their values
+  uint32_t* bound256;  // per 256 entries: at least the largest of their values
   uint64_t* occupied;  // bit i set when entry i holds a sub-pool
   TableEntry* Entries() { return reinterpret_cast<TableEntry*>(this + 1); }
 
-  uint32_t Largest(uint32_t i) const { return tree[leaves + i]; }
+  uint32_t Largest(uint32_t i) const { return largest[i]; }
 };
 
 struct DirEntry {
@@ -143,6 +192,9 @@ struct zbstg_heap_s {
   uint32_t dir_occupied_words;
   zbshr::mem::HGLOBAL* old_directories;  // replaced directory blocks, freed by zbstg_end
   uint32_t old_directory_count;
+  uint32_t cached_pool;   // the pool last looked up, valid when cached_valid
+  uint32_t cached_slot;
+  bool cached_valid;
 
   zbshr::mem::Directory inline_directory;
   zbshr::mem::DirEntry inline_entries[zbshr::mem::kInitialDirectory];
