@@ -6,6 +6,8 @@
 #include <fstream>
 #include <string>
 
+#ifdef ZBSHR_CLI
+
 namespace {
 
 struct Outcome {
@@ -67,3 +69,5 @@ TEST_F(Cli, Date) {
 }
 
 }  // namespace
+
+#endif  // ZBSHR_CLI
