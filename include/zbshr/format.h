@@ -69,11 +69,11 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode);
 
 /* A mask is compiled once into a caller buffer and applied many times.
  * SHFORMAT_BUFSIZE bytes hold the compiled form of any mask of up to 200
- * characters (keyword masks included). Every function returns SHFORMAT_OK or
+ * characters in which each [KEYWORD] appears at most once. Every function returns SHFORMAT_OK or
  * one of the error codes below; shformatErrorString turns a code into text.
  * Output sizes count the terminator. When a result does not fit, the output
  * is filled with '#' (as many as fit) and SHFORMAT_E_OVERFLOW is returned. */
-#define SHFORMAT_BUFSIZE 512
+#define SHFORMAT_BUFSIZE 1024
 
 #define SHFORMAT_OK 0
 #define SHFORMAT_E_SMALL 1     /* compiled-format buffer too small */

@@ -921,6 +921,7 @@ void render_number_section(const SecView& s, NumValue& v, bool minus, Out& o) {
         t += 2 + t[1];
         continue;
       case tInt: {
+        if (t + 2 > s.end()) return;
         const int pos = n_int - 1 - int_index;
         auto digit = [&](int p, char c) {
           o.put(c);
@@ -941,11 +942,13 @@ void render_number_section(const SecView& s, NumValue& v, bool minus, Out& o) {
         t += 1;
         continue;
       case tFrac:
+        if (t + 2 > s.end()) return;
         if (frac_index < shown_frac) o.put(d.at_frac(frac_index));
         ++frac_index;
         t += 2;
         continue;
       case tExp: {
+        if (t + 2 > s.end()) return;
         o.put(static_cast<char>(t[1]));
         if (exp10 < 0)
           o.put('-');

@@ -358,7 +358,16 @@ TEST_F(DisplayFormat, LongMasksFitTheRecommendedBuffer) {
   std::string lits(200, 'x');
   EXPECT_EQ(shformatCmplDateTimeMask(c, lits.c_str(), sizeof c), 0);
   EXPECT_EQ(shformatCmplStringMask(c, std::string(200, '@').c_str(), sizeof c), 0);
-  EXPECT_EQ(shformatCmplDateTimeMask(c, "[LONGDATE] [TIME] [SHORTDATE]", sizeof c), 0);
+  // The worst cases: every character a token of its own.
+  std::string alt, dates;
+  for (int i = 0; i < 100; ++i) alt += "0a", dates += "d-";
+  EXPECT_EQ(shformatCmplNumericMask(c, alt.c_str(), sizeof c), 0);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, dates.c_str(), sizeof c), 0);
+  const std::string keywords = "[LONGDATE] [TIME] [SHORTDATE] [GENERAL]" + dates.substr(39);
+  EXPECT_EQ(shformatCmplDateTimeMask(c, keywords.c_str(), sizeof c), 0);
+  // Regional patterns at their longest.
+  use("sLongDate=" + dates.substr(0, 63) + "\nsShortDate=" + dates.substr(0, 31) + "\n");
+  EXPECT_EQ(shformatCmplDateTimeMask(c, keywords.c_str(), sizeof c), 0);
 }
 
 }  // namespace
