@@ -533,7 +533,13 @@ static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t 
 
 static void* AllocIn(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
   uint32_t slot;
-  Table* t = FindTable(heap, pool, true, &slot);
+  Table* t;
+  if (heap->cached_valid && heap->cached_pool == pool) {
+    slot = heap->cached_slot;
+    t = TableAt(heap, slot);
+  } else {
+    t = FindTable(heap, pool, true, &slot);
+  }
   if (n > kMaxSmallRequest) return AllocLarge(heap, slot, pool, n);
   uint32_t b = ((n + 3) & ~3u) + 4;
   int32_t idx = -1;
