@@ -77,24 +77,52 @@ static int diskDialog(UINT textId, const char* fallback) {
   return MessageBoxA(GetActiveWindow(), text, title, MB_RETRYCANCEL | MB_ICONSTOP);
 }
 
-int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
+static int32_t readNow(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
   for (;;) {
     DWORD r = 0;
     if ((h->pos == int64_t(off) || SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN)) &&
         ReadFile(h->file, buf, n, &r)) {
       h->pos = int64_t(off + r);
-      if (got) {
-        *got = r;
-        return 0;
-      }
-      return r == n ? 0 : LMI_E_DAMAGED;
+      *got = r;
+      return 0;
     }
     h->pos = -1;
     if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
   }
 }
 
-int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
+int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
+  uint32_t r = 0;
+  if (h->pending.empty()) {
+    int32_t rc = readNow(h, off, buf, n, &r);
+    if (rc) return rc;
+  } else {
+    // Writes held back in memory are laid over what the disk holds.
+    uint32_t avail = off >= h->fsize ? 0 : uint32_t(std::min<uint64_t>(n, h->fsize - off));
+    uint32_t disk = off >= h->diskSize ? 0 : uint32_t(std::min<uint64_t>(avail, h->diskSize - off));
+    if (disk) {
+      int32_t rc = readNow(h, off, buf, disk, &r);
+      if (rc) return rc;
+    }
+    std::memset(static_cast<uint8_t*>(buf) + r, 0, avail - r);
+    auto it = h->pending.upper_bound(off);
+    if (it != h->pending.begin()) --it;
+    for (; it != h->pending.end() && it->first < off + avail; ++it) {
+      uint64_t a = std::max<uint64_t>(it->first, off);
+      uint64_t b = std::min<uint64_t>(it->first + it->second.size(), off + avail);
+      if (a < b)
+        std::memcpy(static_cast<uint8_t*>(buf) + (a - off), it->second.data() + (a - it->first), b - a);
+    }
+    r = avail;
+  }
+  if (got) {
+    *got = r;
+    return 0;
+  }
+  return r == n ? 0 : LMI_E_DAMAGED;
+}
+
+static int32_t writeNow(Library* h, uint64_t off, const void* buf, uint32_t n) {
   for (;;) {
     DWORD put = 0;
     bool at = h->pos == int64_t(off) || SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN);
@@ -105,19 +133,110 @@ int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
     }
     if (put < n) {
       if (diskDialog(302, "The disk is full. Retry?") != IDRETRY) {
-        if (off + put > h->fsize) h->fsize = off + put;
+        if (off + put > h->diskSize) h->diskSize = off + put;
+        if (h->diskSize > h->fsize) h->fsize = h->diskSize;
         return LMI_E_DISK_FULL;
       }
       // Cut back what this write added to the file, then write again.
-      if (off + put > h->fsize && SetFilePointerEx(h->file, int64_t(std::max<uint64_t>(off, h->fsize)),
-                                                    nullptr, FILE_BEGIN))
+      if (off + put > h->diskSize &&
+          SetFilePointerEx(h->file, int64_t(std::max<uint64_t>(off, h->diskSize)), nullptr, FILE_BEGIN))
         SetEndOfFile(h->file);
       continue;
     }
+    if (off + n > h->diskSize) h->diskSize = off + n;
     if (off + n > h->fsize) h->fsize = off + n;
     h->pos = int64_t(off + n);
     return 0;
   }
+}
+
+int32_t flushPending(Library* h) {
+  while (!h->pending.empty()) {
+    auto it = h->pending.begin();
+    const std::vector<uint8_t>& v = it->second;
+    for (size_t done = 0; done < v.size();) {
+      uint32_t n = uint32_t(std::min<size_t>(v.size() - done, 1u << 24));
+      int32_t rc = writeNow(h, it->first + done, v.data() + done, n);
+      if (rc) return rc;
+      done += n;
+    }
+    h->pendingBytes -= v.size();
+    h->pending.erase(it);
+  }
+  h->pendingBytes = 0;
+  return 0;
+}
+
+int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
+  if (h->writeThrough || n == 0) return writeNow(h, off, buf, n);
+  // Write-through off: hold the bytes back, joining them with the ranges
+  // they touch, so that many small writes leave as a few large ones.
+  const uint8_t* src = static_cast<const uint8_t*>(buf);
+  uint64_t a = off, b = off + n;
+  auto it = h->pending.upper_bound(a);
+  if (it != h->pending.begin()) {
+    auto prev = std::prev(it);
+    if (prev->first + prev->second.size() >= a) it = prev;
+  }
+  if (it != h->pending.end() && it->first <= a && it->first + it->second.size() >= a) {
+    // Extend the range that starts at or before the write.
+    std::vector<uint8_t>& v = it->second;
+    uint64_t start = it->first;
+    size_t before = v.size();
+    if (start + v.size() < b) v.resize(size_t(b - start));
+    std::memcpy(v.data() + (a - start), src, n);
+    h->pendingBytes += v.size() - before;
+    // Absorb the ranges the write reached.
+    auto next = std::next(it);
+    while (next != h->pending.end() && next->first <= start + v.size()) {
+      uint64_t end = next->first + next->second.size();
+      if (end > start + v.size()) {
+        size_t keep = size_t(end - (start + v.size()));
+        v.insert(v.end(), next->second.end() - long(keep), next->second.end());
+        h->pendingBytes += keep;
+      }
+      h->pendingBytes -= next->second.size();
+      next = h->pending.erase(next);
+    }
+  } else {
+    std::vector<uint8_t> v(src, src + n);
+    // Ranges that begin inside the new one are merged into it.
+    auto next = h->pending.lower_bound(a);
+    while (next != h->pending.end() && next->first <= b) {
+      uint64_t end = next->first + next->second.size();
+      if (end > b) v.insert(v.end(), next->second.end() - long(end - b), next->second.end());
+      h->pendingBytes -= next->second.size();
+      next = h->pending.erase(next);
+    }
+    h->pendingBytes += v.size();
+    h->pending.emplace(a, std::move(v));
+  }
+  if (b > h->fsize) h->fsize = b;
+  if (h->pendingBytes > (8u << 20)) return flushPending(h);
+  return 0;
+}
+
+// Sets the end of the file (nothing is copied).
+int32_t truncateAt(Library* h, uint64_t end) {
+  for (auto it = h->pending.lower_bound(end); it != h->pending.end();) {
+    h->pendingBytes -= it->second.size();
+    it = h->pending.erase(it);
+  }
+  if (!h->pending.empty()) {
+    auto last = std::prev(h->pending.end());
+    if (last->first + last->second.size() > end) {
+      h->pendingBytes -= last->second.size() - size_t(end - last->first);
+      last->second.resize(size_t(end - last->first));
+    }
+  }
+  if (h->diskSize > end) {
+    h->pos = -1;
+    if (!SetFilePointerEx(h->file, int64_t(end), nullptr, FILE_BEGIN) || !SetEndOfFile(h->file))
+      return LMI_E_IO;
+    h->diskSize = end;
+  }
+  h->fsize = end;
+  return 0;
 }
 
 // ------------------------------------------------------------------ open / close
@@ -192,7 +311,7 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
   };
   int64_t size = 0;
   if (!GetFileSizeEx(f, &size) || size < 0) return fail();
-  h->fsize = uint64_t(size);
+  h->fsize = h->diskSize = uint64_t(size);
   if (h->fsize > kMaxOffset) return fail();
 
   if (isExecutableOrLibrary(full)) {
@@ -208,6 +327,7 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
             !SetEndOfFile(f))
           return fail();
         h->fsize -= kBlock;
+        h->diskSize = h->fsize;
       }
     } else if (isExecutable(full)) {
       DWORD stub = 0;
@@ -252,6 +372,7 @@ int32_t closeLibrary(Library* h) {
       rc = writeAt(h, h->fsize, tr, kBlock);
       if (rc == 0) h->fsize -= kBlock;  // the trailer is not part of the library
     }
+    if (rc == 0) rc = flushPending(h);
     if (rc == 0 && h->writeThrough) FlushFileBuffers(h->file);
     if (rc != 0) return rc;
   }
@@ -439,10 +560,8 @@ int32_t releaseTail(Library* h) {
   rc = flushMaps(h);
   if (rc) return rc;
   if (h->fsize > end) {
-    h->pos = -1;
-    if (!SetFilePointerEx(h->file, int64_t(end), nullptr, FILE_BEGIN) || !SetEndOfFile(h->file))
-      return LMI_E_IO;
-    h->fsize = end;
+    rc = truncateAt(h, end);
+    if (rc) return rc;
   }
   uint32_t nb = uint32_t((h->fsize - h->base) / kBlock);
   if (h->freeHint > nb) h->freeHint = nb;

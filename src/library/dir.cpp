@@ -60,7 +60,7 @@ int32_t nodeImg(Library* h, uint32_t off, uint8_t** img) {
   return 0;
 }
 
-int32_t writeNode(Library* h, uint32_t off) {
+int32_t writeNode(Library* h, uint32_t off, uint32_t from, uint32_t to) {
   uint8_t* img;
   if (off == rootOff(h))
     img = rootImg(h);
@@ -69,7 +69,10 @@ int32_t writeNode(Library* h, uint32_t off) {
     if (it == h->nodes.end()) return LMI_E_DAMAGED;
     img = it->second;
   }
-  return writeAt(h, off, img, h->nodeSize);
+  // Only the bytes that changed need to go out: the rest on disk is the same.
+  to = std::min(to, h->nodeSize);
+  if (from >= to) return 0;
+  return writeAt(h, uint64_t(off) + from, img + from, to - from);
 }
 
 uint8_t* recordPtr(Library* h, uint32_t nodeOff, uint32_t recOff) {
@@ -399,7 +402,7 @@ int32_t insertEntry(Library* h, const char* name, Search* s) {
     if (rc) return rc;
   }
   uint32_t at = appendRecord(h, img, recb, need);
-  rc = writeNode(h, off);
+  rc = writeNode(h, off, node::kFree, at + need);
   if (rc) return rc;
   s->result = kFound;
   s->node = off;
@@ -483,8 +486,9 @@ int32_t removeEntry(Library* h, const char* name, bool removeRecord) {
     wr32(r + rec::kFirst, 0);
     return writeNode(h, s.node);
   }
+  uint32_t oldEnd = kNodeHead + h->entrySpace - rd16(img + node::kFree);
   removeRecordAt(h, img, s.rec);
-  if (rd16(img + node::kCount) > 0) return writeNode(h, s.node);
+  if (rd16(img + node::kCount) > 0) return writeNode(h, s.node, node::kFree, oldEnd);
   uint32_t parent = s.path.size() >= 2 ? s.path[s.path.size() - 2] : 0;
   return dropEmptyNode(h, s.node, parent);
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -99,6 +100,11 @@ struct Library {
   uint32_t nodeSize = 3072, entrySpace = 3040, fixedSize = 4096;
   uint64_t fsize = 0;  // current file length
   int64_t pos = -1;    // the file pointer when known (saves a seek per transfer)
+  uint64_t diskSize = 0;  // the file's length on disk
+  // With write-through off, writes held back in memory (disjoint byte ranges
+  // by file offset), written out in order at close or past 8 MB.
+  std::map<uint64_t, std::vector<uint8_t>> pending;
+  size_t pendingBytes = 0;
 
   // Directory nodes other than the root, by file offset (heap blocks).
   std::unordered_map<uint32_t, uint8_t*> nodes;
@@ -162,6 +168,8 @@ int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, cha
 // ---- block I/O with the disk-error dialog
 int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got = nullptr);
 int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n);
+int32_t flushPending(Library* h);
+int32_t truncateAt(Library* h, uint64_t end);
 
 // ---- opening and closing
 Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
@@ -184,7 +192,7 @@ int32_t releaseTail(Library* h);
 uint8_t* rootImg(Library* h);
 uint32_t rootOff(Library* h);
 int32_t nodeImg(Library* h, uint32_t off, uint8_t** img);
-int32_t writeNode(Library* h, uint32_t off);
+int32_t writeNode(Library* h, uint32_t off, uint32_t from = 0, uint32_t to = 0xFFFFFFFFu);
 int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant = false);
 int32_t insertEntry(Library* h, const char* name, Search* s);
 int32_t removeEntry(Library* h, const char* name, bool removeRecord);

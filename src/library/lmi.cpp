@@ -94,7 +94,7 @@ int32_t openWrite(Library* h, const char* name, const char* comment) {
     wr32(r + rec::kLength, 0);
     wr32(r + rec::kTime, uint32_t(now32()));
     wr16(r + rec::kCommentLen, 0);
-    rc = writeNode(h, s.node);
+    rc = writeNode(h, s.node, s.rec + rec::kFirst, s.rec + kRecHead);
     if (rc) return rc;
   } else {
     h->comment[0] = 0;
@@ -130,7 +130,7 @@ int32_t closeEntry(Library* h) {
       wr32(r + rec::kLength, 0);
       wr16(r + rec::kCommentLen, 0);
     }
-    rc2 = writeNode(h, h->eNode);
+    rc2 = writeNode(h, h->eNode, h->eRec + rec::kFirst, h->eRec + kRecHead);
   } else {
     rc2 = LMI_E_DAMAGED;
   }

@@ -183,6 +183,7 @@ int32_t ZBSHR_CALL answer(void*, const char*, const char*, uint32_t style) {
 }
 
 TEST_F(Damage, ShortWriteRetriedOrCancelled) {
+  int32_t was = zbshr_lib_write_through(1);  // every write goes to the disk at once
   lib = create("io.zbl");
   LMI_HANDLE h = open(lib, 2);
   ASSERT_NE(h, nullptr);
@@ -213,6 +214,7 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   EXPECT_EQ(get(h, "x"), pattern(5000, 4));
   zbshr_set_msgbox_handler(nullptr, nullptr);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
+  zbshr_lib_write_through(was);
 }
 
 }  // namespace

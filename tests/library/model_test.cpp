@@ -187,11 +187,15 @@ class Model_ : public LibTest {
 };
 
 TEST_F(Model_, ThousandsOfSmallOperations) {
+  // Write-through off: the handle holds writes back and joins them.
+  int32_t was = zbshr_lib_write_through(0);
   makePool(400);
   run(1500, 6000, 1, 0);
+  zbshr_lib_write_through(was);
 }
 
 TEST_F(Model_, LargeLibrariesWithSeveralBitmaps) {
+  zbshr_lib_write_through(1);
   rng.seed(777);
   makePool(60);
   // Grow the library past 4 MB first, then churn.
