@@ -1,0 +1,146 @@
+// Random masks, values, patterns and damaged compiled buffers: every call
+// must return a code in range, stay inside the sizes it is given and leave
+// a terminated text. Run under the sanitizers, this is also a bounds check.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "zbshr/decimal.h"
+#include "zbshr/format.h"
+
+namespace {
+
+constexpr unsigned char kCanary = 0xA5;
+
+std::string random_text(std::mt19937& rng, const char* alphabet, size_t max_len) {
+  const size_t n = std::strlen(alphabet);
+  std::string s(rng() % (max_len + 1), ' ');
+  for (char& c : s) c = alphabet[rng() % n];
+  return s;
+}
+
+// Checks that `out` holds a terminated text within `size` bytes and that the
+// canary bytes after it are untouched.
+void check_output(const std::vector<char>& out, int32_t size, int32_t code) {
+  ASSERT_GE(code, 0);
+  ASSERT_LE(code, SHFORMAT_E_VALUE);
+  for (size_t i = static_cast<size_t>(size); i < out.size(); ++i)
+    ASSERT_EQ(static_cast<unsigned char>(out[i]), kCanary) << "written past the size";
+  if (size > 0) {
+    ASSERT_NE(std::memchr(out.data(), 0, static_cast<size_t>(size)), nullptr);
+  }
+}
+
+TEST(Robustness, RandomMasksAndValues) {
+  std::mt19937 rng(4242);
+  const char* alphabet = "0#.,%Ee+-;\"'\\[]@<>dmyhsfaAP/: xGENRALCUYSHOTDIM";
+  const char* keywords[] = {"[GENERAL]", "[CURRENCY]", "[SHORTDATE]", "[LONGDATE]", "[TIME]"};
+  for (int iter = 0; iter < 20000; ++iter) {
+    std::string mask = random_text(rng, alphabet, 24);
+    if (iter % 5 == 0) mask.insert(rng() % (mask.size() + 1), keywords[rng() % 5]);
+    const int32_t csize = static_cast<int32_t>(rng() % 160);
+    std::vector<unsigned char> compiled(static_cast<size_t>(csize) + 16, kCanary);
+    const int kind = iter % 3;
+    int32_t e = kind == 0   ? shformatCmplNumericMask(compiled.data(), mask.c_str(), csize)
+                : kind == 1 ? shformatCmplDateTimeMask(compiled.data(), mask.c_str(), csize)
+                            : shformatCmplStringMask(compiled.data(), mask.c_str(), csize);
+    ASSERT_GE(e, 0);
+    ASSERT_LE(e, SHFORMAT_E_VALUE);
+    for (size_t i = static_cast<size_t>(csize); i < compiled.size(); ++i)
+      ASSERT_EQ(compiled[i], kCanary) << mask;
+    if (e != 0) continue;
+    for (int k = 0; k < 4; ++k) {
+      const int32_t osize = static_cast<int32_t>(rng() % 40);
+      std::vector<char> out(static_cast<size_t>(osize) + 8, static_cast<char>(kCanary));
+      int32_t r;
+      if (kind == 0) {
+        const double values[] = {0.0, -0.0, 1.5, -1234567.891, 1e300, -1e-300, 0.125, 5e-324};
+        const double v = values[rng() % 8];
+        r = shformatDouble(out.data(), osize, compiled.data(), k == 3 ? nullptr : &v);
+        check_output(out, osize, r);
+        const float f = static_cast<float>(v);
+        r = shformatReal(out.data(), osize, compiled.data(), &f);
+        check_output(out, osize, r);
+        SHDEC d;
+        ConvAsciiToDecimal(&d, k == 0 ? "-12345678901234567.8901" : "0.0001");
+        r = shformatDecimal(out.data(), osize, compiled.data(), &d);
+      } else if (kind == 1) {
+        SHDATETIME dt;
+        shdtBuildTime(&dt, 1900 + static_cast<int>(rng() % 300), 1 + static_cast<int>(rng() % 13),
+                      static_cast<int>(rng() % 33), static_cast<int>(rng() % 25),
+                      static_cast<int>(rng() % 61), static_cast<int>(rng() % 61), rng() % 1000001);
+        if (k == 2) dt.hour = 255;
+        if (k == 1) dt.year = -32767;
+        r = shformatDateTime(out.data(), osize, compiled.data(), k == 3 ? nullptr : &dt);
+      } else {
+        const std::string v = random_text(rng, "abcXYZ ", 20);
+        r = shformatString(out.data(), osize, compiled.data(), k == 3 ? nullptr : v.c_str());
+      }
+      check_output(out, osize, r);
+    }
+  }
+}
+
+TEST(Robustness, DamagedCompiledFormats) {
+  std::mt19937 rng(99);
+  std::vector<unsigned char> buf(70000, 0);
+  for (int iter = 0; iter < 20000; ++iter) {
+    const size_t n = 8 + rng() % 120;
+    for (size_t i = 0; i < n; ++i) buf[i] = static_cast<unsigned char>(rng());
+    buf[0] = 0x5A;
+    buf[1] = static_cast<unsigned char>(1 + iter % 3);
+    if (iter % 2) {  // a plausible length and section count
+      buf[2] = static_cast<unsigned char>(n);
+      buf[3] = 0;
+      buf[4] = static_cast<unsigned char>(1 + rng() % 4);
+    }
+    std::vector<char> out(48, static_cast<char>(kCanary));
+    const double v = -12.5;
+    SHDATETIME dt;
+    shdtBuildTime(&dt, 2001, 2, 3, 4, 5, 6, 7);
+    int32_t r = buf[1] == 2   ? shformatDouble(out.data(), 40, buf.data(), &v)
+                : buf[1] == 1 ? shformatDateTime(out.data(), 40, buf.data(), &dt)
+                              : shformatString(out.data(), 40, buf.data(), "hello");
+    check_output(out, 40, r);
+    std::memset(buf.data(), 0, n);
+  }
+}
+
+TEST(Robustness, RandomPatterns) {
+  std::mt19937 rng(7);
+  const char* alphabet = "ab.^$[]-\\*+?\n\x80\xFF";
+  const std::string text = random_text(rng, "abab.-\n\x80\xFFxyz", 3000);
+  for (int iter = 0; iter < 20000; ++iter) {
+    const std::string pat = random_text(rng, alphabet, 12);
+    const int32_t size = static_cast<int32_t>(rng() % 40);
+    std::vector<unsigned char> buf(static_cast<size_t>(size) + 8, kCanary);
+    const int32_t e = shregExprCmpl(buf.data(), pat.c_str(), size);
+    ASSERT_TRUE(e == 0 || e == 1 || e == 2 || e == 3 || e == 5) << e;
+    for (size_t i = static_cast<size_t>(size); i < buf.size(); ++i) ASSERT_EQ(buf[i], kCanary);
+    if (e == 0) {
+      const int32_t n = shregExprMatch(text.c_str(), buf.data());
+      ASSERT_GE(n, 0);
+      ASSERT_LE(n, static_cast<int32_t>(text.size()));
+    }
+  }
+}
+
+TEST(Robustness, DamagedCompiledPatterns) {
+  std::mt19937 rng(11);
+  std::vector<unsigned char> buf(512, 0);
+  const std::string text(2000, 'a');
+  for (int iter = 0; iter < 20000; ++iter) {
+    const size_t n = 1 + rng() % 40;
+    for (size_t i = 0; i < n; ++i) buf[i] = static_cast<unsigned char>(1 + rng() % 12);
+    buf[n] = 11;
+    buf[n + 1] = 0;
+    const int32_t count = shregExprMatch(text.c_str(), buf.data());
+    ASSERT_GE(count, 0);
+    std::memset(buf.data(), 0, n + 2);
+  }
+}
+
+}  // namespace
