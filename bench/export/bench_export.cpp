@@ -103,9 +103,9 @@ void write_to_chars(const char* path, int n) {
       used = 0;
     }
     char* p = buf + used;
-    p = std::to_chars(p, p + 32, x.number).ptr;
+    p = std::to_chars(p, p + 32, x.number, std::chars_format::fixed).ptr;
     *p++ = ',';
-    p = std::to_chars(p, p + 32, static_cast<double>(x.cents) / 100.0).ptr;
+    p = std::to_chars(p, p + 32, static_cast<double>(x.cents) / 100.0, std::chars_format::fixed).ptr;
     *p++ = ',';
     const size_t nl = std::strlen(x.name);
     std::memcpy(p, x.name, nl);

@@ -39,6 +39,18 @@ bool write_out(ExportState* s, const void* p, size_t n) {
   if (n == 0) return true;
   if (s->kind == Kind::Clip) return clip_append(s, p, n);
   if (!s->file_open) return false;
+  // What osFileWrite does when the bytes fit in the buffer's room: copy them
+  // and advance. Done here on the object's public fields, it saves a call per
+  // cell; everything else (filling the buffer, writing it out, short writes)
+  // is left to osFileWrite itself.
+  OSFILE& f = s->file;
+  if (f.buffer != nullptr && f.readMode == 0 && f.room >= 0 && n <= static_cast<size_t>(f.room) &&
+      f.position >= 0 && f.position + f.room <= f.capacity) {
+    std::memcpy(f.buffer + f.position, p, n);
+    f.position += static_cast<int32_t>(n);
+    f.room -= static_cast<int32_t>(n);
+    return true;
+  }
   const char* c = static_cast<const char*>(p);
   while (n > 0) {  // osFileWrite takes 32-bit counts
     const uint32_t part = n > 0x40000000u ? 0x40000000u : static_cast<uint32_t>(n);
@@ -49,23 +61,45 @@ bool write_out(ExportState* s, const void* p, size_t n) {
   return true;
 }
 
+// The file buffer may be written in place while it is in the state
+// osFileOpenNew leaves it in and osFileWrite keeps it in.
+static bool file_buffer_usable(const ExportState* s) {
+  const OSFILE& f = s->file;
+  return s->kind != Kind::Clip && s->file_open && f.buffer != nullptr && f.readMode == 0 &&
+         f.room > 0 && f.position >= 0 && f.position + f.room <= f.capacity;
+}
+
+Out::Out(ExportState* s) : s_(s), dst_(local_), cap_(sizeof local_) {
+  if (file_buffer_usable(s)) {
+    in_file_ = true;
+    dst_ = s->file.buffer + s->file.position;
+    cap_ = static_cast<size_t>(s->file.room);
+  }
+}
+
 void Out::spill() {
-  if (ok_ && n_ > 0) ok_ = write_out(s_, buf_, n_);
+  if (in_file_) {
+    // The bytes built in the free part of the file buffer fit in its room:
+    // taking them is what osFileWrite would do. The rest goes through a
+    // local buffer.
+    s_->file.position += static_cast<int32_t>(n_);
+    s_->file.room -= static_cast<int32_t>(n_);
+    in_file_ = false;
+    dst_ = local_;
+    cap_ = sizeof local_;
+  } else if (ok_ && n_ > 0) {
+    ok_ = write_out(s_, local_, n_);
+  }
   n_ = 0;
 }
 
-void Out::put(const char* p, size_t n) {
-  if (n <= sizeof(buf_) - n_) {
-    std::memcpy(buf_ + n_, p, n);
-    n_ += n;
-    return;
-  }
+void Out::put_slow(const char* p, size_t n) {
   spill();
-  if (n >= sizeof(buf_)) {
+  if (n > cap_) {
     if (ok_) ok_ = write_out(s_, p, n);
     return;
   }
-  std::memcpy(buf_, p, n);
+  std::memcpy(dst_, p, n);
   n_ = n;
 }
 
@@ -236,25 +270,18 @@ bool column_advance(ExportState* s) {
   return false;
 }
 
-ExportColumn* item_column(ExportState* s) {
-  if (s == nullptr || s->cols <= 0 || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
-  return &s->columns[s->cur_col];
-}
-
-bool item_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
-
-void item_advance(ExportState* s) {
-  if (++s->cur_col >= s->cols) {
-    s->cur_col = 0;
-    ++s->cur_row;
-  }
-}
 
 // ---------------------------------------------------------------- rendering
 
+// The length of a rendered text, which is never longer than its buffer. A
+// plain loop: the texts are short, and a library call costs more than the
+// scan.
 static size_t finish_text(char* out, int32_t size) {
   out[size - 1] = '\0';
-  return std::strlen(out);
+  const size_t limit = static_cast<size_t>(size) - 1;
+  size_t n = 0;
+  while (n < limit && out[n] != '\0') ++n;
+  return n;
 }
 
 size_t render_double(ExportState* s, double v, char* out, int32_t size) {

@@ -65,21 +65,30 @@ struct ExportState {
 
 namespace zbshr::exp {
 
-// A small staging buffer: bytes of one call are gathered here and handed to
-// the output in as few writes as possible. A write that moves fewer bytes than
-// asked makes every later put a no-op and ok() false.
+// Gathers the bytes of one call. While they fit in the free part of the file
+// buffer they are built right there and handed over at flush() by advancing
+// the buffer's position, exactly as osFileWrite does with bytes that fit in
+// its room; anything more goes through a local buffer and osFileWrite. A write
+// that moves fewer bytes than asked makes later puts no-ops and ok() false.
 class Out {
  public:
-  explicit Out(ExportState* s) : s_(s) {}
+  explicit Out(ExportState* s);
   ~Out() = default;
   Out(const Out&) = delete;
   Out& operator=(const Out&) = delete;
 
-  void put(const char* p, size_t n);
+  void put(const char* p, size_t n) {
+    if (n <= cap_ - n_) {
+      std::memcpy(dst_ + n_, p, n);
+      n_ += n;
+    } else {
+      put_slow(p, n);
+    }
+  }
   void put(const char* z) { put(z, std::strlen(z)); }
   void put(char c) {
-    if (n_ == sizeof(buf_)) spill();
-    buf_[n_++] = c;
+    if (n_ == cap_) spill();
+    dst_[n_++] = c;
   }
   void put_u16(uint32_t v) {
     put(static_cast<char>(v & 0xFF));
@@ -93,6 +102,13 @@ class Out {
   void fill(char c, size_t n) {
     while (n--) put(c);
   }
+  // Room for k bytes (k at most 1024) to be written in place; commit(m)
+  // then keeps the first m of them.
+  char* reserve(size_t k) {
+    if (cap_ - n_ < k) spill();
+    return dst_ + n_;
+  }
+  void commit(size_t m) { n_ += m; }
   // printf-style append (short texts only).
   void putf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   // The quoted string rule: "..." with every double quote written twice.
@@ -101,11 +117,15 @@ class Out {
   bool flush();
 
  private:
+  void put_slow(const char* p, size_t n);
   void spill();
   ExportState* s_;
   bool ok_ = true;
+  bool in_file_ = false;  // dst_ is the free part of the file buffer
+  char* dst_;
+  size_t cap_;
   size_t n_ = 0;
-  char buf_[2048];
+  char local_[2048];
 };
 
 // Writes n bytes to the export's output; true only when all n were taken.
@@ -136,10 +156,18 @@ bool column_advance(ExportState* s);
 
 // The column of the next cell, or null when the handle is null or has no
 // columns.
-ExportColumn* item_column(ExportState* s);
-bool item_is_last(const ExportState* s);
+inline ExportColumn* item_column(ExportState* s) {
+  if (s == nullptr || s->cols <= 0 || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
+  return &s->columns[s->cur_col];
+}
+inline bool item_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
 // Advances to the next cell (and the next row after the last column).
-void item_advance(ExportState* s);
+inline void item_advance(ExportState* s) {
+  if (++s->cur_col >= s->cols) {
+    s->cur_col = 0;
+    ++s->cur_row;
+  }
+}
 
 // Rendering through the compiled display formats into a buffer of `size`
 // bytes (terminator included). Each returns the text length.

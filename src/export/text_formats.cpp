@@ -1,5 +1,6 @@
 // The text formats: comma- and tab-separated text, the clipboard, an SQL
 // script, DIF and SYLK. Each one's quoting rule differs on purpose.
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -36,13 +37,22 @@ size_t render_value(ExportState* s, uint8_t type, const void* v, char* out, int3
 
 enum class Quote { Comma, Tab, Clip };
 
-bool needs_quotes(Quote q, const char* z) {
+// The length of a string that needs no quotes, or -1 when it needs them.
+ptrdiff_t plain_length(Quote q, const char* z) {
+  size_t k;
   switch (q) {
-    case Quote::Comma: return std::strchr(z, ',') != nullptr;
-    case Quote::Tab: return z[0] == '"' || std::strpbrk(z, "\t\r\n\"") != nullptr;
-    case Quote::Clip: return z[0] == '"' || std::strpbrk(z, "\t\r\n") != nullptr;
+    case Quote::Comma:
+      k = std::strcspn(z, ",");
+      break;
+    case Quote::Tab:
+      k = std::strcspn(z, "\t\r\n\"");
+      break;
+    default:
+      if (z[0] == '"') return -1;
+      k = std::strcspn(z, "\t\r\n");
+      break;
   }
-  return false;
+  return z[k] == '\0' ? static_cast<ptrdiff_t>(k) : -1;
 }
 
 int32_t delimited_column(ExportState* s, const char* name, int32_t width, int32_t type,
@@ -68,14 +78,15 @@ int32_t delimited_item(ExportState* s, const void* value, char sep, Quote q) {
   if (value != nullptr) {
     if (col->type == ex::kString) {
       const char* z = static_cast<const char*>(value);
-      if (needs_quotes(q, z))
+      const ptrdiff_t n = plain_length(q, z);
+      if (n < 0)
         out.put_quoted(z);
       else
-        out.put(z);
+        out.put(z, static_cast<size_t>(n));
     } else {
-      char buf[kDtBuf + ex::kSuffixRoom];
-      size_t n = render_value(s, col->type, value, buf, kNumBuf);
-      out.put(buf, n);
+      // rendered straight into the output
+      char* at = out.reserve(kDtBuf + ex::kSuffixRoom);
+      out.commit(render_value(s, col->type, value, at, kNumBuf));
     }
   }
   if (ex::item_is_last(s))
@@ -265,9 +276,8 @@ ZBSHR_API(int32_t) osSaveSqlItem(ExportState* s, const void* value) {
       }
       case ex::kNumber:
       case ex::kDecimal: {
-        char buf[kNumBuf];
-        size_t n = render_value(s, col->type, value, buf, kNumBuf);
-        out.put(buf, n);
+        char* at = out.reserve(kNumBuf);
+        out.commit(render_value(s, col->type, value, at, kNumBuf));
         break;
       }
       case ex::kDate:
