@@ -100,6 +100,12 @@ struct Mirror {
   // Index of the first entry whose offset is not below `off`.
   uint32_t LowerBound(uint32_t off) const {
     uint32_t key = off << 16, lo = 0, hi = n;
+    if (n <= 32) {
+      // Short lists: count the smaller entries without branching.
+      uint32_t c = 0;
+      for (uint32_t i = 0; i < n; ++i) c += e[i] < key;
+      return c;
+    }
     while (hi - lo > 8) {
       uint32_t mid = (lo + hi) / 2;
       if (e[mid] < key) lo = mid + 1; else hi = mid;
