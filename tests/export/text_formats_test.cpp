@@ -1,5 +1,6 @@
 // Exact bytes of the text formats: CSV, tab-separated text, the clipboard,
 // SQL, DIF and SYLK.
+#include <algorithm>
 #include <cstdlib>
 
 #include "export_util.h"
@@ -60,6 +61,25 @@ TEST_F(CsvExport, UnknownTypeWritesOnlySeparatorsAndHeadingsAreNeverQuoted) {
   std::string want = "a,b,X\r\n,1\r\n";
   EXPECT_BYTES(want, run(kCsv, {{"a,b", 1, 77}, {"X", 1, 2}}, {{std::string("gone"), 1.0}},
                          OSSAVE_HEADINGS));
+}
+
+TEST_F(CsvExport, LargeExportCrossesManyBufferBoundariesIntact) {
+  // rows of every length from 0 to 600 bytes, some quoted, over ~20 buffers
+  std::vector<std::vector<Cell>> rows;
+  std::string want;
+  for (int i = 0; i < 1200; ++i) {
+    std::string s(static_cast<size_t>(i * 37 % 601), static_cast<char>('a' + i % 26));
+    if (i % 7 == 0 && !s.empty()) s[s.size() / 2] = ',';
+    const double v = i * 0.5;
+    rows.push_back({s, v, Cell{}});
+    want += (s.find(',') != std::string::npos ? "\"" + s + "\"" : s) + "," +
+            std::to_string(i / 2) + (i % 2 ? ".5" : "") + ",\r\n";
+  }
+  std::string got = run(kCsv, {{"S", 600, 1}, {"N", 8, 2}, {"X", 1, 1}}, rows, 0);
+  ASSERT_GT(got.size(), 16284u * 10);
+  EXPECT_TRUE(got == want) << "first difference at byte "
+                           << std::mismatch(got.begin(), got.end(), want.begin(), want.end())
+                                      .first - got.begin();
 }
 
 using TextExport = ExportTest;
