@@ -85,6 +85,19 @@ int32_t compile(Unit* buf, const Unit* pat, int32_t size) {
       }
       case '\\': {
         ++p;
+        if constexpr (sizeof(Unit) == 1) {
+          // An escaped double-byte character stays two literal bytes.
+          if (*p != 0 && p[1] != 0 && zbshr::plat::IsDBCSLeadByte(static_cast<uint8_t>(*p))) {
+            if (!room(4)) return kErrSmall;
+            buf[n++] = kChar;
+            buf[n++] = p[0];
+            last = n;
+            buf[n++] = kChar;
+            buf[n++] = p[1];
+            p += 2;
+            break;
+          }
+        }
         Unit lit = '\\';
         if (*p != 0) lit = *p++;  // a '\' ending the pattern is itself literal
         if (!room(2)) return kErrSmall;
@@ -141,6 +154,18 @@ int32_t compile(Unit* buf, const Unit* pat, int32_t size) {
             continue;
           }
           if (m == '-' && p[1] == 0) return kErrSet;
+          if constexpr (sizeof(Unit) == 1) {
+            // Both bytes of a double-byte character are plain members.
+            if (p[1] != 0 && zbshr::plat::IsDBCSLeadByte(static_cast<uint8_t>(m))) {
+              if (!room(2)) return kErrSmall;
+              buf[n++] = p[0];
+              buf[n++] = p[1];
+              if (n - len_at >= 256) return kErrSetLong;
+              p += 2;
+              prev_member = -1;
+              continue;
+            }
+          }
           if (m == '\\') {
             if (p[1] == 0) return kErrSet;
             ++p;

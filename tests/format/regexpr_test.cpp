@@ -78,6 +78,10 @@ TEST(PatternCompile, DoubleByteCharacters) {
   EXPECT_EQ(compiled("\xB1"), (Bytes{1, 0xB1, 11, 0}));
   // A closure after a double-byte character applies to its trail byte.
   EXPECT_EQ(compiled("\x82\xA0*"), (Bytes{1, 0x82, 7, 1, 0xA0, 11, 11, 0}));
+  // Escaped, or inside a set, both bytes stay together.
+  EXPECT_EQ(compiled("\\\x82\x2A"), (Bytes{1, 0x82, 1, 0x2A, 11, 0}));
+  EXPECT_EQ(compiled("[\x82\x5D]"), (Bytes{5, 3, 0x82, 0x5D, 11, 0}));
+  EXPECT_EQ(compiled("[\x82-a]"), (Bytes{5, 4, 0x82, '-', 'a', 11, 0}));
   zbshr_set_codepage(1252);
   // In a single-byte code page the '*' after 0x82 is a closure.
   EXPECT_EQ(compiled("\x82*"), (Bytes{7, 1, 0x82, 11, 11, 0}));
