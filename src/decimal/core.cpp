@@ -36,6 +36,25 @@ const u128 kFit79[15] = {
     kLim79 * p10(5),  kLim79 * p10(6),  kLim79 * p10(7),  kLim79 * p10(8),  kLim79 * p10(9),
     kLim79 * p10(10), kLim79 * p10(11), kLim79 * p10(12), kLim79 * p10(13), kLim79 * p10(14)};
 
+namespace {
+constexpr Recip make_recip(int n) {
+  uint64_t d = static_cast<uint64_t>(p10(n));
+  int shift = 0;
+  while (!(d & (uint64_t{1} << 63))) {
+    d <<= 1;
+    ++shift;
+  }
+  const u128 v = (~u128{0}) / d - (u128{1} << 64);
+  return Recip{d, static_cast<uint64_t>(v), shift};
+}
+}  // namespace
+
+const Recip kRecip10[20] = {
+    make_recip(1),  make_recip(1),  make_recip(2),  make_recip(3),  make_recip(4),
+    make_recip(5),  make_recip(6),  make_recip(7),  make_recip(8),  make_recip(9),
+    make_recip(10), make_recip(11), make_recip(12), make_recip(13), make_recip(14),
+    make_recip(15), make_recip(16), make_recip(17), make_recip(18), make_recip(19)};
+
 const u128 kFit63[8] = {kLim63 * p10(0), kLim63 * p10(1), kLim63 * p10(2), kLim63 * p10(3),
                         kLim63 * p10(4), kLim63 * p10(5), kLim63 * p10(6), kLim63 * p10(7)};
 

@@ -123,28 +123,49 @@ extern const u128 kFit63[8] ZBSHR_DEC_HIDDEN;    // 2^63 x 10^k
 
 inline u128 pow10(int n) { return kPow10[n]; }
 
-// v / d for d below 2^64, with the remainder.
-inline u128 div_u128_u64(u128 v, uint64_t d, uint64_t& rem) {
-  const uint64_t lo = static_cast<uint64_t>(v);
-  uint64_t hi = static_cast<uint64_t>(v >> 64);
-  if (hi == 0) {
-    rem = lo % d;
-    return lo / d;
+// Division by 10^n (n in 1..19) with a precomputed reciprocal: the divisor
+// shifted until its top bit is set, and floor((2^128 - 1) / d) - 2^64.
+struct Recip {
+  uint64_t d;     // 10^n << shift
+  uint64_t v;     // the reciprocal
+  int shift;
+};
+extern const Recip kRecip10[20] ZBSHR_DEC_HIDDEN;
+
+// (u1:u0) / d for a normalised d and u1 < d: two multiplications.
+inline uint64_t div_2by1(uint64_t u1, uint64_t u0, const Recip& r, uint64_t& rem) {
+  u128 q = static_cast<u128>(r.v) * u1;
+  q += (static_cast<u128>(u1) << 64) | u0;
+  uint64_t q1 = static_cast<uint64_t>(q >> 64) + 1;
+  const uint64_t q0 = static_cast<uint64_t>(q);
+  uint64_t rr = u0 - q1 * r.d;
+  if (rr > q0) {
+    --q1;
+    rr += r.d;
   }
-#if defined(__x86_64__)
-  uint64_t qhi = 0;
-  if (hi >= d) {
-    qhi = hi / d;
-    hi %= d;
+  if (rr >= r.d) [[unlikely]] {
+    ++q1;
+    rr -= r.d;
   }
-  uint64_t qlo;
-  __asm__("divq %[d]" : "=a"(qlo), "=d"(rem) : [d] "rm"(d), "a"(lo), "d"(hi));
-  return (static_cast<u128>(qhi) << 64) | qlo;
-#else
-  const u128 q = v / d;
-  rem = static_cast<uint64_t>(v - q * d);
-  return q;
-#endif
+  rem = rr;
+  return q1;
+}
+
+// v / 10^n for n in 1..19, with the remainder.
+inline u128 div_pow10_small(u128 v, int n, uint64_t& rem) {
+  const Recip& r = kRecip10[n];
+  const int s = r.shift;
+  // v << s as three words n2:n1:n0 (s < 64).
+  const uint64_t lo = static_cast<uint64_t>(v), hi = static_cast<uint64_t>(v >> 64);
+  const uint64_t n0 = lo << s;
+  const uint64_t n1 = s ? (hi << s) | (lo >> (64 - s)) : hi;
+  const uint64_t n2 = s ? hi >> (64 - s) : 0;
+  uint64_t r1 = n1, qh = 0;
+  if (n2 != 0 || n1 >= r.d) qh = div_2by1(n2, n1, r, r1);
+  uint64_t r0;
+  const uint64_t ql = div_2by1(r1, n0, r, r0);
+  rem = r0 >> s;
+  return (static_cast<u128>(qh) << 64) | ql;
 }
 
 // m / 10^n truncated, and the remainder (n in 1..38).
@@ -156,7 +177,14 @@ inline u128 div_pow10_rem(u128 m, int n, u128& rem) {
   }
   if (n <= 19) {
     uint64_t r;
-    const u128 q = div_u128_u64(m, static_cast<uint64_t>(kPow10[n]), r);
+    u128 q;
+    if ((m >> 64) == 0) {
+      const uint64_t mm = static_cast<uint64_t>(m), d = static_cast<uint64_t>(kPow10[n]);
+      q = mm / d;
+      r = mm - static_cast<uint64_t>(q) * d;
+    } else {
+      q = div_pow10_small(m, n, r);
+    }
     rem = r;
     return q;
   }
