@@ -17,6 +17,13 @@ constexpr int32_t kExcelDtBuf = 299;
 constexpr int32_t kWkDtBuf = 99;
 constexpr size_t kWkItemTextMax = 239;
 
+// The length of z, but at most `max`; never reads past either.
+size_t bounded_length(const char* z, size_t max) {
+  size_t n = 0;
+  while (n < max && z[n] != '\0') ++n;
+  return n;
+}
+
 // ---------------------------------------------------------------- workbook stream
 
 void excel_label(Out& out, int32_t row, int32_t col, const char* text, size_t n) {
@@ -160,7 +167,7 @@ int32_t dbase_item(ExportState* s, const void* value, bool dbase3) {
     case ex::kString:
       if (value != nullptr) {
         const char* z = static_cast<const char*>(value);
-        const size_t n = strnlen(z, width);
+        const size_t n = bounded_length(z, width);
         std::memcpy(field, z, n);
       }
       break;
@@ -334,7 +341,7 @@ ZBSHR_API(int32_t) osSaveWkItem(ExportState* s, const void* value) {
     switch (col->type) {
       case ex::kString: {
         const char* z = static_cast<const char*>(value);
-        wk_label(out, s->cur_row, s->cur_col, z, strnlen(z, kWkItemTextMax));
+        wk_label(out, s->cur_row, s->cur_col, z, bounded_length(z, kWkItemTextMax));
         break;
       }
       case ex::kNumber:

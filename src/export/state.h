@@ -13,6 +13,12 @@
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
 
+#if defined(__GNUC__)
+#define ZBSHR_EXPORT_PRINTF(f, a) __attribute__((format(printf, f, a)))
+#else
+#define ZBSHR_EXPORT_PRINTF(f, a)
+#endif
+
 namespace zbshr::exp {
 
 constexpr uint8_t kString = OSSAVE_STRING;
@@ -110,7 +116,7 @@ class Out {
   }
   void commit(size_t m) { n_ += m; }
   // printf-style append (short texts only).
-  void putf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  void putf(const char* fmt, ...) ZBSHR_EXPORT_PRINTF(2, 3);
   // The quoted string rule: "..." with every double quote written twice.
   void put_quoted(const char* z);
   // Sends the staged bytes; true when every write so far moved all its bytes.
