@@ -141,11 +141,27 @@ TEST_P(HeapModel, RandomOperations) {
     ASSERT_EQ(Stat(h).live_blocks, live.size()) << "step " << step;
     if (step % 1000 == 999) {
       const uint8_t* end = nullptr;
+      std::map<const uint8_t*, std::vector<std::pair<uint32_t, uint32_t>>> used;  // sub-pool -> blocks
       for (auto& [p, l] : live) {
         ASSERT_TRUE(Intact(p, l.n, l.seed)) << "step " << step;
         ASSERT_EQ(zbstg_get_pointer_subpool(h, p), l.pool);
         ASSERT_TRUE(end == nullptr || p - 4 >= end) << "overlap at step " << step;
         end = p + zbstg_size(h, p);
+        if (BlockSize(p) != 64001) used[Subpool(p)].emplace_back(Offset(p), BlockSize(p));
+      }
+      // Each sub-pool's free list, read from its bytes: ascending, inside the
+      // sub-pool, clear of every live block, and the block count is right.
+      for (auto& [sp, blocks] : used) {
+        ASSERT_EQ(BlockCount(sp), blocks.size()) << "step " << step;
+        auto fl = FreeList(sp);
+        uint32_t last_end = 8;
+        for (auto [off, sz] : fl) {
+          ASSERT_GE(off, last_end) << "step " << step;
+          ASSERT_GE(sz, 4u);
+          last_end = off + sz;
+          for (auto [boff, bsz] : blocks)
+            ASSERT_TRUE(boff + bsz <= off || off + sz <= boff) << "free block over a live one";
+        }
       }
     }
   }
