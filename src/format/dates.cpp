@@ -87,6 +87,24 @@ constexpr FieldType kOrders[3][3] = {
     {kYear, kMonth, kDay},
 };
 
+constexpr int kWordAm = -1;
+constexpr int kWordPm = -2;
+
+// A word of a date text: am or pm (kWordAm, kWordPm), a month name (its
+// number 1..12), or 0 for anything else. Kept out of line so that the
+// number-only path of the parser stays small.
+[[gnu::noinline]] int read_word(const unsigned char* s, size_t len) {
+  char word[32];
+  if (len >= sizeof word) return 0;
+  std::memcpy(word, s, len);
+  word[len] = '\0';
+  if (zbshr::plat::lstrcmpiA(word, "am") == 0) return kWordAm;
+  if (zbshr::plat::lstrcmpiA(word, "pm") == 0) return kWordPm;
+  for (int i = 0; i < 24; ++i)
+    if (zbshr::plat::lstrcmpiA(word, zbshr::intl::upper_month_name(i)) == 0) return kNameMonth[i];
+  return 0;
+}
+
 }  // namespace
 
 ZBSHR_API(void) shdtNow(SHDATETIME* dt) {
@@ -270,26 +288,17 @@ ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
     } else if (is_letter(*p)) {
       const unsigned char* s = p;
       while (is_letter(*p)) ++p;
-      const size_t len = static_cast<size_t>(p - s);
-      char word[32];
-      if (len >= sizeof word) return SHDT_E_TEXT;
-      std::memcpy(word, s, len);
-      word[len] = '\0';
-      const bool am = zbshr::plat::lstrcmpiA(word, "am") == 0;
-      const bool pm = !am && zbshr::plat::lstrcmpiA(word, "pm") == 0;
-      if (am || pm) {
+      const int month = read_word(s, static_cast<size_t>(p - s));
+      if (month == kWordAm || month == kWordPm) {
         int64_t& hour = val[kHour];
         if (hour < 0) return SHDT_E_TEXT;
-        if (am && hour == 12) hour = 0;
-        if (pm && hour != 12) hour += 12;
+        if (month == kWordAm && hour == 12) hour = 0;
+        if (month == kWordPm && hour != 12) hour += 12;
         if (hour >= 24) return SHDT_E_HOUR;
         ended = true;
         continue;
       }
-      int month = 0;
-      for (int i = 0; i < 24 && month == 0; ++i)
-        if (zbshr::plat::lstrcmpiA(word, zbshr::intl::upper_month_name(i)) == 0)
-          month = kNameMonth[i];
+      const size_t len = static_cast<size_t>(p - s);
       if (month == 0 || cur > last || cur >= 3 || date_type(cur) != kMonth) return SHDT_E_TEXT;
       val[kMonth] = month;
       ++cur;
