@@ -202,6 +202,33 @@ TEST_F(Api, CopyKeepsCommentAndTimeAcrossLibraries) {
   EXPECT_EQ(LMI_CopyEntry(heap, n3, nullptr, s3, nolib), LMI_E_IO);
 }
 
+// The sequential copy also looks below a node whose range holds the name.
+TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
+  std::string a = create("a.zbl"), b = create("b.zbl");
+  LMI_HANDLE h = open(a, 2);
+  for (int i = 0;; ++i) {
+    ASSERT_EQ(put(h, "m" + std::to_string(100 + i) + std::string(50, 'x'), ""), 0);
+    if (zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) < 24 + 56) break;
+  }
+  std::string high = "z" + std::string(53, 'z');
+  ASSERT_EQ(put(h, high, "payload"), 0);
+  ASSERT_EQ(LMI_CloseLibrary(h), 0);
+  // Rename the child's only record to a name inside the root's range.
+  auto bytes = slurp(a);
+  uint32_t right = le32(bytes, 1024 + 12);
+  ASSERT_NE(right, 0u);
+  std::string inside = "m100" + std::string(50, 'y');
+  std::memcpy(bytes.data() + right + 32 + 24, inside.c_str(), inside.size());
+  spit(a, bytes);
+  S n1(inside), s1(a), d1(b);
+  EXPECT_EQ(LMI_CopyEntry(heap, n1, nullptr, s1, d1), LMI_E_NOT_FOUND);
+  S n2(inside), s2(a), d2(b);
+  ASSERT_EQ(LMI_CopyEntrySequential(heap, n2, nullptr, s2, d2), 0);
+  h = open(b, 1);
+  EXPECT_EQ(get(h, inside), "payload");
+  LMI_CloseLibrary(h);
+}
+
 TEST_F(Api, MoveRenamesInPlaceAndBetweenLibraries) {
   std::string a = create("a.zbl"), b = create("b.zbl");
   LMI_HANDLE h = open(a, 2);
