@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "platform/platform.h"
 #include "zbshr/format.h"
 #include "zbshr/memory.h"
 
@@ -92,7 +93,12 @@ struct OrderOverride {
       if (std::filesystem::create_directory(cand, ec)) dir = cand.string();
     }
     if (dir.empty()) return false;
-    std::ofstream(dir + "/win.ini") << "[intl]\niDate=" << order << "\n";
+    // A copy of the user's system profile with the order changed, so that
+    // the other regional settings stay as they are.
+    const std::string ini = dir + "/win.ini";
+    std::filesystem::copy_file(zbshr::plat::ConfigDir() + "/win.ini", ini, ec);
+    const std::string value = std::to_string(order);
+    zbshr::plat::WritePrivateProfileStringA("intl", "iDate", value.c_str(), ini.c_str());
     if (const char* h = std::getenv("ZBSHR_HOME")) {
       had_home = true;
       old_home = h;
