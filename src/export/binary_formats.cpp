@@ -159,9 +159,11 @@ int32_t dbase_column(ExportState* s, const char* name, int32_t width, int32_t ty
 int32_t dbase_item(ExportState* s, const void* value, bool dbase3) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
-  char field[300];
-  std::memset(field, ' ', sizeof field);
   const size_t width = col->width < 0 ? 0 : col->width > 299 ? 299 : static_cast<size_t>(col->width);
+  Out out(s);
+  if (s->cur_col == 0) out.put(' ');  // the record is not deleted
+  char* field = out.reserve(width);     // the field is built in place
+  std::memset(field, ' ', width);
   char text[320];
   switch (col->type) {
     case ex::kString:
@@ -191,25 +193,33 @@ int32_t dbase_item(ExportState* s, const void* value, bool dbase3) {
     case ex::kDate:
     case ex::kDateTime:
       if (value != nullptr) {
+        // "%.4d%.2d%.2d" (dBase III) or "%.4d/%.2d/%.2d" (dBase II)
         const SHDATETIME* dt = static_cast<const SHDATETIME*>(value);
-        int n = std::snprintf(text, sizeof text, dbase3 ? "%.4d%.2d%.2d" : "%.4d/%.2d/%.2d",
-                              dt->year + 1900, dt->month + 1, dt->day);
-        if (n > 0) std::memcpy(field, text, static_cast<size_t>(n) < width ? n : width);
+        char* p = Out::format_int(text, dt->year + 1900, 4);
+        if (!dbase3) *p++ = '/';
+        p = Out::format_int(p, dt->month + 1, 2);
+        if (!dbase3) *p++ = '/';
+        p = Out::format_int(p, dt->day, 2);
+        const size_t n = static_cast<size_t>(p - text);
+        std::memcpy(field, text, n < width ? n : width);
       }
       break;
     case ex::kTime:
       if (value != nullptr) {
+        // "%.2d:%.2d:%.2d"
         const SHDATETIME* dt = static_cast<const SHDATETIME*>(value);
-        int n = std::snprintf(text, sizeof text, "%.2d:%.2d:%.2d", dt->hour, dt->minute,
-                              dt->second);
-        if (n > 0) std::memcpy(field, text, static_cast<size_t>(n) < width ? n : width);
+        char* p = Out::format_int(text, dt->hour, 2);
+        *p++ = ':';
+        p = Out::format_int(p, dt->minute, 2);
+        *p++ = ':';
+        p = Out::format_int(p, dt->second, 2);
+        const size_t n = static_cast<size_t>(p - text);
+        std::memcpy(field, text, n < width ? n : width);
       }
       break;
     default: break;
   }
-  Out out(s);
-  if (s->cur_col == 0) out.put(' ');  // the record is not deleted
-  out.put(field, width);
+  out.commit(width);
   if (!out.flush()) return 0;
   ex::item_advance(s);
   return 1;

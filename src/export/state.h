@@ -115,6 +115,28 @@ class Out {
     return dst_ + n_;
   }
   void commit(size_t m) { n_ += m; }
+  // A decimal integer as printf's "%.<digits>d" writes it: a minus sign,
+  // then at least `digits` digits, zero-padded.
+  void put_int(int64_t v, int digits = 1) {
+    char* p = reserve(24);
+    commit(static_cast<size_t>(format_int(p, v, digits) - p));
+  }
+  static char* format_int(char* p, int64_t v, int digits) {
+    uint64_t u = static_cast<uint64_t>(v);
+    if (v < 0) {
+      *p++ = '-';
+      u = 0 - u;
+    }
+    char tmp[24];
+    int n = 0;
+    do {
+      tmp[n++] = static_cast<char>('0' + u % 10);
+      u /= 10;
+    } while (u != 0);
+    while (n < digits && n < 20) tmp[n++] = '0';
+    while (n > 0) *p++ = tmp[--n];
+    return p;
+  }
   // printf-style append (short texts only).
   void putf(const char* fmt, ...) ZBSHR_EXPORT_PRINTF(2, 3);
   // The quoted string rule: "..." with every double quote written twice.

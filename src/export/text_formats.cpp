@@ -101,10 +101,15 @@ int32_t delimited_item(ExportState* s, const void* value, char sep, Quote q) {
 // ---------------------------------------------------------------- SYLK
 
 void sylk_prefix(ExportState* s, Out& out) {
-  if (s->cur_col == 0)
-    out.putf("C;Y%d;X%d;K", s->cur_row + 1, s->cur_col + 1);
-  else
-    out.putf("C;X%d;K", s->cur_col + 1);
+  if (s->cur_col == 0) {
+    out.put("C;Y", 3);
+    out.put_int(static_cast<int64_t>(s->cur_row) + 1);
+    out.put(";X1;K", 5);
+  } else {
+    out.put("C;X", 3);
+    out.put_int(static_cast<int64_t>(s->cur_col) + 1);
+    out.put(";K", 2);
+  }
 }
 
 }  // namespace

@@ -45,6 +45,19 @@ TEST(ExportFieldName, UpperCasedAndCutToTenBytes) {
   EXPECT_EQ(std::string(reinterpret_cast<char*>(out)), "A\xe9Z");
 }
 
+TEST(ExportIntegers, FormattedAsPrintfPrecisionDoes) {
+  const int64_t values[] = {0, 1, 7, 9, 10, 99, 100, 1998, 12345, -1, -7, -10, -30867, 2147483647,
+                            -2147483648LL};
+  for (int64_t v : values) {
+    for (int digits : {1, 2, 4}) {
+      char want[40], got[40];
+      std::snprintf(want, sizeof want, "%.*lld", digits, static_cast<long long>(v));
+      *zbshr::exp::Out::format_int(got, v, digits) = '\0';
+      EXPECT_STREQ(got, want) << v << " " << digits;
+    }
+  }
+}
+
 using ExportProtocol = ExportTest;
 
 TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
