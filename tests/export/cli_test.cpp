@@ -107,6 +107,17 @@ TEST_F(ExportCli, ClipWithoutClipboardProgramPrintsTheText) {
   EXPECT_BYTES("s\r\nsay \"hi\"\r\n\"a\tb\"\r\n", r.out);
 }
 
+TEST_F(ExportCli, ClipIsPipedToTheClipboardProgram) {
+  const std::string in = write("in.csv", "s:string,n:number\r\nx,1\r\n");
+  const std::string sink = path("clipboard.txt");
+  setenv("ZBSHR_CLIPBOARD_CMD", ("cat > '" + sink + "'").c_str(), 1);
+  Ran r = zbshr("export --format clip '" + in + "'");
+  unsetenv("ZBSHR_CLIPBOARD_CMD");
+  ASSERT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "");  // nothing on standard output when a program takes it
+  EXPECT_BYTES("x\t1\r\n", read_file(sink));
+}
+
 TEST_F(ExportCli, Dbase2RefusesTooManyColumns) {
   std::string head;
   std::string row;
