@@ -43,6 +43,11 @@ inline bool small_mag(const SHDEC* d, uint64_t& m) {
 inline u128 div10_round(u128 r) {
   const u128 w = r >> 1;
   const uint64_t wh = static_cast<uint64_t>(w >> 64), wl = static_cast<uint64_t>(w);
+  if (wh == 0) {  // r below 2^65: one 64-bit division by a constant
+    const uint64_t q = wl / 5;
+    const unsigned rem = static_cast<unsigned>(wl - q * 5) * 2 + static_cast<unsigned>(r & 1);
+    return static_cast<u128>(q) + (rem >= 5 ? 1 : 0);
+  }
   uint64_t t = wl + wh;
   if (t < wl) return div_round_outline(r, 1);  // the rare carry
   const uint64_t tq = t / 5;
