@@ -44,6 +44,7 @@
 // (or inside) a free block is ignored; free-list walks stop at any link that
 // does not move forward, so a damaged list cannot make a walk loop.
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -115,7 +116,7 @@ void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
     uint32_t old_cap = slots ? mask + 1 : 0;
     slots = fresh;
     mask = cap - 1;
-    shift = 64 - static_cast<uint32_t>(__builtin_ctz(cap));
+    shift = 64 - static_cast<uint32_t>(std::countr_zero(cap));
     for (uint32_t i = 0; i < old_cap; ++i) {
       if (old[i].key == kEmpty) continue;
       uint32_t j = Home(old[i].key);
@@ -295,7 +296,7 @@ static int64_t FirstFreeDirSlot(ZBSTG_HEAP heap, uint32_t count) {
   for (uint32_t w = 0; w * 64 < count; ++w) {
     uint64_t bits = w < heap->dir_occupied_words ? heap->dir_occupied[w] : 0;
     if (~bits) {
-      uint32_t i = w * 64 + static_cast<uint32_t>(__builtin_ctzll(~bits));
+      uint32_t i = w * 64 + static_cast<uint32_t>(std::countr_zero(~bits));
       return i < count ? static_cast<int64_t>(i) : -1;
     }
   }
@@ -386,7 +387,7 @@ static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBA
   for (uint32_t w = 0; w < words; ++w) {
     uint64_t bits = ~t->occupied[w];
     if (bits) {
-      uint32_t i = w * 64 + static_cast<uint32_t>(__builtin_ctzll(bits));
+      uint32_t i = w * 64 + static_cast<uint32_t>(std::countr_zero(bits));
       if (i < t->capacity) idx = i;
       break;
     }
