@@ -736,13 +736,9 @@ ZBSHR_API(void) zbstg_free(ZBSTG_HEAP heap, void *block) {
   uint8_t* hdr = static_cast<uint8_t*>(block) - 4;
   uint8_t* sp = SubpoolOf(block);
   uint32_t slot, idx;
-  if (!LocateSubpool(heap, sp, &slot, &idx)) {
-    // A block at offset 32,768 or more of a 64 KB sub-pool has bit 15 set by
-    // its offset, not by the string flag.
-    if (!(Ld16(hdr + 2) & kStringFlag)) return;
-    sp = SubpoolOf(block, true);
-    if (!LocateSubpool(heap, sp, &slot, &idx)) return;
-  }
+  // (Blocks never lie at offset 32,768 or more: a sub-pool larger than 16 KB
+  // only ever holds the one block it was made for, at offset 8.)
+  if (!LocateSubpool(heap, sp, &slot, &idx)) return;
   FreeIn(heap, slot, idx, sp, hdr);
 }
 
