@@ -24,7 +24,10 @@
 // 32-bit layout (24 + 12 x capacity, 16 + 8 x capacity), so the figures a
 // caller sees do not depend on the host's pointer width. Everything a caller
 // can observe (block sizes, offsets inside sub-pools, GlobalSize of
-// sub-pools, pool numbers, statistics) is the same on every host.
+// sub-pools, pool numbers, statistics) is the same on every host. Table and
+// directory counts, capacities and the last-used index are 32-bit here, so
+// they do not wrap at 65,535 entries. A directory replaced by a bigger one is
+// kept (not reused) until zbstg_end, which frees it with the rest.
 //
 // Speed without changing results: the largest-free values of a table are kept
 // with upper bounds per 16 and per 256 entries, so "the first entry, in index
@@ -35,14 +38,16 @@
 // directory scan; each small sub-pool's free list is mirrored in a compact
 // array beside it (offset and size of each free block, in offset order), so
 // first-fit and ordered insertion scan a few contiguous words instead of
-// following links through the sub-pool. The links in the sub-pool are written
-// exactly as before; only the searches read the mirror.
+// following links through the sub-pool. The links in the sub-pool are always
+// written as the layout requires; only the searches read the mirror.
 //
 // Robustness beyond the classic contract: a pointer whose sub-pool is not one
 // of the heap's (a stale or foreign pointer, a double free after the sub-pool
-// went away) is ignored by zbstg_free; a block freed while it already lies on
-// (or inside) a free block is ignored; free-list walks stop at any link that
-// does not move forward, so a damaged list cannot make a walk loop.
+// went away) is ignored by zbstg_free, and zbstg_realloc returns null for it;
+// a block freed while it already lies on (or inside) a free block is ignored;
+// the statistics stop walking a free list at any link that does not move
+// forward, so a damaged list cannot make them loop; the heap, table and
+// directory records go through the out-of-memory dialog like sub-pools.
 #include <algorithm>
 #include <bit>
 #include <cstdlib>

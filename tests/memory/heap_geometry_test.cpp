@@ -236,3 +236,23 @@ TEST(HeapGeometry, SmallStatusServices) {
   EXPECT_NE(z, nullptr);
   zbstg_end(h);
 }
+
+TEST(HeapGeometry, StaleAndForeignPointersAreIgnored) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  void* keep = zbstg_alloc(h, 16, 2);
+  void* gone = zbstg_alloc(h, 5000, 3);  // its own sub-pool, released when freed
+  zbstg_free(h, gone);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  zbstg_free(h, gone);  // the sub-pool is no longer the heap's
+  EXPECT_EQ(zbstg_realloc(h, gone, 10, 3), nullptr);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, gone), 0u);
+  // A buffer that merely looks like a block.
+  alignas(8) uint8_t fake[64] = {};
+  fake[8] = 16;   // size word
+  fake[10] = 8;   // back-offset
+  zbstg_free(h, fake + 12);
+  EXPECT_EQ(zbstg_realloc(h, fake + 12, 40, 0), nullptr);
+  EXPECT_EQ(Stat(h).live_blocks, 1u);
+  EXPECT_EQ(zbstg_size(h, keep), 16u);
+  zbstg_end(h);
+}
