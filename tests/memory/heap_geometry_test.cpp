@@ -240,10 +240,10 @@ TEST(HeapGeometry, SmallStatusServices) {
 TEST(HeapGeometry, StaleAndForeignPointersAreIgnored) {
   ZBSTG_HEAP h = zbstg_begin(0);
   void* keep = zbstg_alloc(h, 16, 2);
-  void* gone = zbstg_alloc(h, 5000, 3);  // its own sub-pool, released when freed
+  void* gone = zbstg_alloc(h, 16, 3);  // alone in its sub-pool, which becomes the spare
   zbstg_free(h, gone);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
-  zbstg_free(h, gone);  // the sub-pool is no longer the heap's
+  zbstg_free(h, gone);  // the spare is no longer one of the heap's sub-pools
   EXPECT_EQ(zbstg_realloc(h, gone, 10, 3), nullptr);
   EXPECT_EQ(zbstg_get_pointer_subpool(h, gone), 0u);
   // A buffer that merely looks like a block.
