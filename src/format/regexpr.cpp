@@ -366,7 +366,14 @@ struct Matcher {
         if (known.run_lo != nullptr && p >= known.run_lo && p <= known.run_end) {
           q = known.run_end;
         } else {
-          while (test(n, *q)) ++q;
+          // A run that reaches the start of the measured one ends where it does.
+          while (test(n, *q)) {
+            ++q;
+            if (q == known.run_lo) {
+              q = known.run_end;
+              break;
+            }
+          }
           known.run_lo = p;
           known.run_end = q;
         }

@@ -186,6 +186,14 @@ TEST(PatternMatch, LongTextsDoNotExhaustTheStack) {
   EXPECT_EQ(count("a+b", big.c_str()), 1);
   EXPECT_EQ(count(".*b", big.c_str()), 1);
   EXPECT_EQ(count("a?b", big.c_str()), 1);
+  // Chains of closures that a plain backtracking search would take
+  // polynomial time over.
+  std::string as(1 << 20, 'a');
+  EXPECT_EQ(count("a*a*a*a*a*a*a*b", as.c_str()), 0);
+  EXPECT_EQ(count(".*.*.*.*x", as.c_str()), 0);
+  EXPECT_EQ(count("a+a+a+a+b", as.c_str()), 0);
+  EXPECT_EQ(count("[ab]*a*[ab]*c", as.c_str()), 0);
+  EXPECT_EQ(count("a*a*a*", as.c_str()), 1);
 }
 
 TEST(PatternMatch, NullArguments) {
