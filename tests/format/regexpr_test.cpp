@@ -319,3 +319,34 @@ TEST(PatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
         << "pattern " << pat << " text " << text;
   }
 }
+
+TEST(PatternWide, AgreesWithNarrowOnAsciiInput) {
+  const char* atoms[] = {"a", "b", ".", "[ab]", "[^a]", "[a-b]", "^", "$", "\\*", "[\\]-]"};
+  const char* closures[] = {"", "*", "+", "?"};
+  uint32_t seed = 99;
+  auto rnd = [&](uint32_t n) {
+    seed = seed * 1664525u + 1013904223u;
+    return (seed >> 16) % n;
+  };
+  for (int iter = 0; iter < 5000; ++iter) {
+    std::string pat;
+    for (int k = 0, n = 1 + rnd(5); k < n; ++k) {
+      const char* a = atoms[rnd(10)];
+      pat += a;
+      if (a[0] != '^' && a[0] != '$') pat += closures[rnd(4)];
+    }
+    std::string text;
+    for (int k = 0, n = rnd(20); k < n; ++k) text += "ab]-*"[rnd(5)];
+    unsigned char nb[128];
+    uint16_t wb[128];
+    const std::u16string wpat(pat.begin(), pat.end()), wtext(text.begin(), text.end());
+    const int32_t en = shregExprCmpl(nb, pat.c_str(), sizeof nb);
+    const int32_t ew = shregExprCmplW(wb, reinterpret_cast<const uint16_t*>(wpat.c_str()), 128);
+    ASSERT_EQ(en, ew) << pat;
+    if (en != 0) continue;
+    for (size_t i = 0; i == 0 || nb[i - 1] != 0; ++i) ASSERT_EQ(nb[i], wb[i]) << pat;
+    ASSERT_EQ(shregExprMatch(text.c_str(), nb),
+              shregExprMatchW(reinterpret_cast<const uint16_t*>(wtext.c_str()), wb))
+        << pat << " / " << text;
+  }
+}
