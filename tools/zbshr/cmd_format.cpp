@@ -69,6 +69,17 @@ bool parse_arg(const char* cmd, const char* text, int32_t mode, SHDATETIME& v, i
   return true;
 }
 
+void set_env(const char* name, const char* value) {
+#ifdef _WIN32
+  _putenv_s(name, value ? value : "");
+#else
+  if (value)
+    setenv(name, value, 1);
+  else
+    unsetenv(name);
+#endif
+}
+
 // Makes the library read the date order from a private profile folder.
 struct OrderOverride {
   std::string dir;
@@ -76,10 +87,7 @@ struct OrderOverride {
   bool had_home = false;
   ~OrderOverride() {
     if (dir.empty()) return;
-    if (had_home)
-      setenv("ZBSHR_HOME", old_home.c_str(), 1);
-    else
-      unsetenv("ZBSHR_HOME");
+    set_env("ZBSHR_HOME", had_home ? old_home.c_str() : nullptr);
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     zbshr_intl();
@@ -103,7 +111,7 @@ struct OrderOverride {
       had_home = true;
       old_home = h;
     }
-    setenv("ZBSHR_HOME", dir.c_str(), 1);
+    set_env("ZBSHR_HOME", dir.c_str());
     zbshr_intl();
     return true;
   }
