@@ -35,14 +35,14 @@ Outcome run(const std::string& args, const std::string& input = "") {
   return r;
 }
 
-class Cli : public ::testing::Test {
+class FormatCli : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!std::filesystem::exists(ZBSHR_CLI)) GTEST_SKIP() << "the zbshr program is not built";
   }
 };
 
-TEST_F(Cli, Match) {
+TEST_F(FormatCli, Match) {
   Outcome r = run("match --compiled '[a-c]+'", "xabcx abx");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "08 05 04 0a 61 63 0b 0b 00\n2\n");
@@ -53,7 +53,7 @@ TEST_F(Cli, Match) {
   EXPECT_EQ(run("match --help").status, 0);
 }
 
-TEST_F(Cli, Date) {
+TEST_F(FormatCli, Date) {
   Outcome r = run("date --order dmy parse '15 Mar. 1998'");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.substr(0, 26), "1998-03-15 00:00:00.000000");

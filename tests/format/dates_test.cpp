@@ -59,7 +59,7 @@ SHDATETIME make(int y, int m, int d, int h = 0, int mi = 0, int s = 0, uint32_t 
                                        << d;
 }
 
-TEST(Dates, RecordLayout) {
+TEST(FormatDates, RecordLayout) {
   SHDATETIME t{};
   shdtBuildTime(&t, 1998, 7, 4, 13, 14, 15, 999999);
   EXPECT_EQ(t.year, 98);
@@ -79,7 +79,7 @@ TEST(Dates, RecordLayout) {
   EXPECT_EQ(offsetof(SHDATETIME, reserved), 11u);
 }
 
-TEST(Dates, EveryDayAgreesWithPython) {
+TEST(FormatDates, EveryDayAgreesWithPython) {
   const auto& days = python_days();
   if (days.empty()) GTEST_SKIP() << "python3 is not available";
   ASSERT_EQ(days.size(), 73779u);
@@ -105,7 +105,7 @@ TEST(Dates, EveryDayAgreesWithPython) {
   }
 }
 
-TEST(Dates, RandomPairsAgreeWithPython) {
+TEST(FormatDates, RandomPairsAgreeWithPython) {
   const auto& days = python_days();
   if (days.empty()) GTEST_SKIP() << "python3 is not available";
   std::mt19937 rng(20260101);
@@ -127,7 +127,7 @@ TEST(Dates, RandomPairsAgreeWithPython) {
   }
 }
 
-TEST(Dates, ArithmeticEdgeCases) {
+TEST(FormatDates, ArithmeticEdgeCases) {
   SHDATETIME a = make(2000, 1, 1), b = make(1999, 12, 31), r{};
   EXPECT_EQ(shdtDiffDate(&a, &b), 1);
   EXPECT_EQ(shdtDiffDate(&b, &a), -1);
@@ -166,7 +166,7 @@ TEST(Dates, ArithmeticEdgeCases) {
   EXPECT_TRUE(same_date(r, 2001, 2, 3));
 }
 
-TEST(Dates, DiffTime) {
+TEST(FormatDates, DiffTime) {
   SHDATETIME a = make(2000, 1, 1, 10, 0, 0, 999), b = make(1990, 5, 5, 9, 59, 30, 0);
   EXPECT_EQ(shdtDiffTime(&a, &b), 30);
   EXPECT_EQ(shdtDiffTime(&b, &a), -30);
@@ -175,7 +175,7 @@ TEST(Dates, DiffTime) {
   EXPECT_EQ(shdtDiffTime(&a, &b), -86399);
 }
 
-TEST(Dates, DayNames) {
+TEST(FormatDates, DayNames) {
   char buf[30];
   EXPECT_EQ(shdtDayName(0, buf), 1);
   EXPECT_STREQ(buf, "Sunday");
@@ -186,7 +186,7 @@ TEST(Dates, DayNames) {
   EXPECT_EQ(shdtDayName(1, nullptr), 0);
 }
 
-TEST(Dates, NowAndString) {
+TEST(FormatDates, NowAndString) {
   SHDATETIME now{};
   shdtNow(&now);
   EXPECT_GE(now.year, 120);
@@ -206,7 +206,7 @@ TEST(Dates, NowAndString) {
 
 // ------------------------------------------------------------------ parsing
 
-using Parse = Regional;
+using FormatParse = Regional;
 
 struct Parsed {
   int32_t code;
@@ -232,7 +232,7 @@ Parsed parse(const char* text, int32_t mode) {
   return ::testing::AssertionSuccess();
 }
 
-TEST_F(Parse, DatesMonthDayYear) {
+TEST_F(FormatParse, DatesMonthDayYear) {
   Parsed p = parse("1/2/03", SHDT_DATE);
   ASSERT_EQ(p.code, 0);
   EXPECT_EQ(p.v.year, 103);
@@ -264,7 +264,7 @@ TEST_F(Parse, DatesMonthDayYear) {
   EXPECT_TRUE(is(parse("jun./3 2004", SHDT_DATETIME), 2004, 6, 3, 0, 0, 0));
 }
 
-TEST_F(Parse, DateErrors) {
+TEST_F(FormatParse, DateErrors) {
   EXPECT_EQ(parse("2000-02-30", SHDT_DATE).code, SHDT_E_DAY);
   EXPECT_EQ(parse("1999-02-29", SHDT_DATE).code, SHDT_E_DAY);
   EXPECT_EQ(parse("4/31/2001", SHDT_DATE).code, SHDT_E_DAY);
@@ -297,7 +297,7 @@ TEST_F(Parse, DateErrors) {
   for (size_t i = 0; i < sizeof p.v; ++i) EXPECT_EQ(raw[i], 0x77);
 }
 
-TEST_F(Parse, Times) {
+TEST_F(FormatParse, Times) {
   Parsed p = parse("10:15:30.5", SHDT_TIME);
   ASSERT_EQ(p.code, 0);
   EXPECT_EQ(p.v.year, -32767);
@@ -335,7 +335,7 @@ TEST_F(Parse, Times) {
   EXPECT_EQ(parse("10h", SHDT_TIME).code, SHDT_E_TEXT);
 }
 
-TEST_F(Parse, DayMonthYearOrder) {
+TEST_F(FormatParse, DayMonthYearOrder) {
   use("iDate=1\n");
   EXPECT_TRUE(is(parse("1/2/03", SHDT_DATETIME), 2003, 2, 1, 0, 0, 0));
   EXPECT_TRUE(is(parse("15 Mar. 1998", SHDT_DATETIME), 1998, 3, 15, 0, 0, 0));
@@ -346,7 +346,7 @@ TEST_F(Parse, DayMonthYearOrder) {
   EXPECT_TRUE(is(parse("1999-12-31", SHDT_DATETIME), 1999, 12, 31, 0, 0, 0));
 }
 
-TEST_F(Parse, YearMonthDayOrder) {
+TEST_F(FormatParse, YearMonthDayOrder) {
   use("iDate=2\n");
   EXPECT_TRUE(is(parse("03/1/2", SHDT_DATETIME), 2003, 1, 2, 0, 0, 0));
   EXPECT_TRUE(is(parse("99 dec 31 23:59", SHDT_DATETIME), 1999, 12, 31, 23, 59, 0));

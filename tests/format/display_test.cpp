@@ -67,9 +67,9 @@ SHDATETIME sample() {  // Thursday 2 January 2003, 14:05:09.123456
   return d;
 }
 
-using DisplayFormat = Regional;
+using FormatDisplay = Regional;
 
-TEST_F(DisplayFormat, GeneralNumbers) {
+TEST_F(FormatDisplay, GeneralNumbers) {
   EXPECT_EQ(num("[GENERAL]", 0.0), "0");
   EXPECT_EQ(num("[GENERAL]", -0.0), "0");
   EXPECT_EQ(num("[GENERAL]", 1.5), "1.5");
@@ -86,7 +86,7 @@ TEST_F(DisplayFormat, GeneralNumbers) {
   EXPECT_EQ(num("[general] kg", 3.0), "3 kg");
 }
 
-TEST_F(DisplayFormat, NumericMasks) {
+TEST_F(FormatDisplay, NumericMasks) {
   EXPECT_EQ(num("#,##0.00", 1234567.891), "1,234,567.89");
   EXPECT_EQ(num("#,##0.00", -1234.5), "-1,234.50");
   EXPECT_EQ(num("#,##0.00", 0.0), "0.00");
@@ -118,7 +118,7 @@ TEST_F(DisplayFormat, NumericMasks) {
   EXPECT_EQ(big.substr(0, 14), "10,000,000,000");
 }
 
-TEST_F(DisplayFormat, Sections) {
+TEST_F(FormatDisplay, Sections) {
   const char* m = "0.00;(0.00);\"zero\";\"n/a\"";
   EXPECT_EQ(num(m, 2.5), "2.50");
   EXPECT_EQ(num(m, -3.14159), "(3.14)");
@@ -131,7 +131,7 @@ TEST_F(DisplayFormat, Sections) {
   EXPECT_EQ(num("0.0;\\;0.0", -1.0), ";1.0");  // an escaped ';' is a literal
 }
 
-TEST_F(DisplayFormat, OverflowFillsWithHashes) {
+TEST_F(FormatDisplay, OverflowFillsWithHashes) {
   double v = 12345.678;
   Result r = num("0.00", &v, 6);
   EXPECT_EQ(r.code, SHFORMAT_E_OVERFLOW);
@@ -146,7 +146,7 @@ TEST_F(DisplayFormat, OverflowFillsWithHashes) {
   EXPECT_EQ(r.code, SHFORMAT_E_OVERFLOW);
 }
 
-TEST_F(DisplayFormat, CompileErrors) {
+TEST_F(FormatDisplay, CompileErrors) {
   unsigned char c[SHFORMAT_BUFSIZE];
   EXPECT_EQ(shformatCmplNumericMask(c, "0.0.0", sizeof c), SHFORMAT_E_NUMERIC);
   EXPECT_EQ(shformatCmplNumericMask(c, "\"abc", sizeof c), SHFORMAT_E_QUOTE);
@@ -192,7 +192,7 @@ TEST_F(DisplayFormat, CompileErrors) {
   EXPECT_EQ(shformatDouble(out, sizeof out, c, &v), SHFORMAT_E_COMPILED);
 }
 
-TEST_F(DisplayFormat, ValuesThatCannotBeShown) {
+TEST_F(FormatDisplay, ValuesThatCannotBeShown) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   Result r = num("0.00", &nan);
   EXPECT_EQ(r.code, SHFORMAT_E_VALUE);
@@ -208,7 +208,7 @@ TEST_F(DisplayFormat, ValuesThatCannotBeShown) {
   EXPECT_EQ(date("hh:mm", &d).code, SHFORMAT_E_VALUE);
 }
 
-TEST_F(DisplayFormat, ErrorStrings) {
+TEST_F(FormatDisplay, ErrorStrings) {
   char buf[80];
   EXPECT_GT(shformatErrorString(SHFORMAT_E_SMALL, buf, sizeof buf), 0);
   EXPECT_STREQ(buf, "The buffer for the compiled format is too small");
@@ -223,7 +223,7 @@ TEST_F(DisplayFormat, ErrorStrings) {
   EXPECT_EQ(shformatErrorString(1, nullptr, 8), 0);
 }
 
-TEST_F(DisplayFormat, RegionalNumbers) {
+TEST_F(FormatDisplay, RegionalNumbers) {
   use("sDecimal=,\nsThousand=.\n");
   EXPECT_EQ(num("[GENERAL]", 1.5), "1,5");
   EXPECT_EQ(num("[GENERAL]", 1.5e20), "1,5E+20");
@@ -232,7 +232,7 @@ TEST_F(DisplayFormat, RegionalNumbers) {
   EXPECT_EQ(dec("[GENERAL]", "-1234.5600"), "-1234,56");
 }
 
-TEST_F(DisplayFormat, Currency) {
+TEST_F(FormatDisplay, Currency) {
   EXPECT_EQ(num("[CURRENCY]", 1234.5), "$1,234.50");
   EXPECT_EQ(num("[CURRENCY]", -1234.5), "($1,234.50)");
   EXPECT_EQ(num("[CURRENCY] \"net\"", 3.0), "$3.00 net");
@@ -243,7 +243,7 @@ TEST_F(DisplayFormat, Currency) {
   EXPECT_EQ(num("[CURRENCY]", -7.0), "-7\"");  // a symbol is always literal
 }
 
-TEST_F(DisplayFormat, Decimals) {
+TEST_F(FormatDisplay, Decimals) {
   EXPECT_EQ(dec("[GENERAL]", "1234.5600"), "1234.56");
   EXPECT_EQ(dec("[GENERAL]", "-0.0000000000000000000000000001"),
             "-0.0000000000000000000000000001");
@@ -260,7 +260,7 @@ TEST_F(DisplayFormat, Decimals) {
   EXPECT_STREQ(out, "null");
 }
 
-TEST_F(DisplayFormat, Reals) {
+TEST_F(FormatDisplay, Reals) {
   unsigned char c[SHFORMAT_BUFSIZE];
   ASSERT_EQ(shformatCmplNumericMask(c, "[GENERAL]", sizeof c), 0);
   char out[40];
@@ -276,7 +276,7 @@ TEST_F(DisplayFormat, Reals) {
   EXPECT_STREQ(out, "2.001");
 }
 
-TEST_F(DisplayFormat, Dates) {
+TEST_F(FormatDisplay, Dates) {
   SHDATETIME d = sample();
   EXPECT_EQ(date("[SHORTDATE]", &d).text, "1/2/2003");
   EXPECT_EQ(date("[LONGDATE]", &d).text, "Thursday, January 02, 2003");
@@ -310,7 +310,7 @@ TEST_F(DisplayFormat, Dates) {
   EXPECT_EQ(date("yyyy yy", &d).text, "0987 87");
 }
 
-TEST_F(DisplayFormat, DatesWithoutTimeOrDate) {
+TEST_F(FormatDisplay, DatesWithoutTimeOrDate) {
   SHDATETIME d{};
   ASSERT_EQ(shdtParse(&d, "7/4/1998", SHDT_DATE), 0);
   EXPECT_EQ(date("[GENERAL]", &d).text, "7/4/1998");
@@ -322,7 +322,7 @@ TEST_F(DisplayFormat, DatesWithoutTimeOrDate) {
   EXPECT_EQ(date("[GENERAL]", &d).text, "7/4/1998 10:15:00");
 }
 
-TEST_F(DisplayFormat, RegionalDates) {
+TEST_F(FormatDisplay, RegionalDates) {
   use("sShortDate=dd.MM.yyyy\nsLongDate=d. MMMM yyyy\nsTime=.\ns1159=vorm\ns2359=nachm\n");
   SHDATETIME d = sample();
   EXPECT_EQ(date("[SHORTDATE] [TIME]", &d).text, "02.01.2003 14.05.09");
@@ -332,7 +332,7 @@ TEST_F(DisplayFormat, RegionalDates) {
   EXPECT_EQ(date("[SHORTDATE]", &d).text, "2003-01-02");
 }
 
-TEST_F(DisplayFormat, Strings) {
+TEST_F(FormatDisplay, Strings) {
   EXPECT_EQ(str("(@@@) @@@-@@@@", "5551234567"), "(555) 123-4567");
   EXPECT_EQ(str("(@@@) @@@-@@@@", "55512"), "(555) 12-");
   EXPECT_EQ(str("@@-@@", "abcdefg"), "ab-cdefg");  // nothing is lost
@@ -351,7 +351,7 @@ TEST_F(DisplayFormat, Strings) {
   EXPECT_STREQ(out, "###");
 }
 
-TEST_F(DisplayFormat, LongMasksFitTheRecommendedBuffer) {
+TEST_F(FormatDisplay, LongMasksFitTheRecommendedBuffer) {
   const std::string m(200, '0');
   unsigned char c[SHFORMAT_BUFSIZE];
   EXPECT_EQ(shformatCmplNumericMask(c, m.c_str(), sizeof c), 0);
@@ -419,7 +419,7 @@ std::vector<std::string> python_lines(const std::vector<double>& values, const c
   return out;
 }
 
-TEST_F(DisplayFormat, GeneralAgreesWithPython) {
+TEST_F(FormatDisplay, GeneralAgreesWithPython) {
   const auto values = sample_doubles();
   const auto py = python_lines(values, "('%.15g' % x).replace('e', 'E').replace('-0', '0') "
                                        "if x == 0 else ('%.15g' % x).replace('e', 'E')");
@@ -428,7 +428,7 @@ TEST_F(DisplayFormat, GeneralAgreesWithPython) {
     ASSERT_EQ(num("[GENERAL]", values[i]), py[i]) << std::hexfloat << values[i];
 }
 
-TEST_F(DisplayFormat, FixedMasksAgreeWithPythonDecimal) {
+TEST_F(FormatDisplay, FixedMasksAgreeWithPythonDecimal) {
   std::vector<double> values;
   for (double x : sample_doubles())
     if (std::fabs(x) < 1e15) values.push_back(x);

@@ -40,7 +40,7 @@ int32_t cmpl_error(const char* pattern, int32_t size = 1024) {
   return shregExprCmpl(buf.data(), pattern, size);
 }
 
-TEST(PatternCompile, OpcodesAndOperands) {
+TEST(FormatPatternCompile, OpcodesAndOperands) {
   EXPECT_EQ(compiled("ab"), (Bytes{1, 'a', 1, 'b', 11, 0}));
   EXPECT_EQ(compiled("^a.$"), (Bytes{2, 1, 'a', 4, 3, 11, 0}));
   EXPECT_EQ(compiled("a*"), (Bytes{7, 1, 'a', 11, 11, 0}));
@@ -57,7 +57,7 @@ TEST(PatternCompile, OpcodesAndOperands) {
   EXPECT_EQ(compiled("ab*c"), (Bytes{1, 'a', 7, 1, 'b', 11, 1, 'c', 11, 0}));
 }
 
-TEST(PatternCompile, SetMembers) {
+TEST(FormatPatternCompile, SetMembers) {
   // '-' first, after a completed range and before ']' is a plain member.
   EXPECT_EQ(compiled("[-a]"), (Bytes{5, 3, '-', 'a', 11, 0}));
   EXPECT_EQ(compiled("[a-c-e]"), (Bytes{5, 6, 10, 'a', 'c', '-', 'e', 11, 0}));
@@ -70,7 +70,7 @@ TEST(PatternCompile, SetMembers) {
   EXPECT_EQ(compiled("[\xE0-\xFF]"), (Bytes{5, 4, 10, 0xE0, 0xFF, 11, 0}));
 }
 
-TEST(PatternCompile, DoubleByteCharacters) {
+TEST(FormatPatternCompile, DoubleByteCharacters) {
   uint32_t old = zbshr_set_codepage(932);
   // Lead byte and trail byte: two CHARs, even when the trail byte is a
   // metacharacter; a half-width character is one CHAR.
@@ -88,7 +88,7 @@ TEST(PatternCompile, DoubleByteCharacters) {
   zbshr_set_codepage(old);
 }
 
-TEST(PatternCompile, Errors) {
+TEST(FormatPatternCompile, Errors) {
   EXPECT_EQ(cmpl_error("*a"), 5);
   EXPECT_EQ(cmpl_error("+"), 5);
   EXPECT_EQ(cmpl_error("^*"), 5);
@@ -111,7 +111,7 @@ TEST(PatternCompile, Errors) {
   EXPECT_EQ(cmpl_error(("[" + ranges.substr(3) + "]").c_str()), 0);
 }
 
-TEST(PatternCompile, BufferSizeIsExact) {
+TEST(FormatPatternCompile, BufferSizeIsExact) {
   // "a" needs CHAR a END 0: four bytes.
   EXPECT_EQ(cmpl_error("a", 4), 0);
   EXPECT_EQ(cmpl_error("a", 3), 1);
@@ -131,7 +131,7 @@ TEST(PatternCompile, BufferSizeIsExact) {
   for (int i = 8; i < 16; ++i) EXPECT_EQ(buf[i], 0xEE);
 }
 
-TEST(PatternMatch, Counts) {
+TEST(FormatPatternMatch, Counts) {
   EXPECT_EQ(count("a*", "bbb"), 1);  // the empty match at the start, then stop
   EXPECT_EQ(count("ab", "abab"), 2);
   EXPECT_EQ(count("[a-c]+", "xabcx"), 1);
@@ -155,20 +155,20 @@ TEST(PatternMatch, Counts) {
   EXPECT_EQ(count("a^", "aa"), 0);
 }
 
-TEST(PatternMatch, HighBytesCompareUnsigned) {
+TEST(FormatPatternMatch, HighBytesCompareUnsigned) {
   EXPECT_EQ(count("[\x80-\xFF]", "a\x80\xC3\xFFz"), 3);
   EXPECT_EQ(count("[a-\xFF]+", "AB\x7F\x90q"), 1);
   EXPECT_EQ(count("[^\x80-\xFF]", "a\x80\xC3\xFFz"), 2);
 }
 
-TEST(PatternMatch, LineFeedInSetReadsAsRange) {
+TEST(FormatPatternMatch, LineFeedInSetReadsAsRange) {
   // [\n] holds one member of value 10, read as RANGE END..0: matches nothing.
   EXPECT_EQ(count("[\n]", "a\nb"), 0);
   // [\nab]: RANGE a..b.
   EXPECT_EQ(count("[\nab]", "abc"), 2);
 }
 
-TEST(PatternMatch, TerminatorIsNeverConsumed) {
+TEST(FormatPatternMatch, TerminatorIsNeverConsumed) {
   // A text whose terminator is followed by bytes that would match.
   const char text[] = {'a', '\0', 'a', 'a', '\0'};
   EXPECT_EQ(count("a", text), 1);
@@ -178,7 +178,7 @@ TEST(PatternMatch, TerminatorIsNeverConsumed) {
   EXPECT_EQ(count("a[^x]", text), 0);
 }
 
-TEST(PatternMatch, LongTextsDoNotExhaustTheStack) {
+TEST(FormatPatternMatch, LongTextsDoNotExhaustTheStack) {
   std::string big(10 * 1024 * 1024, 'a');
   EXPECT_EQ(count("a*", big.c_str()), 1);
   EXPECT_EQ(count(".*b", big.c_str()), 0);
@@ -196,7 +196,7 @@ TEST(PatternMatch, LongTextsDoNotExhaustTheStack) {
   EXPECT_EQ(count("a*a*a*", as.c_str()), 1);
 }
 
-TEST(PatternMatch, NullArguments) {
+TEST(FormatPatternMatch, NullArguments) {
   unsigned char buf[16];
   ASSERT_EQ(shregExprCmpl(buf, "a", sizeof buf), 0);
   EXPECT_EQ(shregExprMatch(nullptr, buf), 0);
@@ -204,7 +204,7 @@ TEST(PatternMatch, NullArguments) {
   EXPECT_EQ(shregExprCmpl(nullptr, "a", 16), 1);
 }
 
-TEST(PatternWide, CompileAndMatch) {
+TEST(FormatPatternWide, CompileAndMatch) {
   uint16_t buf[64];
   const std::u16string pat = u"[\u0100-\uFFFF]+x";
   ASSERT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(pat.c_str()), 64), 0);
@@ -294,7 +294,7 @@ int count(const unsigned char* c, const char* text) {
 
 }  // namespace ref
 
-TEST(PatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
+TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
   const char* atoms[] = {"a", "b", "c", ".", "[ab]", "[^a]", "[b-c]", "^", "$", "\\."};
   const char* closures[] = {"", "", "*", "+", "?"};
   uint32_t seed = 12345;
@@ -320,7 +320,7 @@ TEST(PatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
   }
 }
 
-TEST(PatternWide, AgreesWithNarrowOnAsciiInput) {
+TEST(FormatPatternWide, AgreesWithNarrowOnAsciiInput) {
   const char* atoms[] = {"a", "b", ".", "[ab]", "[^a]", "[a-b]", "^", "$", "\\*", "[\\]-]"};
   const char* closures[] = {"", "*", "+", "?"};
   uint32_t seed = 99;

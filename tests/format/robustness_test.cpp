@@ -34,7 +34,7 @@ void check_output(const std::vector<char>& out, int32_t size, int32_t code) {
   }
 }
 
-TEST(Robustness, RandomMasksAndValues) {
+TEST(FormatRobustness, RandomMasksAndValues) {
   std::mt19937 rng(4242);
   const char* alphabet = "0#.,%Ee+-;\"'\\[]@<>dmyhsfaAP/: xGENRALCUYSHOTDIM";
   const char* keywords[] = {"[GENERAL]", "[CURRENCY]", "[SHORTDATE]", "[LONGDATE]", "[TIME]"};
@@ -84,7 +84,7 @@ TEST(Robustness, RandomMasksAndValues) {
   }
 }
 
-TEST(Robustness, DamagedCompiledFormats) {
+TEST(FormatRobustness, DamagedCompiledFormats) {
   std::mt19937 rng(99);
   std::vector<unsigned char> buf(70000, 0);
   for (int iter = 0; iter < 20000; ++iter) {
@@ -109,7 +109,7 @@ TEST(Robustness, DamagedCompiledFormats) {
   }
 }
 
-TEST(Robustness, RandomPatterns) {
+TEST(FormatRobustness, RandomPatterns) {
   std::mt19937 rng(7);
   const char* alphabet = "ab.^$[]-\\*+?\n\x80\xFF";
   const std::string text = random_text(rng, "abab.-\n\x80\xFFxyz", 3000);
@@ -128,7 +128,7 @@ TEST(Robustness, RandomPatterns) {
   }
 }
 
-TEST(Robustness, DamagedCompiledPatterns) {
+TEST(FormatRobustness, DamagedCompiledPatterns) {
   std::mt19937 rng(11);
   std::vector<unsigned char> buf(512, 0);
   const std::string text(2000, 'a');
