@@ -306,6 +306,29 @@ def op_pow_series(b, e):
     return r, []
 
 
+def op_pow_int(b, n):
+    """Integral exponents: squaring and multiplying on the multiplication core."""
+    if n == 0:
+        if mag_of(b) == 0 or b[0] < 0:
+            raise Err(POWER)
+        return ONE, []
+    p = ONE
+    for bit in bin(abs(n))[2:]:
+        p = mul_core(p, p)
+        if bit == '1':
+            p = mul_core(p, b)
+    if n < 0:
+        if mag_of(p) == 0:
+            raise Err(ZERODIV)
+        p = quotient(ONE, p, 18, DN)
+        if mag_of(p) >= L79:
+            raise Err(OVERFLOW)
+    r = normalise(p)
+    if mag_of(r) == 0 and mag_of(b) != 0:
+        return (D(0), 2), [UNDERFLOW]
+    return r, []
+
+
 def from_double(x):
     t = C.create_decimal(repr(x)).normalize(C).as_tuple()
     mag = int(''.join(map(str, t.digits)))
@@ -573,6 +596,14 @@ def main():
         case(line, ('approx', C40.power(base, e)))
         case(line, expect_value(op_pow_series, (base, -base.as_tuple().exponent),
                                 (e, -e.as_tuple().exponent)))
+
+    # Integral exponents over the whole range.
+    for _ in range(count // 10):
+        nb, mb, sb = rand_num(rng)
+        n = rng.choice([rng.randint(-12, 12), rng.randint(-40, 40), rng.choice([-32768, 32767])])
+        es = rng.randint(0, 3)
+        case('pow %s %s' % (raw((nb, mb, sb)), raw((n < 0, abs(n) * 10 ** es, es))),
+             expect_value(op_pow_int, num(nb, mb, sb), n))
 
     # The series over the whole range, overflow and vanishing included.
     for _ in range(count // 20):
