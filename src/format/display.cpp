@@ -938,6 +938,12 @@ void render_number_section(const SecView& s, NumValue& v, bool minus, Out& o) {
         continue;
       }
       case tDot:
+        // Without integer placeholders the integer digits stand before the point.
+        if (n_int == 0)
+          for (int p = int_len - 1; p >= 0; --p) {
+            o.put(d.at_int(p));
+            if ((flags & fGroup) && p > 0 && p % 3 == 0) o.put(st.thousand_sep);
+          }
         if (shown_frac > 0 || n_frac == 0) o.put(st.decimal_sep);
         t += 1;
         continue;

@@ -102,6 +102,8 @@ TEST_F(FormatDisplay, NumericMasks) {
   EXPECT_EQ(num("00000", 42.0), "00042");
   EXPECT_EQ(num("#", 0.0), "");
   EXPECT_EQ(num("#.##", 0.5), ".5");
+  EXPECT_EQ(num(".00", 0.5), ".50");
+  EXPECT_EQ(num(".00", 12.5), "12.50");  // integer digits are never dropped
   EXPECT_EQ(num("0.##", 2.0), "2");
   EXPECT_EQ(num("0.##", 2.1), "2.1");
   EXPECT_EQ(num("0.0#", 2.0), "2.0");
