@@ -97,7 +97,7 @@ int parse_num(const char* s, Num& out) {
   }
   u128 m = 0;
   bool too_big = false, any_digit = false, point = false;
-  long frac = 0;
+  int64_t frac = 0;  // digits after the point: bounded by the text's length
   for (;; ++s) {
     const char c = *s;
     if (c >= '0' && c <= '9') {
@@ -107,7 +107,6 @@ int parse_num(const char* s, Num& out) {
         m = m * 10 + static_cast<unsigned>(c - '0');
         if (m >= kLim80) too_big = true;
       }
-      if (frac > 100000) frac = 100000;
     } else if (c == '.' && !point) {
       point = true;
     } else {
@@ -115,7 +114,9 @@ int parse_num(const char* s, Num& out) {
     }
   }
   if (!any_digit) return kErrSyntax;
-  long exp = 0;
+  // The exponent saturates far beyond any text's length, which keeps the
+  // sign of the resulting scale right.
+  int64_t exp = 0;
   if (*s == 'e' || *s == 'E') {
     ++s;
     bool eneg = false;
@@ -125,14 +126,14 @@ int parse_num(const char* s, Num& out) {
     }
     if (*s < '0' || *s > '9') return kErrSyntax;
     for (; *s >= '0' && *s <= '9'; ++s) {
-      if (exp < 100000) exp = exp * 10 + (*s - '0');
+      if (exp < 100000000000000000) exp = exp * 10 + (*s - '0');
     }
     if (eneg) exp = -exp;
   }
   while (*s == ' ') ++s;
   if (*s != '\0') return kErrSyntax;
   if (too_big || m >= kLim79) return kErrRange;
-  long scale = frac - exp;
+  int64_t scale = frac - exp;
   if (scale > kMaxScale) return kErrRange;
   if (scale < 0) {
     if (scale < -100 || !mul_pow10(m, static_cast<int>(-scale))) {
