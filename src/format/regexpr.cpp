@@ -287,8 +287,43 @@ int32_t decode_item(const Unit* c, int32_t i, Node<Unit>& n) {
   }
 }
 
+// A sequence that keeps its first N elements inside itself, so that matching
+// a short pattern (the usual case, such as listing names) allocates nothing.
+template <typename T, size_t N>
+class SmallVec {
+ public:
+  void push_back(const T& v) {
+    if (n_ < N) {
+      local_[n_++] = v;
+      return;
+    }
+    if (heap_.empty()) heap_.assign(local_, local_ + N);
+    heap_.push_back(v);
+    ++n_;
+  }
+  void resize(size_t n) {
+    if (n <= N) {
+      n_ = n;
+      return;
+    }
+    heap_.assign(local_, local_ + (n_ < N ? n_ : N));
+    heap_.resize(n);
+    n_ = n;
+  }
+  T* data() { return n_ <= N ? local_ : heap_.data(); }
+  size_t size() const { return n_; }
+
+ private:
+  T local_[N];
+  std::vector<T> heap_;
+  size_t n_ = 0;
+};
+
 template <typename Unit>
-bool decode(const Unit* c, std::vector<Node<Unit>>& out) {
+using NodeList = SmallVec<Node<Unit>, 12>;
+
+template <typename Unit>
+bool decode(const Unit* c, NodeList<Unit>& out) {
   int32_t i = 0;
   for (;;) {
     Node<Unit> n;
@@ -408,12 +443,12 @@ struct Matcher {
 template <typename Unit>
 int32_t count_matches(const Unit* text, const Unit* compiled) {
   if (text == nullptr || compiled == nullptr || *text == 0) return 0;
-  std::vector<Node<Unit>> nodes;
-  nodes.reserve(16);
+  NodeList<Unit> nodes;
   if (!decode(compiled, nodes)) return 0;
-  std::vector<FailSpan<Unit>> fails(nodes.size());
+  SmallVec<FailSpan<Unit>, 12> fails;
+  fails.resize(nodes.size());
   Matcher<Unit> m{nodes.data(), text, fails.data()};
-  const Node<Unit>& first = nodes[0];
+  const Node<Unit>& first = nodes.data()[0];
 
   if (first.kind == kBol) return m.at(0, text) ? 1 : 0;  // no later start can match
 

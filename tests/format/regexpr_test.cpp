@@ -153,6 +153,8 @@ TEST(FormatPatternMatch, Counts) {
   EXPECT_EQ(count("b*c", "abbbcbc"), 2);
   EXPECT_EQ(count("\\.", "a.b.c"), 2);
   EXPECT_EQ(count("a^", "aa"), 0);
+  EXPECT_EQ(count("abcdefghijklmnopqrst", "xxabcdefghijklmnopqrstabcdefghijklmnopqrs"), 1);
+  EXPECT_EQ(count("a*b*c*d*e*f*g*h*i*j*k*l*m*n*x", "abcdefghijklmnx--ax"), 2);
 }
 
 TEST(FormatPatternMatch, HighBytesCompareUnsigned) {
@@ -304,7 +306,7 @@ TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
   };
   for (int iter = 0; iter < 20000; ++iter) {
     std::string pat;
-    int len = 1 + rnd(4);
+    int len = 1 + rnd(iter % 10 == 0 ? 18 : 4);  // some longer than 12 elements
     for (int k = 0; k < len; ++k) {
       const char* a = atoms[rnd(10)];
       pat += a;
