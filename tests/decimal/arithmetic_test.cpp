@@ -1,4 +1,5 @@
 // SHDEC arithmetic: results, scales, signs of zero and error codes.
+#include <cstring>
 #include <functional>
 
 #include "decimal_test_util.h"
@@ -405,4 +406,71 @@ TEST(DecimalErrors, DefaultHookDoesNothing) {
   SHDEC r, a = dec("1"), z = dec("0");
   EXPECT_EQ(DivideDecimal(&r, &a, &z), nullptr);
   zbshr::dec::set_error_hook(mine);
+}
+
+// Arbitrary records (odd sign bits, any scale, magnitudes up to 2^80 - 1)
+// through every operation: each answer is either null or a well-formed
+// record, and nothing reads or writes outside the records.
+TEST(DecimalRobustness, ArbitraryRecordsGiveWellFormedAnswers) {
+  HookRecorder hook;  // keep the codes out of the way
+  uint64_t state = 0x9E3779B97F4A7C15ULL;
+  auto next = [&state]() {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    return state;
+  };
+  auto record = [&]() {
+    SHDEC d;
+    const uint64_t r = next();
+    d.sign = static_cast<uint16_t>(r % 7 == 0 ? next() : r % 2);
+    d.scale = static_cast<int16_t>(r % 11 == 0 ? static_cast<int16_t>(next()) : static_cast<int16_t>(next() % 29));
+    const int bits = static_cast<int>(next() % 81);
+    u128 m = (static_cast<u128>(next()) << 64) | next();
+    m = bits == 0 ? 0 : (m >> (128 - bits));
+    for (int i = 0; i < 5; ++i) d.mag[i] = static_cast<uint16_t>(m >> (16 * i));
+    return d;
+  };
+  auto well_formed = [](const SHDEC* r) {
+    return r->sign <= 1 && r->scale >= 0 && r->scale <= 28;
+  };
+  for (int i = 0; i < 20000; ++i) {
+    const SHDEC a = record(), b = record();
+    const int32_t places = static_cast<int32_t>(next() % 22) - 2;
+    SHDEC r;
+    char text[SHDEC_TEXT_SIZE];
+    const SHDEC* out[] = {
+        AddDecimal(&r, &a, &b), SubtractDecimal(&r, &a, &b), MultiplyDecimal(&r, &a, &b),
+        MultiplyDecimalAndRound(&r, &a, &b, places), MultiplyDecimalAndTruncate(&r, &a, &b, places),
+        DivideDecimal(&r, &a, &b), DivideDecimalAndRound(&r, &a, &b, places),
+        DivideDecimalAndTruncate(&r, &a, &b, places), ModuloDecimal(&r, &a, &b),
+        RoundDecimal(&r, &a, places), TruncateDecimal(&r, &a, places),
+    };
+    for (const SHDEC* o : out) {
+      if (o) {
+        ASSERT_TRUE(well_formed(o));
+        ASSERT_NE(ConvDecimalToAscii(text, o), nullptr);
+        ASSERT_LT(std::strlen(text), static_cast<size_t>(SHDEC_TEXT_SIZE));
+      }
+    }
+    if (i % 8 == 0) {
+      // Powers are slower: a sample, with small exponents as well.
+      SHDEC e = b;
+      if (i % 16 == 0) {
+        e.scale = static_cast<int16_t>(next() % 4);
+        const u128 m = next() % 5000;
+        for (int w = 0; w < 5; ++w) e.mag[w] = static_cast<uint16_t>(m >> (16 * w));
+      }
+      if (const SHDEC* p = PowerDecimal(&r, &a, &e)) {
+        ASSERT_TRUE(well_formed(p));
+      }
+    }
+    CompareDecimal(&a, &b);
+    MagnitudeOfDecimal(&a, &b);
+    ConvDecimalToAscii(text, &a);
+    double x;
+    ConvDecToDouble(&x, &a);
+    int32_t l;
+    ConvDecToLong(&l, &a);
+  }
 }
