@@ -101,28 +101,24 @@ inline bool add_fast(SHDEC* result, const SHDEC* a, const SHDEC* b, bool flip) {
   return true;
 }
 
-// CompareDecimal for validated records whose magnitudes fit 64 bits.
+// CompareDecimal for validated records whose magnitudes fit 64 bits. When
+// bringing one to the other's scale reaches 2^79 it is the larger one, which
+// a plain comparison of the 128-bit products also says, since the other
+// magnitude is below 2^64.
 inline bool compare_fast(const SHDEC* a, const SHDEC* b, int& out) {
   uint64_t am, bm;
   if (!small_mag(a, am) || !small_mag(b, bm)) return false;
-  const int an = a->sign & 1, bn = b->sign & 1;
   if (am == 0 || bm == 0) return false;
+  const int an = a->sign & 1, bn = b->sign & 1;
   if (an != bn) {
     out = an ? -1 : 1;
     return true;
   }
-  u128 x = am, y = bm;
-  const int sa = a->scale, sb = b->scale;
-  if (sa < sb) {
-    if (sb - sa > 19) return false;
-    x = static_cast<u128>(am) * static_cast<uint64_t>(kPow10[sb - sa]);
-    if (x >= kLim79) return false;
-  } else if (sb < sa) {
-    if (sa - sb > 19) return false;
-    y = static_cast<u128>(bm) * static_cast<uint64_t>(kPow10[sa - sb]);
-    if (y >= kLim79) return false;
-  }
-  const int c = x < y ? -1 : (x > y ? 1 : 0);
+  const int d = a->scale - b->scale;
+  if (d > 19 || d < -19) return false;
+  const u128 x = d < 0 ? static_cast<u128>(am) * static_cast<uint64_t>(kPow10[-d]) : u128{am};
+  const u128 y = d > 0 ? static_cast<u128>(bm) * static_cast<uint64_t>(kPow10[d]) : u128{bm};
+  const int c = (x > y) - (x < y);
   out = an ? -c : c;
   return true;
 }
