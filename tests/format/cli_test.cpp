@@ -1,5 +1,6 @@
 // The zbshr date and zbshr match subcommands, run as a user would.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -19,7 +20,9 @@ Outcome run(const std::string& args, const std::string& input = "") {
   std::string in_file;
   std::string cmd = std::string("'") + ZBSHR_CLI + "' " + args + " 2>/dev/null";
   if (!input.empty()) {
-    in_file = (std::filesystem::temp_directory_path() / "zbshr_format_cli_input.txt").string();
+    in_file = (std::filesystem::temp_directory_path() /
+               ("zbshr_format_cli_input_" + std::to_string(getpid()) + ".txt"))
+                  .string();
     std::ofstream(in_file, std::ios::binary) << input;
     cmd += " < '" + in_file + "'";
   }
