@@ -121,7 +121,6 @@ extern const u128 kMaxMul[25] ZBSHR_DEC_HIDDEN;  // largest m with m * 10^j belo
 extern const u128 kFit79[15] ZBSHR_DEC_HIDDEN;   // 2^79 x 10^k: below kFit79[k], k digits suffice
 extern const u128 kFit63[8] ZBSHR_DEC_HIDDEN;    // 2^63 x 10^k
 
-inline u128 pow10(int n) { return kPow10[n]; }
 
 // Division by 10^n (n in 1..19) with a precomputed reciprocal: the divisor
 // shifted until its top bit is set, and floor((2^128 - 1) / d) - 2^64.

@@ -20,7 +20,6 @@ struct Wide {
   }
   bool fits128() const { return (w[2] | w[3]) == 0; }
   u128 low128() const { return (static_cast<u128>(w[1]) << 64) | w[0]; }
-  bool is_zero() const { return (w[0] | w[1] | w[2] | w[3]) == 0; }
 };
 
 // a * b for a, b below 2^128.
