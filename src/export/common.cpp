@@ -61,35 +61,12 @@ bool write_out(ExportState* s, const void* p, size_t n) {
   return true;
 }
 
-// The file buffer may be written in place while it is in the state
-// osFileOpenNew leaves it in and osFileWrite keeps it in.
-static bool file_buffer_usable(const ExportState* s) {
-  const OSFILE& f = s->file;
-  return s->kind != Kind::Clip && s->file_open && f.buffer != nullptr && f.readMode == 0 &&
-         f.room > 0 && f.position >= 0 && f.position + f.room <= f.capacity;
-}
-
-Out::Out(ExportState* s) : s_(s), dst_(local_), cap_(sizeof local_) {
-  if (file_buffer_usable(s)) {
-    in_file_ = true;
-    dst_ = s->file.buffer + s->file.position;
-    cap_ = static_cast<size_t>(s->file.room);
-  }
-}
-
 void Out::spill() {
   if (in_file_) {
-    // The bytes built in the free part of the file buffer fit in its room:
-    // taking them is what osFileWrite would do. The rest goes through a
-    // local buffer.
-    s_->file.position += static_cast<int32_t>(n_);
-    s_->file.room -= static_cast<int32_t>(n_);
-    in_file_ = false;
-    dst_ = local_;
-    cap_ = sizeof local_;
-  } else if (ok_ && n_ > 0) {
-    ok_ = write_out(s_, local_, n_);
+    commit_in_file();  // the rest goes through the local buffer
+    return;
   }
+  if (ok_ && n_ > 0) ok_ = write_out(s_, local_, n_);
   n_ = 0;
 }
 
@@ -133,10 +110,6 @@ void Out::put_quoted(const char* z) {
   put('"');
 }
 
-bool Out::flush() {
-  spill();
-  return ok_;
-}
 
 // ---------------------------------------------------------------- state
 

@@ -142,11 +142,19 @@ class Out {
   // The quoted string rule: "..." with every double quote written twice.
   void put_quoted(const char* z);
   // Sends the staged bytes; true when every write so far moved all its bytes.
-  bool flush();
+  bool flush() {
+    if (in_file_) {  // the common case: all of it was built in the file buffer
+      commit_in_file();
+      return ok_;
+    }
+    spill();
+    return ok_;
+  }
 
  private:
   void put_slow(const char* p, size_t n);
   void spill();
+  inline void commit_in_file();
   ExportState* s_;
   bool ok_ = true;
   bool in_file_ = false;  // dst_ is the free part of the file buffer
@@ -155,6 +163,33 @@ class Out {
   size_t n_ = 0;
   char local_[2048];
 };
+
+// The file buffer may be written in place while it is in the state
+// osFileOpenNew leaves it in and osFileWrite keeps it in.
+inline bool file_buffer_usable(const ExportState* s) {
+  const OSFILE& f = s->file;
+  return s->kind != Kind::Clip && s->file_open && f.buffer != nullptr && f.readMode == 0 &&
+         f.room > 0 && f.position >= 0 && f.position + f.room <= f.capacity;
+}
+
+inline Out::Out(ExportState* s) : s_(s), dst_(local_), cap_(sizeof local_) {
+  if (file_buffer_usable(s)) {
+    in_file_ = true;
+    dst_ = s->file.buffer + s->file.position;
+    cap_ = static_cast<size_t>(s->file.room);
+  }
+}
+
+// The bytes built in the free part of the file buffer fit in its room:
+// taking them is what osFileWrite would do.
+inline void Out::commit_in_file() {
+  s_->file.position += static_cast<int32_t>(n_);
+  s_->file.room -= static_cast<int32_t>(n_);
+  in_file_ = false;
+  dst_ = local_;
+  cap_ = sizeof local_;
+  n_ = 0;
+}
 
 // Writes n bytes to the export's output; true only when all n were taken.
 // Zero bytes always succeed.
