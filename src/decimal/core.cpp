@@ -1,4 +1,4 @@
-// Scaling primitives, wide division and the add, multiply and divide cores.
+// Power-of-ten tables, wide division, fitting products and the divide core.
 #include "decimal/core.h"
 #include "decimal/hook.h"
 
@@ -179,7 +179,7 @@ void wide_divmod(const Wide& n, const Wide& d, Wide& q, Wide& r) {
   r = from_digits(rd, k);
 }
 
-// ---- primitive 6 ----------------------------------------------------------------------
+// ---- fitting a product below 2^79 ----------------------------------------------------------------------
 
 int fit(const Wide& v, u128& out) {
   if (v.fits128()) return fit128(v.low128(), out);

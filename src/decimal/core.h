@@ -1,4 +1,4 @@
-// Internal working form of SHDEC values and the scaling primitives every
+// Internal working form of SHDEC values and the scaling helpers every
 // decimal operation is built from. A Num holds the magnitude as one 128-bit
 // integer (always below 2^80), the scale and the sign.
 #pragma once
@@ -196,7 +196,7 @@ inline u128 div_pow10_rem(u128 m, int n, u128& rem) {
   return q;
 }
 
-// m / 10^n, truncating (primitive 4).
+// m / 10^n, truncating.
 inline u128 div_pow10_trunc(u128 m, int n) {
   if (n <= 0) return m;
   if (n > 38) return 0;
@@ -204,7 +204,8 @@ inline u128 div_pow10_trunc(u128 m, int n) {
   return div_pow10_rem(m, n, rem);
 }
 
-// m / 10^n, rounding half up on the last digit dropped (primitive 3).
+// m / 10^n, rounding half up on the last digit dropped (so a negative
+// value rounds away from zero: the rounding is on the magnitude).
 inline u128 div_pow10_round(u128 m, int n) {
   if (n <= 0) return m;
   if (n > 38) return (n == 39 && m >= 5 * kPow10[38]) ? 1 : 0;
@@ -220,7 +221,7 @@ inline u128 times_pow10(u128 m, int n) {
   return m * kPow10[n];
 }
 
-// Primitive 1: m * 10^n, failing (m unchanged) when a step reaches 2^79.
+// m * 10^n, failing (m unchanged) when a step reaches 2^79.
 inline bool mul_pow10(u128& m, int n) {
   if (n <= 0 || m == 0) return true;
   if (n > 24 || m > kMaxMul[n]) return false;
@@ -228,7 +229,7 @@ inline bool mul_pow10(u128& m, int n) {
   return true;
 }
 
-// Primitive 2: multiplies m by ten at most n times while it stays below 2^79;
+// Rescaling up: multiplies m by ten at most n times while it stays below 2^79;
 // returns the number of steps taken.
 inline int rescale_up(u128& m, int n) {
   if (n <= 0) return 0;
@@ -239,7 +240,7 @@ inline int rescale_up(u128& m, int n) {
   return j;
 }
 
-// Primitive 5: brings x to scale `target`, rounding (or truncating) when it
+// Brings x to scale `target`, rounding (or truncating) when it
 // shrinks; -304 when growing overflows. x is unchanged on failure.
 inline int set_scale(Num& x, int target, bool round) {
   if (target < x.scale) {
@@ -251,7 +252,7 @@ inline int set_scale(Num& x, int target, bool round) {
   return 0;
 }
 
-// Primitive 6: fits a working product below 2^79, rounding half up on the
+// Fits a working product below 2^79, rounding half up on the
 // last digit dropped; returns the number of digits dropped.
 int fit(const Wide& v, u128& out);
 
@@ -361,7 +362,8 @@ inline int mul_core(const Num& a, const Num& b, Num& r) {
 // half up on the remainder. -304 when the quotient does not fit 80 bits.
 int div_core(const Num& a, const Num& b, int target, bool round, Num& q);
 
-// Steps 3 and 4 of the comparison on the magnitudes: -1, 0 or 1.
+// Compares magnitudes, bringing the one with fewer places to the other
+// scale; if that reaches 2^79 it is taken as the larger. -1, 0 or 1.
 inline int cmp_magnitudes(const Num& a, const Num& b) {
   u128 am = a.m, bm = b.m;
   if (a.scale < b.scale) {

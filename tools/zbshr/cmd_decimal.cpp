@@ -160,12 +160,12 @@ Outcome evaluate(const std::vector<std::string>& w, bool raw) {
   };
   if (w.empty()) return usage("missing operation");
   const std::string& op = w[0];
-  struct Spec {
+  struct Shape {
     const char* name;
     int decimals;  // leading decimal arguments
     int extra;     // 0 none, 1 places, 2 integer, 3 double
   };
-  static const Spec specs[] = {
+  static const Shape shapes[] = {
       {"add", 2, 0},      {"sub", 2, 0},      {"mul", 2, 0},        {"div", 2, 0},
       {"mod", 2, 0},      {"pow", 2, 0},      {"mulr", 2, 1},       {"mult", 2, 1},
       {"divr", 2, 1},     {"divt", 2, 1},     {"round", 1, 1},      {"trunc", 1, 1},
@@ -175,11 +175,11 @@ Outcome evaluate(const std::vector<std::string>& w, bool raw) {
       {"tofloat", 1, 0},  {"fromint", 0, 2},  {"fromuns", 0, 2},    {"fromlong", 0, 2},
       {"fromulong", 0, 2}, {"fromdouble", 0, 3}, {"fromfloat", 0, 3}, {"fromdoubler", 0, 4},
   };
-  const Spec* spec = nullptr;
-  for (const auto& s : specs)
-    if (op == s.name) spec = &s;
-  if (!spec) return usage("unknown operation '" + op + "'");
-  const size_t want = 1 + spec->decimals + (spec->extra == 0 ? 0 : spec->extra == 4 ? 2 : 1);
+  const Shape* shape = nullptr;
+  for (const auto& s : shapes)
+    if (op == s.name) shape = &s;
+  if (!shape) return usage("unknown operation '" + op + "'");
+  const size_t want = 1 + shape->decimals + (shape->extra == 0 ? 0 : shape->extra == 4 ? 2 : 1);
   if (w.size() != want)
     return usage(op + " takes " + std::to_string(want - 1) + " argument(s)");
 
@@ -198,19 +198,19 @@ Outcome evaluate(const std::vector<std::string>& w, bool raw) {
 
   SHDEC a{}, b{}, r{};
   std::string why;
-  if (spec->decimals >= 1 && !read_decimal(w[1], a, why)) return usage(why);
-  if (spec->decimals >= 2 && !read_decimal(w[2], b, why)) return usage(why);
+  if (shape->decimals >= 1 && !read_decimal(w[1], a, why)) return usage(why);
+  if (shape->decimals >= 2 && !read_decimal(w[2], b, why)) return usage(why);
   long long places = 0, n = 0;
   double x = 0;
   const std::string& last = w.back();
-  if (spec->extra == 1 && !read_int(last, INT32_MIN, INT32_MAX, places))
+  if (shape->extra == 1 && !read_int(last, INT32_MIN, INT32_MAX, places))
     return usage("bad places '" + last + "'");
-  if (spec->extra == 3 && !read_double(w[1], x)) return usage("bad number '" + w[1] + "'");
-  if (spec->extra == 4) {
+  if (shape->extra == 3 && !read_double(w[1], x)) return usage("bad number '" + w[1] + "'");
+  if (shape->extra == 4) {
     if (!read_double(w[1], x)) return usage("bad number '" + w[1] + "'");
     if (!read_int(w[2], INT32_MIN, INT32_MAX, places)) return usage("bad places '" + w[2] + "'");
   }
-  if (spec->extra == 2) {
+  if (shape->extra == 2) {
     long long lo = 0, hi = 0;
     if (op == "fromint") lo = INT16_MIN, hi = INT16_MAX;
     if (op == "fromuns") lo = 0, hi = UINT16_MAX;
