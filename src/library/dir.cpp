@@ -36,12 +36,22 @@ static bool validNode(Library* h, const uint8_t* img) {
 int32_t nodeImg(Library* h, uint32_t off, uint8_t** img) {
   if (off == rootOff(h)) {
     *img = rootImg(h);
-    if (!validNode(h, *img)) return LMI_E_DAMAGED;
+    // The root stays in memory: it is checked once, and only this handle changes it.
+    if (!h->rootChecked) {
+      if (!validNode(h, *img)) return LMI_E_DAMAGED;
+      h->rootChecked = true;
+    }
+    return 0;
+  }
+  Library::Slot& slot = h->quick[(off >> 9) % Library::kQuick];
+  if (slot.off == off) {
+    *img = slot.img;
     return 0;
   }
   auto it = h->nodes.find(off);
   if (it != h->nodes.end()) {
     *img = it->second;
+    slot = {off, it->second};
     return 0;
   }
   if (off < uint64_t(h->base) + h->fixedSize || (off - h->base) % kBlock ||
@@ -112,15 +122,15 @@ static int compareNode(Library* h, const uint8_t* img, const char* name, uint32_
   return kAbsent;
 }
 
-static int32_t searchFrom(Library* h, uint32_t off, const char* name, Search* s, bool tolerant,
-                          uint32_t depth) {
+static int32_t searchFrom(Library* h, uint32_t off, uint32_t parent, const char* name, Search* s,
+                          bool tolerant, uint32_t depth) {
   uint64_t limit = h->fsize / h->nodeSize + 2;
   for (;;) {
     if (++depth > limit) return LMI_E_DAMAGED;
     uint8_t* img;
     int32_t rc = nodeImg(h, off, &img);
     if (rc) return rc;
-    s->path.push_back(off);
+    s->parent = parent;
     uint32_t recOff = 0;
     int r = compareNode(h, img, name, &recOff);
     if (r == kFound) {
@@ -136,8 +146,7 @@ static int32_t searchFrom(Library* h, uint32_t off, const char* name, Search* s,
         for (uint32_t child : {rd32(img + node::kLeft), rd32(img + node::kRight)}) {
           if (!child) continue;
           Search t;
-          t.path = s->path;
-          rc = searchFrom(h, child, name, &t, true, depth);
+          rc = searchFrom(h, child, off, name, &t, true, depth);
           if (rc == kFound) {
             *s = t;
             return kFound;
@@ -152,13 +161,14 @@ static int32_t searchFrom(Library* h, uint32_t off, const char* name, Search* s,
       s->node = off;
       return kAbsent;
     }
+    parent = off;
     off = child;
   }
 }
 
 int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant) {
   *s = Search{};
-  return searchFrom(h, rootOff(h), name, s, tolerant, 0);
+  return searchFrom(h, rootOff(h), 0, name, s, tolerant, 0);
 }
 
 // ---- node editing
@@ -239,6 +249,8 @@ static int32_t freeNode(Library* h, uint32_t off) {
     zbstg_free(h->heap, it->second);
     h->nodes.erase(it);
   }
+  Library::Slot& slot = h->quick[(off >> 9) % Library::kQuick];
+  if (slot.off == off) slot = {0, nullptr};
   return 0;
 }
 
@@ -394,7 +406,7 @@ int32_t insertEntry(Library* h, const char* name, Search* s) {
       if (rc) return rc;
       off = n;
     } else {
-      uint32_t parent = s->path.size() >= 2 ? s->path[s->path.size() - 2] : 0;
+      uint32_t parent = s->parent;
       rc = makeRoom(h, off, parent, name, need);
       if (rc) return rc;
     }
@@ -489,7 +501,7 @@ int32_t removeEntry(Library* h, const char* name, bool removeRecord) {
   uint32_t oldEnd = kNodeHead + h->entrySpace - rd16(img + node::kFree);
   removeRecordAt(h, img, s.rec);
   if (rd16(img + node::kCount) > 0) return writeNode(h, s.node, node::kFree, oldEnd);
-  uint32_t parent = s.path.size() >= 2 ? s.path[s.path.size() - 2] : 0;
+  uint32_t parent = s.parent;
   return dropEmptyNode(h, s.node, parent);
 }
 

@@ -71,7 +71,7 @@ struct Search {
   int result = kAbsent;         // kFound, kAbsent, kRight or kLeft
   uint32_t node = 0;            // node where the search ended
   uint32_t rec = 0;             // record offset inside that node when found
-  std::vector<uint32_t> path;   // nodes from the root down to `node`
+  uint32_t parent = 0;          // the node above `node` on the way down, 0 for the root
 };
 
 // A reader of one data chain, independent of the entry in hand.
@@ -98,6 +98,7 @@ struct Library {
   std::string path;  // absolute, normalised, lower case
   uint8_t* fixed = nullptr;  // header copy (4096 bytes + a guard zero)
   uint32_t nodeSize = 3072, entrySpace = 3040, fixedSize = 4096;
+  bool rootChecked = false;
   uint64_t fsize = 0;  // current file length
   int64_t pos = -1;    // the file pointer when known (saves a seek per transfer)
   uint64_t diskSize = 0;  // the file's length on disk
@@ -106,8 +107,15 @@ struct Library {
   std::map<uint64_t, std::vector<uint8_t>> pending;
   size_t pendingBytes = 0;
 
-  // Directory nodes other than the root, by file offset (heap blocks).
+  // Directory nodes other than the root, by file offset (heap blocks), with a
+  // small direct-mapped table in front for the nodes a search walks through.
   std::unordered_map<uint32_t, uint8_t*> nodes;
+  struct Slot {
+    uint32_t off;
+    uint8_t* img;
+  };
+  static constexpr uint32_t kQuick = 1024;
+  Slot quick[kQuick] = {};
 
   // Free-space bitmaps; [0] is the one inside the header copy.
   std::vector<Bitmap> maps;
