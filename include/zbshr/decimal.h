@@ -47,6 +47,12 @@ typedef struct SHDEC {
  * It does nothing in the library; a debugging host may attach its own. */
 typedef void (ZBSHR_CALL *SHDEC_ERROR_HOOK)(int16_t code, int32_t extra);
 
+/* Attaches a debugging host's hook (null restores the library's, which does
+ * nothing) and returns the previous one. The library itself never calls it. */
+ZBSHR_BEGIN_DECLS
+ZBSHR_API(SHDEC_ERROR_HOOK) zbshr_set_decimal_error_hook(SHDEC_ERROR_HOOK hook);
+ZBSHR_END_DECLS
+
 /* Read-only constants. */
 ZBSHR_EXPORT extern const SHDEC shdecOne;          /* 1 */
 ZBSHR_EXPORT extern const SHDEC shdecSevenTenths;  /* 0.7 */

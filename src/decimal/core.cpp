@@ -257,3 +257,7 @@ int div_core(const Num& a, const Num& b, int target, bool round, Num& q) {
 }
 
 }  // namespace zbshr::dec
+
+extern "C" ZBSHR_API(SHDEC_ERROR_HOOK) zbshr_set_decimal_error_hook(SHDEC_ERROR_HOOK hook) {
+  return zbshr::dec::set_error_hook(hook);
+}
