@@ -2,6 +2,7 @@
 // holding a range of names (every name in a left subtree sorts below the
 // node's names, every name in a right subtree above them).
 #include <algorithm>
+#include <string>
 
 #include "library/lm.h"
 #include "zbshr/memory.h"
@@ -166,8 +167,54 @@ static int32_t searchFrom(Library* h, uint32_t off, uint32_t parent, const char*
   }
 }
 
+void dropIndex(Library* h) {
+  if (h->indexValid) {
+    h->index.clear();
+    h->indexValid = false;
+  }
+  h->lookups = 0;
+}
+
+// Once enough searches ran without a change to the directory, every name is
+// indexed (with where its record lies) so that finding an existing entry no
+// longer walks the tree; the tree stays the only thing on disk.
+static void buildIndex(Library* h) {
+  std::unordered_map<std::string, Library::Loc> idx;
+  std::vector<std::pair<uint32_t, uint32_t>> stack{{rootOff(h), 0}};
+  uint64_t limit = h->fsize / h->nodeSize + 2, visited = 0;
+  while (!stack.empty()) {
+    auto [off, parent] = stack.back();
+    stack.pop_back();
+    uint8_t* img;
+    if (++visited > limit || nodeImg(h, off, &img)) {
+      h->lookups = 0;  // damaged: keep walking the tree
+      return;
+    }
+    uint32_t end = kNodeHead + h->entrySpace - rd16(img + node::kFree);
+    for (uint32_t p = kNodeHead; p < end; p += kRecHead + rd16(img + p + rec::kNameLen))
+      idx.emplace(nameAt(img, p + kRecHead), Library::Loc{off, p, parent});
+    if (uint32_t r = rd32(img + node::kRight)) stack.push_back({r, off});
+    if (uint32_t l = rd32(img + node::kLeft)) stack.push_back({l, off});
+  }
+  h->index = std::move(idx);
+  h->indexValid = true;
+}
+
 int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant) {
   *s = Search{};
+  if (!tolerant) {
+    if (!h->indexValid && ++h->lookups >= 64 + 8 * h->nodes.size()) buildIndex(h);
+    if (h->indexValid) {
+      auto it = h->index.find(name);
+      if (it != h->index.end()) {
+        s->result = kFound;
+        s->node = it->second.node;
+        s->rec = it->second.rec;
+        s->parent = it->second.parent;
+        return kFound;
+      }
+    }
+  }
   return searchFrom(h, rootOff(h), 0, name, s, tolerant, 0);
 }
 
@@ -187,6 +234,7 @@ static void recomputeMinMax(Library* h, uint8_t* img) {
 
 // Appends a record; returns its offset in the node.
 static uint32_t appendRecord(Library* h, uint8_t* img, const uint8_t* recb, uint32_t len) {
+  dropIndex(h);
   uint32_t freeb = rd16(img + node::kFree);
   uint32_t at = kNodeHead + h->entrySpace - freeb;
   std::memcpy(img + at, recb, len);
@@ -211,6 +259,7 @@ static uint32_t recSize(const uint8_t* img, uint32_t recOff) {
 }
 
 static void removeRecordAt(Library* h, uint8_t* img, uint32_t recOff) {
+  dropIndex(h);
   uint32_t len = recSize(img, recOff);
   uint32_t freeb = rd16(img + node::kFree);
   uint32_t end = kNodeHead + h->entrySpace - freeb;
@@ -222,6 +271,7 @@ static void removeRecordAt(Library* h, uint8_t* img, uint32_t recOff) {
 }
 
 static int32_t newNode(Library* h, uint32_t parent, uint32_t* off) {
+  dropIndex(h);
   uint32_t nb = h->nodeSize / kBlock;
   uint32_t offs[6];
   int32_t rc = allocBlocks(h, nb, true, false, offs);
@@ -239,6 +289,7 @@ static int32_t newNode(Library* h, uint32_t parent, uint32_t* off) {
 }
 
 static int32_t freeNode(Library* h, uint32_t off) {
+  dropIndex(h);
   uint32_t nb = h->nodeSize / kBlock;
   uint32_t offs[6];
   for (uint32_t t = 0; t < nb; ++t) offs[t] = off + t * kBlock;
@@ -425,6 +476,7 @@ int32_t insertEntry(Library* h, const char* name, Search* s) {
 // A node left empty by a removal is taken out of the tree (never the root's
 // position: the root takes over its only child instead).
 static int32_t dropEmptyNode(Library* h, uint32_t off, uint32_t parent) {
+  dropIndex(h);
   uint8_t* img;
   int32_t rc = nodeImg(h, off, &img);
   if (rc) return rc;

@@ -116,6 +116,13 @@ struct Library {
   };
   static constexpr uint32_t kQuick = 1024;
   Slot quick[kQuick] = {};
+  // Name index of the directory, valid until the directory changes.
+  struct Loc {
+    uint32_t node, rec, parent;
+  };
+  std::unordered_map<std::string, Loc> index;
+  bool indexValid = false;
+  uint64_t lookups = 0;
 
   // Free-space bitmaps; [0] is the one inside the header copy.
   std::vector<Bitmap> maps;
@@ -202,6 +209,7 @@ uint32_t rootOff(Library* h);
 int32_t nodeImg(Library* h, uint32_t off, uint8_t** img);
 int32_t writeNode(Library* h, uint32_t off, uint32_t from = 0, uint32_t to = 0xFFFFFFFFu);
 int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant = false);
+void dropIndex(Library* h);
 int32_t insertEntry(Library* h, const char* name, Search* s);
 int32_t removeEntry(Library* h, const char* name, bool removeRecord);
 uint8_t* recordPtr(Library* h, uint32_t nodeOff, uint32_t recOff);
