@@ -172,101 +172,135 @@ void U64Map::Release() {
   mask = shift = size = 0;
 }
 
-// ---------------------------------------------------------------- free-list mirror
-
-Mirror* NewMirror(ZBSTG_HEAP heap, uint32_t off, uint32_t size) {
-  constexpr uint32_t kCap = 14;  // a 64-byte record
-  auto* m = static_cast<Mirror*>(SideAlloc(heap, sizeof(Mirror) + sizeof(uint32_t) * (kCap - 1)));
-  m->n = 1;
-  m->cap = kCap;
-  m->e[0] = Mirror::Pack(off, size);
-  return m;
+void* SideAllocLine(ZBSTG_HEAP heap, size_t bytes) {
+  constexpr std::align_val_t kLine{64};
+  void* p = ::operator new(bytes ? bytes : 1, kLine, std::nothrow);
+  while (!p) {
+    int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
+    if (answer != IDRETRY) {
+      if (heap) zbstg_end(heap);
+      FatalAppExitA(0, "Insufficient memory to continue.");
+    }
+    p = ::operator new(bytes ? bytes : 1, kLine, std::nothrow);
+  }
+  return p;
 }
 
-void MirrorInsert(ZBSTG_HEAP heap, Mirror** mp, uint32_t i, uint32_t value) {
-  Mirror* m = *mp;
-  if (m->n == m->cap) {
-    uint32_t cap = m->cap * 2 + 2;
-    auto* g = static_cast<Mirror*>(SideAlloc(heap, sizeof(Mirror) + sizeof(uint32_t) * (cap - 1)));
-    g->n = m->n;
-    g->cap = cap;
-    std::memcpy(g->e, m->e, sizeof(uint32_t) * m->n);
-    std::free(m);
-    *mp = m = g;
+void SideFreeLine(void* p) {
+  if (p) ::operator delete(p, std::align_val_t{64}, std::nothrow);
+}
+
+// ---------------------------------------------------------------- free-list mirror
+
+// Arrays of `cap` offsets and `cap` sizes, entries from `n` on padded.
+static uint16_t* MirrorArrays(ZBSTG_HEAP heap, const Mirror& from, uint32_t cap) {
+  auto* a = static_cast<uint16_t*>(SideAllocLine(heap, sizeof(uint16_t) * 2 * cap));
+  for (uint32_t i = 0; i < from.n; ++i) {
+    a[i] = from.off[i];
+    a[cap + i] = from.off[from.cap + i];
   }
-  for (uint32_t j = m->n; j > i; --j) m->e[j] = m->e[j - 1];
-  m->e[i] = value;
+  for (uint32_t i = from.n; i < cap; ++i) {
+    a[i] = 0xFFFF;
+    a[cap + i] = 0;
+  }
+  return a;
+}
+
+void MirrorInit(ZBSTG_HEAP heap, Mirror* m, uint32_t off, uint32_t size) {
+  Mirror empty;
+  m->off = MirrorArrays(heap, empty, kLanes);  // 64 bytes: one cache line
+  m->cap = kLanes;
+  m->n = 0;
+  m->Set(0, off, size);
+  m->n = 1;
+}
+
+void MirrorFree(Mirror* m) {
+  SideFreeLine(m->off);
+  m->off = nullptr;
+  m->n = m->cap = 0;
+}
+
+void MirrorInsert(ZBSTG_HEAP heap, Mirror* m, uint32_t i, uint32_t off, uint32_t size) {
+  if (m->n == m->cap) {
+    uint32_t cap = m->cap * 2;
+    uint16_t* a = MirrorArrays(heap, *m, cap);
+    SideFreeLine(m->off);
+    m->off = a;
+    m->cap = cap;
+  }
+  uint16_t* o = m->off;
+  uint16_t* sz = m->Sizes();
+  for (uint32_t j = m->n; j > i; --j) {
+    o[j] = o[j - 1];
+    sz[j] = sz[j - 1];
+  }
+  o[i] = static_cast<uint16_t>(off);
+  sz[i] = static_cast<uint16_t>(size);
   ++m->n;
 }
 
 // ---------------------------------------------------------------- table index
 
+// The run maxima are upper bounds: they rise with a value here and are
+// lowered only when a search finds nothing below them.
 static inline void SetLargest(Table* t, uint32_t i, uint32_t value) {
-  t->largest[i] = value;
-  // Group bounds only rise here; a stale (too high) bound is lowered when a
-  // search scans its group.
-  if (value > t->bound16[i >> 4]) {
-    t->bound16[i >> 4] = value;
-    if (value > t->bound256[i >> 8]) t->bound256[i >> 8] = value;
+  t->largest[i] = static_cast<uint16_t>(value);
+  uint32_t g = i >> 4;
+  if (value > t->max16[g]) {
+    t->max16[g] = static_cast<uint16_t>(value);
+    if (value > t->top[i >> 8]) t->top[i >> 8] = static_cast<uint16_t>(value);
   }
 }
 
 // First entry (in index order) whose largest-free value is at least b, or -1.
 static int32_t FirstFit(Table* t, uint32_t b) {
-  const uint32_t cap = t->capacity;
-  const uint32_t* v = t->largest;
-  uint32_t* b16 = t->bound16;
-  uint32_t* b256 = t->bound256;
-  for (uint32_t g2 = 0; g2 * 256 < cap; ++g2) {
-    if (b256[g2] < b) continue;
-    uint32_t m2 = 0;
-    for (uint32_t g = g2 * 16; g < g2 * 16 + 16 && g * 16 < cap; ++g) {
-      if (b16[g] < b) {
-        m2 = std::max(m2, b16[g]);
-        continue;
+  const uint16_t v = static_cast<uint16_t>(b);
+  for (uint32_t base = 0; base < t->top_words; base += kLanes) {
+    for (uint32_t m2 = lanes::AtLeast(t->top + base, v); m2; m2 &= m2 - 1) {
+      uint32_t g2 = base + static_cast<uint32_t>(std::countr_zero(m2));
+      uint16_t* run16 = t->max16 + g2 * kLanes;
+      for (uint32_t m1 = lanes::AtLeast(run16, v); m1; m1 &= m1 - 1) {
+        uint32_t g = g2 * kLanes + static_cast<uint32_t>(std::countr_zero(m1));
+        uint32_t m0 = lanes::AtLeast(t->largest + g * kLanes, v);
+        if (m0) return static_cast<int32_t>(g * kLanes + static_cast<uint32_t>(std::countr_zero(m0)));
+        t->max16[g] = lanes::Max(t->largest + g * kLanes);  // the bound was stale
       }
-      uint32_t lo = g * 16, hi = std::min(cap, lo + 16), m = 0;
-      for (uint32_t i = lo; i < hi; ++i) {
-        if (v[i] >= b) return static_cast<int32_t>(i);
-        m = std::max(m, v[i]);
-      }
-      b16[g] = m;
-      m2 = std::max(m2, m);
+      t->top[g2] = lanes::Max(run16);
     }
-    b256[g2] = m2;
   }
   return -1;
 }
 
-// Builds (or rebuilds after growth) the index of a table of t->capacity
-// entries, keeping the values of the first `old_count` entries.
+// Builds the largest-free levels of a table whose capacity just became
+// t->capacity, keeping the values of the first `old_count` entries.
 static void IndexTable(ZBSTG_HEAP heap, Table* t, uint32_t old_count) {
   uint32_t cap = t->capacity;
-  auto* largest = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * cap));
-  auto* b16 = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * ((cap + 15) / 16)));
-  auto* b256 = static_cast<uint32_t*>(SideAlloc(heap, sizeof(uint32_t) * ((cap + 255) / 256)));
-  if (t->largest) std::memcpy(largest, t->largest, sizeof(uint32_t) * old_count);
-  for (uint32_t i = 0; i < old_count; ++i) {
-    b16[i >> 4] = std::max(b16[i >> 4], largest[i]);
-    b256[i >> 8] = std::max(b256[i >> 8], largest[i]);
-  }
+  uint32_t words0 = (cap + 255) / 256 * 256;
+  uint32_t words1 = words0 / kLanes;
+  uint32_t words2 = (words0 / 256 + kLanes - 1) / kLanes * kLanes;
+  auto* levels = static_cast<uint16_t*>(
+      SideAllocLine(heap, sizeof(uint16_t) * (words0 + words1 + words2)));
+  std::memset(levels, 0, sizeof(uint16_t) * (words0 + words1 + words2));
+  if (t->largest) std::memcpy(levels, t->largest, sizeof(uint16_t) * old_count);
+  uint16_t* l1 = levels + words0;
+  uint16_t* l2 = l1 + words1;
+  for (uint32_t g = 0; g < words1; ++g) l1[g] = lanes::Max(levels + g * kLanes);
+  for (uint32_t g = 0; g < words0 / 256; ++g) l2[g] = lanes::Max(l1 + g * kLanes);
   uint32_t words = (cap + 63) / 64;
   auto* occ = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
   if (t->occupied) std::memcpy(occ, t->occupied, sizeof(uint64_t) * ((old_count + 63) / 64));
   std::free(t->occupied);
-  std::free(t->largest);
-  std::free(t->bound16);
-  std::free(t->bound256);
-  t->largest = largest;
-  t->bound16 = b16;
-  t->bound256 = b256;
+  SideFreeLine(t->largest);
+  t->largest = levels;
+  t->max16 = l1;
+  t->top = l2;
+  t->top_words = words2;
   t->occupied = occ;
 }
 
 static void FreeTable(Table* t) {
-  std::free(t->largest);
-  std::free(t->bound16);
-  std::free(t->bound256);
+  SideFreeLine(t->largest);
   std::free(t->occupied);
   HGLOBAL h = t->handle;
   GlobalUnlock(h);
@@ -312,7 +346,7 @@ static Table* MakeTable(ZBSTG_HEAP heap) {
   constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
   HGLOBAL h = GlobalAlloc(kFlags, TableNativeBytes(kTableStep));
   uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), kFlags);
-  auto* t = new (mem) Table{h, 0, kTableStep, -1, nullptr, nullptr, nullptr, nullptr};
+  auto* t = new (mem) Table{h, 0, kTableStep, -1, 0, nullptr, nullptr, nullptr, nullptr};
   std::memset(static_cast<void*>(t->Entries()), 0, sizeof(TableEntry) * kTableStep);
   IndexTable(heap, t, 0);
   return t;
@@ -385,7 +419,7 @@ static void CountSubpool(ZBSTG_HEAP heap) {
 // Puts a sub-pool in the first empty entry of the table at `slot` (growing
 // the table by 200 entries when full). Returns the entry index.
 static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
-                             uint32_t largest, Mirror* mirror) {
+                             uint32_t largest, const Mirror& mirror) {
   Table* t = TableAt(heap, slot);
   uint32_t idx = t->capacity;
   uint32_t words = (t->capacity + 63) / 64;
@@ -455,7 +489,9 @@ static uint32_t NewSmallSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, u
   St16(sp + 6, 0);
   St16(sp + 8, size - 10);
   St16(sp + 10, 0);
-  return PlaceSubpool(heap, slot, sp, h, size - 10, NewMirror(heap, kSubpoolHeader, size - 10));
+  Mirror m;
+  MirrorInit(heap, &m, kSubpoolHeader, size - 10);
+  return PlaceSubpool(heap, slot, sp, h, size - 10, m);
 }
 
 // Releases the sub-pool of entry `idx` of the table at `slot` (keeping it as
@@ -476,10 +512,9 @@ static void ReleaseSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
     GlobalFree(h);
   }
   heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
-  std::free(e.mirror);
+  MirrorFree(&e.mirror);
   e.subpool = nullptr;
   e.handle = nullptr;
-  e.mirror = nullptr;
   SetLargest(t, idx, 0);
   t->occupied[idx / 64] &= ~(1ull << (idx % 64));
   --t->count;
@@ -494,13 +529,13 @@ static inline void Link(uint8_t* sp, uint32_t prev, uint32_t to) {
 static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
   TableEntry& te = t->Entries()[idx];
   uint8_t* sp = te.subpool;
-  Mirror* m = te.mirror;
-  if (!m) return nullptr;
-  uint32_t k = m->FirstFit(b);
-  if (k == m->n) return nullptr;
-  uint32_t cur = Mirror::Off(m->e[k]), size = Mirror::Size(m->e[k]);
-  uint32_t prev = k ? Mirror::Off(m->e[k - 1]) : 0;
-  uint32_t next = k + 1 < m->n ? Mirror::Off(m->e[k + 1]) : 0;
+  Mirror& m = te.mirror;
+  if (!m.off) return nullptr;
+  uint32_t k = m.FirstFit(b);
+  if (k == m.n) return nullptr;
+  uint32_t cur = m.Off(k), size = m.Size(k);
+  uint32_t prev = k ? m.Off(k - 1) : 0;
+  uint32_t next = k + 1 < m.n ? m.Off(k + 1) : 0;
   bool recompute = size >= t->Largest(idx);
   uint32_t rest = size - b;
   if (rest >= 4) {
@@ -508,16 +543,16 @@ static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
     St16(sp + nf, rest);
     St16(sp + nf + 2, next);
     Link(sp, prev, nf);
-    m->e[k] = Mirror::Pack(nf, rest);
+    m.Set(k, nf, rest);
   } else {
     Link(sp, prev, next);  // the 1-3 trailing bytes stay lost until release
-    m->Remove(k);
+    m.Remove(k);
   }
   St16(sp + cur, b);
   St16(sp + cur + 2, cur);
   St16(sp + 6, ++te.count);
   ++heap->live_blocks;
-  if (recompute) SetLargest(t, idx, m->Largest());
+  if (recompute) SetLargest(t, idx, m.Largest());
   return sp + cur + 4;
 }
 
@@ -532,7 +567,7 @@ static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t 
   St32(sp + 8, n);
   St16(sp + 12, kLargeMark);
   St16(sp + 14, 12);
-  PlaceSubpool(heap, slot, sp, h, 0, nullptr);
+  PlaceSubpool(heap, slot, sp, h, 0, Mirror{});
   ++heap->live_blocks;
   return sp + kLargeHeader;
 }
@@ -573,7 +608,7 @@ static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, ui
   uint32_t bsz = Ld16(hdr);
   uint32_t count = te.count;
   if (count == 0) return;
-  if (!te.mirror) {
+  if (!te.mirror.off) {
     // A large block: its sub-pool holds nothing else.
     if (off != 12) return;
     St16(hdr + 2, 0);
@@ -584,16 +619,16 @@ static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, ui
     ReleaseSubpool(heap, slot, idx);
     return;
   }
-  Mirror* m = te.mirror;
-  uint32_t k = m->LowerBound(off);
+  Mirror& m = te.mirror;
+  uint32_t k = m.LowerBound(off);
   uint32_t prev = 0, prev_size = 0, cur = 0, cur_size = 0;
   if (k) {
-    prev = Mirror::Off(m->e[k - 1]);
-    prev_size = Mirror::Size(m->e[k - 1]);
+    prev = m.Off(k - 1);
+    prev_size = m.Size(k - 1);
   }
-  if (k < m->n) {
-    cur = Mirror::Off(m->e[k]);
-    cur_size = Mirror::Size(m->e[k]);
+  if (k < m.n) {
+    cur = m.Off(k);
+    cur_size = m.Size(k);
   }
   // Already free: on the list, or inside the free block before it.
   if (cur == off || (k && prev + prev_size > off)) return;
@@ -613,19 +648,18 @@ static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, ui
     St16(sp + start, size);
     St16(sp + start + 2, cur);
     at = k - 1;
-    m->e[at] = Mirror::Pack(start, size);
+    m.Set(at, start, size);
   } else {
     at = k;
-    MirrorInsert(heap, &te.mirror, at, Mirror::Pack(off, bsz));
-    m = te.mirror;
+    MirrorInsert(heap, &m, at, off, bsz);
   }
   if (cur && start + size == cur) {
     size += cur_size;
-    uint32_t next = at + 2 < m->n ? Mirror::Off(m->e[at + 2]) : 0;
+    uint32_t next = at + 2 < m.n ? m.Off(at + 2) : 0;
     St16(sp + start, size);
     St16(sp + start + 2, next);
-    m->e[at] = Mirror::Pack(start, size);
-    m->Remove(at + 1);
+    m.Set(at, start, size);
+    m.Remove(at + 1);
   }
   if (size > t->Largest(idx)) SetLargest(t, idx, size);
 }
@@ -667,7 +701,7 @@ ZBSHR_API(void) zbstg_end(ZBSTG_HEAP heap) {
     for (uint32_t i = 0; i < t->capacity; ++i) {
       TableEntry& e = t->Entries()[i];
       if (!e.subpool) continue;
-      std::free(e.mirror);
+      MirrorFree(&e.mirror);
       GlobalUnlock(e.handle);
       GlobalFree(e.handle);
     }
@@ -821,11 +855,11 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
     uint32_t need = n + 4;
     if (need == bsz) return block;
     TableEntry& te = TableAt(heap, slot)->Entries()[idx];
-    Mirror* m = te.mirror;
-    uint32_t k = m->LowerBound(off);
-    uint32_t prev = k ? Mirror::Off(m->e[k - 1]) : 0;
-    uint32_t nxt = k < m->n ? Mirror::Off(m->e[k]) : 0;
-    uint32_t fsz = k < m->n ? Mirror::Size(m->e[k]) : 0;
+    Mirror& m = te.mirror;
+    uint32_t k = m.LowerBound(off);
+    uint32_t prev = k ? m.Off(k - 1) : 0;
+    uint32_t nxt = k < m.n ? m.Off(k) : 0;
+    uint32_t fsz = k < m.n ? m.Size(k) : 0;
     bool touching = nxt != 0 && nxt == off + bsz;
     if (need < bsz) {
       uint32_t tail = bsz - need, tail_off = off + need;
@@ -836,13 +870,13 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
         St16(sp + tail_off + 2, after);
         Link(sp, prev, tail_off);
         St16(hdr, need);
-        m->e[k] = Mirror::Pack(tail_off, merged);
+        m.Set(k, tail_off, merged);
       } else if (tail > 4) {
         St16(sp + tail_off, tail);
         St16(sp + tail_off + 2, nxt);
         Link(sp, prev, tail_off);
         St16(hdr, need);
-        MirrorInsert(heap, &te.mirror, k, Mirror::Pack(tail_off, tail));
+        MirrorInsert(heap, &m, k, tail_off, tail);
       }
       return block;
     }
@@ -855,11 +889,11 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
         St16(sp + nf + 2, after);
         Link(sp, prev, nf);
         St16(hdr, need);
-        m->e[k] = Mirror::Pack(nf, rest);
+        m.Set(k, nf, rest);
       } else {
         Link(sp, prev, after);
         St16(hdr, bsz + fsz);
-        m->Remove(k);
+        m.Remove(k);
       }
       return block;
     }

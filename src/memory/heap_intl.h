@@ -1,9 +1,15 @@
 // Internal records of the heap manager (see heap.cpp for the layout notes).
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#endif
 
 #include "platform/platform.h"
 #include "zbshr/memory.h"
@@ -14,24 +20,94 @@ using plat::HGLOBAL;
 
 // ---------------------------------------------------------------- byte access
 // Sub-pools are raw bytes with little-endian words and longs; blocks are only
-// 4-byte aligned, so every field is read and written byte by byte.
+// 4-byte aligned, so fields are copied byte-wise (one unaligned move on a
+// little-endian host, explicit bytes elsewhere).
 inline uint16_t Ld16(const uint8_t* p) {
-  return static_cast<uint16_t>(p[0] | (p[1] << 8));
+  if constexpr (std::endian::native == std::endian::little) {
+    uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+  } else {
+    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+  }
 }
 inline void St16(uint8_t* p, uint32_t v) {
-  p[0] = static_cast<uint8_t>(v);
-  p[1] = static_cast<uint8_t>(v >> 8);
+  if constexpr (std::endian::native == std::endian::little) {
+    uint16_t x = static_cast<uint16_t>(v);
+    std::memcpy(p, &x, 2);
+  } else {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+  }
 }
 inline uint32_t Ld32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+  if constexpr (std::endian::native == std::endian::little) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+  } else {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+  }
 }
 inline void St32(uint8_t* p, uint32_t v) {
-  p[0] = static_cast<uint8_t>(v);
-  p[1] = static_cast<uint8_t>(v >> 8);
-  p[2] = static_cast<uint8_t>(v >> 16);
-  p[3] = static_cast<uint8_t>(v >> 24);
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(p, &v, 4);
+  } else {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+    p[2] = static_cast<uint8_t>(v >> 16);
+    p[3] = static_cast<uint8_t>(v >> 24);
+  }
 }
+
+// ---------------------------------------------------------------- lanes
+// Searches over runs of 16 unsigned 16-bit values, with SSE2 where the
+// compiler targets it and plain loops elsewhere. Both forms are kept callable
+// so that they can be checked against each other.
+constexpr uint32_t kLanes = 16;
+
+namespace lanes_plain {
+// Bit i set when p[i] >= v.
+inline uint32_t AtLeast(const uint16_t* p, uint16_t v) {
+  uint32_t m = 0;
+  for (uint32_t i = 0; i < kLanes; ++i) m |= static_cast<uint32_t>(p[i] >= v) << i;
+  return m;
+}
+inline uint16_t Max(const uint16_t* p) {
+  uint16_t m = 0;
+  for (uint32_t i = 0; i < kLanes; ++i) m = p[i] > m ? p[i] : m;
+  return m;
+}
+}  // namespace lanes_plain
+
+#if defined(__SSE2__) || defined(_M_X64)
+namespace lanes_sse2 {
+inline uint32_t AtLeast(const uint16_t* p, uint16_t v) {
+  // x >= v exactly when the saturating difference v - x is zero.
+  const __m128i vv = _mm_set1_epi16(static_cast<short>(v));
+  const __m128i zero = _mm_setzero_si128();
+  __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8));
+  a = _mm_cmpeq_epi16(_mm_subs_epu16(vv, a), zero);
+  b = _mm_cmpeq_epi16(_mm_subs_epu16(vv, b), zero);
+  return static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(a, b)));
+}
+// Unsigned maximum of each lane pair: a + (b -sat a).
+inline __m128i MaxU16(__m128i a, __m128i b) { return _mm_add_epi16(a, _mm_subs_epu16(b, a)); }
+inline uint16_t Max(const uint16_t* p) {
+  __m128i m = MaxU16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)));
+  m = MaxU16(m, _mm_srli_si128(m, 8));
+  m = MaxU16(m, _mm_srli_si128(m, 4));
+  m = MaxU16(m, _mm_srli_si128(m, 2));
+  return static_cast<uint16_t>(_mm_cvtsi128_si32(m));
+}
+}  // namespace lanes_sse2
+namespace lanes = lanes_sse2;
+#else
+namespace lanes = lanes_plain;
+#endif
 
 // ---------------------------------------------------------------- geometry
 constexpr uint32_t kMaxSmallRequest = 63996;  // larger requests get a sub-pool of their own
@@ -84,66 +160,96 @@ struct U64Map {
 };
 
 // ---------------------------------------------------------------- free-list mirror
-// A compact copy of a small sub-pool's free list, kept beside it: entries
-// (offset << 16 | size) in ascending offset order, so ascending as numbers.
-// Searches run over this contiguous array instead of following the links
-// through the sub-pool; every change is made to both.
+// A compact copy of a small sub-pool's free list, kept beside it: the offsets
+// of the free blocks in ascending order, then their sizes, in one block of
+// 2 x `cap` words (`cap` a multiple of 16). Entries from `n` to `cap` are
+// padding: offset 0xFFFF and size 0, so that whole runs of 16 can be searched
+// without a bound check. Searches run over these arrays instead of following
+// the links through the sub-pool; every change is made to both.
 struct Mirror {
-  uint32_t n;
-  uint32_t cap;
-  uint32_t e[1];  // `cap` entries
+  static constexpr uint32_t kShort = 4;
+  uint16_t* off = nullptr;  // null for a large block's sub-pool
+  uint32_t n = 0;
+  uint32_t cap = 0;
 
-  static uint32_t Off(uint32_t v) { return v >> 16; }
-  static uint32_t Size(uint32_t v) { return v & 0xFFFF; }
-  static uint32_t Pack(uint32_t off, uint32_t size) { return (off << 16) | size; }
-
-  // Index of the first entry whose offset is not below `off`.
-  uint32_t LowerBound(uint32_t off) const {
-    uint32_t key = off << 16, lo = 0, hi = n;
-    if (n <= 32) {
-      // Short lists: count the smaller entries without branching.
-      uint32_t c = 0;
-      for (uint32_t i = 0; i < n; ++i) c += e[i] < key;
-      return c;
-    }
-    while (hi - lo > 8) {
-      uint32_t mid = (lo + hi) / 2;
-      if (e[mid] < key) lo = mid + 1; else hi = mid;
-    }
-    while (lo < hi && e[lo] < key) ++lo;
-    return lo;
+  uint16_t* Sizes() const { return off + cap; }
+  uint32_t Off(uint32_t i) const { return off[i]; }
+  uint32_t Size(uint32_t i) const { return off[cap + i]; }
+  void Set(uint32_t i, uint32_t o, uint32_t size) {
+    off[i] = static_cast<uint16_t>(o);
+    off[cap + i] = static_cast<uint16_t>(size);
   }
-  // Index of the first entry of at least `b` bytes, or n.
+
+  // Index of the first entry whose offset is not below `o` (n when none).
+  // Short lists are searched one entry at a time: a vector load right after
+  // a 16-bit store to the same words would wait for the store to complete.
+  uint32_t LowerBound(uint32_t o) const {
+    if (n <= kShort) {
+      uint32_t i = 0;
+      while (i < n && off[i] < o) ++i;
+      return i;
+    }
+    for (uint32_t base = 0; base < n; base += kLanes) {
+      uint32_t m = lanes::AtLeast(off + base, static_cast<uint16_t>(o));
+      if (m) return base + static_cast<uint32_t>(std::countr_zero(m));
+    }
+    return n;
+  }
+  // Index of the first entry of at least `b` bytes (b > 0), or n.
   uint32_t FirstFit(uint32_t b) const {
-    uint32_t i = 0;
-    while (i < n && Size(e[i]) < b) ++i;
-    return i;
+    const uint16_t* sz = Sizes();
+    if (n <= kShort) {
+      uint32_t i = 0;
+      while (i < n && sz[i] < b) ++i;
+      return i;
+    }
+    for (uint32_t base = 0; base < n; base += kLanes) {
+      uint32_t m = lanes::AtLeast(sz + base, static_cast<uint16_t>(b));
+      if (m) return base + static_cast<uint32_t>(std::countr_zero(m));
+    }
+    return n;
   }
   uint32_t Largest() const {
+    const uint16_t* sz = Sizes();
     uint32_t m = 0;
-    for (uint32_t i = 0; i < n; ++i) m = Size(e[i]) > m ? Size(e[i]) : m;
+    if (n <= kShort) {
+      for (uint32_t i = 0; i < n; ++i) m = sz[i] > m ? sz[i] : m;
+      return m;
+    }
+    for (uint32_t base = 0; base < n; base += kLanes) {
+      uint32_t l = lanes::Max(sz + base);
+      m = l > m ? l : m;
+    }
     return m;
   }
   void Remove(uint32_t i) {
-    for (uint32_t j = i + 1; j < n; ++j) e[j - 1] = e[j];
+    uint16_t* sz = Sizes();
+    for (uint32_t j = i + 1; j < n; ++j) {
+      off[j - 1] = off[j];
+      sz[j - 1] = sz[j];
+    }
     --n;
+    off[n] = 0xFFFF;
+    sz[n] = 0;
   }
 };
 
-// Makes a mirror holding one free block; Insert may reallocate it.
-Mirror* NewMirror(ZBSTG_HEAP heap, uint32_t off, uint32_t size);
-void MirrorInsert(ZBSTG_HEAP heap, Mirror** m, uint32_t i, uint32_t value);
+// Makes `*m` a mirror holding one free block; frees a mirror.
+void MirrorInit(ZBSTG_HEAP heap, Mirror* m, uint32_t off, uint32_t size);
+void MirrorFree(Mirror* m);
+// Inserts a free block at index i (growing the arrays when full).
+void MirrorInsert(ZBSTG_HEAP heap, Mirror* m, uint32_t i, uint32_t off, uint32_t size);
 
 // ---------------------------------------------------------------- heap records
 // A sub-pool table: header, then `capacity` entries. The largest-free values
-// live in an array beside the table with upper bounds for each group of 16
-// entries and each group of 256, so that the first entry whose largest free
-// block fits is found by skipping whole groups; a bitmap of occupied entries
-// finds the first empty entry.
+// live beside the table in three levels of 16-bit words: each entry's value,
+// an upper bound of each run of 16 entries and of each run of 256, so that the
+// first entry whose largest free block fits is found by searches of 16 values
+// at a time; a bitmap of occupied entries finds the first empty entry.
 struct TableEntry {
   uint8_t* subpool;  // null for an empty entry
   HGLOBAL handle;
-  Mirror* mirror;    // free-list mirror of a small sub-pool, else null
+  Mirror mirror;     // free-list mirror of a small sub-pool (off null otherwise)
   uint32_t count;    // copy of the sub-pool's block count (read here, written to both)
 };
 
@@ -152,9 +258,10 @@ struct Table {
   uint32_t count;      // sub-pools in use
   uint32_t capacity;   // entries
   int32_t last_used;   // -1 until a small block was placed
-  uint32_t* largest;   // largest-free value of each entry (capacity values)
-  uint32_t* bound16;   // per 16 entries: at least the largest of their values
-  uint32_t* bound256;  // per 256 entries: at least the largest of their values
+  uint32_t top_words;  // words in `top` (a multiple of 16)
+  uint16_t* largest;   // largest-free value of each entry (padded with zeros)
+  uint16_t* max16;     // at least the largest value of each run of 16 entries
+  uint16_t* top;       // at least the largest value of each run of 256 entries
   uint64_t* occupied;  // bit i set when entry i holds a sub-pool
   TableEntry* Entries() { return reinterpret_cast<TableEntry*>(this + 1); }
 
@@ -215,6 +322,10 @@ namespace zbshr::mem {
 uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags);
 // calloc that runs the same dialog on failure.
 void* SideAlloc(ZBSTG_HEAP heap, size_t bytes);
+// Uninitialised memory aligned to a cache line, with the same dialog; freed
+// with SideFreeLine.
+void* SideAllocLine(ZBSTG_HEAP heap, size_t bytes);
+void SideFreeLine(void* p);
 
 // The table of directory entry `slot`.
 inline Table* TableAt(ZBSTG_HEAP heap, uint32_t slot) {

@@ -1,0 +1,73 @@
+// The 16-lane searches behind the free-list mirror and the sub-pool table
+// index: the vector form must agree with the plain loops on every input,
+// including values at the top of the unsigned range.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+
+#include "memory/heap_intl.h"
+
+using namespace zbshr::mem;
+
+namespace {
+
+uint32_t Reference(const uint16_t* p, uint16_t v) {
+  uint32_t m = 0;
+  for (uint32_t i = 0; i < 16; ++i)
+    if (p[i] >= v) m |= 1u << i;
+  return m;
+}
+
+}  // namespace
+
+TEST(HeapLanes, AtLeastAndMaxAgreeWithPlainLoops) {
+  std::mt19937 rng(7);
+  const uint16_t edges[] = {0, 1, 3, 4, 0x7FFF, 0x8000, 0x8001, 0xFFFE, 0xFFFF, 64000, 4086};
+  uint16_t p[16];
+  for (int round = 0; round < 20000; ++round) {
+    for (auto& x : p) {
+      uint32_t r = rng();
+      x = (r & 3) ? static_cast<uint16_t>(r >> 16) : edges[(r >> 8) % std::size(edges)];
+    }
+    uint16_t v = (round & 1) ? static_cast<uint16_t>(rng()) : edges[rng() % std::size(edges)];
+    uint32_t want = Reference(p, v);
+    ASSERT_EQ(lanes_plain::AtLeast(p, v), want);
+    ASSERT_EQ(lanes::AtLeast(p, v), want);
+    uint16_t mx = 0;
+    for (auto x : p) mx = x > mx ? x : mx;
+    ASSERT_EQ(lanes_plain::Max(p), mx);
+    ASSERT_EQ(lanes::Max(p), mx);
+  }
+}
+
+TEST(HeapLanes, MirrorSearchesSkipPadding) {
+  // A mirror of 20 free blocks spans two runs of 16; the padding after the
+  // last entry must never be found by either search.
+  ZBSTG_HEAP h = zbstg_begin(0);
+  Mirror m;
+  MirrorInit(h, &m, 8, 12);
+  for (uint32_t i = 1; i < 20; ++i) MirrorInsert(h, &m, i, 8 + 40 * i, 12 + i);
+  ASSERT_EQ(m.n, 20u);
+  ASSERT_GE(m.cap, 32u);
+  EXPECT_EQ(m.LowerBound(8), 0u);
+  EXPECT_EQ(m.LowerBound(9), 1u);
+  EXPECT_EQ(m.LowerBound(8 + 40 * 19), 19u);
+  EXPECT_EQ(m.LowerBound(8 + 40 * 19 + 1), 20u);
+  EXPECT_EQ(m.LowerBound(0xFFFE), 20u);
+  EXPECT_EQ(m.FirstFit(12), 0u);
+  EXPECT_EQ(m.FirstFit(13 + 17), 18u);
+  EXPECT_EQ(m.FirstFit(12 + 19), 19u);
+  EXPECT_EQ(m.FirstFit(12 + 20), 20u);
+  EXPECT_EQ(m.Largest(), 31u);
+  m.Remove(19);
+  EXPECT_EQ(m.Largest(), 30u);
+  EXPECT_EQ(m.FirstFit(31), 19u);
+  EXPECT_EQ(m.LowerBound(0xFFFE), 19u);
+  m.Remove(0);
+  EXPECT_EQ(m.Off(0), 48u);
+  EXPECT_EQ(m.Size(0), 13u);
+  EXPECT_EQ(m.LowerBound(8), 0u);
+  MirrorFree(&m);
+  zbstg_end(h);
+}
