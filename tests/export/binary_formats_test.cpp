@@ -113,6 +113,10 @@ TEST_F(WkExport, ItemLabelsAreCutAt239ButHeadingsAreNot) {
   EXPECT_EQ(static_cast<uint8_t>(got[at + 2]) | static_cast<uint8_t>(got[at + 3]) << 8, 246);
 }
 
+TEST_F(WkExport, ZeroRowsStillWritesHeaderAndTrailer) {
+  EXPECT_BYTES(wk_head(0, 3) + kWkEof, run(kWk, {{"A", 1, 1}, {"B", 1, 2}, {"C", 1, 4}}, {}, 0));
+}
+
 using DbaseExport = ExportTest;
 
 TEST_F(DbaseExport, Dbase2ThreeColumnsHeaderIs521BytesWithTerminatorDescriptor) {

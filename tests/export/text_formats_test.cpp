@@ -217,6 +217,11 @@ TEST_F(SylkExport, WithoutHeadingsDataStartsInRowOneAndUnknownTypesWriteNoRecord
                          0));
 }
 
+TEST_F(SylkExport, ZeroRowsWithHeadingsStillWritesHeaderAndTrailer) {
+  EXPECT_BYTES("ID;PZB\r\nB;Y0;X2\r\nC;Y1;X1;K\"A\"\r\nC;X2;K\"B\"\r\nE\r\n",
+               run(kSylk, {{"A", 1, 1}, {"B", 1, 2}}, {}, OSSAVE_HEADINGS));
+}
+
 // The fraction of a second is set off with the regional time separator read
 // from the user's profile, not with a decimal point.
 TEST_F(CsvExport, FractionSuffixUsesTheProfileTimeSeparator) {
