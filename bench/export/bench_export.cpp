@@ -134,10 +134,10 @@ void write_to_chars(const char* path, int n) {
 
 struct Fmt {
   const char* name;
-  ExportState* (*begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
-  int32_t (*column)(ExportState*, const char*, int32_t, int32_t);
-  int32_t (*item)(ExportState*, const void*);
-  int32_t (*end)(ExportState*);
+  ExportState* (ZBSHR_CALL* begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
+  int32_t (ZBSHR_CALL* column)(ExportState*, const char*, int32_t, int32_t);
+  int32_t (ZBSHR_CALL* item)(ExportState*, const void*);
+  int32_t (ZBSHR_CALL* end)(ExportState*);
 };
 #define FMT(f) Fmt{#f, osSave##f##Begin, osSave##f##Column, osSave##f##Item, osSave##f##End}
 

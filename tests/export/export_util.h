@@ -25,10 +25,10 @@ namespace xt {
 
 struct Format {
   const char* name;
-  ExportState* (*begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
-  int32_t (*column)(ExportState*, const char*, int32_t, int32_t);
-  int32_t (*item)(ExportState*, const void*);
-  int32_t (*end)(ExportState*);
+  ExportState* (ZBSHR_CALL* begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
+  int32_t (ZBSHR_CALL* column)(ExportState*, const char*, int32_t, int32_t);
+  int32_t (ZBSHR_CALL* item)(ExportState*, const void*);
+  int32_t (ZBSHR_CALL* end)(ExportState*);
 };
 
 #define XT_FORMAT(f) \

@@ -24,10 +24,10 @@ struct FormatFns {
   const char* name;
   const char* ext;
   const char* what;
-  ExportState* (*begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
-  int32_t (*column)(ExportState*, const char*, int32_t, int32_t);
-  int32_t (*item)(ExportState*, const void*);
-  int32_t (*end)(ExportState*);
+  ExportState* (ZBSHR_CALL* begin)(ZBSTG_HEAP, uint32_t, const char*, int32_t, int32_t, uint32_t);
+  int32_t (ZBSHR_CALL* column)(ExportState*, const char*, int32_t, int32_t);
+  int32_t (ZBSHR_CALL* item)(ExportState*, const void*);
+  int32_t (ZBSHR_CALL* end)(ExportState*);
 };
 
 #define FMT(n, f, ext, what) \
