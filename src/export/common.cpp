@@ -18,7 +18,8 @@ namespace zbshr::exp {
 static bool clip_append(ExportState* s, const void* p, size_t n) {
   // Grow when the free space is n or less, by n + 1 or 4000 bytes, whichever
   // is larger, so the text always keeps room for its terminator.
-  if (n > static_cast<size_t>(std::numeric_limits<int32_t>::max() - 8000 - s->clip_cap))
+  // The counts are 32-bit: refuse text that would take the buffer past them.
+  if (static_cast<int64_t>(n) + 8000 + s->clip_cap > std::numeric_limits<int32_t>::max())
     return false;
   const int32_t len = static_cast<int32_t>(n);
   if (s->clip_cap - s->clip_used <= len) {
