@@ -74,6 +74,14 @@ TEST_F(Api, EntryStateErrors) {
   EXPECT_EQ(LMI_CloseEntry(h), 0);
   EXPECT_EQ(LMI_EntryExists(h, n), 0);
   EXPECT_EQ(LMI_EntryExists(h, other), LMI_E_NOT_FOUND);
+  S huge(std::string(3100, 'h'));  // larger than a directory node can hold
+  EXPECT_EQ(LMI_OpenEntry(h, huge, 3, nullptr), LMI_E_ARGUMENT);
+  // Closing the library closes the entry in hand.
+  ASSERT_EQ(LMI_OpenEntry(h, other, 3, "c"), 0);
+  ASSERT_EQ(LMI_WriteEntry(h, "12345", 5), 5);
+  EXPECT_EQ(LMI_CloseLibrary(h), 0);
+  h = open(p, 1);
+  EXPECT_EQ(get(h, "y"), "12345");
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
 
   h = open(p, 1);
