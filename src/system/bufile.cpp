@@ -1,6 +1,7 @@
 // Buffered files: sequential writing or reading through a buffer allocated
 // in the caller's heap and pool. The export formats write every byte through
 // these functions.
+#include <cstdint>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -12,22 +13,27 @@ namespace {
 namespace plat = zbshr::plat;
 
 // Callers may keep the object inside a heap block, which is only 4-byte
-// aligned: the functions below work on a copy and write it back.
+// aligned: an object that is not aligned for its pointer fields is worked on
+// as a copy that is written back; an aligned one is used in place.
 class Access {
  public:
   explicit Access(OSFILE* p) : p_(p) {
-    if (p_) std::memcpy(&f_, static_cast<const void*>(p_), sizeof f_);
+    if (p_ && reinterpret_cast<uintptr_t>(p_) % alignof(OSFILE) != 0) {
+      std::memcpy(static_cast<void*>(&f_), static_cast<const void*>(p_), sizeof f_);
+      copied_ = true;
+    }
   }
   ~Access() {
-    if (p_) std::memcpy(static_cast<void*>(p_), &f_, sizeof f_);
+    if (copied_) std::memcpy(static_cast<void*>(p_), static_cast<const void*>(&f_), sizeof f_);
   }
   Access(const Access&) = delete;
   Access& operator=(const Access&) = delete;
-  OSFILE* get() { return p_ ? &f_ : nullptr; }
+  OSFILE* get() { return copied_ ? &f_ : p_; }
 
  private:
   OSFILE* p_;
-  OSFILE f_{};
+  bool copied_ = false;
+  OSFILE f_;
 };
 
 bool usable(const OSFILE* f) { return f != nullptr && f->buffer != nullptr && f->capacity > 0; }
