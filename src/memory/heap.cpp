@@ -221,23 +221,12 @@ void MirrorFree(Mirror* m) {
   m->n = m->cap = 0;
 }
 
-void MirrorInsert(ZBSTG_HEAP heap, Mirror* m, uint32_t i, uint32_t off, uint32_t size) {
-  if (m->n == m->cap) {
-    uint32_t cap = m->cap * 2;
-    uint16_t* a = MirrorArrays(heap, *m, cap);
-    SideFreeLine(m->off);
-    m->off = a;
-    m->cap = cap;
-  }
-  uint16_t* o = m->off;
-  uint16_t* sz = m->Sizes();
-  for (uint32_t j = m->n; j > i; --j) {
-    o[j] = o[j - 1];
-    sz[j] = sz[j - 1];
-  }
-  o[i] = static_cast<uint16_t>(off);
-  sz[i] = static_cast<uint16_t>(size);
-  ++m->n;
+void MirrorGrow(ZBSTG_HEAP heap, Mirror* m) {
+  uint32_t cap = m->cap * 2;
+  uint16_t* a = MirrorArrays(heap, *m, cap);
+  SideFreeLine(m->off);
+  m->off = a;
+  m->cap = cap;
 }
 
 // ---------------------------------------------------------------- table index

@@ -79,6 +79,18 @@ inline uint16_t Max(const uint16_t* p) {
   for (uint32_t i = 0; i < kLanes; ++i) m = p[i] > m ? p[i] : m;
   return m;
 }
+// In an array of `cap` words (a multiple of 16) whose words after n - 1 are
+// all one padding value, moves words k..n-1 to k+1..n (n < cap); word k
+// keeps its value and the words after n stay padding.
+inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t cap) {
+  std::memmove(a + k + 1, a + k, sizeof(uint16_t) * (n - k));
+}
+// In an array of `cap` words whose words after `last` are all one padding
+// value, moves words k+1..last to k..last-1 (k <= last < cap); word `last`
+// is left for the caller to set, the words after it stay padding.
+inline void ShiftDown(uint16_t* a, uint32_t k, uint32_t last, uint32_t cap) {
+  std::memmove(a + k, a + k + 1, sizeof(uint16_t) * (last - k));
+}
 }  // namespace lanes_plain
 
 #if defined(__SSE2__) || defined(_M_X64)
@@ -102,6 +114,56 @@ inline uint16_t Max(const uint16_t* p) {
   m = MaxU16(m, _mm_srli_si128(m, 4));
   m = MaxU16(m, _mm_srli_si128(m, 2));
   return static_cast<uint16_t>(_mm_cvtsi128_si32(m));
+}
+// The shifts work on whole aligned runs of 16 words, so that they take the
+// same few steps whatever k is; lanes are chosen with a comparison against
+// the lane number.
+inline __m128i Blend(__m128i mask, __m128i yes, __m128i no) {
+  return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no));
+}
+inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t cap) {
+  uint32_t r = k & ~(kLanes - 1);
+  auto* p = reinterpret_cast<__m128i*>(a + r);
+  __m128i lo = _mm_loadu_si128(p), hi = _mm_loadu_si128(p + 1);
+  __m128i carry = _mm_srli_si128(hi, 14);
+  const __m128i kk = _mm_set1_epi16(static_cast<short>(k - r));
+  const __m128i lane_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m128i lane_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+  __m128i up_lo = _mm_slli_si128(lo, 2);
+  __m128i up_hi = _mm_or_si128(_mm_slli_si128(hi, 2), _mm_srli_si128(lo, 14));
+  _mm_storeu_si128(p, Blend(_mm_cmpgt_epi16(lane_lo, kk), up_lo, lo));
+  _mm_storeu_si128(p + 1, Blend(_mm_cmpgt_epi16(lane_hi, kk), up_hi, hi));
+  for (r += kLanes; r <= n; r += kLanes) {
+    p += 2;
+    lo = _mm_loadu_si128(p);
+    hi = _mm_loadu_si128(p + 1);
+    _mm_storeu_si128(p, _mm_or_si128(_mm_slli_si128(lo, 2), carry));
+    carry = _mm_srli_si128(hi, 14);
+    _mm_storeu_si128(p + 1, _mm_or_si128(_mm_slli_si128(hi, 2), _mm_srli_si128(lo, 14)));
+  }
+}
+inline void ShiftDown(uint16_t* a, uint32_t k, uint32_t last, uint32_t cap) {
+  uint32_t r = k & ~(kLanes - 1);
+  auto* p = reinterpret_cast<__m128i*>(a + r);
+  __m128i lo = _mm_loadu_si128(p), hi = _mm_loadu_si128(p + 1);
+  __m128i kk = _mm_set1_epi16(static_cast<short>(k - r - 1));
+  const __m128i lane_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m128i lane_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+  for (;;) {
+    // Word 0 of the next run comes into lane 15; in the array's last run,
+    // lane 15 keeps its own word.
+    __m128i next_lo = r + kLanes < cap ? _mm_loadu_si128(p + 2) : _mm_srli_si128(hi, 14);
+    __m128i down_lo = _mm_or_si128(_mm_srli_si128(lo, 2), _mm_slli_si128(hi, 14));
+    __m128i down_hi = _mm_or_si128(_mm_srli_si128(hi, 2), _mm_slli_si128(next_lo, 14));
+    _mm_storeu_si128(p, Blend(_mm_cmpgt_epi16(lane_lo, kk), down_lo, lo));
+    _mm_storeu_si128(p + 1, Blend(_mm_cmpgt_epi16(lane_hi, kk), down_hi, hi));
+    r += kLanes;
+    if (r > last) break;
+    p += 2;
+    lo = next_lo;
+    hi = _mm_loadu_si128(p + 1);
+    kk = _mm_set1_epi16(-1);
+  }
 }
 }  // namespace lanes_sse2
 namespace lanes = lanes_sse2;
@@ -223,22 +285,31 @@ struct Mirror {
     return m;
   }
   void Remove(uint32_t i) {
-    uint16_t* sz = Sizes();
-    for (uint32_t j = i + 1; j < n; ++j) {
-      off[j - 1] = off[j];
-      sz[j - 1] = sz[j];
-    }
+    lanes::ShiftDown(off, i, n - 1, cap);
+    lanes::ShiftDown(Sizes(), i, n - 1, cap);
     --n;
     off[n] = 0xFFFF;
-    sz[n] = 0;
+    off[cap + n] = 0;
+  }
+  // Inserts at index i; the arrays must have room (n < cap).
+  void InsertRoom(uint32_t i, uint32_t o, uint32_t size) {
+    lanes::ShiftUp(off, i, n, cap);
+    lanes::ShiftUp(Sizes(), i, n, cap);
+    Set(i, o, size);
+    ++n;
   }
 };
 
 // Makes `*m` a mirror holding one free block; frees a mirror.
 void MirrorInit(ZBSTG_HEAP heap, Mirror* m, uint32_t off, uint32_t size);
 void MirrorFree(Mirror* m);
+// Doubles the capacity of a full mirror.
+void MirrorGrow(ZBSTG_HEAP heap, Mirror* m);
 // Inserts a free block at index i (growing the arrays when full).
-void MirrorInsert(ZBSTG_HEAP heap, Mirror* m, uint32_t i, uint32_t off, uint32_t size);
+inline void MirrorInsert(ZBSTG_HEAP heap, Mirror* m, uint32_t i, uint32_t off, uint32_t size) {
+  if (m->n == m->cap) MirrorGrow(heap, m);
+  m->InsertRoom(i, off, size);
+}
 
 // ---------------------------------------------------------------- heap records
 // A sub-pool table: header, then `capacity` entries. The largest-free values

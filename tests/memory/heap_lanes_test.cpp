@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <random>
+#include <vector>
 
 #include "memory/heap_intl.h"
 
@@ -70,4 +71,37 @@ TEST(HeapLanes, MirrorSearchesSkipPadding) {
   EXPECT_EQ(m.LowerBound(8), 0u);
   MirrorFree(&m);
   zbstg_end(h);
+}
+
+TEST(HeapLanes, ShiftsAgreeWithPlainMoves) {
+  // Every insertion and removal point in arrays of one to four runs, with the
+  // words after the used ones holding the padding value.
+  std::mt19937 rng(11);
+  for (uint32_t cap : {16u, 32u, 64u}) {
+    for (uint16_t pad : {uint16_t{0}, uint16_t{0xFFFF}}) {
+      for (uint32_t n = 0; n < cap; ++n) {
+        for (uint32_t k = 0; k <= n; ++k) {
+          std::vector<uint16_t> base(cap, pad);
+          for (uint32_t i = 0; i < n; ++i) base[i] = static_cast<uint16_t>(rng());
+          auto a = base, b = base;
+          lanes_plain::ShiftUp(a.data(), k, n, cap);
+          lanes::ShiftUp(b.data(), k, n, cap);
+          ASSERT_EQ(a, b) << "up cap " << cap << " n " << n << " k " << k;
+          for (uint32_t i = k; i < n; ++i) ASSERT_EQ(a[i + 1], base[i]);
+          if (k == n) continue;
+          // Removal: words after `last` = n - 1 are padding.
+          uint32_t last = n - 1;
+          a = base;
+          b = base;
+          lanes_plain::ShiftDown(a.data(), k, last, cap);
+          lanes::ShiftDown(b.data(), k, last, cap);
+          for (uint32_t i = 0; i < cap; ++i) {
+            if (i == last) continue;  // left for the caller
+            ASSERT_EQ(a[i], b[i]) << "down cap " << cap << " n " << n << " k " << k << " i " << i;
+          }
+          for (uint32_t i = k; i < last; ++i) ASSERT_EQ(a[i], base[i + 1]);
+        }
+      }
+    }
+  }
 }
