@@ -374,6 +374,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<unsigned char> tmp(csize + kGuardLen, kGuard);
     FUZZ_CHECK(compile(k, tmp.data(), mask.get(), int32_t(csize)) == SHFORMAT_OK);
     std::memcpy(c.get(), tmp.data(), csize);
+    {
+      // The same compiled bytes whatever room was given.
+      std::vector<unsigned char> big(8192, 0);
+      FUZZ_CHECK(compile(k, big.data(), mask.get(), 8192) == SHFORMAT_OK);
+      const size_t total = size_t(big[2] | big[3] << 8);
+      FUZZ_CHECK(total <= csize);
+      FUZZ_CHECK(std::memcmp(big.data(), c.get(), total) == 0);
+    }
 
     if (damage && tlen > 0 && csize > 4) {
       // Damage bytes past the total length field (bytes 2 and 3), which
