@@ -525,8 +525,13 @@ static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
   uint32_t cur = m.Off(k), size = m.Size(k);
   uint32_t prev = k ? m.Off(k - 1) : 0;
   uint32_t next = k + 1 < m.n ? m.Off(k + 1) : 0;
-  bool recompute = size >= t->Largest(idx);
   uint32_t rest = size - b;
+  // Taking the block that set the largest-free value calls for the new
+  // largest, worked out before the mirror changes.
+  if (size >= t->Largest(idx)) {
+    uint32_t others = m.LargestExcept(k);
+    SetLargest(t, idx, rest >= 4 && rest > others ? rest : others);
+  }
   if (rest >= 4) {
     uint32_t nf = cur + b;
     St16(sp + nf, rest);
@@ -541,7 +546,6 @@ static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
   St16(sp + cur + 2, cur);
   St16(sp + 6, ++te.count);
   ++heap->live_blocks;
-  if (recompute) SetLargest(t, idx, m.Largest());
   return sp + cur + 4;
 }
 
@@ -621,34 +625,48 @@ static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, ui
   }
   // Already free: on the list, or inside the free block before it.
   if (cur == off || (k && prev + prev_size > off)) return;
-  St16(hdr + 2, cur);
-  Link(sp, prev, off);
   St16(sp + 6, count - 1);
   te.count = count - 1;
   --heap->live_blocks;
   if (count - 1 == 0) {
+    St16(hdr + 2, cur);
+    Link(sp, prev, off);
     ReleaseSubpool(heap, slot, idx);
     return;
   }
-  uint32_t start = off, size = bsz, at;
-  if (k && prev + prev_size == off) {
-    start = prev;
+  // The block goes into the list between prev and cur (its link word takes
+  // cur), then merges with prev when prev ends where it starts and with cur
+  // when it ends where cur starts. Only the final value of each word is
+  // stored; a merged block keeps the stale words of the blocks it absorbed.
+  bool with_prev = k && prev + prev_size == off;
+  bool with_next = cur && off + bsz == cur;
+  uint32_t size = bsz;
+  if (with_prev) {
     size += prev_size;
-    St16(sp + start, size);
-    St16(sp + start + 2, cur);
-    at = k - 1;
-    m.Set(at, start, size);
-  } else {
-    at = k;
-    MirrorInsert(heap, &m, at, off, bsz);
-  }
-  if (cur && start + size == cur) {
+    if (with_next) {
+      size += cur_size;
+      uint32_t after = k + 1 < m.n ? m.Off(k + 1) : 0;
+      St16(hdr + 2, cur);
+      St16(sp + prev, size);
+      St16(sp + prev + 2, after);
+      m.Remove(k);
+    } else {
+      St16(hdr + 2, cur);
+      St16(sp + prev, size);
+      St16(sp + prev + 2, cur);
+    }
+    m.Set(k - 1, prev, size);
+  } else if (with_next) {
     size += cur_size;
-    uint32_t next = at + 2 < m.n ? m.Off(at + 2) : 0;
-    St16(sp + start, size);
-    St16(sp + start + 2, next);
-    m.Set(at, start, size);
-    m.Remove(at + 1);
+    uint32_t after = k + 1 < m.n ? m.Off(k + 1) : 0;
+    Link(sp, prev, off);
+    St16(hdr, size);
+    St16(hdr + 2, after);
+    m.Set(k, off, size);
+  } else {
+    St16(hdr + 2, cur);
+    Link(sp, prev, off);
+    MirrorInsert(heap, &m, k, off, bsz);
   }
   if (size > t->Largest(idx)) SetLargest(t, idx, size);
 }

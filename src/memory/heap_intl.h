@@ -79,6 +79,12 @@ inline uint16_t Max(const uint16_t* p) {
   for (uint32_t i = 0; i < kLanes; ++i) m = p[i] > m ? p[i] : m;
   return m;
 }
+// Maximum of the lanes other than `skip` (< 16).
+inline uint16_t MaxExcept(const uint16_t* p, uint32_t skip) {
+  uint16_t m = 0;
+  for (uint32_t i = 0; i < kLanes; ++i) m = i != skip && p[i] > m ? p[i] : m;
+  return m;
+}
 // In an array of `cap` words (a multiple of 16) whose words after n - 1 are
 // all one padding value, moves words k..n-1 to k+1..n (n < cap); word k
 // keeps its value and the words after n stay padding.
@@ -107,13 +113,25 @@ inline uint32_t AtLeast(const uint16_t* p, uint16_t v) {
 }
 // Unsigned maximum of each lane pair: a + (b -sat a).
 inline __m128i MaxU16(__m128i a, __m128i b) { return _mm_add_epi16(a, _mm_subs_epu16(b, a)); }
-inline uint16_t Max(const uint16_t* p) {
-  __m128i m = MaxU16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)));
+inline uint16_t MaxOf(__m128i m) {
   m = MaxU16(m, _mm_srli_si128(m, 8));
   m = MaxU16(m, _mm_srli_si128(m, 4));
   m = MaxU16(m, _mm_srli_si128(m, 2));
   return static_cast<uint16_t>(_mm_cvtsi128_si32(m));
+}
+inline uint16_t Max(const uint16_t* p) {
+  return MaxOf(MaxU16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
+                      _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8))));
+}
+inline uint16_t MaxExcept(const uint16_t* p, uint32_t skip) {
+  const __m128i s = _mm_set1_epi16(static_cast<short>(skip));
+  const __m128i lane_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m128i lane_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+  __m128i lo = _mm_andnot_si128(_mm_cmpeq_epi16(lane_lo, s),
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+  __m128i hi = _mm_andnot_si128(_mm_cmpeq_epi16(lane_hi, s),
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)));
+  return MaxOf(MaxU16(lo, hi));
 }
 // The shifts work on whole aligned runs of 16 words, so that they take the
 // same few steps whatever k is; lanes are chosen with a comparison against
@@ -280,6 +298,20 @@ struct Mirror {
     }
     for (uint32_t base = 0; base < n; base += kLanes) {
       uint32_t l = lanes::Max(sz + base);
+      m = l > m ? l : m;
+    }
+    return m;
+  }
+  // Largest size among the entries other than k.
+  uint32_t LargestExcept(uint32_t k) const {
+    const uint16_t* sz = Sizes();
+    uint32_t m = 0;
+    if (n <= kShort) {
+      for (uint32_t i = 0; i < n; ++i) m = i != k && sz[i] > m ? sz[i] : m;
+      return m;
+    }
+    for (uint32_t base = 0; base < n; base += kLanes) {
+      uint32_t l = k - base < kLanes ? lanes::MaxExcept(sz + base, k - base) : lanes::Max(sz + base);
       m = l > m ? l : m;
     }
     return m;

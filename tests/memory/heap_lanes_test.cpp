@@ -39,6 +39,12 @@ TEST(HeapLanes, AtLeastAndMaxAgreeWithPlainLoops) {
     for (auto x : p) mx = x > mx ? x : mx;
     ASSERT_EQ(lanes_plain::Max(p), mx);
     ASSERT_EQ(lanes::Max(p), mx);
+    uint32_t skip = rng() % 16;
+    uint16_t mx_other = 0;
+    for (uint32_t i = 0; i < 16; ++i)
+      if (i != skip && p[i] > mx_other) mx_other = p[i];
+    ASSERT_EQ(lanes_plain::MaxExcept(p, skip), mx_other);
+    ASSERT_EQ(lanes::MaxExcept(p, skip), mx_other);
   }
 }
 
@@ -61,6 +67,8 @@ TEST(HeapLanes, MirrorSearchesSkipPadding) {
   EXPECT_EQ(m.FirstFit(12 + 19), 19u);
   EXPECT_EQ(m.FirstFit(12 + 20), 20u);
   EXPECT_EQ(m.Largest(), 31u);
+  EXPECT_EQ(m.LargestExcept(19), 30u);
+  EXPECT_EQ(m.LargestExcept(3), 31u);
   m.Remove(19);
   EXPECT_EQ(m.Largest(), 30u);
   EXPECT_EQ(m.FirstFit(31), 19u);
