@@ -113,7 +113,8 @@ void* SideAlloc(ZBSTG_HEAP heap, size_t bytes) {
 // ---------------------------------------------------------------- U64Map
 
 void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
-  if (!slots || (size + 1) * 4 > (mask + 1) * 3) {
+  // Kept at most half full, so that most keys sit in their home slot.
+  if (!slots || (size + 1) * 2 > mask + 1) {
     uint32_t cap = slots ? (mask + 1) * 2 : 16;
     auto* fresh = static_cast<Slot*>(SideAlloc(heap, sizeof(Slot) * cap));
     for (uint32_t i = 0; i < cap; ++i) fresh[i].key = kEmpty;
