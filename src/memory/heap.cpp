@@ -30,16 +30,19 @@
 // kept (not reused) until zbstg_end, which frees it with the rest.
 //
 // Speed without changing results: the largest-free values of a table are kept
-// with upper bounds per 16 and per 256 entries, so "the first entry, in index
-// order, whose largest free block fits" skips whole groups; a bitmap finds the
-// first empty entry; a map from sub-pool address to (directory entry, table
-// entry) lets zbstg_free reach its table entry in constant time; a map from
-// pool number to directory entry (and a one-entry cache) replaces the
-// directory scan; each small sub-pool's free list is mirrored in a compact
-// array beside it (offset and size of each free block, in offset order), so
-// first-fit and ordered insertion scan a few contiguous words instead of
-// following links through the sub-pool. The links in the sub-pool are always
-// written as the layout requires; only the searches read the mirror.
+// as 16-bit words with upper bounds per 16 and per 256 entries, so "the first
+// entry, in index order, whose largest free block fits" is found by comparing
+// 16 words at a time and skipping whole groups; a bitmap finds the first empty
+// entry; a map from sub-pool address to (directory entry, table entry) lets
+// zbstg_free reach its table entry in constant time; a map from pool number to
+// directory entry (and a one-entry cache) replaces the directory scan; each
+// small sub-pool's free list is mirrored beside it in two arrays of 16-bit
+// words (offsets in ascending order, then sizes, padded to runs of 16), so
+// first fit, the ordered insertion point and the largest free block are each
+// found with a few 16-word comparisons, and insertion and removal shift whole
+// runs. The words in the sub-pool are always written as the layout requires
+// (a free or an allocation stores only each word's final value); only the
+// searches read the mirror.
 //
 // Robustness beyond the classic contract: a pointer whose sub-pool is not one
 // of the heap's (a stale or foreign pointer, a double free after the sub-pool
