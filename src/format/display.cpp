@@ -663,7 +663,7 @@ int32_t open_compiled(const unsigned char* c, Kind kind, Compiled& out) {
 void literal_only(const SecView& s, Out& o) {
   for (const unsigned char* t = s.tokens(); t < s.end();) {
     if (*t == tLit) {
-      if (t + 2 + t[1] > s.end()) return;
+      if (t + 2 > s.end() || t + 2 + t[1] > s.end()) return;
       o.put(reinterpret_cast<const char*>(t + 2), t[1]);
       t += 2 + t[1];
     } else if (*t == tInt || *t == tFrac || *t == tExp || *t == tAmPm) {
@@ -916,7 +916,7 @@ void render_number_section(const SecView& s, NumValue& v, bool minus, Out& o) {
   for (const unsigned char* t = s.tokens(); t < s.end();) {
     switch (*t) {
       case tLit:
-        if (t + 2 + t[1] > s.end()) return;
+        if (t + 2 > s.end() || t + 2 + t[1] > s.end()) return;
         o.put(reinterpret_cast<const char*>(t + 2), t[1]);
         t += 2 + t[1];
         continue;
@@ -1110,7 +1110,7 @@ int32_t render_date_section(const SecView& s, const SHDATETIME& v, Out& o) {
   for (const unsigned char* t = s.tokens(); t < s.end();) {
     switch (*t) {
       case tLit:
-        if (t + 2 + t[1] > s.end()) return SHFORMAT_E_COMPILED;
+        if (t + 2 > s.end() || t + 2 + t[1] > s.end()) return SHFORMAT_E_COMPILED;
         o.put(reinterpret_cast<const char*>(t + 2), t[1]);
         t += 2 + t[1];
         break;
@@ -1159,7 +1159,7 @@ void render_string_section(const SecView& s, const char* v, Out& o) {
   for (const unsigned char* t = s.tokens(); t < s.end();) {
     switch (*t) {
       case tLit:
-        if (t + 2 + t[1] > s.end()) return;
+        if (t + 2 > s.end() || t + 2 + t[1] > s.end()) return;
         o.put(reinterpret_cast<const char*>(t + 2), t[1]);
         t += 2 + t[1];
         break;
