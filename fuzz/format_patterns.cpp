@@ -143,7 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       w.assign(p, p + len);
     }
     std::unique_ptr<uint16_t[]> out(new uint16_t[w.size() + 1]);
-    std::memcpy(out.get(), w.data(), w.size() * 2);
+    if (!w.empty()) std::memcpy(out.get(), w.data(), w.size() * 2);
     out[w.size()] = 0;
     return out;
   };

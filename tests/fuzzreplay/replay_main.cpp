@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -32,9 +34,11 @@ int main(int argc, char** argv) {
         return 1;
       }
       std::vector<uint8_t> b((std::istreambuf_iterator<char>(in)), {});
-      // A copy in a block of its own size, as libFuzzer passes it.
-      std::vector<uint8_t> exact(b.begin(), b.end());
-      LLVMFuzzerTestOneInput(exact.empty() ? nullptr : exact.data(), exact.size());
+      // A copy in a block of its own size, as libFuzzer passes it (never a
+      // null pointer, even for an empty input).
+      std::unique_ptr<uint8_t[]> exact(new uint8_t[b.size() ? b.size() : 1]);
+      if (!b.empty()) std::memcpy(exact.get(), b.data(), b.size());
+      LLVMFuzzerTestOneInput(exact.get(), b.size());
       ++count;
     }
   }
