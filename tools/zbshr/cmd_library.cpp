@@ -114,7 +114,11 @@ std::string timeText(int32_t t) {
   std::time_t tt = std::time_t(uint32_t(t));
   char buf[32];
   std::tm tmv{};
+#if defined(_WIN32)
+  if (localtime_s(&tmv, &tt) != 0) return "?";
+#else
   if (!localtime_r(&tt, &tmv)) return "?";
+#endif
   std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tmv);
   return buf;
 }
