@@ -14,6 +14,8 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zbshrConfigVersion.
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zbshrConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/zbshrConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zbshr)
+# The .pc file finds the prefix relative to itself, so an installed tree can be moved.
+file(RELATIVE_PATH ZBSHR_PC_UP "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
 configure_file(cmake/zbshr.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zbshr.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zbshr.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 if(TARGET zbshr_cli)
