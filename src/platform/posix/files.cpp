@@ -71,6 +71,34 @@ bool Unregister(HFILE f) {
   return true;
 }
 
+enum class Access { Any, Read, Write };
+
+// Checks that f is open and, where asked, open for reading or writing; sets
+// the last error as Windows does when it is not.
+bool Usable(HFILE f, Access need) {
+  HandleInfo info;
+  if (!Lookup(f, &info)) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return false;
+  }
+  if ((need == Access::Read && !info.can_read) || (need == Access::Write && !info.can_write)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return false;
+  }
+  return true;
+}
+
+// Reads the status of the open file f; a handle that is not open, or that
+// cannot be looked at, is an invalid handle.
+bool StatOpen(HFILE f, struct stat* st) {
+  HandleInfo info;
+  if (!Lookup(f, &info) || fstat(f, st) != 0) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return false;
+  }
+  return true;
+}
+
 bool TakeSharedByte(int fd, off_t where) {
   struct flock fl {};
   fl.l_type = F_RDLCK;
@@ -457,15 +485,7 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
 
 BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
   if (got) *got = 0;
-  HandleInfo info;
-  if (!Lookup(f, &info)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
-  if (!info.can_read) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-  }
+  if (!Usable(f, Access::Read)) return 0;
   if (detail::FaultFires(Fault::Read)) {
     SetLastError(ERROR_READ_FAULT);
     return 0;
@@ -512,15 +532,7 @@ static bool WriteAllFd(int fd, const char* p, DWORD n, DWORD* done) {
 
 BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
   if (put) *put = 0;
-  HandleInfo info;
-  if (!Lookup(f, &info)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
-  if (!info.can_write) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-  }
+  if (!Usable(f, Access::Write)) return 0;
   if (n > 0 && !buf) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
@@ -541,11 +553,7 @@ BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
 
 // Moves the position; the callers below check for injected faults once.
 static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
-  HandleInfo info;
-  if (!Lookup(f, &info)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
+  if (!Usable(f, Access::Any)) return 0;
   int whence;
   switch (method) {
     case FILE_BEGIN: whence = SEEK_SET; break;
@@ -617,15 +625,7 @@ DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
 }
 
 BOOL SetEndOfFile(HFILE f) {
-  HandleInfo info;
-  if (!Lookup(f, &info)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
-  if (!info.can_write) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-  }
+  if (!Usable(f, Access::Write)) return 0;
   off_t cur = lseek(f, 0, SEEK_CUR);
   if (cur < 0 || ftruncate(f, cur) != 0) {
     SetLastError(posix::ErrorFromErrno(errno));
@@ -635,12 +635,8 @@ BOOL SetEndOfFile(HFILE f) {
 }
 
 BOOL GetFileSizeEx(HFILE f, int64_t* size) {
-  HandleInfo info;
   struct stat st {};
-  if (!Lookup(f, &info) || fstat(f, &st) != 0) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
+  if (!StatOpen(f, &st)) return 0;
   if (size) *size = st.st_size;
   return 1;
 }
@@ -654,15 +650,7 @@ DWORD GetFileSize(HFILE f, DWORD* high) {
 }
 
 BOOL FlushFileBuffers(HFILE f) {
-  HandleInfo info;
-  if (!Lookup(f, &info)) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
-  if (!info.can_write) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-  }
+  if (!Usable(f, Access::Write)) return 0;
   if (fsync(f) != 0) {
     SetLastError(ERROR_WRITE_FAULT);
     return 0;
@@ -680,12 +668,8 @@ BOOL CloseHandle(HFILE f) {
 }
 
 BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
-  HandleInfo info;
   struct stat st {};
-  if (!Lookup(f, &info) || fstat(f, &st) != 0) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
+  if (!StatOpen(f, &st)) return 0;
   if (seconds) *seconds = st.st_mtime;
   return 1;
 }

@@ -26,18 +26,25 @@ std::unordered_set<GlobalBlock*>& Live() {
   return *live;
 }
 
+// The live block of h, or null with ERROR_INVALID_HANDLE. Called under g_mutex.
 GlobalBlock* Find(HGLOBAL h) {
   auto* b = static_cast<GlobalBlock*>(h);
-  return Live().count(b) ? b : nullptr;
+  if (Live().count(b)) return b;
+  SetLastError(ERROR_INVALID_HANDLE);
+  return nullptr;
+}
+
+// True, with ERROR_NOT_ENOUGH_MEMORY, when a test has asked this call to fail.
+bool OutOfMemoryFault(Fault which) {
+  if (!detail::FaultFires(which)) return false;
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return true;
 }
 
 }  // namespace
 
 HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
-  if (detail::FaultFires(Fault::GlobalAlloc)) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (OutOfMemoryFault(Fault::GlobalAlloc)) return nullptr;
   // A zero-size block still gets an address so that locking it works.
   void* data = (flags & GMEM_ZEROINIT) ? std::calloc(bytes ? bytes : 1, 1)
                                        : std::malloc(bytes ? bytes : 1);
@@ -64,16 +71,10 @@ HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
 }
 
 void* GlobalLock(HGLOBAL h) {
-  if (detail::FaultFires(Fault::GlobalLock)) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (OutOfMemoryFault(Fault::GlobalLock)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
   GlobalBlock* b = Find(h);
-  if (!b) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
+  if (!b) return nullptr;
   ++b->locks;
   return b->data;
 }
@@ -81,10 +82,7 @@ void* GlobalLock(HGLOBAL h) {
 BOOL GlobalUnlock(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
   GlobalBlock* b = Find(h);
-  if (!b) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
+  if (!b) return 0;
   if (b->locks > 0) --b->locks;
   // As on Windows: non-zero while the block is still locked.
   if (b->locks == 0) {
@@ -95,16 +93,10 @@ BOOL GlobalUnlock(HGLOBAL h) {
 }
 
 HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
-  if (detail::FaultFires(Fault::GlobalAlloc)) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (OutOfMemoryFault(Fault::GlobalAlloc)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
   GlobalBlock* b = Find(h);
-  if (!b) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
+  if (!b) return nullptr;
   if (flags & GMEM_MODIFY) {
     // Only the block's attributes change; size and contents stay.
     b->flags = (b->flags & ~GMEM_MOVEABLE) | (flags & GMEM_MOVEABLE);
@@ -125,10 +117,7 @@ HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
 size_t GlobalSize(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
   GlobalBlock* b = Find(h);
-  if (!b) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return 0;
-  }
+  if (!b) return 0;
   return b->size;
 }
 
@@ -136,10 +125,7 @@ HGLOBAL GlobalFree(HGLOBAL h) {
   if (!h) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
   GlobalBlock* b = Find(h);
-  if (!b) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return h;
-  }
+  if (!b) return h;
   Live().erase(b);
   std::free(b->data);
   delete b;
