@@ -182,6 +182,20 @@ int double_to_num(double d, Num& out) {
   return 0;
 }
 
+// The value of m / 10^scale read back from its digits, correctly rounded to F.
+template <typename F>
+F from_digits(u128 m, int scale) {
+  char buf[64];
+  int len = magnitude_digits(m, buf);
+  if (len == 0) buf[len++] = '0';
+  buf[len++] = 'e';
+  buf[len++] = '-';
+  len += static_cast<int>(std::to_chars(buf + len, buf + sizeof buf, scale).ptr - (buf + len));
+  F r = 0;
+  std::from_chars(buf, buf + len, r);
+  return r;
+}
+
 double num_to_double(const Num& n) {
   static constexpr double kExact[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                       1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
@@ -191,13 +205,7 @@ double num_to_double(const Num& n) {
     // Both operands exact: one correctly rounded division.
     r = static_cast<double>(static_cast<uint64_t>(n.m)) / kExact[n.scale];
   } else {
-    char buf[64];
-    int len = magnitude_digits(n.m, buf);
-    buf[len++] = 'e';
-    buf[len++] = '-';
-    len += static_cast<int>(std::to_chars(buf + len, buf + sizeof buf, n.scale).ptr - (buf + len));
-    r = 0;
-    std::from_chars(buf, buf + len, r);
+    r = from_digits<double>(n.m, n.scale);
   }
   return n.neg ? -r : r;
 }
@@ -209,14 +217,7 @@ float num_to_float(const Num& n) {
   if (n.m < (kOne << 24) && n.scale <= 10) {
     r = static_cast<float>(static_cast<uint32_t>(n.m)) / kExact[n.scale];
   } else {
-    char buf[64];
-    int len = magnitude_digits(n.m, buf);
-    if (len == 0) buf[len++] = '0';
-    buf[len++] = 'e';
-    buf[len++] = '-';
-    len += static_cast<int>(std::to_chars(buf + len, buf + sizeof buf, n.scale).ptr - (buf + len));
-    r = 0;
-    std::from_chars(buf, buf + len, r);
+    r = from_digits<float>(n.m, n.scale);
   }
   return n.neg ? -r : r;
 }
@@ -225,18 +226,25 @@ float num_to_float(const Num& n) {
 
 namespace {
 
+// Checks the operand of a conversion out of a decimal and the place for its
+// answer; a bad operand still clears the answer.
 template <typename T>
-T* to_integer(T* out, const SHDEC* value, u128 pos_max, u128 neg_max) {
-  int c = check(value);
-  if (c) {
+bool convertible(T* out, const SHDEC* value) {
+  if (int c = check(value)) {
     if (out) *out = 0;
     report(c);
-    return nullptr;
+    return false;
   }
   if (!out) {
     report(kErrNull);
-    return nullptr;
+    return false;
   }
+  return true;
+}
+
+template <typename T>
+T* to_integer(T* out, const SHDEC* value, u128 pos_max, u128 neg_max) {
+  if (!convertible(out, value)) return nullptr;
   const Num n = load(value);
   const u128 r = div_pow10_round(n.m, n.scale);
   if (r > (n.neg ? neg_max : pos_max)) {
@@ -353,29 +361,13 @@ ZBSHR_API(uint32_t*) ConvDecToUnsLong(uint32_t* result, const SHDEC* value) {
 }
 
 ZBSHR_API(float*) ConvDecToFloat(float* result, const SHDEC* value) {
-  if (int c = check(value)) {
-    if (result) *result = 0;
-    report(c);
-    return nullptr;
-  }
-  if (!result) {
-    report(kErrNull);
-    return nullptr;
-  }
+  if (!convertible(result, value)) return nullptr;
   *result = num_to_float(load(value));
   return result;
 }
 
 ZBSHR_API(double*) ConvDecToDouble(double* result, const SHDEC* value) {
-  if (int c = check(value)) {
-    if (result) *result = 0;
-    report(c);
-    return nullptr;
-  }
-  if (!result) {
-    report(kErrNull);
-    return nullptr;
-  }
+  if (!convertible(result, value)) return nullptr;
   *result = num_to_double(load(value));
   return result;
 }
