@@ -73,6 +73,24 @@ void finish(Library* h) {
   if (h && closeLibrary(h)) destroy(h);
 }
 
+// Runs op on the library at path, opened here in the given mode and closed
+// again afterwards; a library that does not open is an I/O error.
+template <class F>
+int32_t withLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, F&& op) {
+  Library* h = openLibrary(heap, path, mode, 0);
+  if (!h) return LMI_E_IO;
+  int32_t rc = op(h);
+  finish(h);
+  return rc;
+}
+
+// The first record for entry `name`, or null.
+const Record* findRecord(const std::vector<Record>& recs, const char* name) {
+  for (const Record& r : recs)
+    if (r.name == name) return &r;
+  return nullptr;
+}
+
 }  // namespace
 
 namespace zbshr::lm {
@@ -84,13 +102,11 @@ int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, cha
   if (readList(h, &list)) return LMI_E_IO;
   std::vector<Record> recs;
   parse(list, &recs);
-  for (const Record& r : recs)
-    if (r.name == name) {
-      *other = r.other;
-      *status = r.status;
-      list.erase(list.begin() + long(r.start), list.begin() + long(r.end));
-      break;
-    }
+  if (const Record* r = findRecord(recs, name)) {
+    *other = r->other;
+    *status = r->status;
+    list.erase(list.begin() + long(r->start), list.begin() + long(r->end));
+  }
   if (onlyIfPresent && *status == 0) return 0;
   int32_t rc = writeList(h, list, true);
   durable(h);
@@ -139,11 +155,7 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
     std::vector<Record> recs;
     parse(list, &recs);
     Record found;
-    for (const Record& r : recs)
-      if (r.name == name) {
-        found = r;
-        break;
-      }
+    if (const Record* r = findRecord(recs, name)) found = *r;
     std::strcpy(sourcePath, found.other.c_str());
     Library* s = found.other.empty() ? nullptr : openLibrary(heap, found.other.c_str(), 2, 0);
     if (!s) {
@@ -169,11 +181,8 @@ ZBSHR_API(int32_t) LMI_CheckRegisterEntry(ZBSTG_HEAP heap, char* libraryPath, ch
   return guard([&]() -> int32_t {
     lowerInPlace(libraryPath);
     lowerInPlace(name);
-    Library* h = openLibrary(heap, libraryPath, 2, 0);
-    if (!h) return LMI_E_IO;
-    int32_t rc = addRecord(h, "", name, "", 'r');
-    finish(h);
-    return rc;
+    return withLibrary(heap, libraryPath, 2,
+                       [&](Library* h) { return addRecord(h, "", name, "", 'r'); });
   });
 }
 
@@ -183,13 +192,11 @@ ZBSHR_API(int32_t) LMI_CheckClearRegEntry(ZBSTG_HEAP heap, char* libraryPath, ch
   return guard([&]() -> int32_t {
     lowerInPlace(libraryPath);
     lowerInPlace(name);
-    Library* h = openLibrary(heap, libraryPath, 2, 0);
-    if (!h) return LMI_E_IO;
-    std::string other;
-    char status;
-    int32_t rc = dropCheckOutRecord(h, name, &other, &status);
-    finish(h);
-    return rc;
+    return withLibrary(heap, libraryPath, 2, [&](Library* h) {
+      std::string other;
+      char status;
+      return dropCheckOutRecord(h, name, &other, &status);
+    });
   });
 }
 
@@ -208,15 +215,13 @@ ZBSHR_API(int32_t) LMI_IsEntryCheckedOut(LMI_HANDLE handle, char* name, char* us
     if (readList(h, &list)) return LMI_E_IO;
     std::vector<Record> recs;
     parse(list, &recs);
-    for (const Record& r : recs)
-      if (r.name == name) {
-        if (userOut) std::strcpy(userOut, r.user.c_str());
-        if (statusOut) *statusOut = r.status;
-        if (otherLibraryOut) std::strcpy(otherLibraryOut, r.other.c_str());
-        if (r.status == 'r') return LMI_E_REGISTERED;
-        if (r.status == 'd' || r.status == 's') return LMI_E_CHECKED_OUT;
-        return 0;
-      }
+    const Record* r = findRecord(recs, name);
+    if (!r) return 0;
+    if (userOut) std::strcpy(userOut, r->user.c_str());
+    if (statusOut) *statusOut = r->status;
+    if (otherLibraryOut) std::strcpy(otherLibraryOut, r->other.c_str());
+    if (r->status == 'r') return LMI_E_REGISTERED;
+    if (r->status == 'd' || r->status == 's') return LMI_E_CHECKED_OUT;
     return 0;
   });
 }
@@ -243,14 +248,13 @@ ZBSHR_API(int32_t) LMI_SetCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath, co
   if (count <= 0) return LMI_E_ZERO_LENGTH;
   return guard([&]() -> int32_t {
     lowerInPlace(libraryPath);
-    Library* h = openLibrary(heap, libraryPath, 2, 0);
-    if (!h) return LMI_E_IO;
-    const uint8_t* b = static_cast<const uint8_t*>(bytes);
-    // The old chain is not freed: its blocks stay marked in use.
-    int32_t rc = writeList(h, std::vector<uint8_t>(b, b + count), false);
-    durable(h);
-    finish(h);
-    return rc ? LMI_E_IO : 0;
+    return withLibrary(heap, libraryPath, 2, [&](Library* h) -> int32_t {
+      const uint8_t* b = static_cast<const uint8_t*>(bytes);
+      // The old chain is not freed: its blocks stay marked in use.
+      int32_t rc = writeList(h, std::vector<uint8_t>(b, b + count), false);
+      durable(h);
+      return rc ? LMI_E_IO : 0;
+    });
   });
 }
 
@@ -260,11 +264,9 @@ ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath,
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
     lowerInPlace(libraryPath);
-    Library* h = openLibrary(heap, libraryPath, 1, 0);
-    if (!h) return LMI_E_IO;
     std::vector<uint8_t> list;
-    int32_t rc = readList(h, &list) ? LMI_E_IO : 0;
-    finish(h);
+    int32_t rc = withLibrary(heap, libraryPath, 1,
+                             [&](Library* h) -> int32_t { return readList(h, &list) ? LMI_E_IO : 0; });
     if (rc) return rc;
     std::vector<Record> recs;
     bool whole = parse(list, &recs);

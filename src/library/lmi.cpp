@@ -367,9 +367,10 @@ int32_t sizeOf(const uint8_t* r, int32_t* size) {
   return 0;
 }
 
-}  // namespace
-
-ZBSHR_API(int32_t) LMI_EntryInformation(LMI_HANDLE handle, char* name, LMI_ENTRYINFO* info) {
+// Answers an information call: `extra(h, r, inHand)` fills what only that
+// kind of information has, and may fail, before the shared fields are set.
+template <class Info, class Extra>
+int32_t entryInfo(LMI_HANDLE handle, char* name, Info* info, Extra&& extra) {
   Library* h = H(handle);
   if (!h) return LMI_E_NULL_HANDLE;
   if (!name) return LMI_E_ARGUMENT;
@@ -381,6 +382,7 @@ ZBSHR_API(int32_t) LMI_EntryInformation(LMI_HANDLE handle, char* name, LMI_ENTRY
     if (rc) return rc;
     int32_t size;
     if ((rc = sizeOf(r, &size))) return rc;
+    if ((rc = extra(h, r, inHand))) return rc;
     info->time = int32_t(rd32(r + rec::kTime));
     info->size = size;
     info->name = reinterpret_cast<const char*>(r + kRecHead);
@@ -388,25 +390,16 @@ ZBSHR_API(int32_t) LMI_EntryInformation(LMI_HANDLE handle, char* name, LMI_ENTRY
   });
 }
 
+}  // namespace
+
+ZBSHR_API(int32_t) LMI_EntryInformation(LMI_HANDLE handle, char* name, LMI_ENTRYINFO* info) {
+  return entryInfo(handle, name, info, [](Library*, const uint8_t*, bool) -> int32_t { return 0; });
+}
+
 ZBSHR_API(int32_t) LMI_EntryInfoExtended(LMI_HANDLE handle, char* name, LMI_ENTRYINFOEX* info) {
-  Library* h = H(handle);
-  if (!h) return LMI_E_NULL_HANDLE;
-  if (!name) return LMI_E_ARGUMENT;
-  if (!info) return LMI_E_NULL_INFO;
-  return guard([&]() -> int32_t {
-    const uint8_t* r;
-    bool inHand;
-    int32_t rc = infoRecord(h, name, &r, &inHand);
-    if (rc) return rc;
-    int32_t size;
-    if ((rc = sizeOf(r, &size))) return rc;
-    if (inHand)
-      std::strcpy(info->comment, h->comment);
-    else if ((rc = commentOf(h, r, info->comment)))
-      return rc;
-    info->time = int32_t(rd32(r + rec::kTime));
-    info->size = size;
-    info->name = reinterpret_cast<const char*>(r + kRecHead);
+  return entryInfo(handle, name, info, [&](Library* h, const uint8_t* r, bool inHand) -> int32_t {
+    if (!inHand) return commentOf(h, r, info->comment);
+    std::strcpy(info->comment, h->comment);
     return 0;
   });
 }
