@@ -515,7 +515,10 @@ int32_t date_section(std::string_view m, Section& s) {
   return SHFORMAT_OK;
 }
 
-int32_t compile_date(unsigned char* out, const char* mask, int32_t size) {
+// Compiles a mask of a value section and a literal section for a null
+// value; an empty value section shows the general form.
+int32_t compile_value_and_null(unsigned char* out, const char* mask, int32_t size, Kind kind,
+                               int32_t (*value_section)(std::string_view, Section&)) {
   std::vector<std::string_view> parts;
   if (int32_t e = split_sections(mask, parts, 2)) return e;
   std::vector<Section> secs(parts.size());
@@ -526,9 +529,13 @@ int32_t compile_date(unsigned char* out, const char* mask, int32_t size) {
       continue;
     }
     if (part.empty()) part = "[GENERAL]";
-    if (int32_t e = date_section(part, secs[k])) return e;
+    if (int32_t e = value_section(part, secs[k])) return e;
   }
-  return emit(out, size, kKindDate, secs);
+  return emit(out, size, kind, secs);
+}
+
+int32_t compile_date(unsigned char* out, const char* mask, int32_t size) {
+  return compile_value_and_null(out, mask, size, kKindDate, date_section);
 }
 
 // ------------------------------------------------------------------ string masks
@@ -572,19 +579,7 @@ int32_t string_section(std::string_view m, Section& s) {
 }
 
 int32_t compile_string(unsigned char* out, const char* mask, int32_t size) {
-  std::vector<std::string_view> parts;
-  if (int32_t e = split_sections(mask, parts, 2)) return e;
-  std::vector<Section> secs(parts.size());
-  for (size_t k = 0; k < parts.size(); ++k) {
-    std::string_view part = parts[k];
-    if (k == 1) {
-      if (int32_t e = literal_section(part, secs[k])) return e;
-      continue;
-    }
-    if (part.empty()) part = "[GENERAL]";
-    if (int32_t e = string_section(part, secs[k])) return e;
-  }
-  return emit(out, size, kKindString, secs);
+  return compile_value_and_null(out, mask, size, kKindString, string_section);
 }
 
 // ------------------------------------------------------------------ output
@@ -1226,6 +1221,20 @@ int32_t compile_checked(unsigned char* out, const char* mask, int32_t size,
   return guarded([&] { return fn(out, mask, size); });
 }
 
+// Formats a number through a compiled numeric format; `load(value, v)`
+// reads a non-null value, and one it refuses leaves an empty output.
+template <typename T, typename Load>
+int32_t format_loaded(char* out, int32_t size, const unsigned char* compiled, const T* value,
+                      Load load) {
+  if (out == nullptr || size < 0) return SHFORMAT_E_ARGUMENT;
+  NumValue v;
+  if (value != nullptr && !load(value, v)) {
+    if (size > 0) out[0] = '\0';
+    return SHFORMAT_E_VALUE;
+  }
+  return format_number(out, size, compiled, value ? &v : nullptr);
+}
+
 }  // namespace
 
 ZBSHR_API(int32_t) shformatCmplDateTimeMask(unsigned char* compiled, const char* mask,
@@ -1274,35 +1283,21 @@ ZBSHR_API(int32_t) shformatDateTime(char* out, int32_t size, const unsigned char
 
 ZBSHR_API(int32_t) shformatDouble(char* out, int32_t size, const unsigned char* compiled,
                                   const double* value) {
-  if (out == nullptr || size < 0) return SHFORMAT_E_ARGUMENT;
-  NumValue v;
-  if (value != nullptr && !load_double(*value, v)) {
-    if (size > 0) out[0] = '\0';
-    return SHFORMAT_E_VALUE;
-  }
-  return format_number(out, size, compiled, value ? &v : nullptr);
+  return format_loaded(out, size, compiled, value,
+                       [](const double* p, NumValue& v) { return load_double(*p, v); });
 }
 
 ZBSHR_API(int32_t) shformatReal(char* out, int32_t size, const unsigned char* compiled,
                                 const float* value) {
-  if (out == nullptr || size < 0) return SHFORMAT_E_ARGUMENT;
-  NumValue v;
-  if (value != nullptr && !load_float(*value, v)) {
-    if (size > 0) out[0] = '\0';
-    return SHFORMAT_E_VALUE;
-  }
-  return format_number(out, size, compiled, value ? &v : nullptr);
+  return format_loaded(out, size, compiled, value,
+                       [](const float* p, NumValue& v) { return load_float(*p, v); });
 }
 
 ZBSHR_API(int32_t) shformatDecimal(char* out, int32_t size, const unsigned char* compiled,
                                    const void* value) {
-  if (out == nullptr || size < 0) return SHFORMAT_E_ARGUMENT;
-  NumValue v;
-  if (value != nullptr && !load_decimal(static_cast<const SHDEC*>(value), v)) {
-    if (size > 0) out[0] = '\0';
-    return SHFORMAT_E_VALUE;
-  }
-  return format_number(out, size, compiled, value ? &v : nullptr);
+  return format_loaded(out, size, compiled, value, [](const void* p, NumValue& v) {
+    return load_decimal(static_cast<const SHDEC*>(p), v);
+  });
 }
 
 ZBSHR_API(int32_t) shformatString(char* out, int32_t size, const unsigned char* compiled,
