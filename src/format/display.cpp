@@ -172,6 +172,15 @@ int32_t read_quoted(std::string_view m, size_t& i, std::string& text) {
   return SHFORMAT_OK;
 }
 
+// Reads quoted text or a backslash escape at mask[i]; appends the text it
+// stands for. A backslash at the very end stands for itself.
+int32_t read_literal(std::string_view m, size_t& i, std::string& text) {
+  if (m[i] != '\\') return read_quoted(m, i, text);
+  text.append(i + 1 < m.size() ? m.substr(i + 1, 1) : std::string_view("\\"));
+  i += 2;
+  return SHFORMAT_OK;
+}
+
 // Reads "[NAME]" at mask[i]; false when there is no closing ']'.
 bool read_keyword(std::string_view m, size_t& i, std::string_view& name) {
   size_t j = m.find(']', i + 1);
@@ -185,13 +194,10 @@ bool read_keyword(std::string_view m, size_t& i, std::string_view& name) {
 int32_t literal_section(std::string_view m, Section& s) {
   for (size_t i = 0; i < m.size();) {
     const char c = m[i];
-    if (c == '"' || c == '\'') {
+    if (c == '"' || c == '\'' || c == '\\') {
       std::string t;
-      if (int32_t e = read_quoted(m, i, t)) return e;
+      if (int32_t e = read_literal(m, i, t)) return e;
       s.lit(t);
-    } else if (c == '\\' && i + 1 < m.size()) {
-      s.lit(m.substr(i + 1, 1));
-      i += 2;
     } else {
       s.lit(m.substr(i, 1));
       ++i;
@@ -300,13 +306,10 @@ int32_t numeric_section(std::string_view m, Section& s, NumState& st, int depth)
       st.exp_plus = m[i + 1] == '+';
       s.tok(tExp, static_cast<uint8_t>(c));
       i += 2;
-    } else if (c == '"' || c == '\'') {
+    } else if (c == '"' || c == '\'' || c == '\\') {
       std::string t;
-      if (int32_t e = read_quoted(m, i, t)) return e;
+      if (int32_t e = read_literal(m, i, t)) return e;
       s.lit(t);
-    } else if (c == '\\') {
-      s.lit(i + 1 < m.size() ? m.substr(i + 1, 1) : std::string_view("\\"));
-      i += 2;
     } else if (c == '[') {
       std::string_view name;
       if (!read_keyword(m, i, name)) return SHFORMAT_E_KEYWORD;
@@ -448,13 +451,10 @@ int32_t date_items(std::string_view m, std::vector<DateItem>& items, bool& twelv
       }
       continue;
     }
-    if (c == '"' || c == '\'') {
+    if (c == '"' || c == '\'' || c == '\\') {
       std::string t;
-      if (int32_t e = read_quoted(m, i, t)) return e;
+      if (int32_t e = read_literal(m, i, t)) return e;
       lit(t);
-    } else if (c == '\\') {
-      lit(i + 1 < m.size() ? m.substr(i + 1, 1) : std::string_view("\\"));
-      i += 2;
     } else if (c == '[') {
       std::string_view name;
       if (!read_keyword(m, i, name)) return SHFORMAT_E_KEYWORD;
@@ -555,13 +555,10 @@ int32_t string_section(std::string_view m, Section& s) {
     } else if (c == '<') {
       s.tok(tLower);
       ++i;
-    } else if (c == '"' || c == '\'') {
+    } else if (c == '"' || c == '\'' || c == '\\') {
       std::string t;
-      if (int32_t e = read_quoted(m, i, t)) return e;
+      if (int32_t e = read_literal(m, i, t)) return e;
       s.lit(t);
-    } else if (c == '\\') {
-      s.lit(i + 1 < m.size() ? m.substr(i + 1, 1) : std::string_view("\\"));
-      i += 2;
     } else if (c == '[') {
       std::string_view name;
       if (!read_keyword(m, i, name)) return SHFORMAT_E_KEYWORD;
