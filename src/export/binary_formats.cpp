@@ -253,15 +253,10 @@ ZBSHR_API(ExportState*) osSaveExcelBegin(ZBSTG_HEAP heap, uint32_t pool, const c
 ZBSHR_API(int32_t) osSaveExcelColumn(ExportState* s, const char* name, int32_t width,
                                      int32_t type) {
   if (ex::column_store(s, name, width, type) == nullptr) return 0;
-  const bool headings = (s->options & OSSAVE_HEADINGS) != 0;
-  if (headings) {
-    Out out(s);
+  return ex::heading_column(s, [&](Out& out) {
     const char* z = name ? name : "";
     excel_label(out, s->cur_row, s->cur_col, z, std::strlen(z));
-    if (!out.flush()) return 0;
-  }
-  if (ex::column_advance(s) && headings) ++s->cur_row;
-  return 1;
+  });
 }
 
 ZBSHR_API(int32_t) osSaveExcelItem(ExportState* s, const void* value) {
@@ -331,15 +326,10 @@ ZBSHR_API(int32_t) osSaveWkColumn(ExportState* s, const char* name, int32_t widt
   int32_t w = width;
   if (w >= 240 || (w == 0 && static_cast<uint8_t>(type) == ex::kString)) w = 239;
   if (ex::column_store(s, name, w, type) == nullptr) return 0;
-  const bool headings = (s->options & OSSAVE_HEADINGS) != 0;
-  if (headings) {
-    Out out(s);
+  return ex::heading_column(s, [&](Out& out) {
     const char* z = name ? name : "";
     wk_label(out, 0, s->cur_col, z, std::strlen(z));  // headings are not cut
-    if (!out.flush()) return 0;
-  }
-  if (ex::column_advance(s) && headings) ++s->cur_row;
-  return 1;
+  });
 }
 
 ZBSHR_API(int32_t) osSaveWkItem(ExportState* s, const void* value) {

@@ -216,6 +216,20 @@ inline bool column_is_last(const ExportState* s) { return s->cur_col + 1 >= s->c
 // Advances the current column; true when that was the last one (the current
 // column is then back at 0).
 bool column_advance(ExportState* s);
+// The rest of a column call of the spreadsheet formats, after column_store:
+// with headings on, `heading(out)` writes the column's name and, once the
+// last column is in, the data starts one row down.
+template <class F>
+int32_t heading_column(ExportState* s, F&& heading) {
+  const bool headings = (s->options & OSSAVE_HEADINGS) != 0;
+  if (headings) {
+    Out out(s);
+    heading(out);
+    if (!out.flush()) return 0;
+  }
+  if (column_advance(s) && headings) ++s->cur_row;
+  return 1;
+}
 
 // The column of the next cell, or null when the handle is null or has no
 // columns.

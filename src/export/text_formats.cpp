@@ -401,17 +401,12 @@ ZBSHR_API(ExportState*) osSaveSylkBegin(ZBSTG_HEAP heap, uint32_t pool, const ch
 ZBSHR_API(int32_t) osSaveSylkColumn(ExportState* s, const char* name, int32_t width,
                                     int32_t type) {
   if (ex::column_store(s, name, width, type) == nullptr) return 0;
-  const bool headings = (s->options & OSSAVE_HEADINGS) != 0;
-  if (headings) {
-    Out out(s);
+  return ex::heading_column(s, [&](Out& out) {  // data starts in row 2
     sylk_prefix(s, out);
     out.put('"');
     out.put(name ? name : "");
     out.put("\"\r\n");
-    if (!out.flush()) return 0;
-  }
-  if (ex::column_advance(s) && headings) ++s->cur_row;  // data starts in row 2
-  return 1;
+  });
 }
 
 ZBSHR_API(int32_t) osSaveSylkItem(ExportState* s, const void* value) {
