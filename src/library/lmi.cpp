@@ -572,6 +572,22 @@ int32_t renameEntry(Library* h, const char* name, const char* newName) {
   return writeNode(h, s.node);
 }
 
+// Fills the entry just opened for writing in d from what `cr` has left to
+// read in s, stamped with the source's time, and closes it.
+int32_t copyInto(Library* d, Library* s, ChainReader* cr, uint32_t time,
+                 std::vector<uint8_t>& chunk) {
+  if (uint8_t* w = recordPtr(d, d->eNode, d->eRec)) wr32(w + rec::kTime, time);
+  int32_t rc = 0;
+  int32_t n;
+  do {
+    n = readerRead(s, cr, chunk.data(), 4096);
+    if (n > 0) rc = appendData(d, chunk.data(), uint32_t(n));
+  } while (rc == 0 && n == 4096);
+  if (n < 0 && rc == 0) rc = n;
+  int32_t c = closeEntry(d);
+  return rc == 0 ? c : rc;
+}
+
 int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
                  char* destinationPath, bool move, bool sequential) {
   if (!name || !sourcePath) return LMI_E_ARGUMENT;
@@ -638,19 +654,10 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
         }
         comment[rc == 0 ? clen : 0] = 0;
         if (rc == 0) rc = openWrite(d, target, comment);
-        if (rc == 0) {
-          if (uint8_t* w = recordPtr(d, d->eNode, d->eRec)) wr32(w + rec::kTime, time);
-          int32_t n;
-          do {
-            n = readerRead(s, &cr, chunk.data(), 4096);
-            if (n > 0) rc = appendData(d, chunk.data(), uint32_t(n));
-          } while (rc == 0 && n == 4096);
-          if (n < 0 && rc == 0) rc = n;
-          int32_t c = closeEntry(d);
-          if (rc == 0) rc = c;
-        } else {
+        if (rc == 0)
+          rc = copyInto(d, s, &cr, time, chunk);
+        else
           flushMaps(d);
-        }
       }
     } else {
       rc = openRead(s, name, sequential);
@@ -660,19 +667,10 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
         char comment[256];
         std::strcpy(comment, s->comment);
         rc = openWrite(d, target, comment);
-        if (rc == 0) {
-          if (uint8_t* w = recordPtr(d, d->eNode, d->eRec)) wr32(w + rec::kTime, time);
-          int32_t n;
-          do {
-            n = readerRead(s, &s->rd, chunk.data(), 4096);
-            if (n > 0) rc = appendData(d, chunk.data(), uint32_t(n));
-          } while (rc == 0 && n == 4096);
-          if (n < 0 && rc == 0) rc = n;
-          int32_t c = closeEntry(d);
-          if (rc == 0) rc = c;
-        } else {
+        if (rc == 0)
+          rc = copyInto(d, s, &s->rd, time, chunk);
+        else
           flushMaps(d);
-        }
         closeEntry(s);
         if (move && rc == 0) rc = LMI_DeleteEntry(reinterpret_cast<LMI_HANDLE>(s), name);
       }
