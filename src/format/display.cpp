@@ -636,8 +636,9 @@ int32_t open_compiled(const unsigned char* c, Kind kind, Compiled& out) {
   if (c == nullptr) return SHFORMAT_E_ARGUMENT;
   if (c[0] != kMagic || c[1] != kind) return SHFORMAT_E_COMPILED;
   const int total = get16(c + 2);
+  if (total < kHeader) return SHFORMAT_E_COMPILED;
   const int count = c[4];
-  if (count < 1 || count > 4 || total < kHeader) return SHFORMAT_E_COMPILED;
+  if (count < 1 || count > 4) return SHFORMAT_E_COMPILED;
   int at = kHeader;
   for (int k = 0; k < count; ++k) {
     if (at + kSecHeader > total) return SHFORMAT_E_COMPILED;
