@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "zbshr/decimal.h"
+#include "fuzz_profiles.h"
 #include "zbshr/format.h"
 #include "zbshr/memory.h"
 
@@ -57,28 +58,7 @@ const char* const kProfiles[4] = {
     "sLongDate=\"[x]\"yy;\\\n",
 };
 
-void use_profile(int p) {
-  static std::string base;
-  static int current = -1;
-  if (base.empty()) {
-    auto d = std::filesystem::temp_directory_path() /
-             ("zbshr-fuzz-masks-" + std::to_string(std::random_device{}()));
-    for (int i = 0; i < 4; ++i) {
-      std::filesystem::create_directories(d / std::to_string(i));
-      std::ofstream f(d / std::to_string(i) / "win.ini", std::ios::binary | std::ios::trunc);
-      f << "[intl]\n" << kProfiles[i];
-    }
-    base = d.string();
-    std::atexit([] {
-      std::error_code ec;
-      std::filesystem::remove_all(base, ec);
-    });
-  }
-  if (p == current) return;
-  setenv("ZBSHR_HOME", (base + "/" + std::to_string(p)).c_str(), 1);
-  zbshr_intl();
-  current = p;
-}
+void use_profile(int p) { fuzzprof::use_profile("masks", kProfiles, p); }
 
 enum Kind { kDate, kNumber, kString };
 
