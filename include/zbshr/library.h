@@ -150,6 +150,40 @@ ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char *libraryPath,
  * returns the previous setting. */
 ZBSHR_API(int32_t) zbshr_lib_write_through(int32_t on);
 
+/* ---- Checking, salvage and repair ------------------------------------------------- */
+/* One problem (or information line) found by verify, salvage, repair or compact.
+ * code: a negative LMI_E_* code for damage, ZBSHR_LIB_NOTE_LEAK for blocks marked in
+ * use that belong to nothing, ZBSHR_LIB_NOTE_INFO for information (for instance
+ * "saved ENTRY"); entry: the entry concerned or null; text: one line, no newline.
+ * The strings are valid only during the call. */
+#define ZBSHR_LIB_NOTE_INFO 0
+#define ZBSHR_LIB_NOTE_LEAK 1
+typedef void(ZBSHR_CALL *ZBSHR_LIB_PROBLEM)(void *ctx, int32_t code, const char *entry,
+                                            const char *text);
+/* Checks a library (opened read-only). Returns the number of damage problems
+ * (>= 0; leaked blocks are reported but not counted) or a negative LMI_E_* code
+ * when the file cannot be opened as a library. cb may be null. */
+ZBSHR_API(int32_t) zbshr_lib_verify(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
+/* Scans every block of `damaged` for directory nodes and entry records, and
+ * copies every entry that reads whole (data, comment, time) and the readable
+ * check-out records into the library `fresh`, which must not exist. Returns
+ * the number of entries saved or a negative LMI_E_* code. */
+ZBSHR_API(int32_t) zbshr_lib_salvage(const char *damaged, const char *fresh,
+                                     ZBSHR_LIB_PROBLEM cb, void *ctx);
+/* Repairs a library in place: rebuilds the free-space bitmaps from the blocks
+ * reachable from the header and the directory, frees leaked blocks, drops an
+ * unreadable check-out list and breaks directory cycles. Returns the number of
+ * problems fixed (>= 0) or a negative LMI_E_* code. */
+ZBSHR_API(int32_t) zbshr_lib_repair(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
+/* Rewrites a library into a fresh file with a shallow directory and no free
+ * blocks, then puts it in place of the old one. Returns the number of entries
+ * kept or a negative LMI_E_* code; on failure the library is unchanged. */
+ZBSHR_API(int32_t) zbshr_lib_compact(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
+/* Why the last library call on this thread failed: copies the text into buf
+ * (always zero-terminated when size > 0) and returns its code, 0 when the last
+ * call succeeded or none failed yet. */
+ZBSHR_API(int32_t) zbshr_lib_last_error(char *buf, int32_t size);
+
 ZBSHR_END_DECLS
 
 #endif
