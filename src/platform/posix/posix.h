@@ -26,4 +26,32 @@ bool MakeDirs(const std::string& dir);
 // True when a file or folder exists at the native path.
 bool Exists(const std::string& native);
 
+// Path helpers shared by the file, path and search sources.
+
+// The name with every '\\' turned into '/'; a null name gives "".
+std::string Slashes(const char* name);
+
+// The folder part of a '/'-separated path ("." when there is none).
+std::string Dirname(const std::string& p);
+
+// Copies s and its terminator into buf when it fits and returns its length;
+// otherwise returns the size needed, terminator included, and writes nothing.
+DWORD CopyOut(const std::string& s, DWORD size, char* buf);
+
+// Points *file_part at the last component of what CopyOut wrote (or null).
+void SetFilePart(char* buf, DWORD written, DWORD size, char** file_part);
+
+// ERROR_FILE_NOT_FOUND when the folder of `native` exists, else
+// ERROR_PATH_NOT_FOUND.
+DWORD NotFoundKind(const std::string& native);
+
+// The current folder, "/" when it cannot be read.
+std::string CurrentDir();
+
+// The absolute form of a '/'-separated path, with "." and ".." resolved.
+std::string Normalise(const std::string& input);
+
+// The running program's folder, "" when unknown.
+std::string ProgramDir();
+
 }  // namespace zbshr::plat::posix
