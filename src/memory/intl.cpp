@@ -34,14 +34,28 @@ void read_string(const char* key, const char* def, char* out, plat::DWORD size) 
   out[size - 1] = '\0';
 }
 
-// Reads a profile string into a field, keeping at most sizeof(field) - 1
-// characters (a short field is cut, never overrun).
+// Reads a regional text into a field. A value that is empty or does not fit
+// whole in the field gives the default instead: a date pattern or an AM/PM
+// word cut short would change the meaning of every date shown with it.
 template <size_t N>
 void read_field(const char* key, const char* def, char (&field)[N]) {
-  char buf[64];
-  read_string(key, def, buf, sizeof buf);
-  std::strncpy(field, buf, N - 1);
+  char buf[256];
+  plat::DWORD n = plat::GetProfileStringA("intl", key, def, buf, sizeof buf);
+  buf[sizeof buf - 1] = '\0';
+  const size_t len = std::strlen(buf);
+  const char* use = (len == 0 || len >= N || n >= sizeof buf - 1) ? def : buf;
+  std::strncpy(field, use, N - 1);
   field[N - 1] = '\0';
+}
+
+// Reads a one-character separator: the first character of the value, or the
+// default's when the value is empty (a NUL separator would end every number
+// formatted with it).
+char read_separator(const char* key, char def) {
+  const char defs[2] = {def, '\0'};
+  char buf[10];
+  read_string(key, defs, buf, sizeof buf);
+  return buf[0] != '\0' ? buf[0] : def;
 }
 
 int32_t read_int(const char* key, int32_t def) {
@@ -68,11 +82,10 @@ void read_settings() {
   Settings s;
   char buf[10];
 
-  // Separators keep only the first character of what is stored.
-  read_string("sDecimal", ".", buf, sizeof buf);
-  s.decimal_sep = buf[0];
-  read_string("sThousand", ",", buf, sizeof buf);
-  s.thousand_sep = buf[0];
+  // Separators keep only the first character of what is stored; an empty
+  // value keeps the default.
+  s.decimal_sep = read_separator("sDecimal", '.');
+  s.thousand_sep = read_separator("sThousand", ',');
 
   // The currency symbol: at most 9 characters.
   read_string("sCurrency", "$", buf, sizeof buf);

@@ -9,18 +9,21 @@
 namespace zbshr::intl {
 
 struct Settings {
-  char decimal_sep = '.';      // "sDecimal", first character
-  char thousand_sep = ',';     // "sThousand", first character
+  char decimal_sep = '.';      // "sDecimal", first character (never NUL)
+  char thousand_sep = ',';     // "sThousand", first character (never NUL)
   char currency[10] = "$";     // "sCurrency", at most 9 characters
   int32_t currency_pos = 0;    // "iCurrency"
   int32_t currency_digits = 2; // "iCurrDigits"
   int32_t neg_currency = 0;    // "iNegCurr"
   int32_t date_order = 0;      // "iDate": 0 M-D-Y, 1 D-M-Y, 2 Y-M-D
-  char time_sep[4] = ":";      // "sTime"
-  char short_date[32] = "M/d/yyyy";              // "sShortDate"
-  char long_date[64] = "dddd, MMMM dd, yyyy";    // "sLongDate"
-  char am[8] = "AM";           // "s1159"
-  char pm[8] = "PM";           // "s2359"
+  // Texts: an empty value, or one longer than its field holds, gives the
+  // default, so a text is never cut. The date patterns are expanded into
+  // compiled display formats, whose fixed buffer size relies on these limits.
+  char time_sep[4] = ":";      // "sTime", at most 3 characters
+  char short_date[32] = "M/d/yyyy";              // "sShortDate", at most 31
+  char long_date[64] = "dddd, MMMM dd, yyyy";    // "sLongDate", at most 63
+  char am[8] = "AM";           // "s1159", at most 7
+  char pm[8] = "PM";           // "s2359", at most 7
 };
 
 // The current settings (start-up is run first when needed).

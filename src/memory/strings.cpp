@@ -40,7 +40,9 @@ bool builder_reserve(ZBSTG_HEAP heap, uint32_t pool, char** buf, int32_t* cap, i
 }
 
 bool builder_args_ok(char** buf, int32_t* cap, int32_t* used) {
-  return buf && cap && used && *used >= 0 && *cap >= 0 && (*buf != nullptr || *used == 0);
+  // A null buffer is a new, empty builder: it must claim no room and no text.
+  return buf && cap && used && *used >= 0 && *cap >= 0 &&
+         (*buf != nullptr || (*used == 0 && *cap == 0));
 }
 
 }  // namespace

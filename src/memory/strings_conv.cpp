@@ -1,6 +1,9 @@
 // Character case, one-character collation and number conversions.
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -67,6 +70,80 @@ uint32_t parse_unsigned_wrapping(const char* s) {
   return v;
 }
 
+bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// The decimal exponent of the first significant digit of a decimal number
+// text that from_chars found out of range: above 0 it overflowed, otherwise
+// it underflowed.
+int64_t leading_exponent(const char* p, const char* last) {
+  int64_t pos = 0;  // digits seen before the point, minus leading zeros after it
+  bool seen = false, point = false;
+  for (; p < last; ++p) {
+    if (*p == '.' && !point) {
+      point = true;
+    } else if (*p >= '0' && *p <= '9') {
+      if (!seen && *p != '0') seen = true;
+      if (seen && !point) ++pos;
+      if (!seen && point) --pos;
+    } else {
+      break;
+    }
+  }
+  int64_t exp = 0;
+  if (p < last && (*p == 'e' || *p == 'E')) {
+    ++p;
+    bool neg = false;
+    if (p < last && (*p == '+' || *p == '-')) neg = (*p++ == '-');
+    for (; p < last && *p >= '0' && *p <= '9'; ++p)
+      if (exp < 100000) exp = exp * 10 + (*p - '0');
+    if (neg) exp = -exp;
+  }
+  return pos + exp;
+}
+
+// Text to double as the C run-time's strtod reads it in the "C" locale:
+// leading blanks, a sign, decimal digits with '.' and an exponent, hex digits
+// after "0x", "inf", "infinity" and "nan". The host's locale never changes
+// the decimal point. Out of range: HUGE_VAL or 0 with errno ERANGE. No
+// number: 0 with the end at the start of the text.
+double parse_double(const char* s, char** end) {
+  const char* p = s;
+  while (is_c_space(*p)) ++p;
+  bool neg = false;
+  if (*p == '+' || *p == '-') neg = (*p++ == '-');
+  // from_chars takes a minus sign of its own; the text may carry one only.
+  const bool hex = p[0] == '0' && (p[1] == 'x' || p[1] == 'X');
+  const char* digits = hex ? p + 2 : p;
+  const char* last = p + std::strlen(p);
+  double v = 0.0;
+  std::from_chars_result r{digits, std::errc::invalid_argument};
+  if (*digits != '-' && *digits != '+') {
+    r = std::from_chars(digits, last, v, hex ? std::chars_format::hex : std::chars_format::general);
+  }
+  if (r.ec == std::errc::invalid_argument) {
+    if (!hex) {
+      if (end) *end = const_cast<char*>(s);
+      return 0.0;
+    }
+    // "0x" with no hex digit after it reads as the number 0.
+    v = 0.0;
+    r = {p + 1, std::errc{}};
+  }
+  if (r.ec == std::errc::result_out_of_range) {
+    errno = ERANGE;
+    bool over;
+    if (hex) {
+      const char* e = std::find_if(digits, r.ptr, [](char c) { return c == 'p' || c == 'P'; });
+      over = !(e + 1 < r.ptr && e[1] == '-');
+    } else {
+      over = leading_exponent(p, r.ptr) > 0;
+    }
+    v = over ? HUGE_VAL : 0.0;
+  }
+  if (end) *end = const_cast<char*>(r.ptr);
+  return neg ? -v : v;
+}
+
 }  // namespace
 
 extern "C" {
@@ -95,7 +172,7 @@ ZBSHR_API(int32_t) zbstg_atol(const char* s) { return parse_long(s, 10); }
 
 ZBSHR_API(double) zbstg_atof(const char* s) {
   if (s == nullptr) return 0.0;
-  return std::strtod(s, nullptr);
+  return parse_double(s, nullptr);
 }
 
 ZBSHR_API(double) zbstg_strtod(const char* s, char** end) {
@@ -103,7 +180,7 @@ ZBSHR_API(double) zbstg_strtod(const char* s, char** end) {
     if (end) *end = nullptr;
     return 0.0;
   }
-  return std::strtod(s, end);
+  return parse_double(s, end);
 }
 
 ZBSHR_API(int32_t) zbstg_strtol(const char* s, char** end, int32_t base) {

@@ -91,6 +91,33 @@ TEST_F(Intl, ReadsTheIntlSection) {
   EXPECT_STREQ(s.pm, "nachm");
 }
 
+// An empty value must not become a NUL separator (it would end every number
+// formatted with it), and a text too long for its field is never cut: both
+// give the default.
+TEST_F(Intl, EmptyOrOverlongValuesGiveTheDefaults) {
+  const std::string long_text(70, 'd');
+  write_ini("[intl]\nsDecimal=\nsThousand=\nsTime=\nsShortDate=\n"
+            "sLongDate=" + long_text + "\ns1159=morning!\ns2359=\n");
+  zbshr_intl();
+  const intl::Settings& s = intl::settings();
+  EXPECT_EQ(s.decimal_sep, '.');
+  EXPECT_EQ(s.thousand_sep, ',');
+  EXPECT_STREQ(s.time_sep, ":");
+  EXPECT_STREQ(s.short_date, "M/d/yyyy");
+  EXPECT_STREQ(s.long_date, "dddd, MMMM dd, yyyy");
+  EXPECT_STREQ(s.am, "AM");
+  EXPECT_STREQ(s.pm, "PM");
+
+  // The longest values that fit are kept whole.
+  write_ini("[intl]\nsTime=::.\nsShortDate=" + std::string(31, 'y') + "\nsLongDate=" +
+            std::string(63, 'M') + "\ns1159=morning\n");
+  zbshr_intl();
+  EXPECT_STREQ(s.time_sep, "::.");
+  EXPECT_EQ(std::string(s.short_date), std::string(31, 'y'));
+  EXPECT_EQ(std::string(s.long_date), std::string(63, 'M'));
+  EXPECT_STREQ(s.am, "morning");
+}
+
 TEST_F(Intl, SecondCallRereadsSettingsButKeepsNames) {
   write_ini("[intl]\nsCurrency=EUR\niCurrDigits=3\n");
   zbshr_intl();

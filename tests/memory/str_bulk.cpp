@@ -1,7 +1,11 @@
 // Number conversions and the bulk memory and string operations.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <clocale>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -50,10 +54,71 @@ TEST(StrConv, SignedConversionsSaturateAt32Bits) {
   EXPECT_EQ(zbstg_strtoul("  ff", &end, 16), 255u);
   EXPECT_EQ(end, sentinel);
 
-  const char* text = "3.75rest";
-  char* dend = nullptr;
-  EXPECT_DOUBLE_EQ(zbstg_strtod(text, &dend), 3.75);
-  EXPECT_EQ(dend, text + 4);
+}
+
+// zbstg_strtod reads like the C run-time's strtod in the "C" locale: the test
+// process is in that locale, so the run-time's own strtod is the reference
+// (value bits, end pointer and ERANGE).
+TEST(StrConv, StrtodMatchesTheCRuntimeInTheCLocale) {
+  const char* texts[] = {
+      "3.75rest", "  \t\n-2.5e3xyz", "+.5", "5.", ".", "-", "+-1", "--5", "e5", "1e", "1e+",
+      "1.5E-3", "0x1.8p3", "0X1P-2z", "0x", "0xg", "0x-1", "-0x10", "inf", "-Infinity", "nanx",
+      "1e400", "-1e400", "1e-400", "0.0000001e-400", "1e-310", "123456789012345678901234567890",
+      "0.1234567890123456789012345", "1,5", "", "   ", "1e99999999999999999999", "0e999999"};
+  for (const char* t : texts) {
+    char* want_end = nullptr;
+    char* got_end = nullptr;
+    errno = 0;
+    const double want = std::strtod(t, &want_end);
+    const bool want_range = errno == ERANGE && (want == 0.0 || std::isinf(want));
+    errno = 0;
+    const double got = zbstg_strtod(t, &got_end);
+    const bool got_range = errno == ERANGE;
+    EXPECT_EQ(got_end - t, want_end - t) << t;
+    if (std::isnan(want)) {
+      EXPECT_TRUE(std::isnan(got)) << t;
+    } else {
+      EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << t << ": " << got << " vs " << want;
+    }
+    if (want_range) {
+      EXPECT_TRUE(got_range) << t;
+    }
+    const double atof_value = zbstg_atof(t);
+    if (!std::isnan(want)) {
+      EXPECT_EQ(std::memcmp(&atof_value, &want, sizeof want), 0) << t;
+    }
+  }
+}
+
+// A host that switches its numeric locale to one with a decimal comma must
+// not change what the parsers read. The locale is built in the scratch folder
+// when the system has none installed.
+TEST(StrConv, StrtodIgnoresTheHostLocale) {
+  const char* home = std::getenv("ZBSHR_HOME");
+  std::string dir = std::string(home ? home : "/tmp") + "/locale";
+  const char* name = "de_DE.UTF-8";
+  if (std::setlocale(LC_NUMERIC, name) == nullptr) {
+    setenv("LOCPATH", dir.c_str(), 1);  // built by an earlier run?
+    if (std::setlocale(LC_NUMERIC, name) == nullptr) unsetenv("LOCPATH");
+  }
+  if (std::setlocale(LC_NUMERIC, name) == nullptr) {
+    std::string cmd = "mkdir -p '" + dir + "' && localedef -i de_DE -f UTF-8 '" + dir + "/" +
+                      name + "' >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) == 0) {
+      setenv("LOCPATH", dir.c_str(), 1);
+      if (std::setlocale(LC_NUMERIC, name) == nullptr) unsetenv("LOCPATH");
+    }
+  }
+  if (std::strcmp(std::setlocale(LC_NUMERIC, nullptr), name) != 0)
+    GTEST_SKIP() << "no decimal-comma locale could be set or built";
+  ASSERT_EQ(std::localeconv()->decimal_point[0], ',');
+  char* end = nullptr;
+  const double a = zbstg_atof("1.5"), b = zbstg_strtod("3.25x", &end), c = zbstg_atof("1,5");
+  std::setlocale(LC_NUMERIC, "C");
+  EXPECT_EQ(a, 1.5);
+  EXPECT_EQ(b, 3.25);
+  EXPECT_STREQ(end, "x");
+  EXPECT_EQ(c, 1.0);
 }
 
 TEST(StrHuge, MemcmpIsSignedCharDifference) {

@@ -132,6 +132,22 @@ TEST_F(StrHeap, BuilderCharGrowsBy501) {
   zbstg_free(heap_, buf);
 }
 
+// A builder whose buffer is null but that claims room or text is refused by
+// all three appenders, with nothing allocated or changed.
+TEST_F(StrHeap, BuilderRefusesANullBufferThatClaimsRoom) {
+  const struct { int32_t cap, used; } cases[] = {{100, 0}, {100, 5}, {0, 5}};
+  for (const auto& c : cases) {
+    char* buf = nullptr;
+    int32_t cap = c.cap, used = c.used;
+    zbstg_str_build(heap_, 0, &buf, &cap, &used, "x");
+    zbstg_str_build_huge(heap_, 0, &buf, &cap, &used, "x");
+    zbstg_str_build_char(heap_, 0, &buf, &cap, &used, 'x');
+    EXPECT_EQ(buf, nullptr);
+    EXPECT_EQ(cap, c.cap);
+    EXPECT_EQ(used, c.used);
+  }
+}
+
 TEST_F(StrHeap, BuildersMatchPlainConcatenation) {
   std::mt19937 rng(1234);
   char* buf = nullptr;
