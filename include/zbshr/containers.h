@@ -100,7 +100,14 @@ ZBSHR_API(int32_t) shlist_putafter(SHLIST *list, SHLISTNODE *node);
 ZBSHR_API(void *) shlist_remove(SHLIST *list);
 /* Calls `visit(data, param)` on each node from first to last until it
  * returns 0. Returns the last result, 1 for an empty list. The current
- * position is neither used nor changed. */
+ * position is neither used nor changed.
+ * The callback may remove any node (shlist_remove), the visited one included:
+ * the walk goes on with the node that followed the visited one, or with the
+ * first node after it that is still in the list. Nodes added after the
+ * visited one may or may not be visited. Deleting the list (shlist_delete,
+ * shlist_deleteFree) or a sort that takes the nodes out
+ * (SHLIST_SORT_REBUILD, SHLIST_SORT_EMPTY) ends the walk after that call.
+ * The callback must return normally (no longjmp out of it). */
 ZBSHR_API(int32_t) shlist_traversal(SHLIST *list, intptr_t param, SHLIST_VISIT visit);
 /* Sorts the data into a new array of `count` pointers allocated in the
  * list's heap and pool (the caller frees it with zbstg_free). Heap blocks are
@@ -179,7 +186,9 @@ ZBSHR_API(void *) shhash_remove(SHHASH *table);
 ZBSHR_API(void *) shhash_get_first(SHHASH *table);
 ZBSHR_API(void *) shhash_get_next(SHHASH *table);
 /* shlist_traversal over each non-empty bucket until a callback returns 0;
- * the last result, or 1 when the table is empty. */
+ * the last result, or 1 when the table is empty. The callback may remove and
+ * insert items; shhash_clear or shhash_delete inside it ends the walk after
+ * that call. */
 ZBSHR_API(int32_t) shhash_traversal(SHHASH *table, intptr_t param, SHLIST_VISIT visit);
 ZBSHR_API(SHHASH_STAT *) shhash_statistics(SHHASH *table, SHHASH_STAT *stat);
 

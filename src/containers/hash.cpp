@@ -6,6 +6,8 @@
 #include "zbshr/containers.h"
 #include "zbshr/memory.h"
 
+#include "containers/walk.h"
+
 namespace {
 
 // Rolling hash: rotate left by one, then XOR with the byte taken as a signed
@@ -241,8 +243,11 @@ int32_t shhash_traversal(SHHASH* table, intptr_t param, SHLIST_VISIT visit) {
   int32_t result = 1;
   for (int32_t i = 0; i < table->bucket_count; ++i) {
     if (!non_empty(table->buckets[i].list)) continue;
-    result = shlist_traversal(table->buckets[i].list, param, visit);
-    if (result == 0) break;
+    // A bucket list goes away only when the whole table is cleared or
+    // deleted: the table may then be gone as well, so the walk ends.
+    bool gone;
+    result = zbshr::containers::walk_list(table->buckets[i].list, param, visit, &gone);
+    if (result == 0 || gone) break;
   }
   return result;
 }

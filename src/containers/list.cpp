@@ -6,9 +6,39 @@
 #include "zbshr/containers.h"
 #include "zbshr/memory.h"
 
+#include "containers/walk.h"
 #include "platform/platform.h"
 
 namespace {
+
+// The traversals running in this thread, innermost first. A traversal keeps
+// the node it will visit next here, so that a callback may change the list:
+// removing that node moves the walk on to the one after it, and emptying,
+// sorting or deleting the list ends the walk.
+struct Walk {
+  SHLIST* list;
+  SHLISTNODE* next;  // null: the visited node is the last one
+  bool gone;         // the list was emptied or freed under the walk
+  Walk* outer;
+};
+thread_local Walk* t_walks = nullptr;
+
+// Called before `node` is unlinked from `list`.
+void note_unlink(SHLIST* list, SHLISTNODE* node) {
+  for (Walk* w = t_walks; w; w = w->outer) {
+    if (w->list == list && w->next == node) w->next = node == list->last ? nullptr : node->next;
+  }
+}
+
+// Called before every node of `list` is freed or taken out.
+void note_emptied(SHLIST* list) {
+  for (Walk* w = t_walks; w; w = w->outer) {
+    if (w->list == list) {
+      w->next = nullptr;
+      w->gone = true;
+    }
+  }
+}
 
 SHLISTNODE* new_node(SHLIST* list, void* data) {
   auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(list->heap, sizeof(SHLISTNODE), list->pool));
@@ -21,6 +51,7 @@ SHLISTNODE* new_node(SHLIST* list, void* data) {
 
 // Frees every node of the list, optionally with its data, and empties it.
 void free_nodes(SHLIST* list, bool free_data) {
+  note_emptied(list);
   SHLISTNODE* node = list->first;
   for (int32_t left = list->count; node && left > 0; --left) {
     SHLISTNODE* next = node->next;
@@ -180,6 +211,7 @@ void* shlist_remove(SHLIST* list) {
   if (!list || !list->current) return nullptr;
   SHLISTNODE* node = list->current;
   void* data = node->data;
+  if (t_walks) note_unlink(list, node);
   if (list->first == list->last) {
     list->first = list->last = list->current = nullptr;
   } else if (node == list->first) {
@@ -199,19 +231,31 @@ void* shlist_remove(SHLIST* list) {
   return data;
 }
 
-int32_t shlist_traversal(SHLIST* list, intptr_t param, SHLIST_VISIT visit) {
+namespace zbshr::containers {
+
+int32_t walk_list(SHLIST* list, intptr_t param, SHLIST_VISIT visit, bool* list_gone) {
+  *list_gone = false;
   if (!list || !list->first || !visit) return 1;
+  Walk walk{list, nullptr, false, t_walks};
+  t_walks = &walk;
   int32_t result = 1;
   SHLISTNODE* node = list->first;
   for (;;) {
-    // Read the links first: the callback may remove the node it is given.
-    const bool at_last = node == list->last;
-    SHLISTNODE* next = node->next;
+    walk.next = node == list->last ? nullptr : node->next;
     result = visit(node->data, param);
-    if (result == 0 || at_last) break;
-    node = next;
+    if (result == 0 || walk.gone || !walk.next) break;
+    node = walk.next;
   }
+  t_walks = walk.outer;
+  *list_gone = walk.gone;
   return result;
+}
+
+}  // namespace zbshr::containers
+
+int32_t shlist_traversal(SHLIST* list, intptr_t param, SHLIST_VISIT visit) {
+  bool gone;
+  return zbshr::containers::walk_list(list, param, visit, &gone);
 }
 
 namespace {
@@ -235,6 +279,7 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
     node = next;
   }
   if (take) {
+    note_emptied(list);
     list->first = list->last = list->current = nullptr;
     list->count = 0;
   }

@@ -219,6 +219,45 @@ TEST_F(ContainersHash, TraversalStatisticsClearAndLeaks) {
   EXPECT_EQ(live(), base);
 }
 
+// Clearing or deleting the table inside the walk ends it; removing items
+// does not disturb it.
+struct TableChanger {
+  SHHASH* table;
+  int action;  // 0 remove the visited item, 1 clear, 2 delete
+  int calls;
+};
+
+int32_t ChangeTable(void* data, intptr_t param) {
+  auto* c = reinterpret_cast<TableChanger*>(param);
+  ++c->calls;
+  if (c->action == 0) {
+    if (shhash_search(c->table, data)) shhash_remove(c->table);
+  } else if (c->action == 1) {
+    shhash_clear(c->table);
+  } else {
+    shhash_delete(c->table);
+    c->table = nullptr;
+  }
+  return 1;
+}
+
+TEST_F(ContainersHash, TraversalSurvivesClearAndDeleteInTheCallback) {
+  const uint32_t base = live();
+  for (int action = 0; action < 3; ++action) {
+    SHHASH* t = shhash_new(3, nullptr, 0, 0, heap_, 0);
+    for (const char* k : {"a", "b", "c", "d", "e", "f", "g"}) shhash_insert(t, S(k));
+    TableChanger c{t, action, 0};
+    EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&c), ChangeTable), 1);
+    EXPECT_EQ(c.calls, action == 0 ? 7 : 1) << action;
+    if (c.table) {
+      EXPECT_EQ(c.table->item_count, 0);
+      EXPECT_EQ(shhash_insert(c.table, S("z")), 1);  // still usable
+      shhash_delete(c.table);
+    }
+    EXPECT_EQ(live(), base) << action;
+  }
+}
+
 TEST_F(ContainersHash, DegenerateTables) {
   SHHASH* t = shhash_new(0, nullptr, 0, 0, heap_, 0);
   ASSERT_NE(t, nullptr);

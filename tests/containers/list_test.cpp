@@ -190,6 +190,75 @@ TEST_F(ContainersList, TraversalStopsAtZeroAndKeepsThePosition) {
   shlist_delete(l);
 }
 
+// A callback that changes the list it is walking: the walk never visits a
+// node that is gone, and never touches a list that was deleted.
+struct Changer {
+  SHLIST* list;
+  std::string action;
+  Strings seen;
+};
+
+bool MoveTo(SHLIST* l, const std::string& item) {
+  for (void* d = shlist_get_first(l); d; d = shlist_get_next(l))
+    if (item == static_cast<const char*>(d)) return true;
+  return false;
+}
+
+int32_t Change(void* data, intptr_t param) {
+  auto* c = reinterpret_cast<Changer*>(param);
+  c->seen.emplace_back(static_cast<const char*>(data));
+  const std::string& a = c->action;
+  if (a == "remove-next") {
+    if (MoveTo(c->list, c->seen.back()) && shlist_get_next(c->list)) shlist_remove(c->list);
+  } else if (a == "remove-self") {
+    if (MoveTo(c->list, c->seen.back())) shlist_remove(c->list);
+  } else if (a == "remove-last") {
+    shlist_get_last(c->list);
+    shlist_remove(c->list);
+  } else if (a == "empty") {
+    while (shlist_get_first(c->list)) shlist_remove(c->list);
+  } else if (a == "sort-empty") {
+    shlist_sort(c->list, nullptr, SHLIST_SORT_EMPTY | SHLIST_SORT_NOARRAY);
+  } else if (a == "sort-rebuild") {
+    shlist_sort(c->list, nullptr, SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY);
+  } else if (a == "delete") {
+    shlist_delete(c->list);
+    c->list = nullptr;
+  }
+  return 7;
+}
+
+TEST_F(ContainersList, TraversalSurvivesChangesMadeByTheCallback) {
+  const struct {
+    const char* action;
+    Strings seen, left;
+  } cases[] = {
+      {"remove-next", {"a", "c", "e", "g"}, {"a", "c", "e", "g"}},
+      {"remove-self", {"a", "b", "c", "d", "e", "f", "g", "h"}, {}},
+      {"remove-last", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}},
+      {"empty", {"a"}, {}},
+      {"sort-empty", {"a"}, {}},
+      {"sort-rebuild", {"a"}, {"a", "b", "c", "d", "e", "f", "g", "h"}},
+      {"delete", {"a"}, {}},
+  };
+  const uint32_t base = live();
+  for (const auto& tc : cases) {
+    SHLIST* l = Make({"e", "f", "g", "h"});
+    for (const char* s : {"d", "c", "b", "a"}) {
+      shlist_get_first(l);
+      shlist_addbefore(l, S(s));
+    }
+    Changer c{l, tc.action, {}};
+    EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&c), Change), 7) << tc.action;
+    EXPECT_EQ(c.seen, tc.seen) << tc.action;
+    if (c.list) {
+      EXPECT_EQ(Contents(c.list), tc.left) << tc.action;
+      shlist_delete(c.list);
+    }
+    EXPECT_EQ(live(), base) << tc.action;
+  }
+}
+
 int32_t ByLength(void* a, void* b) {
   return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) -
          static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
