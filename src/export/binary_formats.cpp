@@ -17,6 +17,20 @@ constexpr int32_t kExcelDtBuf = 299;
 constexpr int32_t kWkDtBuf = 99;
 constexpr size_t kWkItemTextMax = 239;
 
+// Rows, columns and record lengths of the two worksheet formats are 16-bit.
+// Nothing is allowed to wrap: a text is cut to what its record's length field
+// can carry, and a cell whose row or column cannot be named is not written.
+constexpr int32_t kMax16 = 0xFFFF;
+constexpr size_t kExcelLabelMax = kMax16 - 8;  // LABEL length = 8 + text
+constexpr size_t kWkLabelMax = kMax16 - 7;     // LABEL length = 7 + text
+
+bool nameable(int32_t row, int32_t col) {
+  return row >= 0 && row <= kMax16 && col >= 0 && col <= kMax16;
+}
+
+// A count of a header, held at the largest value the field can carry.
+uint32_t count16(int32_t v) { return v > kMax16 ? kMax16 : static_cast<uint32_t>(v); }
+
 // The length of z, but at most `max`; never reads past either.
 size_t bounded_length(const char* z, size_t max) {
   size_t n = 0;
@@ -28,7 +42,9 @@ size_t bounded_length(const char* z, size_t max) {
 
 void excel_label(Out& out, int32_t row, int32_t col, const char* text, size_t n) {
   // The length field carries 8 + the full length and the count byte only its
-  // low 8 bits: long texts are not cut.
+  // low 8 bits: texts longer than 255 bytes are not cut, unless the length
+  // field itself could not carry them.
+  if (n > kExcelLabelMax) n = kExcelLabelMax;
   out.put_u16(0x0004);
   out.put_u16(static_cast<uint32_t>(8 + n));
   out.put_u16(static_cast<uint32_t>(row));
@@ -54,6 +70,7 @@ void excel_number(Out& out, int32_t row, int32_t col, double v) {
 // ---------------------------------------------------------------- worksheet
 
 void wk_label(Out& out, int32_t row, int32_t col, const char* text, size_t n) {
+  if (n > kWkLabelMax) n = kWkLabelMax;
   out.put_u16(0x000F);
   out.put_u16(static_cast<uint32_t>(7 + n));
   out.put('\x71');
@@ -143,7 +160,10 @@ int32_t dbase_column(ExportState* s, const char* name, int32_t width, int32_t ty
   const int32_t w = dbase_width(r, width, static_cast<uint8_t>(type));
   if (w < 0) return 0;  // a field cannot be narrower than nothing
   if (ex::column_store(s, name, w, type) == nullptr) return 0;
-  if (s->total_width > r.width_limit) return 0;
+  if (s->total_width > r.width_limit) {
+    s->total_width -= w;  // not declared: a narrower column may still follow
+    return 0;
+  }
   if (ex::column_is_last(s)) {
     Out out(s);
     if (dbase3)
@@ -160,6 +180,22 @@ int32_t dbase_item(ExportState* s, const void* value, bool dbase3) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
   const size_t width = col->width < 0 ? 0 : col->width > 299 ? 299 : static_cast<size_t>(col->width);
+  char number[320];
+  size_t number_len = 0;
+  if (col->type == ex::kNumber || col->type == ex::kDecimal) {
+    const int32_t size = static_cast<int32_t>(width) + 1;
+    if (col->type == ex::kNumber) {
+      const double v = value ? *static_cast<const double*>(value) : 0.0;
+      number_len = ex::render_double(s, v, number, size);
+    } else if (value != nullptr) {
+      number_len = ex::render_decimal(s, value, number, size);
+    } else {
+      std::memcpy(number, "0.0", 4);
+      number_len = 3;
+    }
+    if (number_len == ex::kNoFit) return 0;
+    if (number_len > width) number_len = width;
+  }
   Out out(s);
   if (s->cur_col == 0) out.put(' ');  // the record is not deleted
   char* field = out.reserve(width);     // the field is built in place
@@ -174,22 +210,9 @@ int32_t dbase_item(ExportState* s, const void* value, bool dbase3) {
       }
       break;
     case ex::kNumber:
-    case ex::kDecimal: {
-      size_t n;
-      const int32_t size = static_cast<int32_t>(width) + 1;
-      if (col->type == ex::kNumber) {
-        const double v = value ? *static_cast<const double*>(value) : 0.0;
-        n = ex::render_double(s, v, text, size);
-      } else if (value != nullptr) {
-        n = ex::render_decimal(s, value, text, size);
-      } else {
-        std::strcpy(text, "0.0");
-        n = 3;
-      }
-      if (n > width) n = width;
-      std::memcpy(field + (width - n), text, n);  // right-aligned
+    case ex::kDecimal:
+      std::memcpy(field + (width - number_len), number, number_len);  // right-aligned
       break;
-    }
     case ex::kDate:
     case ex::kDateTime:
       if (value != nullptr) {
@@ -233,7 +256,7 @@ ZBSHR_BEGIN_DECLS
 
 ZBSHR_API(ExportState*) osSaveExcelBegin(ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
                                          int32_t rows, int32_t columns, uint32_t options) {
-  if (file_name == nullptr) return nullptr;
+  if (file_name == nullptr || rows < 0) return nullptr;
   ExportState* s = ex::begin_state(Kind::Excel, heap, pool, file_name, rows, columns, options);
   if (s == nullptr) return nullptr;
   Out out(s);
@@ -244,24 +267,31 @@ ZBSHR_API(ExportState*) osSaveExcelBegin(ZBSTG_HEAP heap, uint32_t pool, const c
   out.put_u16(0x0000);  // DIMENSIONS
   out.put_u16(8);
   out.put_u16(0);
-  out.put_u16(static_cast<uint32_t>(rows));
+  out.put_u16(count16(rows));
   out.put_u16(0);
-  out.put_u16(static_cast<uint32_t>(columns));
+  out.put_u16(count16(columns));
   return ex::finish_begin(s, out);
 }
 
 ZBSHR_API(int32_t) osSaveExcelColumn(ExportState* s, const char* name, int32_t width,
                                      int32_t type) {
   if (ex::column_store(s, name, width, type) == nullptr) return 0;
-  return ex::heading_column(s, [&](Out& out) {
-    const char* z = name ? name : "";
-    excel_label(out, s->cur_row, s->cur_col, z, std::strlen(z));
-  });
+  return ex::heading_column(
+      s,
+      [&](Out& out) {
+        const char* z = name ? name : "";
+        excel_label(out, s->cur_row, s->cur_col, z, std::strlen(z));
+      },
+      nameable(s->cur_row, s->cur_col));
 }
 
 ZBSHR_API(int32_t) osSaveExcelItem(ExportState* s, const void* value) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
+  if (!nameable(s->cur_row, s->cur_col)) {  // past the last row (or column) there is
+    ex::item_advance(s);                    // no record that could hold the cell
+    return 0;
+  }
   if (value != nullptr) {
     Out out(s);
     char buf[kExcelDtBuf + ex::kSuffixRoom];
@@ -294,7 +324,7 @@ ZBSHR_API(int32_t) osSaveExcelItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveExcelEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put_u16(0x000A);  // EOF
   out.put_u16(0);
@@ -305,7 +335,7 @@ ZBSHR_API(int32_t) osSaveExcelEnd(ExportState* s) {
 
 ZBSHR_API(ExportState*) osSaveWkBegin(ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
                                       int32_t rows, int32_t columns, uint32_t options) {
-  if (file_name == nullptr) return nullptr;
+  if (file_name == nullptr || rows < 0) return nullptr;
   ExportState* s = ex::begin_state(Kind::Wk, heap, pool, file_name, rows, columns, options);
   if (s == nullptr) return nullptr;
   Out out(s);
@@ -316,8 +346,8 @@ ZBSHR_API(ExportState*) osSaveWkBegin(ZBSTG_HEAP heap, uint32_t pool, const char
   out.put_u16(8);
   out.put_u16(0);
   out.put_u16(0);
-  out.put_u16(static_cast<uint32_t>(columns));
-  out.put_u16(static_cast<uint32_t>(rows));
+  out.put_u16(count16(columns));
+  out.put_u16(count16(rows));
   return ex::finish_begin(s, out);
 }
 
@@ -326,15 +356,22 @@ ZBSHR_API(int32_t) osSaveWkColumn(ExportState* s, const char* name, int32_t widt
   int32_t w = width;
   if (w >= 240 || (w == 0 && static_cast<uint8_t>(type) == ex::kString)) w = 239;
   if (ex::column_store(s, name, w, type) == nullptr) return 0;
-  return ex::heading_column(s, [&](Out& out) {
-    const char* z = name ? name : "";
-    wk_label(out, 0, s->cur_col, z, std::strlen(z));  // headings are not cut
-  });
+  return ex::heading_column(
+      s,
+      [&](Out& out) {
+        const char* z = name ? name : "";
+        wk_label(out, 0, s->cur_col, z, std::strlen(z));  // headings are cut only to 65,528
+      },
+      nameable(0, s->cur_col));
 }
 
 ZBSHR_API(int32_t) osSaveWkItem(ExportState* s, const void* value) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
+  if (!nameable(s->cur_row, s->cur_col)) {
+    ex::item_advance(s);
+    return 0;
+  }
   if (value != nullptr) {
     Out out(s);
     char buf[kWkDtBuf + ex::kSuffixRoom];
@@ -368,7 +405,7 @@ ZBSHR_API(int32_t) osSaveWkItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveWkEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put_u16(0x0001);  // end of file
   out.put_u16(0);
@@ -379,7 +416,7 @@ ZBSHR_API(int32_t) osSaveWkEnd(ExportState* s) {
 
 ZBSHR_API(ExportState*) osSaveDbase2Begin(ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
                                           int32_t rows, int32_t columns, uint32_t options) {
-  if (file_name == nullptr || rows >= 65536 || columns >= 33) return nullptr;
+  if (file_name == nullptr || rows < 0 || rows >= 65536 || columns >= 33) return nullptr;
   ExportState* s = ex::begin_state(Kind::Dbase2, heap, pool, file_name, rows, columns, options);
   if (s == nullptr) return nullptr;
   SHDATETIME now;
@@ -404,7 +441,7 @@ ZBSHR_API(int32_t) osSaveDbase2Item(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveDbase2End(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put('\x1A');
   return ex::end_file(s, out);
@@ -414,7 +451,7 @@ ZBSHR_API(int32_t) osSaveDbase2End(ExportState* s) {
 
 ZBSHR_API(ExportState*) osSaveDbase3Begin(ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
                                           int32_t rows, int32_t columns, uint32_t options) {
-  if (file_name == nullptr || rows > 1000000000 || columns >= 129) return nullptr;
+  if (file_name == nullptr || rows < 0 || rows > 1000000000 || columns >= 129) return nullptr;
   ExportState* s = ex::begin_state(Kind::Dbase3, heap, pool, file_name, rows, columns, options);
   if (s == nullptr) return nullptr;
   SHDATETIME now;

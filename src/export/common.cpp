@@ -1,11 +1,14 @@
 // The parts of an export every format shares: the state record, the output
 // channel, the column and item bookkeeping and the rendering of values.
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <unordered_set>
 
 #include "export/state.h"
 #include "platform/platform.h"
@@ -112,6 +115,49 @@ void Out::put_quoted(const char* z) {
 }
 
 
+// ---------------------------------------------------------------- registry
+
+namespace {
+
+struct Registry {
+  std::mutex lock;
+  std::unordered_set<const ExportState*> live;
+};
+
+// Never destroyed: an export may still be ended while the process exits.
+Registry& registry() {
+  static Registry* r = new Registry;
+  return *r;
+}
+
+// Enters a new state; false when the registry cannot grow.
+bool enter(const ExportState* s) {
+  Registry& r = registry();
+  try {
+    std::lock_guard<std::mutex> g(r.lock);
+    r.live.insert(s);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
+
+bool is_live(const ExportState* s) {
+  if (s == nullptr) return false;
+  Registry& r = registry();
+  std::lock_guard<std::mutex> g(r.lock);
+  return r.live.count(s) != 0;
+}
+
+bool claim(const ExportState* s) {
+  if (s == nullptr) return false;
+  Registry& r = registry();
+  std::lock_guard<std::mutex> g(r.lock);
+  return r.live.erase(s) != 0;
+}
+
 // ---------------------------------------------------------------- state
 
 void derive_table_name(const char* name, char* out) {
@@ -182,11 +228,17 @@ ExportState* begin_state(Kind kind, ZBSTG_HEAP heap, uint32_t pool, const char* 
   shformatCmplDateTimeMask(s->fmt_time, "[TIME]", SHFORMAT_BUFSIZE);
   shformatCmplDateTimeMask(s->fmt_datetime, "[SHORTDATE] [TIME]", SHFORMAT_BUFSIZE);
   derive_table_name(file_name, s->table);
+  if (!enter(s)) {
+    if (s->file_open) osFileClose(&s->file, 0);
+    zbstg_free(heap, mem);
+    return nullptr;
+  }
   return s;
 }
 
 void free_state(ExportState* s) {
   if (s == nullptr) return;
+  claim(s);  // no longer live, whoever released it
   ZBSTG_HEAP heap = s->heap;
   for (int32_t i = 0; i < s->cols; ++i) {
     if (s->columns[i].name != nullptr) zbstg_free(heap, s->columns[i].name);
@@ -223,7 +275,7 @@ int32_t end_file(ExportState* s, Out& out) {
 
 ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int32_t type) {
   // Every column is declared once; a further Column call is refused.
-  if (s == nullptr || s->declared >= s->cols || s->cur_col < 0 || s->cur_col >= s->cols)
+  if (!is_live(s) || s->declared >= s->cols || s->cur_col < 0 || s->cur_col >= s->cols)
     return nullptr;
   ExportColumn* c = &s->columns[s->cur_col];
   c->width = width;
@@ -258,15 +310,185 @@ static size_t finish_text(char* out, int32_t size) {
   return n;
 }
 
+// The decimal separator "[GENERAL]" writes (regional), learnt once from the
+// text of 0.5.
+static char decimal_separator(ExportState* s) {
+  if (s->dec_sep == 0) {
+    char t[8] = {};
+    const double half = 0.5;
+    shformatDouble(t, sizeof t, s->fmt_number, &half);
+    s->dec_sep = (t[0] == '0' && t[1] != '\0' && t[2] == '5' && t[3] == '\0') ? t[1] : '.';
+  }
+  return s->dec_sep;
+}
+
+// Copies a candidate text into out when it fits `size` bytes with its
+// terminator.
+static bool take_if_fits(const char* text, size_t n, char* out, int32_t size) {
+  if (n + 1 > static_cast<size_t>(size)) return false;
+  std::memcpy(out, text, n);
+  out[n] = '\0';
+  return true;
+}
+
+// A double with `digits` significant digits, laid out as the general form
+// lays out its 15: plain, or with an exponent (at least two digits) when the
+// exponent is below -4 or at least the number of digits; no trailing zeros.
+static size_t general_digits(double v, int digits, char sep, char* out, size_t room) {
+  auto r = std::to_chars(out, out + room, v, std::chars_format::general, digits);
+  if (r.ec != std::errc()) return 0;
+  for (char* p = out; p != r.ptr; ++p) {
+    if (*p == '.') *p = sep;
+    else if (*p == 'e') *p = 'E';
+  }
+  return static_cast<size_t>(r.ptr - out);
+}
+
+static size_t fit_double(ExportState* s, double v, char* out, int32_t size) {
+  const char sep = decimal_separator(s);
+  char t[64];
+  for (int digits = 14; digits >= 1; --digits) {
+    const size_t n = general_digits(v, digits, sep, t, sizeof t);
+    if (n > 0 && take_if_fits(t, n, out, size)) return n;
+  }
+  out[0] = '\0';
+  return kNoFit;
+}
+
 size_t render_double(ExportState* s, double v, char* out, int32_t size) {
   out[0] = '\0';
-  shformatDouble(out, size, s->fmt_number, &v);
+  if (shformatDouble(out, size, s->fmt_number, &v) == SHFORMAT_E_OVERFLOW)
+    return fit_double(s, v, out, size);
   return finish_text(out, size);
+}
+
+namespace {
+
+// The digits of a decimal's value: d[0..n) with the point after `point`
+// digits (negative or beyond n: zeros), no leading or trailing zeros.
+struct DecDigits {
+  bool neg = false;
+  char d[SHDEC_TEXT_SIZE] = {};
+  int n = 0;
+  int point = 0;
+};
+
+bool decimal_digits(const void* dec, DecDigits& g) {
+  char text[SHDEC_TEXT_SIZE + 8];
+  if (ConvDecimalToAscii(text, static_cast<const SHDEC*>(dec)) == nullptr) return false;
+  const char* p = text;
+  if (*p == '-') {
+    g.neg = true;
+    ++p;
+  }
+  char all[SHDEC_TEXT_SIZE + 8];
+  int count = 0, int_digits = -1;
+  for (; *p; ++p) {
+    if (*p == '.' && int_digits < 0) {
+      int_digits = count;
+      continue;
+    }
+    if (*p < '0' || *p > '9' || count >= SHDEC_TEXT_SIZE) return false;
+    all[count++] = *p;
+  }
+  if (int_digits < 0) int_digits = count;
+  int first = 0;
+  while (first < count && all[first] == '0') ++first;
+  g.n = count - first;
+  g.point = int_digits - first;
+  std::memcpy(g.d, all + first, static_cast<size_t>(g.n));
+  while (g.n > 0 && g.d[g.n - 1] == '0') --g.n;
+  return true;
+}
+
+// Rounds to `digits` significant digits, half away from zero, and drops the
+// trailing zeros.
+DecDigits round_digits(const DecDigits& g, int digits) {
+  DecDigits r = g;
+  if (r.n <= digits) return r;
+  const bool up = r.d[digits] >= '5';
+  r.n = digits;
+  if (up) {
+    int i = digits - 1;
+    while (i >= 0 && r.d[i] == '9') r.d[i--] = '0';
+    if (i >= 0) {
+      ++r.d[i];
+    } else {  // 9.99 became 10.0
+      std::memmove(r.d + 1, r.d, static_cast<size_t>(r.n));
+      r.d[0] = '1';
+      ++r.point;
+    }
+  }
+  while (r.n > 0 && r.d[r.n - 1] == '0') --r.n;
+  return r;
+}
+
+// The plain layout of the general form: 0.00123, 1230, 12.3.
+size_t lay_plain(const DecDigits& g, char sep, char* out) {
+  char* p = out;
+  if (g.neg) *p++ = '-';
+  if (g.point <= 0) {
+    *p++ = '0';
+    *p++ = sep;
+    for (int i = 0; i < -g.point; ++i) *p++ = '0';
+    std::memcpy(p, g.d, static_cast<size_t>(g.n));
+    p += g.n;
+  } else {
+    for (int i = 0; i < g.point; ++i) *p++ = i < g.n ? g.d[i] : '0';
+    if (g.n > g.point) {
+      *p++ = sep;
+      std::memcpy(p, g.d + g.point, static_cast<size_t>(g.n - g.point));
+      p += g.n - g.point;
+    }
+  }
+  return static_cast<size_t>(p - out);
+}
+
+// The exponent layout: 1.23E-25, 1E+27.
+size_t lay_exponent(const DecDigits& g, char sep, char* out) {
+  char* p = out;
+  if (g.neg) *p++ = '-';
+  *p++ = g.d[0];
+  if (g.n > 1) {
+    *p++ = sep;
+    std::memcpy(p, g.d + 1, static_cast<size_t>(g.n - 1));
+    p += g.n - 1;
+  }
+  const int x = g.point - 1;
+  *p++ = 'E';
+  *p++ = x < 0 ? '-' : '+';
+  const int ax = x < 0 ? -x : x;
+  if (ax < 10) *p++ = '0';
+  p = Out::format_int(p, ax, 1);
+  return static_cast<size_t>(p - out);
+}
+
+}  // namespace
+
+// A decimal shows all its digits in plain form; when they do not fit, the
+// fewest digits lost in plain form, and only then the exponent form.
+static size_t fit_decimal(ExportState* s, const void* dec, char* out, int32_t size) {
+  out[0] = '\0';
+  DecDigits g;
+  if (!decimal_digits(dec, g) || g.n == 0) return kNoFit;
+  const char sep = decimal_separator(s);
+  char t[2 * SHDEC_TEXT_SIZE + 16];
+  for (int digits = g.n - 1; digits >= 1; --digits) {
+    const size_t n = lay_plain(round_digits(g, digits), sep, t);
+    if (take_if_fits(t, n, out, size)) return n;
+  }
+  for (int digits = g.n; digits >= 1; --digits) {
+    const size_t n = lay_exponent(round_digits(g, digits), sep, t);
+    if (take_if_fits(t, n, out, size)) return n;
+  }
+  out[0] = '\0';
+  return kNoFit;
 }
 
 size_t render_decimal(ExportState* s, const void* dec, char* out, int32_t size) {
   out[0] = '\0';
-  shformatDecimal(out, size, s->fmt_number, dec);
+  if (shformatDecimal(out, size, s->fmt_number, dec) == SHFORMAT_E_OVERFLOW)
+    return fit_decimal(s, dec, out, size);
   return finish_text(out, size);
 }
 

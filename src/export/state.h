@@ -66,6 +66,7 @@ struct ExportState {
   zbshr::exp::Kind kind;
   int32_t time_sep_read;                         // 1 once time_sep holds the separator
   char time_sep[zbshr::exp::kTimeSepMax + 1];    // "sTime" of the regional profile
+  char dec_sep;                                  // decimal separator of "[GENERAL]", or 0
   zbshr::exp::ExportColumn* columns;             // `cols` entries, right after the record
 };
 
@@ -195,6 +196,15 @@ inline void Out::commit_in_file() {
 // Zero bytes always succeed.
 bool write_out(ExportState* s, const void* p, size_t n);
 
+// The registry of live export states. begin_state enters a state, free_state
+// removes it; every call checks its handle here first, so a handle that was
+// never returned by Begin, or that End has already released, is refused
+// instead of being used. Safe to call from any thread.
+bool is_live(const ExportState* s);
+// Removes the state from the registry; true when it was there. End claims its
+// handle this way, so that of two End calls on one handle only one goes on.
+bool claim(const ExportState* s);
+
 // Allocates and prepares the state (steps 1 to 5 of every Begin): null when
 // the file cannot be created. `file_name` null opens no file.
 ExportState* begin_state(Kind kind, ZBSTG_HEAP heap, uint32_t pool, const char* file_name,
@@ -209,8 +219,8 @@ void free_state(ExportState* s);
 int32_t end_file(ExportState* s, Out& out);
 
 // Column bookkeeping: stores name, clamped width and type in the current
-// entry and adds the width to the total. Null when the handle is null or every
-// column is already declared.
+// entry and adds the width to the total. Null when the handle is not live or
+// every column is already declared (so once the first Item is in).
 ExportColumn* column_store(ExportState* s, const char* name, int32_t width, int32_t type);
 inline bool column_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
 // Advances the current column; true when that was the last one (the current
@@ -218,10 +228,16 @@ inline bool column_is_last(const ExportState* s) { return s->cur_col + 1 >= s->c
 bool column_advance(ExportState* s);
 // The rest of a column call of the spreadsheet formats, after column_store:
 // with headings on, `heading(out)` writes the column's name and, once the
-// last column is in, the data starts one row down.
+// last column is in, the data starts one row down. A heading whose column a
+// 16-bit field cannot name (`nameable` false) is left out: the column still
+// counts as declared and the call answers 0.
 template <class F>
-int32_t heading_column(ExportState* s, F&& heading) {
+int32_t heading_column(ExportState* s, F&& heading, bool nameable = true) {
   const bool headings = (s->options & OSSAVE_HEADINGS) != 0;
+  if (headings && !nameable) {
+    if (column_advance(s)) ++s->cur_row;
+    return 0;
+  }
   if (headings) {
     Out out(s);
     heading(out);
@@ -231,10 +247,12 @@ int32_t heading_column(ExportState* s, F&& heading) {
   return 1;
 }
 
-// The column of the next cell, or null when the handle is null or has no
-// columns.
+// The column of the next cell, or null when the handle is not live, has no
+// columns, or not every column has been declared yet.
 inline ExportColumn* item_column(ExportState* s) {
-  if (s == nullptr || s->cols <= 0 || s->cur_col < 0 || s->cur_col >= s->cols) return nullptr;
+  if (!is_live(s) || s->cols <= 0 || s->declared < s->cols || s->cur_col < 0 ||
+      s->cur_col >= s->cols)
+    return nullptr;
   return &s->columns[s->cur_col];
 }
 inline bool item_is_last(const ExportState* s) { return s->cur_col + 1 >= s->cols; }
@@ -248,6 +266,13 @@ inline void item_advance(ExportState* s) {
 
 // Rendering through the compiled display formats into a buffer of `size`
 // bytes (terminator included). Each returns the text length.
+//
+// A number whose general text does not fit is rendered again with fewer
+// significant digits (rounded, as a narrow spreadsheet cell shows it) until it
+// fits; a decimal keeps its plain form as long as one fits, then takes the
+// exponent form. kNoFit when not even one digit in exponent form fits: the
+// caller fails the cell rather than write a text that is not the value.
+constexpr size_t kNoFit = static_cast<size_t>(-1);
 size_t render_double(ExportState* s, double v, char* out, int32_t size);
 size_t render_decimal(ExportState* s, const void* dec, char* out, int32_t size);
 // Date: "[SHORTDATE]"; time and date-time also get the fraction suffix, which

@@ -20,7 +20,8 @@ constexpr int32_t kNumBuf = 30;     // number rendering buffer of most formats
 constexpr int32_t kDifNumBuf = 16;  // DIF renders numbers into 16 bytes
 
 // Writes the rendered text of a number, decimal, date, time or date-time
-// value (non-null) into `out`, returns its length; 0 for other types.
+// value (non-null) into `out`, returns its length; 0 for other types, and
+// ex::kNoFit for a number that cannot be shown in `num_buf` bytes.
 size_t render_value(ExportState* s, uint8_t type, const void* v, char* out, int32_t num_buf) {
   switch (type) {
     case ex::kNumber: return ex::render_double(s, *static_cast<const double*>(v), out, num_buf);
@@ -86,7 +87,9 @@ int32_t delimited_item(ExportState* s, const void* value, char sep, Quote q) {
     } else {
       // rendered straight into the output
       char* at = out.reserve(kDtBuf + ex::kSuffixRoom);
-      out.commit(render_value(s, col->type, value, at, kNumBuf));
+      const size_t n = render_value(s, col->type, value, at, kNumBuf);
+      if (n == ex::kNoFit) return 0;  // nothing of the cell was sent
+      out.commit(n);
     }
   }
   if (ex::item_is_last(s))
@@ -137,7 +140,7 @@ ZBSHR_API(int32_t) osSaveCsvItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveCsvEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;  // never begun, or already ended
   Out out(s);
   return ex::end_file(s, out);
 }
@@ -177,7 +180,7 @@ ZBSHR_API(int32_t) osSaveClipItem(ExportState* s, const void* value) {
 
 ZBSHR_API(int32_t) osSaveClipEnd(ExportState* s) {
   namespace plat = zbshr::plat;
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   plat::HGLOBAL h = nullptr;
   if (s->clip != nullptr && s->clip_used > 0) {
     h = plat::GlobalAlloc(plat::GMEM_MOVEABLE | plat::GMEM_ZEROINIT,
@@ -253,6 +256,12 @@ ZBSHR_API(int32_t) osSaveSqlColumn(ExportState* s, const char* name, int32_t wid
 ZBSHR_API(int32_t) osSaveSqlItem(ExportState* s, const void* value) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
+  char num[kNumBuf];
+  size_t num_len = 0;
+  if (value != nullptr && (col->type == ex::kNumber || col->type == ex::kDecimal)) {
+    num_len = render_value(s, col->type, value, num, kNumBuf);
+    if (num_len == ex::kNoFit) return 0;
+  }
   Out out(s);
   if (s->cur_col == 0) {
     out.put("\r\nINSERT INTO ");
@@ -280,11 +289,9 @@ ZBSHR_API(int32_t) osSaveSqlItem(ExportState* s, const void* value) {
         break;
       }
       case ex::kNumber:
-      case ex::kDecimal: {
-        char* at = out.reserve(kNumBuf);
-        out.commit(render_value(s, col->type, value, at, kNumBuf));
+      case ex::kDecimal:
+        out.put(num, num_len);
         break;
-      }
       case ex::kDate:
       case ex::kTime:
       case ex::kDateTime:
@@ -300,7 +307,7 @@ ZBSHR_API(int32_t) osSaveSqlItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveSqlEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put(kCrLf, 2);
   return ex::end_file(s, out);
@@ -338,29 +345,28 @@ ZBSHR_API(int32_t) osSaveDifColumn(ExportState* s, const char* name, int32_t wid
 ZBSHR_API(int32_t) osSaveDifItem(ExportState* s, const void* value) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
+  char buf[kDtBuf + ex::kSuffixRoom];
+  size_t num_len = 0;
+  if (col->type == ex::kNumber) {
+    const double v = value ? *static_cast<const double*>(value) : 0.0;
+    num_len = ex::render_double(s, v, buf, kDifNumBuf);
+  } else if (col->type == ex::kDecimal) {
+    num_len = value ? ex::render_decimal(s, value, buf, kDifNumBuf) : 3;
+    if (value == nullptr) std::memcpy(buf, "0.0", 4);
+  }
+  if (num_len == ex::kNoFit) return 0;
   Out out(s);
   if (s->cur_col == 0) out.put("-1,0\r\nBOT\r\n");
-  char buf[kDtBuf + ex::kSuffixRoom];
   switch (col->type) {
     case ex::kString:
       out.put("1,0\r\n");
       out.put_quoted(value ? static_cast<const char*>(value) : "");
       out.put(kCrLf, 2);
       break;
-    case ex::kNumber: {
-      const double v = value ? *static_cast<const double*>(value) : 0.0;
-      size_t n = ex::render_double(s, v, buf, kDifNumBuf);
-      out.put("0,");
-      out.put(buf, n);
-      out.put("\r\nV\r\n");
-      break;
-    }
+    case ex::kNumber:
     case ex::kDecimal:
       out.put("0,");
-      if (value != nullptr)
-        out.put(buf, ex::render_decimal(s, value, buf, kDifNumBuf));
-      else
-        out.put("0.0");
+      out.put(buf, num_len);
       out.put("\r\nV\r\n");
       break;
     case ex::kDate:
@@ -380,7 +386,7 @@ ZBSHR_API(int32_t) osSaveDifItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveDifEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put("-1,0\r\nEOD\r\n");
   return ex::end_file(s, out);
@@ -412,27 +418,27 @@ ZBSHR_API(int32_t) osSaveSylkColumn(ExportState* s, const char* name, int32_t wi
 ZBSHR_API(int32_t) osSaveSylkItem(ExportState* s, const void* value) {
   ExportColumn* col = ex::item_column(s);
   if (col == nullptr) return 0;
-  Out out(s);
   char buf[kDtBuf + ex::kSuffixRoom];
+  size_t num_len = 0;
+  if (col->type == ex::kNumber) {
+    const double v = value ? *static_cast<const double*>(value) : 0.0;
+    num_len = ex::render_double(s, v, buf, kNumBuf);
+  } else if (col->type == ex::kDecimal) {
+    num_len = value ? ex::render_decimal(s, value, buf, kNumBuf) : 3;
+    if (value == nullptr) std::memcpy(buf, "0.0", 4);
+  }
+  if (num_len == ex::kNoFit) return 0;
+  Out out(s);
   switch (col->type) {
     case ex::kString:
       sylk_prefix(s, out);
       out.put_quoted(value ? static_cast<const char*>(value) : "");
       out.put(kCrLf, 2);
       break;
-    case ex::kNumber: {
-      sylk_prefix(s, out);
-      const double v = value ? *static_cast<const double*>(value) : 0.0;
-      out.put(buf, ex::render_double(s, v, buf, kNumBuf));
-      out.put(kCrLf, 2);
-      break;
-    }
+    case ex::kNumber:
     case ex::kDecimal:
       sylk_prefix(s, out);
-      if (value != nullptr)
-        out.put(buf, ex::render_decimal(s, value, buf, kNumBuf));
-      else
-        out.put("0.0");
+      out.put(buf, num_len);
       out.put(kCrLf, 2);
       break;
     case ex::kDate:
@@ -453,7 +459,7 @@ ZBSHR_API(int32_t) osSaveSylkItem(ExportState* s, const void* value) {
 }
 
 ZBSHR_API(int32_t) osSaveSylkEnd(ExportState* s) {
-  if (s == nullptr) return 0;
+  if (!ex::claim(s)) return 0;
   Out out(s);
   out.put("E\r\n");
   return ex::end_file(s, out);

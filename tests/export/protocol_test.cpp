@@ -1,5 +1,8 @@
 // The protocol shared by every format: table names, misuse of the calls,
 // write failures, and the release of everything an export allocated.
+#include <atomic>
+#include <thread>
+
 #include "export/state.h"
 #include "export_util.h"
 
@@ -68,17 +71,51 @@ TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
     EXPECT_EQ(f.end(nullptr), 0);
     EXPECT_EQ(f.begin(nullptr, 0, path("n").c_str(), 1, 1, 0), nullptr);
     EXPECT_EQ(f.begin(heap_, 0, path("n").c_str(), 1, -1, 0), nullptr);
-    ExportState* h = f.begin(heap_, 0, path(std::string("m.") + f.name).c_str(), 1, 1, 0);
+    const std::string file = path(std::string("m.") + f.name);
+    ExportState* h = f.begin(heap_, 0, file.c_str(), 1, 2, 0);
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(f.column(h, nullptr, 4, 1), 1);  // a null name is an empty name
-    EXPECT_EQ(f.column(h, "B", 4, 1), 0);      // only one column was announced
+    EXPECT_EQ(f.item(h, "early"), 0);          // not every column is declared yet
+    EXPECT_EQ(f.column(h, "B", 4, 1), 1);
     EXPECT_EQ(f.item(h, "v"), 1);
-    EXPECT_EQ(f.item(h, nullptr), 1);  // more rows than announced are fine
+    EXPECT_EQ(f.column(h, "C", 4, 1), 0);  // columns come before the first cell
+    EXPECT_EQ(f.item(h, nullptr), 1);
+    EXPECT_EQ(f.item(h, "w"), 1);  // more rows than announced are fine
     EXPECT_EQ(f.end(h), 1);
+    // an ended handle is refused by every call, a second End included
+    EXPECT_EQ(f.end(h), 0);
+    EXPECT_EQ(f.item(h, "x"), 0);
+    EXPECT_EQ(f.column(h, "D", 4, 1), 0);
+    EXPECT_EQ(f.end(reinterpret_cast<ExportState*>(&h)), 0);  // never a handle
+    if (f.item != osSaveClipItem) {
+      EXPECT_EQ(read_file(file).find("early"), std::string::npos);
+    }
     ExportState* none = f.begin(heap_, 0, path(std::string("z.") + f.name).c_str(), 0, 0, 0);
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(f.item(none, "v"), 0);  // no columns: nowhere to put a cell
     EXPECT_EQ(f.end(none), 1);
+  }
+}
+
+TEST_F(ExportProtocol, OfTwoEndsRacingOnOneHandleOnlyOneRuns) {
+  for (int round = 0; round < 50; ++round) {
+    ExportState* h = osSaveCsvBegin(heap_, 0, path("race.csv").c_str(), 1, 1, 0);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(osSaveCsvColumn(h, "A", 1, 1), 1);
+    std::atomic<int> go{0};
+    int32_t r1 = -1, r2 = -1;
+    std::thread t1([&] {
+      while (go.load() == 0) {
+      }
+      r1 = osSaveCsvEnd(h);
+    });
+    std::thread t2([&] {
+      go.store(1);
+      r2 = osSaveCsvEnd(h);
+    });
+    t1.join();
+    t2.join();
+    ASSERT_EQ(r1 + r2, 1) << round;
   }
 }
 
