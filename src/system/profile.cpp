@@ -102,17 +102,19 @@ std::string RegistryKeyName(const Host& h) {
   return "Software\\Harrowvane\\" + h.product + "\\5.0";
 }
 
-// The init path into at most `room` characters (the caller's buffer less its
-// terminator), ending in a separator or ':' when not empty.
+// The init path read into a buffer of `room` bytes (the caller's buffer less
+// one), so a stored value keeps at most room - 1 characters and the separator
+// appended to it always fits. Not empty: ends in a separator or ':'.
 std::string FindInitPath(const Host& h, size_t room) {
+  if (room == 0) return std::string();
   std::string path;
   bool found = false;
   plat::HKEY key = nullptr;
   if (plat::RegOpenKeyExA(plat::HKEY_CURRENT_USER, RegistryKeyName(h).c_str(), 0, plat::KEY_READ,
                           &key) == plat::ERROR_SUCCESS) {
-    std::string buf(room + 1, '\0');
+    std::string buf(room, '\0');
     plat::DWORD type = 0;
-    plat::DWORD size = static_cast<plat::DWORD>(room + 1);
+    plat::DWORD size = static_cast<plat::DWORD>(room);
     if (plat::RegQueryValueExA(key, "InitPath", nullptr, &type,
                                reinterpret_cast<uint8_t*>(buf.data()), &size) ==
         plat::ERROR_SUCCESS) {
@@ -122,18 +124,18 @@ std::string FindInitPath(const Host& h, size_t room) {
     plat::RegCloseKey(key);
   }
   if (!found) {
-    std::string buf(room + 1, '\0');
+    std::string buf(room, '\0');
     plat::GetProfileStringA(h.product.c_str(), "InitPath050", "", buf.data(),
-                            static_cast<plat::DWORD>(room + 1));
+                            static_cast<plat::DWORD>(room));
     path = buf.c_str();
     if (path.empty()) {
       plat::GetProfileStringA(h.product.c_str(), "InitPath", h.folder.c_str(), buf.data(),
-                              static_cast<plat::DWORD>(room + 1));
+                              static_cast<plat::DWORD>(room));
       path = buf.c_str();
     }
   }
-  if (path.size() > room) path.resize(room);
-  if (!path.empty() && !EndsPathLike(path) && path.size() < room) path += kSep;
+  if (path.size() >= room) path.resize(room - 1);
+  if (!path.empty() && !EndsPathLike(path)) path += kSep;
   return path;
 }
 
@@ -178,7 +180,9 @@ std::string ProfileFileForWriting(const Host& h) {
   std::string path = ProfileFileForReading(h);
   if (!FileExists(path)) {
     StoreInitPath(h, std::string());
-    path = h.folder + kSep + h.short_name + ".ini";
+    // A host known by name only has no folder: its profile is then the bare
+    // file name, found where reads look for it (never the filesystem root).
+    path = (h.folder.empty() ? std::string() : h.folder + kSep) + h.short_name + ".ini";
   }
   return path;
 }

@@ -139,6 +139,25 @@ TEST_F(ProfileTest, GetInitPathReplacesWhatWouldNotFit) {
   EXPECT_EQ(InitPath(26, "file.ini"), "/abcdefghij/file.ini");
 }
 
+// The init path is read into the caller's size less one, so a stored value is
+// cut or refused early enough for its separator to fit.
+TEST_F(ProfileTest, InitPathKeepsRoomForItsSeparator) {
+  const std::string value = "/0123456789abcdefghijklmnopqrstuvwxyz";
+  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=" + value + "\n");
+  EXPECT_EQ(InitPath(20), value.substr(0, 18) + "/");
+  EXPECT_EQ(InitPath(4), "/0/");
+  EXPECT_EQ(InitPath(2), "");  // a one-byte buffer holds no character
+
+  // A registry value that needs the whole buffer does not fit in it: the
+  // system profile applies instead. One byte more and it is read.
+  fs::path cfg = root_ / "cfg";
+  Spill(cfg / "zb.ini", "");
+  ASSERT_NE(OS_UtilPutInitPath(cfg.c_str()), 0);
+  const int n = static_cast<int>(cfg.string().size());
+  EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
+  EXPECT_EQ(InitPath(n + 2), cfg.string() + "/");
+}
+
 TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
   EXPECT_EQ(OS_UtilGetProfInt("s", "n", 42), 42);
   // No profile file anywhere: the write lands in the host folder.
@@ -158,6 +177,20 @@ TEST_F(ProfileTest, WriteToMissingProfileDropsStoredInitPath) {
   EXPECT_NE(OS_UtilPutProfStr("a", "b", "c"), 0);
   EXPECT_TRUE(fs::exists(hostdir_ / "zb.ini"));
   EXPECT_EQ(InitPath(), hostdir_.string() + "/");  // the stored path is gone
+}
+
+// A host known by its bare program name has no folder: its profile is written
+// where it is read (the configuration folder), not at the filesystem root.
+TEST_F(ProfileTest, HostWithoutAFolderWritesWhereItReads) {
+  setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
+  char pf[300];
+  EXPECT_EQ(OS_UtilGetProfileFile(pf, sizeof pf, 1), 6);
+  EXPECT_STREQ(pf, "kw.ini");
+  EXPECT_NE(OS_UtilPutProfStr("Run", "Mode", "fast"), 0);
+  EXPECT_EQ(Slurp(home_ / "kw.ini"), "[Run]\nMode=fast\n");
+  char buf[16];
+  EXPECT_EQ(OS_UtilGetProfStr("run", "mode", "", buf, sizeof buf), 4);
+  EXPECT_STREQ(buf, "fast");
 }
 
 TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
