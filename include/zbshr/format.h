@@ -112,6 +112,15 @@ ZBSHR_API(int32_t) shformatDecimal(char* out, int32_t size, const unsigned char*
 ZBSHR_API(int32_t) shformatString(char* out, int32_t size, const unsigned char* compiled,
                                   const char* value);
 
+/* The colour a mask gives a value, for a host that paints it: the palette
+ * index of the section the value is shown with ([Black] 1, [White] 2,
+ * [Red] 3, [Green] 4, [Blue] 5, [Yellow] 6, [Magenta] 7, [Cyan] 8, or
+ * [ColorN] N, 1..56), 0 when that section names none. value points to a
+ * double for a numeric format; date and string formats only test it for
+ * null. The text formatted is the same whatever the colour. */
+ZBSHR_API(int32_t) shformatColor(const unsigned char* compiled, const double* value,
+                                 int32_t* color);
+
 /* -------------------------------------------------------- pattern matcher */
 
 /* Compile errors (0 on success) */
