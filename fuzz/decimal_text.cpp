@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "decimal/hook.h"
+#include "decimal/wide.h"
 #include "zbshr/decimal.h"
 
 namespace {
@@ -33,7 +34,7 @@ namespace {
     }                                                                             \
   } while (0)
 
-using u128 = unsigned __int128;
+using u128 = zbshr::dec::u128;
 const u128 kLimit = u128(1) << 79;
 
 int16_t g_last = 0;

@@ -5,9 +5,15 @@
 
 #include <cstdint>
 
+#include "decimal/u128.h"
+
 namespace zbshr::dec {
 
+#if defined(__SIZEOF_INT128__) && !defined(ZBSHR_PORTABLE_U128)
 using u128 = unsigned __int128;
+#else
+using u128 = U128;
+#endif
 
 struct Wide {
   uint64_t w[4] = {0, 0, 0, 0};

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "decimal/hook.h"
+#include "decimal/wide.h"
 #include "zbshr/decimal.h"
 
 namespace dectest {
 
-using u128 = unsigned __int128;
+using u128 = zbshr::dec::u128;
 
 inline SHDEC raw(uint16_t sign, int16_t scale, u128 mag) {
   SHDEC d;

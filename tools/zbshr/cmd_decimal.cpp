@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "cli.h"
-#include "decimal/hook.h"
 #include "zbshr/decimal.h"
 
 namespace {
@@ -69,7 +68,10 @@ const char* meaning(int code) {
   }
 }
 
-std::string u128_text(unsigned __int128 v) {
+// The 80-bit magnitudes of raw records fit in the compiler's 128-bit integer.
+__extension__ typedef unsigned __int128 u128;
+
+std::string u128_text(u128 v) {
   if (v == 0) return "0";
   std::string s;
   while (v) {
@@ -83,7 +85,7 @@ std::string u128_text(unsigned __int128 v) {
 bool read_decimal(const std::string& arg, SHDEC& d, std::string& why) {
   if (!arg.empty() && arg[0] == '@') {
     long long sign = 0, scale = 0;
-    unsigned __int128 m = 0;
+    u128 m = 0;
     const char* p = arg.c_str() + 1;
     char* end;
     sign = std::strtoll(p, &end, 10);
@@ -128,7 +130,7 @@ bool read_double(const std::string& arg, double& out) {
 
 std::string decimal_text(const SHDEC& d, bool raw) {
   if (raw) {
-    unsigned __int128 m = 0;
+    u128 m = 0;
     for (int i = 4; i >= 0; --i) m = (m << 16) | d.mag[i];
     return std::to_string(d.sign) + " " + std::to_string(d.scale) + " " + u128_text(m);
   }
@@ -329,7 +331,7 @@ int run_batch(bool raw) {
 }
 
 int cmd_dec(int argc, char** argv) {
-  zbshr::dec::set_error_hook(&collect);
+  zbshr_set_decimal_error_hook(&collect);
   bool raw = false, batch = false;
   std::vector<std::string> w;
   for (int i = 1; i < argc; ++i) {
@@ -361,7 +363,7 @@ int cmd_dec(int argc, char** argv) {
 }
 
 int demo_decimal(const zcli::DemoContext& ctx) {
-  zbshr::dec::set_error_hook(&collect);
+  zbshr_set_decimal_error_hook(&collect);
   const char* lines[][3] = {
       {"add", "1.5", "2.25"},       {"mul", "12345.67", "0.0825"}, {"div", "1", "3"},
       {"divr", "0.125", "1"},       {"mod", "10", "3"},            {"pow", "2", "0.5"},
