@@ -118,7 +118,7 @@ std::string to_text(uint64_t v) {
 int32_t render_fraction(const SecView& s, NumValue& v, bool minus, Out& o) {
   const SectionHeader& h = s.h;
   const auto& st = intl::settings();
-  double x = v.dv * pow10(2 * h.percent) / pow10(3 * h.scale);
+  double x = v.dv * (h.percent > 0 ? 100 : 1) / pow10(3 * h.scale);
   if (!(x < 9e15)) return SHFORMAT_E_VALUE;  // beyond whole-number precision
   const bool has_int = h.n_int > 0;
   double ip = has_int ? std::floor(x) : 0;
@@ -205,11 +205,11 @@ bool condition_holds(uint8_t op, double bound, double x) {
   }
 }
 
-// A condition that no value of zero or above meets: its section supplies
-// its own signs, as a negative section does.
-bool negative_only(uint8_t op, double bound) {
-  return (op == cLess && bound <= 0) || (op == cLessEq && bound < 0) ||
-         (op == cEqual && bound < 0);
+// Under conditions a negative value shows its '-' only in a section with a
+// condition of its own that is not "[<0]" or "[<=0]" (those, like a
+// negative section, supply their own signs).
+bool shows_sign(uint8_t op, double bound) {
+  return op != cNone && !((op == cLess || op == cLessEq) && bound == 0);
 }
 
 }  // namespace
@@ -227,7 +227,7 @@ const SecView* pick_section(const Compiled& c, const NumValue* v, bool& minus) {
     for (int k = 0; k < value_secs; ++k) {
       const SectionHeader& h = c.sec[k].h;
       if (!condition_holds(h.cond_op, h.cond_value, x)) continue;
-      minus = v->neg && !negative_only(h.cond_op, h.cond_value);
+      minus = v->neg && shows_sign(h.cond_op, h.cond_value);
       return &c.sec[k];
     }
     return nullptr;
@@ -244,7 +244,7 @@ int32_t render_number_section(const SecView& s, NumValue& v, bool minus, Out& o)
   const auto& st = intl::settings();
   const SectionHeader& h = s.h;
   const uint16_t flags = h.flags;
-  const int shift = 2 * h.percent - 3 * h.scale;
+  const int shift = (h.percent > 0 ? 2 : 0) - 3 * h.scale;  // '%' multiplies once
   if (!(flags & fDigits)) {
     literal_only(s, o);
     return SHFORMAT_OK;
