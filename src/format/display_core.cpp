@@ -211,13 +211,14 @@ bool general_word_at(std::string_view m, size_t i) {
   return m.size() - i >= 7 && iequals(m.substr(i, 7), "GENERAL");
 }
 
-int32_t literal_section(std::string_view m, Section& s) {
+int32_t literal_section(std::string_view m, Section& s, int32_t at_error) {
   for (size_t i = 0; i < m.size();) {
     int32_t e;
     if (read_common(m, i, s, e)) {
       if (e) return e;
       continue;
     }
+    if (m[i] == '@') return at_error;
     s.lit(m.substr(i, 1));
     ++i;
   }
@@ -233,7 +234,8 @@ int32_t compile_value_and_null(unsigned char* out, const char* mask, int32_t siz
   for (size_t k = 0; k < parts.size(); ++k) {
     std::string_view part = parts[k];
     if (k == 1) {
-      if (int32_t e = literal_section(part, secs[k])) return e;
+      const int32_t at_error = kind == kKindDate ? SHFORMAT_E_DATETIME : SHFORMAT_E_STRING;
+      if (int32_t e = literal_section(part, secs[k], at_error)) return e;
       continue;
     }
     if (part.empty()) part = "[GENERAL]";

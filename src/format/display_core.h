@@ -142,8 +142,9 @@ uint8_t colour_index(std::string_view name);
 // True when the word "General" (any case) stands at m[i].
 bool general_word_at(std::string_view m, size_t i);
 
-// A section compiled as literal text only (the null section).
-int32_t literal_section(std::string_view m, Section& s);
+// A section compiled as literal text only (the null section). An unquoted
+// '@' (a text placeholder elsewhere) is refused with `at_error`.
+int32_t literal_section(std::string_view m, Section& s, int32_t at_error);
 
 // Compiles a mask of a value section and a literal section for a null
 // value; an empty value section shows the general form.

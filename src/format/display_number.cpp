@@ -211,7 +211,7 @@ int32_t numeric_section(std::string_view m, Section& s, NumState& st, int depth)
       read_commas(m, i, s, st);
       continue;
     }
-    if (c == '/' && st.last == 1 && i + 1 < m.size() &&
+    if (c == '/' && st.last != 0 && i + 1 < m.size() &&
         (placeholder(m[i + 1]) || (m[i + 1] >= '1' && m[i + 1] <= '9'))) {
       if (int32_t e = start_fraction(m, i, s, st)) return e;
       continue;
@@ -298,7 +298,7 @@ int32_t compile_numeric(unsigned char* out, const char* mask, int32_t size) {
   for (size_t k = 0; k < parts.size(); ++k) {
     Section& s = secs[k];
     if (k == 3) {
-      if (int32_t e = literal_section(parts[k], s)) return e;
+      if (int32_t e = literal_section(parts[k], s, SHFORMAT_E_NUMERIC)) return e;
       continue;
     }
     std::string_view part = parts[k];

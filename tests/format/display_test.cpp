@@ -2,6 +2,7 @@
 // strings, under the default and other regional settings.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -14,6 +15,7 @@
 #include "regional.h"
 #include "zbshr/decimal.h"
 #include "zbshr/format.h"
+#include "zbshr/system.h"
 
 namespace {
 
@@ -351,6 +353,140 @@ TEST_F(FormatDisplay, Strings) {
   EXPECT_STREQ(out, "(none)");
   EXPECT_EQ(shformatString(out, 4, c, "abcdef"), SHFORMAT_E_OVERFLOW);
   EXPECT_STREQ(out, "###");
+}
+
+// Spreadsheet codes on the value kinds and settings the differential test
+// against LibreOffice does not reach (decimals, regional separators).
+TEST_F(FormatDisplay, SpreadsheetCodesOnDecimalsAndRegionalSettings) {
+  const struct {
+    const char *mask, *value, *text;
+  } cases[] = {
+      {"#,##0,", "1234567", "1,235"},          {"0.0,,", "-987654321", "-987.7"},
+      {"# ?/?", "1.25", "1 1/4"},              {"# ??" "/??", "-3.14159", "-3 14/99"},
+      {"0/100", "0.237", "24/100"},            {"[GENERAL]%", "0.5", "50%"},
+      {"##0.0E+0", "12345.6789", "12.3E+3"},   {"[<0]\"neg\";0", "-2", "neg"},
+      {"0.0?", "2", "2.0 "},                   {"[>=10]0;0.0", "9.99", "10.0"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(dec(c.mask, c.value), c.text) << c.mask << " " << c.value;
+  EXPECT_EQ(num("[GENERAL]%", 0.5), "50%");
+  EXPECT_EQ(num("General", 1e15), "1E+15");  // the general form keeps its switch-over
+  EXPECT_EQ(num("#.##E+00", 0.0), "0E+00");
+  use("sDecimal=,\nsThousand=.\n");
+  EXPECT_EQ(num("#,##0,", 1234567.0), "1.235");
+  EXPECT_EQ(num("# ?/?", 2.5), "2 1/2");
+  EXPECT_EQ(num("?.??", 0.5), " ,5 ");
+  SHDATETIME d = sample();
+  EXPECT_EQ(date("ss.000", &d).text, "09,123");  // the regional decimal separator
+}
+
+TEST_F(FormatDisplay, ColoursAreReportedAndConditionsChooseSections) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  auto colour = [&](const double* v) {
+    int32_t k = -1;
+    EXPECT_EQ(shformatColor(c, v, &k), SHFORMAT_OK);
+    return k;
+  };
+  const double pos = 2, neg = -2, zero = 0, big = 150;
+  ASSERT_EQ(shformatCmplNumericMask(c, "[Red]0;[blue]-0;[Color12]0", sizeof c), 0);
+  EXPECT_EQ(colour(&pos), 3);
+  EXPECT_EQ(colour(&neg), 5);
+  EXPECT_EQ(colour(&zero), 12);
+  EXPECT_EQ(colour(nullptr), 0);  // no null section
+  EXPECT_EQ(num("[Red]0.00;[Blue](0.00)", -1.5), "(1.50)");  // the text is unchanged
+  ASSERT_EQ(shformatCmplNumericMask(c, "[>100][Green]0;[Magenta]0.0", sizeof c), 0);
+  EXPECT_EQ(colour(&big), 4);
+  EXPECT_EQ(colour(&pos), 7);
+  // Conditions: the first section whose condition holds; one without a
+  // condition takes the rest; none left: the general form.
+  EXPECT_EQ(num("[>100]\"big\";\"small\"", 150.0), "big");
+  EXPECT_EQ(num("[>100]\"big\";\"small\"", -150.0), "small");
+  EXPECT_EQ(num("[<=-10]0.0;[>=10]0", -25.0), "-25.0");
+  EXPECT_EQ(num("[>=10]0;[<=-10]0.0", 3.0), "3");
+  EXPECT_EQ(num("[=1]0\" item\";0\" items\"", 1.0), "1 item");
+  ASSERT_EQ(shformatCmplDateTimeMask(c, "[Cyan]yyyy;\"none\"", sizeof c), 0);
+  SHDATETIME d = sample();
+  EXPECT_EQ(colour(reinterpret_cast<const double*>(&d)), 8);  // date formats test for null only
+  EXPECT_EQ(colour(nullptr), 0);
+  int32_t k;
+  EXPECT_EQ(shformatColor(c, nullptr, nullptr), SHFORMAT_E_ARGUMENT);
+  EXPECT_EQ(shformatColor(nullptr, &pos, &k), SHFORMAT_E_ARGUMENT);
+  unsigned char junk[16] = {0x5A, 9};
+  EXPECT_EQ(shformatColor(junk, &pos, &k), SHFORMAT_E_COMPILED);
+  ASSERT_EQ(shformatCmplNumericMask(c, "[Red]0", sizeof c), 0);
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(shformatColor(c, &nan, &k), SHFORMAT_E_VALUE);
+}
+
+// Familiar codes this language does not support are refused, never shown
+// as something else.
+TEST_F(FormatDisplay, UnsupportedCodesAreRefused) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  const struct {
+    int kind;  // 0 number, 1 date, 2 string
+    const char* mask;
+    int32_t code;
+  } cases[] = {
+      {0, "[$-409]0", SHFORMAT_E_KEYWORD},   {0, "[DBNum1]0", SHFORMAT_E_KEYWORD},
+      {0, "[Color57]0", SHFORMAT_E_KEYWORD}, {0, "[Color05]0", SHFORMAT_E_KEYWORD},
+      {0, "[<abc]0", SHFORMAT_E_KEYWORD},    {0, "[>1][<2]0", SHFORMAT_E_KEYWORD},
+      {0, "0;-0;0;@", SHFORMAT_E_NUMERIC},   {0, "# ?/?????", SHFORMAT_E_NUMERIC},
+      {0, "0.0 ?/?", SHFORMAT_E_NUMERIC},    {0, "# ?/? 0", SHFORMAT_E_NUMERIC},
+      {0, "General0", SHFORMAT_E_NUMERIC},   {1, "[hm]", SHFORMAT_E_KEYWORD},
+      {1, "mmmmmm", SHFORMAT_E_DATETIME},    {1, "ss.0000000", SHFORMAT_E_DATETIME},
+      {1, "yyyy;@", SHFORMAT_E_DATETIME},    {2, "@;@", SHFORMAT_E_STRING},
+      {2, "@General", SHFORMAT_E_STRING},
+  };
+  for (const auto& t : cases) {
+    const int32_t e = t.kind == 0   ? shformatCmplNumericMask(c, t.mask, sizeof c)
+                      : t.kind == 1 ? shformatCmplDateTimeMask(c, t.mask, sizeof c)
+                                    : shformatCmplStringMask(c, t.mask, sizeof c);
+    EXPECT_EQ(e, t.code) << t.mask;
+  }
+}
+
+// Weekdays are the calendar's own before 1899 too, and a day the month
+// does not have is refused; checked against the standard library calendar.
+TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
+  using namespace std::chrono;
+  std::mt19937 rng(11);
+  const char* names[] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
+  for (int i = 0; i < 3000; ++i) {
+    const int y = 1 + static_cast<int>(rng() % 9999), m = 1 + static_cast<int>(rng() % 12);
+    const int dd = 1 + static_cast<int>(rng() % 31);
+    SHDATETIME d;
+    shdtBuildTime(&d, y, m, dd, 0, 0, 0, 0);
+    const year_month_day ymd{year{y}, month{static_cast<unsigned>(m)}, day{static_cast<unsigned>(dd)}};
+    const Result r = date("dddd d", &d);
+    if (!ymd.ok()) {
+      ASSERT_EQ(r.code, SHFORMAT_E_VALUE) << y << "-" << m << "-" << dd;
+      continue;
+    }
+    ASSERT_EQ(r.text, std::string(names[weekday{sys_days{ymd}}.c_encoding()]) + " " +
+                          std::to_string(dd)) << y << "-" << m;
+  }
+  SHDATETIME d;
+  shdtBuildTime(&d, 1776, 7, 4, 0, 0, 0, 0);
+  EXPECT_EQ(date("dddd", &d).text, "Thursday");
+  EXPECT_EQ(date("[h]", &d).code, SHFORMAT_E_VALUE);  // elapsed time starts on 30 Dec 1899
+  ASSERT_EQ(shdtParse(&d, "10:15:30", SHDT_TIME), 0);
+  EXPECT_EQ(date("[mm]:ss", &d).text, "615:30");  // a time alone counts from midnight
+}
+
+// In code page 932 a double-byte character is one literal whatever its
+// trail byte looks like, '@' takes it whole and case mapping leaves it.
+TEST_F(FormatDisplay, DoubleByteMasks) {
+  const uint32_t old = zbshr_set_codepage(932);
+  SHDATETIME d = sample();
+  EXPECT_EQ(date("d\x93\x64", &d).text, "2\x93\x64");
+  EXPECT_EQ(num("0\x83\x5c" "0", 55.0), "5\x83\x5c" "5");
+  EXPECT_EQ(num("0\"\x83\x5c\"\\\x83\x5c", 5.0), "5\x83\x5c\x83\x5c");
+  EXPECT_EQ(str("@\x83\x5c@", "ab"), "a\x83\x5c" "b");
+  EXPECT_EQ(str(">[GENERAL]", "\x8e\x64\x97\x6cx"), "\x8e\x64\x97\x6cX");
+  EXPECT_EQ(str("@-@", "\x8e\x64\x41"), "\x8e\x64-A");
+  EXPECT_EQ(num("0;\x83\x3b", -1.0), "\x83;");  // not a lead-trail pair here: a ';' ends the section
+  zbshr_set_codepage(1252);
+  EXPECT_EQ(date("d\x93\x64", &d).text, "2\x93" "2");  // single-byte: the 'd' is a day
+  zbshr_set_codepage(old);
 }
 
 TEST_F(FormatDisplay, LongMasksFitTheRecommendedBuffer) {

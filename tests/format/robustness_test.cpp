@@ -10,6 +10,7 @@
 
 #include "zbshr/decimal.h"
 #include "zbshr/format.h"
+#include "zbshr/system.h"
 
 namespace {
 
@@ -36,11 +37,15 @@ void check_output(const std::vector<char>& out, int32_t size, int32_t code) {
 
 TEST(FormatRobustness, RandomMasksAndValues) {
   std::mt19937 rng(4242);
-  const char* alphabet = "0#.,%Ee+-;\"'\\[]@<>dmyhsfaAP/: xGENRALCUYSHOTDIM";
-  const char* keywords[] = {"[GENERAL]", "[CURRENCY]", "[SHORTDATE]", "[LONGDATE]", "[TIME]"};
+  const char* alphabet = "0#?.,%Ee+-;\"'\\[]@<>dmyhsfaAP/_*: xGENRALCUYSHOTDIM1\x83\x5c";
+  const char* keywords[] = {"[GENERAL]", "[CURRENCY]", "[SHORTDATE]", "[LONGDATE]", "[TIME]",
+                            "[Red]",     "[>=1]",      "[<-2.5]",     "[h]",        "[ss]"};
+  // Half of the masks are read in the double-byte code page.
+  const uint32_t old_codepage = zbshr_set_codepage(1252);
   for (int iter = 0; iter < 20000; ++iter) {
+    zbshr_set_codepage(iter % 2 ? 932 : 1252);
     std::string mask = random_text(rng, alphabet, 24);
-    if (iter % 5 == 0) mask.insert(rng() % (mask.size() + 1), keywords[rng() % 5]);
+    if (iter % 5 == 0) mask.insert(rng() % (mask.size() + 1), keywords[rng() % 10]);
     const int32_t csize = static_cast<int32_t>(rng() % 160);
     std::vector<unsigned char> compiled(static_cast<size_t>(csize) + 16, kCanary);
     const int kind = iter % 3;
@@ -76,12 +81,18 @@ TEST(FormatRobustness, RandomMasksAndValues) {
         if (k == 1) dt.year = -32767;
         r = shformatDateTime(out.data(), osize, compiled.data(), k == 3 ? nullptr : &dt);
       } else {
-        const std::string v = random_text(rng, "abcXYZ ", 20);
+        const std::string v = random_text(rng, "abcXYZ \x83\x5c", 20);
         r = shformatString(out.data(), osize, compiled.data(), k == 3 ? nullptr : v.c_str());
       }
       check_output(out, osize, r);
+      int32_t colour = -1;
+      const double v = -2.5;
+      r = shformatColor(compiled.data(), k == 3 ? nullptr : &v, &colour);
+      ASSERT_EQ(r, SHFORMAT_OK);
+      ASSERT_TRUE(colour >= 0 && colour <= 56) << colour;
     }
   }
+  zbshr_set_codepage(old_codepage);
 }
 
 TEST(FormatRobustness, DamagedCompiledFormats) {
