@@ -126,22 +126,25 @@ size_t char_len(std::string_view m, size_t i) { return double_byte_at(m, i) ? 2 
 
 int32_t split_sections(std::string_view mask, std::vector<std::string_view>& out, size_t max) {
   size_t start = 0;
-  for (size_t i = 0; i < mask.size(); i += char_len(mask, i)) {
+  for (size_t i = 0; i < mask.size();) {
     const char c = mask[i];
-    if (double_byte_at(mask, i)) continue;
-    if (c == '"' || c == '\'') {
+    size_t next = i + char_len(mask, i);
+    if (double_byte_at(mask, i)) {
+      // a double-byte character is never a code
+    } else if (c == '"' || c == '\'') {
       const size_t j = find_closing(mask, i + 1, c);
       if (j == std::string_view::npos) return SHFORMAT_E_QUOTE;
-      i = j;
+      next = j + 1;
     } else if (c == '\\' || c == '_' || c == '*') {
-      if (i + 1 < mask.size()) i += char_len(mask, i + 1);
+      if (i + 1 < mask.size()) next = i + 1 + char_len(mask, i + 1);
     } else if (c == '[') {
       const size_t j = find_closing(mask, i + 1, ']');
-      if (j != std::string_view::npos) i = j;  // "[<0]": the ';' test stays out
+      if (j != std::string_view::npos) next = j + 1;  // "[<0]": the ';' test stays out
     } else if (c == ';') {
       out.push_back(mask.substr(start, i - start));
       start = i + 1;
     }
+    i = next;
   }
   out.push_back(mask.substr(start));
   return out.size() > max ? SHFORMAT_E_SECTIONS : SHFORMAT_OK;

@@ -117,6 +117,7 @@ std::string to_text(uint64_t v) {
 // placeholders, or has the fixed value.
 int32_t render_fraction(const SecView& s, NumValue& v, bool minus, Out& o) {
   const SectionHeader& h = s.h;
+  if (h.den_digits > 4 || (h.den_digits == 0 && h.den_fixed == 0)) return SHFORMAT_E_COMPILED;
   const auto& st = intl::settings();
   double x = v.dv * (h.percent > 0 ? 100 : 1) / pow10(3 * h.scale);
   if (!(x < 9e15)) return SHFORMAT_E_VALUE;  // beyond whole-number precision

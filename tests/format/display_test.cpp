@@ -484,6 +484,7 @@ TEST_F(FormatDisplay, DoubleByteMasks) {
   EXPECT_EQ(str(">[GENERAL]", "\x8e\x64\x97\x6cx"), "\x8e\x64\x97\x6cX");
   EXPECT_EQ(str("@-@", "\x8e\x64\x41"), "\x8e\x64-A");
   EXPECT_EQ(num("0;\x83\x3b", -1.0), "\x83;");  // not a lead-trail pair here: a ';' ends the section
+  EXPECT_EQ(num("0\\\x88\x88;(0)", -5.0), "(5)");  // an escaped pair whose trail looks like a lead byte
   zbshr_set_codepage(1252);
   EXPECT_EQ(date("d\x93\x64", &d).text, "2\x93" "2");  // single-byte: the 'd' is a day
   zbshr_set_codepage(old);

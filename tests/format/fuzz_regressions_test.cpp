@@ -83,4 +83,18 @@ TEST(FormatFuzzRegressions, CompiledFormShorterThanItsHeader) {
   }
 }
 
+// A damaged numeric section that claims the fraction form with a
+// denominator of 40 digits: the nearest-fraction search must not run over
+// 10^40 denominators (a hang). Expected: SHFORMAT_E_COMPILED.
+TEST(FormatFuzzRegressions, FractionWithTooManyDenominatorDigits) {
+  unsigned char c[SHFORMAT_BUFSIZE];
+  ASSERT_EQ(shformatCmplNumericMask(c, "# ?/?", sizeof c), SHFORMAT_OK);
+  ASSERT_EQ(c[8 + 15], 1);  // the first section's denominator digits
+  c[8 + 15] = 40;
+  char out[32];
+  const double v = 0.3;
+  EXPECT_EQ(shformatDouble(out, sizeof out, c, &v), SHFORMAT_E_COMPILED);
+  EXPECT_STREQ(out, "");
+}
+
 }  // namespace
