@@ -1,6 +1,7 @@
 // The parts of an export every format shares: the state record, the output
 // channel, the column and item bookkeeping and the rendering of values.
 #include <charconv>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -337,6 +338,12 @@ static bool take_if_fits(const char* text, size_t n, char* out, int32_t size) {
 static size_t general_digits(double v, int digits, char sep, char* out, size_t room) {
   auto r = std::to_chars(out, out + room, v, std::chars_format::general, digits);
   if (r.ec != std::errc()) return 0;
+  // Rounding up must not carry the text past the largest double (a reader
+  // would take it for infinity).
+  double back = 0;
+  if (std::fabs(v) > 1 &&
+      std::from_chars(out, r.ptr, back).ec == std::errc::result_out_of_range)
+    return 0;
   for (char* p = out; p != r.ptr; ++p) {
     if (*p == '.') *p = sep;
     else if (*p == 'e') *p = 'E';

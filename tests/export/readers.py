@@ -2,7 +2,7 @@
 """Reads exported files back with real, independent readers and compares the
 cells they see with what was exported.
 
-usage: readers.py ZBSHR_PROGRAM WORK_FOLDER
+usage: readers.py ZBSHR_PROGRAM WORK_FOLDER [LIBZBSHR]
 
 The sample result set is written through `zbshr export` in every file format,
 then read with:
@@ -14,12 +14,21 @@ then read with:
 A reader that is not installed is reported as SKIPPED and does not fail the
 test. dBase II has no reader here; its bytes are checked by the unit tests.
 
+Besides the sample, a set of tricky values (line breaks and tabs inside
+texts, bytes above 0x7F, numbers too long for a format's rendering buffer) is
+read back from every format but CSV, and, when the shared library is given,
+files past the row, column and text limits of the worksheet formats are
+written through it and opened by each reader.
+
 Where a reader disagrees with the bytes on purpose (see docs/EXPORT.md), the
 expectation below says so explicitly; everything else must match exactly.
 """
 
 import csv
+import ctypes
 import datetime
+import decimal
+import math
 import os
 import re
 import shutil
@@ -70,11 +79,69 @@ def csv_cell(ctype, v):
     return v.isoformat(sep=" ")
 
 
-def write_input(path):
-    with open(path, "w", newline="") as f:
-        f.write(",".join(n + ":" + t + (":%d" % w if w else "") for n, t, w in COLUMNS) + "\r\n")
-        for row in ROWS:
-            f.write(",".join(csv_cell(t, v) for (_, t, _), v in zip(COLUMNS, row)) + "\r\n")
+def write_input(path, columns=None, rows=None):
+    columns, rows = columns or COLUMNS, rows or ROWS
+    # cp1252: the library takes 8-bit text in the ANSI code page
+    with open(path, "w", newline="", encoding="cp1252") as f:
+        f.write(",".join(n + ":" + t + (":%d" % w if w else "") for n, t, w in columns) + "\r\n")
+        for row in rows:
+            f.write(",".join(csv_cell(t, v) for (_, t, _), v in zip(columns, row)) + "\r\n")
+
+
+# The values where formats and readers part ways: line breaks and tabs inside
+# texts, bytes above 0x7F, and numbers whose general text (15 significant
+# digits) is longer than the buffer a format renders it into.
+TRICKY_COLUMNS = [("text", "string", 40), ("num", "number", None), ("dec", "decimal", 28)]
+TRICKY_ROWS = [
+    ["line\nbreak", 1 / 3, "-0.0000000000000000000000012345"],
+    ["tab\there", math.pi, "0.1234567890123"],
+    ["caf\u00e9 \u00fc\u00f1", -math.pi, "-1234.5678901234"],
+    ["two", 2.0 ** 53, "123456789012345678901234"],
+    ["max", sys.float_info.max, "0.9999999999999999999"],
+    ["tiny", sys.float_info.min, "-99999999999999.95"],
+    ["third", 2 / 3, "-0.0000000000000000000000000001"],
+    ["neg", -123456789012345.0, "12.5"],
+]
+# Characters a number may take in each text format (the rendering buffer less
+# its terminator; a dBase number field is 16 wide).
+NUMBER_ROOM = {"dif": 15, "dbase3": 16, "csv": 29, "sql": 29, "sylk": 29}
+
+
+def general_fit(v, room):
+    """A double as the general form shows it (15 significant digits, "%.15G"),
+    with fewer digits while the text is longer than room."""
+    for k in range(15, 0, -1):
+        t = "%.*G" % (k, v)
+        # a shortened text never rounds past the largest double
+        if len(t) <= room and (k == 15 or not math.isinf(float(t))):
+            return t
+    raise ValueError("no text of %r fits %d characters" % (v, room))
+
+
+def decimal_fit(text, room):
+    """A decimal as the general form shows it (all digits, plain), with fewer
+    digits (rounded half away from zero) while it does not fit, and the
+    exponent form only when no plain text fits."""
+    d = decimal.Decimal(text)
+
+    def plain(x):
+        t = format(x.normalize(), "f") if x != 0 else "0"
+        return t
+
+    if len(plain(d)) <= room:
+        return plain(d)
+    n = len(d.normalize().as_tuple().digits)
+    rounded = [decimal.Context(prec=k, rounding=decimal.ROUND_HALF_UP).plus(d)
+               for k in range(n, 0, -1)]
+    for q in rounded[1:]:
+        if len(plain(q)) <= room:
+            return plain(q)
+    for q in rounded:
+        m, e = ("%.*E" % (len(q.normalize().as_tuple().digits) - 1, q)).split("E")
+        t = m + "E" + e[0] + e[1:].rjust(2, "0")
+        if len(t) <= room:
+            return t
+    raise ValueError("no text of %s fits %d characters" % (text, room))
 
 
 # ---------------------------------------------------------------- canonical cells
@@ -168,9 +235,9 @@ def expected(fmt, ctype, v):
     if ctype == "string":
         return ("s", v)
     if ctype == "number":
-        return ("n", v)
+        return ("n", float(general_fit(v, NUMBER_ROOM[fmt])) if fmt in NUMBER_ROOM else v)
     if ctype == "decimal":
-        return ("n", float(v))
+        return ("n", float(decimal_fit(v, NUMBER_ROOM[fmt]) if fmt in NUMBER_ROOM else v))
     if ctype == "date":
         return ("d", (v.year, v.month, v.day))
     if ctype == "time":
@@ -210,19 +277,27 @@ def crop(grid):
             for r in range(r0, r1 + 1)]
 
 
-def compare(res, reader, fmt, grid, headings, quirk=None):
+def compare(res, reader, fmt, grid, headings, quirk=None, data=None, digits=None):
     """grid: list of rows of raw cells as the reader shows them. quirk, when
     given, maps (ctype, value, wanted cell) to the cell this reader is known to
-    show instead, heading cells having ctype "heading"."""
-    label = "%s reading %s" % (reader, fmt)
+    show instead, heading cells having ctype "heading". data: the columns and
+    rows exported (the sample by default). digits: the significant digits the
+    reader shows numbers with (all when None)."""
+    columns, rows = data or (COLUMNS, ROWS)
+    label = "%s reading %s%s" % (reader, fmt, "" if data is None else " (tricky values)")
     q = quirk or (lambda ctype, v, want: want)
     want_rows = []
     if headings:
-        want_rows.append([q("heading", (n, t, w), ("s", n)) for n, t, w in COLUMNS])
-    for row in ROWS:
-        want_rows.append([q(t, v, expected(fmt, t, v)) for (_, t, _), v in zip(COLUMNS, row)])
+        want_rows.append([q("heading", (n, t, w), ("s", n)) for n, t, w in columns])
+    for row in rows:
+        want_rows.append([q(t, v, expected(fmt, t, v)) for (_, t, _), v in zip(columns, row)])
     got_rows = crop([[canon(c) for c in r] for r in grid])
     want_rows = crop(want_rows)
+    if digits:
+        def shown(c):
+            return ("n", "%.*g" % (digits, c[1])) if c and c[0] == "n" else c
+        got_rows = [[shown(c) for c in r] for r in got_rows]
+        want_rows = [[shown(c) for c in r] for r in want_rows]
     bad = []
     nrows = max(len(got_rows), len(want_rows))
     for r in range(nrows):
@@ -243,34 +318,54 @@ def compare(res, reader, fmt, grid, headings, quirk=None):
         print("ok   %s (%d rows)" % (label, nrows))
 
 
+TRICKY = (TRICKY_COLUMNS, TRICKY_ROWS)
+
+
+def xlrd_grid(xlrd, path):
+    # There is no code-page record in the stream: name the encoding.
+    sh = xlrd.open_workbook(path, encoding_override="cp1252").sheet_by_index(0)
+    return [[None if sh.cell(r, c).ctype in (xlrd.XL_CELL_EMPTY, xlrd.XL_CELL_BLANK)
+             else sh.cell(r, c).value for c in range(sh.ncols)] for r in range(sh.nrows)]
+
+
+def check(res, label, ok, detail=""):
+    res.checked += 1
+    if ok:
+        print("ok   %s" % label)
+    else:
+        res.failures += 1
+        print("FAIL %s%s" % (label, (": " + detail) if detail else ""))
+
+
 def read_xlrd(res, files):
     try:
         import xlrd
     except ImportError as e:
         res.skip("xlrd", "python3-xlrd is not installed (%s)" % e)
         return
-    # There is no code-page record in the stream: name the encoding.
-    book = xlrd.open_workbook(files["excel"], encoding_override="cp1252")
-    sh = book.sheet_by_index(0)
-    grid = []
-    for r in range(sh.nrows):
-        row = []
-        for c in range(sh.ncols):
-            cell = sh.cell(r, c)
-            row.append(None if cell.ctype in (xlrd.XL_CELL_EMPTY, xlrd.XL_CELL_BLANK)
-                       else cell.value)
-        grid.append(row)
-    compare(res, "xlrd", "excel", grid, True)
+    compare(res, "xlrd", "excel", xlrd_grid(xlrd, files["excel"]), True)
+    compare(res, "xlrd", "excel", xlrd_grid(xlrd, files["t_excel"]), True, data=TRICKY)
     # A 300-character text: the record holds all of it, but the count byte
     # says 300 mod 256 = 44, and that is what a reader takes.
-    book = xlrd.open_workbook(files["excel_long"], encoding_override="cp1252")
-    got = book.sheet_by_index(0).cell_value(0, 0)
-    res.checked += 1
-    if got != LONG_TEXT[:300 % 256]:
-        res.failures += 1
-        print("FAIL xlrd reading a 300-character label: got %r" % got)
-    else:
-        print("ok   xlrd reading a 300-character label (shows its first 44 characters)")
+    got = xlrd_grid(xlrd, files["excel_long"])[0][0]
+    check(res, "xlrd reading a 300-character label (shows its first 44 characters)",
+          got == LONG_TEXT[:300 % 256], repr(got))
+    if "big_text" in files:
+        # A 70,000-byte text is cut to the 65,527 bytes a LABEL carries; the
+        # count byte says 65,527 mod 256 = 247; the next cell is intact.
+        g = xlrd_grid(xlrd, files["big_text"])
+        check(res, "xlrd reading a 70,000-byte label and the cell after it",
+              g == [["z" * 247], ["after"]], repr(g)[:200])
+    for name, opens in (("rows_16383", True), ("rows_16384", False), ("cols_257", False)):
+        if name not in files:
+            continue
+        try:
+            g = xlrd_grid(xlrd, files[name])
+            outcome = "opens, %d rows x %d columns" % (len(g), len(g[0]) if g else 0)
+            opened = True
+        except Exception as e:  # xlrd raises AssertionError past its limits
+            outcome, opened = "refused (%s)" % type(e).__name__, False
+        check(res, "xlrd reading BIFF %s: %s" % (name, outcome), opened == opens)
 
 
 def read_dbfread(res, files):
@@ -279,16 +374,15 @@ def read_dbfread(res, files):
     except ImportError as e:
         res.skip("dbfread", "python3-dbfread is not installed (%s)" % e)
         return
-    # The header carries no code page: name the encoding.
-    table = dbfread.DBF(files["dbase3"], encoding="cp1252", char_decode_errors="strict")
-    names = [f.name for f in table.fields]
-    want_names = [n.upper()[:10] for n, _, _ in COLUMNS]
-    res.checked += 1
-    if names != want_names:
-        res.failures += 1
-        print("FAIL dbfread field names: %r, want %r" % (names, want_names))
-    grid = [[rec[n] for n in names] for rec in table]
-    compare(res, "dbfread", "dbase3", grid, False)
+    for key, data in (("dbase3", None), ("t_dbase3", TRICKY)):
+        # The header carries no code page: name the encoding.
+        table = dbfread.DBF(files[key], encoding="cp1252", char_decode_errors="strict")
+        names = [f.name for f in table.fields]
+        want_names = [n.upper()[:10] for n, _, _ in (data or (COLUMNS,))[0]]
+        check(res, "dbfread field names of %s" % key, names == want_names,
+              "%r, want %r" % (names, want_names))
+        grid = [[rec[n] for n in names] for rec in table]
+        compare(res, "dbfread", "dbase3", grid, False, data=data)
 
 
 def read_sqlite(res, files):
@@ -297,18 +391,17 @@ def read_sqlite(res, files):
     except ImportError as e:
         res.skip("sqlite3", "Python's sqlite3 module is not available (%s)" % e)
         return
-    with open(files["sql"], encoding="cp1252") as f:
-        script = f.read()
-    db = sqlite3.connect(":memory:")
-    try:
-        db.executescript(script)
-        grid = [list(r) for r in db.execute("SELECT * FROM out_sql")]
-    except sqlite3.Error as e:
-        res.checked += 1
-        res.failures += 1
-        print("FAIL sqlite3 running the SQL script: %s" % e)
-        return
-    compare(res, "sqlite3", "sql", grid, False)
+    for key, table, data in (("sql", "out_sql", None), ("t_sql", "t_sql", TRICKY)):
+        with open(files[key], encoding="cp1252") as f:
+            script = f.read()
+        db = sqlite3.connect(":memory:")
+        try:
+            db.executescript(script)
+            grid = [list(r) for r in db.execute("SELECT * FROM " + table)]
+        except sqlite3.Error as e:
+            check(res, "sqlite3 running %s" % files[key], False, str(e))
+            continue
+        compare(res, "sqlite3", "sql", grid, False, data=data)
 
 
 def read_csv_file(path):
@@ -319,14 +412,17 @@ def read_csv_file(path):
 # The formats the spreadsheet programs are asked to open, with the heading
 # rows they will see (dBase and DIF carry names as field names / labels).
 SHEET_FORMATS = ["csv", "dif", "sylk", "excel", "wk", "dbase3"]
+# The tricky values are not read from CSV: a line break inside a text starts
+# a new row there, by design.
+TRICKY_FORMATS = ["dif", "sylk", "excel", "wk", "dbase3"]
 
 
-def sheet_headings(fmt):
-    return True  # every file is exported with --headings, dBase has field names
-
-
-def _round_half_away(x):
-    return float(int(abs(x) + 0.5)) * (1 if x >= 0 else -1)
+def sheet_digits(reader, fmt):
+    """The significant digits a program shows numbers with (through its CSV
+    export, which writes the values, not the cells as formatted)."""
+    if reader == "libreoffice":
+        return 8 if fmt == "wk" else 15
+    return None
 
 
 def sheet_quirk(reader, fmt):
@@ -345,14 +441,48 @@ def sheet_quirk(reader, fmt):
         # A semicolon ends the text: semicolons are not escaped.
         rules.append(lambda t, v, w: ("s", w[1].split(";")[0])
                      if t == "string" and w and ";" in w[1] else w)
+    def text_rule(applies, change):
+        rules.append(lambda t, v, w: ("s", change(w[1]))
+                     if t == "string" and w and applies(w[1]) else w)
+
+    def high(x):
+        return any(ord(ch) > 0x7F for ch in x)
+
+    if fmt == "sylk":
+        # A line break inside a text ends the record: the text is cut there.
+        text_rule(lambda x: "\n" in x, lambda x: x.split("\n")[0])
+    if reader == "gnumeric" and fmt == "dif":
+        # A line break inside a text: the opening quote and the text up to it.
+        text_rule(lambda x: "\n" in x, lambda x: '"' + x.split("\n")[0])
+    if reader == "libreoffice" and fmt == "sylk":
+        # Bytes above 0x7F are not taken as ANSI text: each becomes U+FFFD.
+        text_rule(high, lambda x: "".join("\ufffd" if ord(ch) > 0x7F else ch for ch in x))
+    if reader == "libreoffice" and fmt == "wk":
+        # Tabs and line breaks inside labels are dropped.
+        text_rule(lambda x: "\t" in x or "\n" in x,
+                  lambda x: x.replace("\t", "").replace("\n", ""))
+    # Labels and dBase texts carry no code page: the programs take DOS ones.
+    for who, f, page in (("libreoffice", "wk", "cp437"), ("gnumeric", "wk", "cp850"),
+                         ("libreoffice", "dbase3", "cp850")):
+        if reader == who and fmt == f:
+            text_rule(high, lambda x, page=page: x.encode("cp1252").decode(page))
+    if reader == "libreoffice":
+        def lo_numbers(t, v, w):
+            if w is None or w[0] != "n" or t not in ("number", "decimal"):
+                return w
+            x = w[1]
+            if math.isinf(x) and not math.isinf(float(v)):
+                # a text past the largest double is read as the largest double
+                x = math.copysign(sys.float_info.max, x)
+            return ("n", x)
+        rules.append(lo_numbers)
     if reader == "gnumeric" and fmt == "excel":
         # Text cells vanish from a stream that has no FONT/XF records; dates
         # and times are text cells too.
         rules.append(lambda t, v, w: w if w is not None and w[0] == "n" else None)
     if fmt == "dbase3":
         if reader == "libreoffice":
-            # Field names are shown with their type and size, and numbers are
-            # rounded to the decimal count of the field, which is 0.
+            # Field names are shown with their type and size.
             def lo_dbf(t, v, w):
                 if t == "heading":
                     n, ct, width = v
@@ -360,8 +490,6 @@ def sheet_quirk(reader, fmt):
                             {"number": "N,16,0", "decimal": "N,16,0", "date": "D",
                              "time": "C,8", "datetime": "D"}[ct])
                     return ("s", n.upper()[:10] + "," + desc)
-                if w is not None and w[0] == "n":
-                    return ("n", _round_half_away(w[1]))
                 return w
             rules.append(lo_dbf)
         else:
@@ -374,6 +502,19 @@ def sheet_quirk(reader, fmt):
     return apply
 
 
+def sheet_checks(files):
+    """(file, format, data) for every file the spreadsheet programs open."""
+    out = [(files[f], f, None) for f in SHEET_FORMATS]
+    out += [(files["t_" + f], f, TRICKY) for f in TRICKY_FORMATS]
+    return out
+
+
+def compare_sheet(res, reader, path, fmt, data):
+    who = reader.lower()
+    compare(res, reader, fmt, read_csv_file(path), True, sheet_quirk(who, fmt), data=data,
+            digits=sheet_digits(who, fmt))
+
+
 def read_libreoffice(res, files, work):
     soffice = shutil.which("soffice") or shutil.which("libreoffice")
     if not soffice:
@@ -383,9 +524,10 @@ def read_libreoffice(res, files, work):
     out = os.path.join(work, "lo")
     os.makedirs(out, exist_ok=True)
     profile = os.path.join(work, "lo-profile")
-    inputs = [files[f] for f in SHEET_FORMATS]
+    checks = sheet_checks(files)
+    inputs = [c[0] for c in checks] + [files[k] for k in LIMIT_FILES if k in files]
     cmd = [soffice, "-env:UserInstallation=file://" + os.path.abspath(profile), "--headless",
-           "--norestore", "--convert-to", "csv:Text - txt - csv (StarCalc):44,34,76,1",
+           "--norestore", "--convert-to", "csv:Text - txt - csv (StarCalc):44,34,76,1,,0,false,true,false",
            "--outdir", out] + inputs
     try:
         subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600,
@@ -394,16 +536,18 @@ def read_libreoffice(res, files, work):
         res.failures += 1
         print("FAIL LibreOffice did not finish converting within 10 minutes")
         return
-    for fmt in SHEET_FORMATS:
-        base = os.path.splitext(os.path.basename(files[fmt]))[0]
-        got = os.path.join(out, base + ".csv")
-        if not os.path.exists(got):
-            res.checked += 1
-            res.failures += 1
-            print("FAIL LibreOffice did not convert %s" % files[fmt])
+
+    def converted(path):
+        got = os.path.join(out, os.path.splitext(os.path.basename(path))[0] + ".csv")
+        return got if os.path.exists(got) else None
+
+    for path, fmt, data in checks:
+        got = converted(path)
+        if got is None:
+            check(res, "LibreOffice converting %s" % path, False)
             continue
-        compare(res, "LibreOffice", fmt, read_csv_file(got), sheet_headings(fmt),
-                sheet_quirk("libreoffice", fmt))
+        compare_sheet(res, "LibreOffice", got, fmt, data)
+    limits(res, "LibreOffice", files, converted)
 
 
 def read_gnumeric(res, files, work):
@@ -413,23 +557,110 @@ def read_gnumeric(res, files, work):
         return
     out = os.path.join(work, "gnumeric")
     os.makedirs(out, exist_ok=True)
-    for fmt in SHEET_FORMATS:
-        got = os.path.join(out, fmt + ".csv")
-        p = subprocess.run([ssconvert, "--export-type=Gnumeric_stf:stf_csv", files[fmt], got],
+
+    def converted(path):
+        got = os.path.join(out, os.path.basename(path) + ".csv")
+        p = subprocess.run([ssconvert, "--export-type=Gnumeric_stf:stf_csv", path, got],
                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300,
                            check=False)
-        if p.returncode != 0 or not os.path.exists(got):
-            res.checked += 1
-            res.failures += 1
-            print("FAIL ssconvert could not read %s: %s" % (files[fmt],
-                                                            p.stdout.decode(errors="replace")))
+        return got if p.returncode == 0 and os.path.exists(got) else None
+
+    for path, fmt, data in sheet_checks(files):
+        got = converted(path)
+        if got is None:
+            check(res, "ssconvert reading %s" % path, False)
             continue
-        compare(res, "Gnumeric", fmt, read_csv_file(got), sheet_headings(fmt),
-                sheet_quirk("gnumeric", fmt))
+        compare_sheet(res, "Gnumeric", got, fmt, data)
+    limits(res, "Gnumeric", files, converted)
+
+
+# ---------------------------------------------------------------- limits
+# Files past the row, column and text limits of the formats, written through
+# the library itself (ctypes), since the program may refuse to write them.
+
+LIMIT_FILES = ["big_text", "rows_65536", "wk_rows_40000", "cols_300"]
+# What each program shows of them: (rows, columns, first cell, last cell).
+LIMIT_SEEN = {
+    "LibreOffice": {"rows_65536": (65536, 1, "N", 65535.0),
+                    "wk_rows_40000": (40001, 1, "N", 40000.0), "cols_300": (1, 300, 0.0, 299.0)},
+    # Gnumeric drops the text cells of the stream (the heading), keeps BIFF
+    # rows up to 16,384 and 256 columns.
+    "Gnumeric": {"rows_65536": (16383, 1, 1.0, 16383.0),
+                 "wk_rows_40000": (40001, 1, "N", 40000.0), "cols_300": (1, 256, 0.0, 255.0)},
+}
+
+
+def limits(res, reader, files, converted):
+    for key in LIMIT_FILES:
+        if key not in files or key not in LIMIT_SEEN[reader]:
+            continue
+        got = converted(files[key])
+        if got is None:
+            check(res, "%s opening %s" % (reader, key), False)
+            continue
+        grid = crop([[canon(c) for c in r] for r in read_csv_file(got)])
+        rows, cols, first, last = LIMIT_SEEN[reader][key]
+        seen = (len(grid), max((len(r) for r in grid), default=0),
+                grid[0][0] if grid else None, grid[-1][-1] if grid else None)
+        want = (rows, cols, canon(first), canon(last))
+        check(res, "%s reading %s: %d rows x %d columns" % (reader, key, seen[0], seen[1]),
+              seen == want, "got %r, want %r" % (seen, want))
+
+
+def write_limit_files(lib_path, work, files, res):
+    lib = ctypes.CDLL(lib_path)
+    lib.zbstg_begin.restype = ctypes.c_void_p
+    lib.zbstg_begin.argtypes = [ctypes.c_uint16]
+    lib.zbstg_end.argtypes = [ctypes.c_void_p]
+    heap = lib.zbstg_begin(0)
+
+    def fn(fmt, call, *types):
+        f = getattr(lib, "osSave%s%s" % (fmt, call))
+        f.argtypes = list(types)
+        f.restype = ctypes.c_void_p if call == "Begin" else ctypes.c_int32
+        return f
+
+    def export(key, fmt, names, cells, rows, headings=True, ctype=2):
+        """cells: a list of Python values (float or bytes) in row-major order.
+        Returns how many Item calls answered 1."""
+        begin = fn(fmt, "Begin", ctypes.c_void_p, ctypes.c_uint32, ctypes.c_char_p,
+                   ctypes.c_int32, ctypes.c_int32, ctypes.c_uint32)
+        column = fn(fmt, "Column", ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int32,
+                    ctypes.c_int32)
+        item = fn(fmt, "Item", ctypes.c_void_p, ctypes.c_void_p)
+        end = fn(fmt, "End", ctypes.c_void_p)
+        path = os.path.join(work, key + {"Excel": ".xls", "Wk": ".wks"}[fmt])
+        h = begin(heap, 0, path.encode(), rows, len(names), 1 if headings else 0)
+        for n in names:
+            column(h, n.encode(), 10, ctype)
+        ok = 0
+        box = ctypes.c_double()
+        for v in cells:
+            if isinstance(v, bytes):
+                ok += item(h, ctypes.cast(ctypes.c_char_p(v), ctypes.c_void_p))
+            else:
+                box.value = v
+                ok += item(h, ctypes.byref(box))
+        if end(h) != 1:
+            raise RuntimeError("End failed for " + path)
+        files[key] = path
+        return ok
+
+    ok = export("big_text", "Excel", ["S"], [b"z" * 70000, b"after"], 2, False, 1)
+    check(res, "library writing a 70,000-byte BIFF text", ok == 2)
+    ok = export("rows_65536", "Excel", ["N"], [float(i) for i in range(1, 65537)], 65536)
+    check(res, "BIFF: items of row 65,536 are refused (%d of 65,536 written)" % ok, ok == 65535)
+    export("rows_16383", "Excel", ["N"], [float(i) for i in range(1, 16384)], 16383)
+    export("rows_16384", "Excel", ["N"], [float(i) for i in range(1, 16385)], 16384)
+    export("cols_257", "Excel", ["C%d" % i for i in range(257)], [1.0] * 257, 1, False)
+    export("wk_rows_40000", "Wk", ["N"], [float(i) for i in range(1, 40001)], 40000)
+    export("cols_300", "Excel", ["C%d" % i for i in range(300)], [float(i) for i in range(300)],
+           1, False)
+    lib.zbstg_end(heap)
 
 
 def main():
-    if len(sys.argv) != 3:
+    if len(sys.argv) not in (3, 4):
         print(__doc__)
         return 2
     zbshr, work = sys.argv[1], sys.argv[2]
@@ -437,18 +668,24 @@ def main():
     os.makedirs(work)
     src = os.path.join(work, "sample.csv")
     write_input(src)
+    tricky = os.path.join(work, "tricky.csv")
+    write_input(tricky, TRICKY_COLUMNS, TRICKY_ROWS)
     exts = {"csv": "csv", "sql": "sql", "dif": "dif", "sylk": "slk", "excel": "xls", "wk": "wks",
             "dbase3": "dbf"}
     files = {}
-    for fmt, ext in exts.items():
-        files[fmt] = os.path.join(work, "out_%s.%s" % (fmt, ext))
+    jobs = [(fmt, src, "out_%s.%s" % (fmt, ext)) for fmt, ext in exts.items()]
+    jobs += [(fmt, tricky, "t_%s.%s" % (fmt, ext)) for fmt, ext in exts.items() if fmt != "csv"]
+    for fmt, source, leaf in jobs:
+        key = fmt if source == src else "t_" + fmt
+        files[key] = os.path.join(work, leaf)
         args = [zbshr, "export", "--format", fmt]
         if fmt != "dbase3":
             args.append("--headings")
-        p = subprocess.run(args + [src, files[fmt]], stdout=subprocess.PIPE,
+        p = subprocess.run(args + [source, files[key]], stdout=subprocess.PIPE,
                            stderr=subprocess.STDOUT, check=False)
         if p.returncode != 0:
-            print("FAIL zbshr export --format %s: %s" % (fmt, p.stdout.decode(errors="replace")))
+            print("FAIL zbshr export --format %s %s: %s" % (fmt, source,
+                                                         p.stdout.decode(errors="replace")))
             return 1
     long_src = os.path.join(work, "long.csv")
     with open(long_src, "w", newline="") as f:
@@ -460,6 +697,10 @@ def main():
         print("FAIL zbshr export of a long label: %s" % p.stdout.decode(errors="replace"))
         return 1
     res = Result()
+    if len(sys.argv) == 4:
+        write_limit_files(sys.argv[3], work, files, res)
+    else:
+        res.skip("limits", "no library given")
     read_xlrd(res, files)
     read_dbfread(res, files)
     read_sqlite(res, files)
