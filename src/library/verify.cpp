@@ -2,8 +2,10 @@
 // file itself (not the handle's caches) and reports every problem it finds.
 #include <algorithm>
 #include <cstdio>
+#include <unordered_set>
 
-#include "library/lm.h"
+#include "library/recovery.h"
+#include "zbshr/memory.h"
 
 namespace zbshr::lm {
 
@@ -14,12 +16,15 @@ struct Checker {
   VerifyReport rep;
   std::vector<uint8_t> owner;  // per block: 0 free, else what uses it
   uint32_t nb = 0;
+  std::vector<Finding> found;
+  std::string entry;             // entry being checked, for the findings
+  int32_t code = LMI_E_DAMAGED;  // code of the next finding
 
   template <class... A>
   void problem(const char* fmt, A... a) {
     char buf[512];
     std::snprintf(buf, sizeof buf, fmt, a...);
-    if (rep.problems.size() < 200) rep.problems.emplace_back(buf);
+    if (found.size() < 10000) found.push_back({code, entry, buf});
   }
 
   bool read(uint64_t off, void* buf, uint32_t n) {
@@ -132,14 +137,17 @@ struct Checker {
     std::vector<Item> stack{{h->base + 1024, 0, "", "", false, false}};
     std::vector<uint8_t> img(h->nodeSize);
     std::vector<std::string> names;
-    uint64_t limit = h->fsize / h->nodeSize + 2;
+    std::unordered_set<uint32_t> seen;
     while (!stack.empty()) {
       Item it = stack.back();
       stack.pop_back();
-      if (++rep.nodes > limit) {
-        problem("directory tree has a cycle");
-        break;
+      if (!seen.insert(it.off).second) {
+        // Reached again: a cycle (or a shared subtree). Not followed twice.
+        problem("directory tree has a cycle: node at %u (parent %u) is reached twice", it.off,
+                it.parent);
+        continue;
       }
+      ++rep.nodes;
       bool root = it.off == h->base + 1024;
       if (!root) {
         if (it.off < uint64_t(h->base) + h->fixedSize || (it.off - h->base) % kBlock ||
@@ -190,8 +198,12 @@ struct Checker {
         ++count;
         ++rep.entries;
         uint32_t len = rd32(n + p + rec::kLength), clen = rd16(n + p + rec::kCommentLen);
+        entry = name;
         if (clen > 255 || clen > len) problem("entry '%s': comment length %u", name.c_str(), clen);
+        entry.clear();
+        entry = name;
         chain(rd32(n + p + rec::kFirst), len, "entry '" + name + "'");
+        entry.clear();
         p += kRecHead + nl;
       }
       if (broken) continue;
@@ -218,8 +230,15 @@ struct Checker {
     // Check-out list.
     uint32_t lfirst = rd32(hd + hdr::kListFirst), llen = rd32(hd + hdr::kListLen);
     rep.listBytes = llen;
-    if (llen) chain(lfirst, llen, "check-out list");
-    else if (lfirst) problem("check-out list has a first block but no length");
+    if (llen) {
+      if (chain(lfirst, llen, "check-out list")) {
+        std::vector<uint8_t> list;
+        if (readChain(h, lfirst, llen, &list) == 0 && !wholeCheckOutList(list))
+          problem("check-out list: its records are damaged");
+      }
+    } else if (lfirst) {
+      problem("check-out list has a first block but no length");
+    }
 
     // Bitmap marks against the blocks in use.
     uint32_t wrongUsed = 0, wrongFree = 0, firstBad = 0;
@@ -233,8 +252,11 @@ struct Checker {
         (bit ? wrongUsed : wrongFree)++;
       }
     }
-    if (wrongUsed)
+    if (wrongUsed) {
+      code = ZBSHR_LIB_NOTE_LEAK;
       problem("%u blocks are marked in use but belong to nothing (first at block %u)", wrongUsed, firstBad);
+      code = LMI_E_DAMAGED;
+    }
     if (wrongFree)
       problem("%u blocks in use are marked free (first at block %u)", wrongFree, firstBad);
   }
@@ -242,10 +264,67 @@ struct Checker {
 
 }  // namespace
 
-VerifyReport verify(Library* h) {
-  Checker c{h, {}, {}, 0};
+std::vector<Finding> check(Library* h) {
+  Checker c{h, {}, {}, 0, {}, {}, LMI_E_DAMAGED};
   c.run();
+  return std::move(c.found);
+}
+
+VerifyReport verify(Library* h) {
+  Checker c{h, {}, {}, 0, {}, {}, LMI_E_DAMAGED};
+  c.run();
+  for (const Finding& f : c.found)
+    if (c.rep.problems.size() < 200) c.rep.problems.push_back(f.text);
   return c.rep;
 }
 
+bool wholeCheckOutList(const std::vector<uint8_t>& list, size_t* wholeBytes) {
+  size_t p = 0, whole = 0;
+  while (p < list.size()) {
+    size_t q = p;
+    bool ok = true;
+    for (int field = 0; field < 3 && ok; ++field) {
+      while (q < list.size() && list[q]) ++q;
+      ok = q < list.size();
+      ++q;
+    }
+    if (!ok || q >= list.size() || (list[q] != 'd' && list[q] != 's' && list[q] != 'r')) break;
+    p = whole = q + 1;
+  }
+  if (wholeBytes) *wholeBytes = whole;
+  return whole == list.size();
+}
+
 }  // namespace zbshr::lm
+
+using namespace zbshr::lm;
+
+ZBSHR_API(int32_t) zbshr_lib_verify(const char* path, ZBSHR_LIB_PROBLEM cb, void* ctx) {
+  errBegin();
+  try {
+    if (!path || !*path) {
+      errNote(LMI_E_ARGUMENT, "no library path was given");
+      return errEnd(LMI_E_ARGUMENT);
+    }
+    ZBSTG_HEAP heap = zbstg_begin(0);
+    if (!heap) return errEnd(LMI_E_NULL_HEAP);
+    Library* h = openLibrary(heap, path, 1, 0);
+    if (!h) {
+      errNote(LMI_E_IO, std::string("open ") + path + ": not a library, or it cannot be opened");
+      zbstg_end(heap);
+      return errEnd(LMI_E_IO);
+    }
+    std::vector<Finding> found = check(h);
+    closeLibrary(h);
+    zbstg_end(heap);
+    Sink sink{cb, ctx};
+    int32_t damage = 0;
+    for (const Finding& f : found) {
+      sink(f);
+      if (f.code < 0) ++damage;
+    }
+    return errEnd(damage);
+  } catch (...) {
+    return errEnd(LMI_E_IO);
+  }
+}
