@@ -13,8 +13,9 @@
 // always reads as RANGE followed by its two bounds (a literal line feed in a
 // set therefore takes the next two units as a range).
 //
-// The recursion of the matcher goes one level per closure of the pattern, so
-// its depth depends on the pattern only, never on the text.
+// The matcher backtracks with a stack of its own (one entry per open closure,
+// on the heap beyond the first few), so no pattern can exhaust the machine
+// stack, whatever its number of closures.
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -362,80 +363,138 @@ struct FailSpan {
   const Unit* run_end = nullptr;   // [run_lo, run_end) and fails at run_end
 };
 
+// A closure being backed off: node i matched [start, furthest), and q is the
+// end position tried (or to be tried) for the rest of the pattern.
+template <typename Unit>
+struct Frame {
+  size_t i;
+  const Unit* start;
+  const Unit* furthest;
+  const Unit* q;
+  bool tried;  // q has been tried and failed
+};
+
+// The open closures, innermost last: the first few in place, the rest on the
+// heap, so that the depth of a pattern costs memory, never machine stack.
+template <typename Unit>
+class FrameStack {
+ public:
+  void push(const Frame<Unit>& f) {
+    if (n_ < kLocal) {
+      local_[n_] = f;
+    } else if (more_.size() > n_ - kLocal) {
+      more_[n_ - kLocal] = f;
+    } else {
+      more_.push_back(f);
+    }
+    ++n_;
+  }
+  Frame<Unit>& back() { return n_ <= kLocal ? local_[n_ - 1] : more_[n_ - 1 - kLocal]; }
+  void pop() { --n_; }
+  bool empty() const { return n_ == 0; }
+  void clear() { n_ = 0; }
+
+ private:
+  static constexpr size_t kLocal = 16;
+  Frame<Unit> local_[kLocal];
+  std::vector<Frame<Unit>> more_;
+  size_t n_ = 0;
+};
+
 template <typename Unit>
 struct Matcher {
   const Node<Unit>* nodes;
   const Unit* begin;
   FailSpan<Unit>* fails;  // one per node
+  FrameStack<Unit> open;
 
   // Matches the pattern from node i at p; returns the end of the match or null.
-  const Unit* at(size_t i, const Unit* p) const {
+  // Each closure tries its furthest end first and backs off one unit at a
+  // time; the closures waiting to back off are kept in `open`.
+  const Unit* at(size_t i, const Unit* p) {
+    open.clear();
     for (;;) {
-      const Node<Unit>& n = nodes[i];
-      switch (n.kind) {
-        case kEnd:
-          return p;
-        case kBol:
-          if (p != begin) return nullptr;
-          ++i;
-          continue;
-        case kEol:
-          if (*p != 0) return nullptr;
-          ++i;
-          continue;
-        default:
-          break;
-      }
-      if (n.closure == 0) {
-        if (!test(n, *p)) return nullptr;
-        ++p;
-        ++i;
-        continue;
-      }
-      const Unit* start = p;
-      const Unit* q = p;
-      FailSpan<Unit>& known = fails[i];
-      if (n.closure == kQuest) {
-        if (test(n, *q)) ++q;
-      } else {
-        if (known.run_lo != nullptr && p >= known.run_lo && p <= known.run_end) {
-          q = known.run_end;
-        } else {
-          // A run that reaches the start of the measured one ends where it does.
-          while (test(n, *q)) {
-            ++q;
-            if (q == known.run_lo) {
-              q = known.run_end;
-              break;
-            }
-          }
-          known.run_lo = p;
-          known.run_end = q;
-        }
-        if (n.closure == kPlus && q == p) return nullptr;  // needs one match
-      }
-      if (nodes[i + 1].kind == kEnd) return q;  // the furthest try succeeds
-      // Back off from the furthest position down to the closure's start.
-      const Unit* const furthest = q;
+      // Forward: match elements until the pattern ends, one fails, or a
+      // closure opens.
       for (;;) {
-        if (known.lo != nullptr && q >= known.lo && q <= known.hi) {
-          if (known.lo <= start) break;
-          q = known.lo - 1;
+        const Node<Unit>& n = nodes[i];
+        if (n.kind == kEnd) return p;
+        if (n.kind == kBol || n.kind == kEol) {
+          if (n.kind == kBol ? p != begin : *p != 0) break;
+          ++i;
           continue;
         }
-        if (const Unit* r = at(i + 1, q)) return r;
-        if (q == start) break;
-        --q;
+        if (n.closure == 0) {
+          if (!test(n, *p)) break;
+          ++p;
+          ++i;
+          continue;
+        }
+        const Unit* q = p;
+        FailSpan<Unit>& known = fails[i];
+        if (n.closure == kQuest) {
+          if (test(n, *q)) ++q;
+        } else {
+          if (known.run_lo != nullptr && p >= known.run_lo && p <= known.run_end) {
+            q = known.run_end;
+          } else {
+            // A run that reaches the start of the measured one ends where it does.
+            while (test(n, *q)) {
+              ++q;
+              if (q == known.run_lo) {
+                q = known.run_end;
+                break;
+              }
+            }
+            known.run_lo = p;
+            known.run_end = q;
+          }
+          if (n.closure == kPlus && q == p) break;  // needs one match
+        }
+        if (nodes[i + 1].kind == kEnd) return q;  // the furthest try succeeds
+        open.push({i, p, q, q, false});
+        break;
       }
-      // Every position in [start, furthest] fails.
-      if (known.lo != nullptr && known.lo <= furthest + 1 && start <= known.hi + 1) {
-        if (start < known.lo) known.lo = start;
-        if (furthest > known.hi) known.hi = furthest;
-      } else {
-        known.lo = start;
-        known.hi = furthest;
+      // Backward: the innermost open closure with an end left to try goes
+      // on from there; a closure with none left records that every end in
+      // [start, furthest] fails.
+      bool resumed = false;
+      while (!resumed && !open.empty()) {
+        Frame<Unit>& f = open.back();
+        FailSpan<Unit>& known = fails[f.i];
+        bool left = true;
+        if (f.tried) {
+          if (f.q == f.start) {
+            left = false;
+          } else {
+            --f.q;
+            f.tried = false;
+          }
+        }
+        while (left && known.lo != nullptr && f.q >= known.lo && f.q <= known.hi) {
+          if (known.lo <= f.start) {
+            left = false;
+          } else {
+            f.q = known.lo - 1;
+          }
+        }
+        if (left) {
+          f.tried = true;
+          i = f.i + 1;
+          p = f.q;
+          resumed = true;
+          break;
+        }
+        if (known.lo != nullptr && known.lo <= f.furthest + 1 && f.start <= known.hi + 1) {
+          if (f.start < known.lo) known.lo = f.start;
+          if (f.furthest > known.hi) known.hi = f.furthest;
+        } else {
+          known.lo = f.start;
+          known.hi = f.furthest;
+        }
+        open.pop();
       }
-      return nullptr;
+      if (!resumed) return nullptr;
     }
   }
 };
@@ -447,7 +506,7 @@ int32_t count_matches(const Unit* text, const Unit* compiled) {
   if (!decode(compiled, nodes)) return 0;
   SmallVec<FailSpan<Unit>, 12> fails;
   fails.resize(nodes.size());
-  Matcher<Unit> m{nodes.data(), text, fails.data()};
+  Matcher<Unit> m{nodes.data(), text, fails.data(), {}};
   const Node<Unit>& first = nodes.data()[0];
 
   if (first.kind == kBol) return m.at(0, text) ? 1 : 0;  // no later start can match

@@ -180,7 +180,7 @@ TEST(FormatPatternMatch, TerminatorIsNeverConsumed) {
   EXPECT_EQ(count("a[^x]", text), 0);
 }
 
-TEST(FormatPatternMatch, LongTextsDoNotExhaustTheStack) {
+TEST(FormatPatternMatch, LongTextsAndDeepPatternsDoNotExhaustTheStack) {
   std::string big(10 * 1024 * 1024, 'a');
   EXPECT_EQ(count("a*", big.c_str()), 1);
   EXPECT_EQ(count(".*b", big.c_str()), 0);
@@ -196,6 +196,19 @@ TEST(FormatPatternMatch, LongTextsDoNotExhaustTheStack) {
   EXPECT_EQ(count("a+a+a+a+b", as.c_str()), 0);
   EXPECT_EQ(count("[ab]*a*[ab]*c", as.c_str()), 0);
   EXPECT_EQ(count("a*a*a*", as.c_str()), 1);
+
+  // Hundreds of thousands of closures: the depth of a pattern costs heap, not
+  // machine stack (one level per closure would overflow an 8 MB stack).
+  for (const char* closure : {"a?", "a*"}) {
+    std::string pat;
+    for (int k = 0; k < 200000; ++k) pat += closure;
+    pat += 'b';
+    std::vector<unsigned char> buf(pat.size() * 2 + 8);
+    ASSERT_EQ(shregExprCmpl(buf.data(), pat.c_str(), static_cast<int32_t>(buf.size())), 0);
+    EXPECT_EQ(shregExprMatch("aaab", buf.data()), 1) << closure;
+    EXPECT_EQ(shregExprMatch("aaaa", buf.data()), 0) << closure;
+    EXPECT_EQ(shregExprMatch("xbab", buf.data()), 2) << closure;
+  }
 }
 
 TEST(FormatPatternMatch, NullArguments) {
