@@ -179,6 +179,7 @@ TEST_F(DbaseExport, Dbase2RefusesCountsAndFailsWhenWidthsPass1000) {
   EXPECT_EQ(osSaveDbase2Column(h, "C", 255, 1), 1);
   EXPECT_EQ(osSaveDbase2Column(h, "D", 235, 1), 1);  // exactly 1000
   EXPECT_EQ(osSaveDbase2Column(h, "E", 1, 2), 0);    // 1016
+  EXPECT_EQ(osSaveDbase2Item(h, "x"), 0);            // the header is incomplete
   EXPECT_EQ(osSaveDbase2End(h), 1);
   std::string got = read_file(path("C.DBF"));
   EXPECT_EQ(got.size(), 7u);  // header never completed, then the end byte
@@ -224,6 +225,15 @@ TEST_F(DbaseExport, Dbase3TwoColumnsHeaderLength97AndLimits) {
   for (int i = 0; i < 16; ++i) ok += osSaveDbase3Column(h, "S", 255, 1);
   EXPECT_EQ(ok, 15);  // the 16th takes the total to 4080
   EXPECT_EQ(osSaveDbase3End(h), 1);
+  // a refused width is not counted: a narrower column may take its place
+  h = osSaveDbase3Begin(heap_, 0, path("Z.DBF").c_str(), 1, 16, 0);
+  ASSERT_NE(h, nullptr);
+  for (int i = 0; i < 15; ++i) ASSERT_EQ(osSaveDbase3Column(h, "S", 255, 1), 1);  // 3825
+  EXPECT_EQ(osSaveDbase3Column(h, "T", 176, 1), 0);                             // 4001
+  EXPECT_EQ(osSaveDbase3Column(h, "T", 175, 1), 1);                             // 4000
+  EXPECT_EQ(osSaveDbase3End(h), 1);
+  got = read_file(path("Z.DBF"));
+  EXPECT_EQ(static_cast<uint8_t>(got[10]) | static_cast<uint8_t>(got[11]) << 8, 4001);
 }
 
 }  // namespace

@@ -140,6 +140,27 @@ TEST_F(ExportSixteenBits, RowsPastTheLastNameableRowAreRefusedNotWrapped) {
   }
 }
 
+TEST_F(ExportSixteenBits, ColumnsPastTheLastNameableColumnAreRefused) {
+  const int32_t cols = 65537;
+  for (const Format* f : {&kExcel, &kWk}) {
+    SCOPED_TRACE(f->name);
+    ExportState* h = f->begin(heap_, 0, path("cols.dat").c_str(), 1, cols, OSSAVE_HEADINGS);
+    ASSERT_NE(h, nullptr);
+    int32_t ok = 0;
+    for (int32_t i = 0; i < cols; ++i) ok += f->column(h, "", 1, OSSAVE_NUMBER);
+    EXPECT_EQ(ok, cols - 1);  // the heading of column 65,536 has no column number
+    const double v = 1;
+    ok = 0;
+    for (int32_t i = 0; i < cols; ++i) ok += f->item(h, &v);
+    EXPECT_EQ(ok, cols - 1);
+    EXPECT_EQ(f->item(h, &v), 1);  // the next row starts again at column 0
+    EXPECT_EQ(f->end(h), 1);
+    const std::string got = read_file(path("cols.dat"));
+    const bool xl = f == &kExcel;
+    EXPECT_EQ(at16(got, xl ? 18 : 14), 65535u);  // the column count is held
+  }
+}
+
 TEST_F(ExportSixteenBits, NegativeRowCountsAreRefusedByTheBinaryFormats) {
   for (const Format* f : {&kExcel, &kWk, &kDbase2, &kDbase3}) {
     EXPECT_EQ(f->begin(heap_, 0, path("neg.dat").c_str(), -1, 1, 0), nullptr) << f->name;
