@@ -174,11 +174,19 @@ int double_to_num(double d, Num& out) {
     if (!mul_pow10(m, -scale)) return kErrOverflow;
     scale = 0;
   } else if (scale > kMaxScale) {
-    m = div_pow10_round(m, scale - kMaxScale);
+    // Too many places: round the double's exact value, not its shortest
+    // digits (rounding those again could land one unit too high). The fixed
+    // form is exact and correctly rounded, and a double is never a tie there.
+    res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, kMaxScale);
+    m = 0;
+    for (p = buf; p < res.ptr; ++p) {
+      if (*p >= '0' && *p <= '9') m = m * 10 + static_cast<unsigned>(*p - '0');
+    }
     scale = kMaxScale;
   }
   out.m = m;
   out.scale = scale;
+  if (m == 0) out.neg = false;  // a value that vanished is a plain zero
   return 0;
 }
 
@@ -207,7 +215,7 @@ double num_to_double(const Num& n) {
   } else {
     r = from_digits<double>(n.m, n.scale);
   }
-  return n.neg ? -r : r;
+  return n.neg && n.m != 0 ? -r : r;  // a negative zero is zero
 }
 
 float num_to_float(const Num& n) {
@@ -219,7 +227,7 @@ float num_to_float(const Num& n) {
   } else {
     r = from_digits<float>(n.m, n.scale);
   }
-  return n.neg ? -r : r;
+  return n.neg && n.m != 0 ? -r : r;  // a negative zero is zero
 }
 
 }  // namespace zbshr::dec

@@ -238,12 +238,20 @@ TEST(DecimalFloat, DoubleToDecimalUsesShortestDigits) {
                {5e-324, "0.0000000000000000000000000000"},
                {1.2345678901234567e-20, "0.0000000000000000000123456789"},
                {0.0, "0"},
-               {0.30000000000000004, "0.30000000000000004"}};
+               {0.30000000000000004, "0.30000000000000004"},
+               // Beyond 28 places the exact binary value is rounded: the
+               // double nearest 5e-29 lies below it, and rounding its
+               // shortest digits "3.8219104596613935" again would end in 4.
+               {5e-29, "0.0000000000000000000000000000"},
+               {3.8219104596613935e-13, "0.0000000000003821910459661393"},
+               {-1e-30, "0.0000000000000000000000000000"}};
   for (const auto& c : cases) {
     ASSERT_EQ(ConvDoubleToDecimal(&d, c.x), &d) << c.x;
     EXPECT_EQ(str(d), c.text) << c.x;
+    if (c.x < 0) EXPECT_EQ(d.sign, c.text[0] == '-' ? 1 : 0) << c.x;  // no negative zero
   }
-  EXPECT_EQ(hook.seen(), std::vector<int>{-305});  // 5e-324 vanished at 28 places
+  // 5e-324, 5e-29 and -1e-30 vanished at 28 places.
+  EXPECT_EQ(hook.seen(), (std::vector<int>{-305, -305, -305}));
   ConvFloatToDecimal(&d, 0.1f);
   EXPECT_EQ(str(d), "0.10000000149011612");
   hook.clear();
@@ -299,6 +307,14 @@ TEST(DecimalFloat, DecimalToBinaryIsCorrectlyRounded) {
   d = dec("16777217.0000000001");
   ConvDecToFloat(&f, &d);
   EXPECT_EQ(f, 16777218.0f);
+  // A negative zero is zero: it converts to +0.
+  d = raw(1, 2, 0);
+  x = 5;
+  f = 5;
+  ConvDecToDouble(&x, &d);
+  ConvDecToFloat(&f, &d);
+  EXPECT_TRUE(x == 0 && !std::signbit(x));
+  EXPECT_TRUE(f == 0 && !std::signbit(f));
   HookRecorder hook;
   d = raw(0, -1, 1);
   x = 5;

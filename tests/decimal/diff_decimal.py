@@ -342,7 +342,9 @@ def from_double(x):
             raise Err(OVERFLOW)
     v = num(t.sign == 1, mag, scale)
     if scale > 28:
-        v = at(v[0], 28)
+        # More places than a decimal holds: the nearest 28-place value to the
+        # double's exact binary value (not to its shortest digits).
+        v = at(D(x), 28)
         if mag_of(v) == 0:
             return v, [UNDERFLOW]
     return v, []
