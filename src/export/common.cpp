@@ -1,5 +1,6 @@
 // The parts of an export every format shares: the state record, the output
 // channel, the column and item bookkeeping and the rendering of values.
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdarg>
@@ -123,6 +124,9 @@ namespace {
 struct Registry {
   std::mutex lock;
   std::unordered_set<const ExportState*> live;
+  // Counts the states released so far: a thread's memory of the last state
+  // it found live holds only while no state has been released since.
+  std::atomic<uint64_t> released{0};
 };
 
 // Never destroyed: an export may still be ended while the process exits.
@@ -130,6 +134,12 @@ Registry& registry() {
   static Registry* r = new Registry;
   return *r;
 }
+
+// The state this thread last found live, and the release count then. Every
+// Item checks its handle: this spares the lock for the run of cells of one
+// export.
+thread_local const ExportState* t_last_live = nullptr;
+thread_local uint64_t t_last_released = 0;
 
 // Enters a new state; false when the registry cannot grow.
 bool enter(const ExportState* s) {
@@ -148,15 +158,22 @@ bool enter(const ExportState* s) {
 bool is_live(const ExportState* s) {
   if (s == nullptr) return false;
   Registry& r = registry();
+  const uint64_t released = r.released.load(std::memory_order_acquire);
+  if (s == t_last_live && released == t_last_released) return true;
   std::lock_guard<std::mutex> g(r.lock);
-  return r.live.count(s) != 0;
+  if (r.live.count(s) == 0) return false;
+  t_last_live = s;
+  t_last_released = released;
+  return true;
 }
 
 bool claim(const ExportState* s) {
   if (s == nullptr) return false;
   Registry& r = registry();
   std::lock_guard<std::mutex> g(r.lock);
-  return r.live.erase(s) != 0;
+  if (r.live.erase(s) == 0) return false;
+  r.released.fetch_add(1, std::memory_order_release);
+  return true;
 }
 
 // ---------------------------------------------------------------- state
