@@ -11,6 +11,17 @@
  * success and 0 on failure (a short write fails the call). End always releases
  * the handle, even after a failure. The handle, its column names and (for the
  * clipboard) its text buffer are allocated in the heap and pool given to Begin.
+ * Calls out of order (an Item before every column is declared, a Column after
+ * the first Item) and any call on a handle End has released (a second End
+ * included) are refused with 0 and write nothing.
+ *
+ * A number whose text is longer than the format's room for it (DIF 15
+ * characters, a dBase field 16, the other text formats 29) is written with
+ * fewer significant digits, never as '#'. The worksheets (Excel, Wk) have
+ * 16-bit rows and columns: the Item of a cell past row or column 65,535 is
+ * refused with 0 and writes nothing, an Excel text is cut at 65,527 bytes,
+ * a Wk text at 239 (a heading at 65,528), and the binary formats refuse a
+ * negative row count at Begin.
  *
  * Item takes a pointer to the value, by column type:
  *   OSSAVE_STRING    const char *     NUL-terminated 8-bit text
