@@ -65,9 +65,9 @@ TEST_F(ExportNumberFit, NumbersTooLongForTheBufferLoseDigitsNotTheValue) {
   }
 }
 
-class ExportNumberFitRegional : public Regional {};
+class ExportRegional : public Regional {};
 
-TEST_F(ExportNumberFitRegional, ShortenedNumbersKeepTheRegionalDecimalSeparator) {
+TEST_F(ExportRegional, ShortenedNumbersKeepTheRegionalDecimalSeparator) {
   use("sDecimal=,\n");
   ZBSTG_HEAP heap = zbstg_begin(0);
   const std::string file = dir_ + "/sep.dif";
@@ -85,6 +85,23 @@ TEST_F(ExportNumberFitRegional, ShortenedNumbersKeepTheRegionalDecimalSeparator)
   const std::string got = read_file(file);
   EXPECT_NE(got.find("0,0,3333333333333\r\n"), std::string::npos) << visible(got);
   EXPECT_NE(got.find("0,-1,2345E-24\r\n"), std::string::npos) << visible(got);
+}
+
+// The fraction of a second is set off with the regional time separator, not
+// with a decimal point.
+TEST_F(ExportRegional, FractionSuffixUsesTheTimeSeparator) {
+  use("sTime=.\n");
+  ZBSTG_HEAP heap = zbstg_begin(0);
+  const std::string file = dir_ + "/t.csv";
+  ExportState* h = osSaveCsvBegin(heap, 0, file.c_str(), 2, 1, 0);
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(osSaveCsvColumn(h, "T", 8, OSSAVE_TIME), 1);
+  const SHDATETIME a = dt(1900, 1, 1, 12, 30, 45, 1), b = dt(1900, 1, 1, 12, 30, 45, 999999);
+  EXPECT_EQ(osSaveCsvItem(h, &a), 1);
+  EXPECT_EQ(osSaveCsvItem(h, &b), 1);
+  EXPECT_EQ(osSaveCsvEnd(h), 1);
+  zbstg_end(heap);
+  EXPECT_BYTES("12.30.45.000001\r\n12.30.45.999999\r\n", read_file(file));
 }
 
 // ---------------------------------------------------------------- 16-bit fields

@@ -222,27 +222,5 @@ TEST_F(SylkExport, ZeroRowsWithHeadingsStillWritesHeaderAndTrailer) {
                run(kSylk, {{"A", 1, 1}, {"B", 1, 2}}, {}, OSSAVE_HEADINGS));
 }
 
-// The fraction of a second is set off with the regional time separator read
-// from the user's profile, not with a decimal point.
-TEST_F(CsvExport, FractionSuffixUsesTheProfileTimeSeparator) {
-  const char* home = std::getenv("ZBSHR_HOME");
-  if (home == nullptr) GTEST_SKIP() << "ZBSHR_HOME is not set";
-  std::filesystem::create_directories(home);
-  const std::string ini = std::string(home) + "/win.ini";
-  const std::string saved = read_file(ini);
-  {
-    std::ofstream f(ini, std::ios::binary | std::ios::trunc);
-    f << "[intl]\r\nsTime=.\r\n";
-  }
-  std::string got = run(kCsv, {{"T", 8, 5}}, {{dt(1900, 1, 1, 12, 30, 45, 1)},
-                                              {dt(1900, 1, 1, 12, 30, 45, 999999)}}, 0);
-  {
-    std::ofstream f(ini, std::ios::binary | std::ios::trunc);
-    f << saved;
-  }
-  EXPECT_NE(got.find(".000001\r\n"), std::string::npos) << visible(got);
-  EXPECT_NE(got.find(".999999\r\n"), std::string::npos) << visible(got);
-}
-
 }  // namespace
 }  // namespace xt
