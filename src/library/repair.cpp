@@ -167,11 +167,13 @@ struct Repairer {
       uint32_t off = h->base + k * kMapRange;
       std::vector<uint8_t> m(kBlock, 0);
       bool linked = rd32(imgs.back().data() + 4) == off;
-      if (!linked || readAt(h, off, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
+      if (readAt(h, off, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
         std::fill(m.begin(), m.end(), 0);
         std::memcpy(m.data(), "FRE*", 4);
         m[8] = 0x80;
         note(LMI_E_NO_SPACE, "", "rebuilt the missing bitmap for the range at " + std::to_string(off));
+      } else if (!linked) {
+        note(LMI_E_NO_SPACE, "", "linked the bitmap at " + std::to_string(off) + " into the chain");
       }
       maps.push_back(off);
       imgs.push_back(std::move(m));

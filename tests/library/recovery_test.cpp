@@ -202,6 +202,15 @@ TEST_F(Recovery, SalvageReportsBrokenEntriesAndRefusesAnExistingTarget) {
   ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(got["good"].data, pattern(900, 1));
   EXPECT_EQ(got["good"].comment, "kept");
+  // Without its header the entries are still found; the header's loss is reported.
+  auto nohdr = slurp(lib);
+  zero(nohdr, 0, 512);
+  spit(lib, nohdr);
+  found.clear();
+  EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), path("out2.zbl").c_str(), collectCb, &found), 1);
+  EXPECT_EQ(contents(path("out2.zbl"))["good"].data, pattern(900, 1));
+  ASSERT_FALSE(found.empty());
+  EXPECT_NE(found[0].text.find("header"), std::string::npos) << found[0].text;
   // The target must be a new file; a missing source is an open error.
   EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), out.c_str(), nullptr, nullptr), LMI_E_EXISTS);
   EXPECT_EQ(zbshr_lib_salvage(path("none.zbl").c_str(), path("o2.zbl").c_str(), nullptr, nullptr),
@@ -305,8 +314,34 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   }
 }
 
+TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
+  // Past 4032 blocks the second bitmap sits at 2,064,384; cut its link.
+  std::string lib = create("b.zbl");
+  LMI_HANDLE h = open(lib, 2);
+  ASSERT_EQ(put(h, "big", pattern(2200000, 7), "large"), 0);
+  ASSERT_EQ(put(h, "small", "tail"), 0);
+  ASSERT_EQ(LMI_CloseLibrary(h), 0);
+  auto bytes = slurp(lib);
+  ASSERT_EQ(le32(bytes, 512 + 4), 2064384u);
+  zero(bytes, 512 + 4, 4);
+  spit(lib, bytes);
+  ASSERT_EQ(verifyPath(lib), 1);
+  EXPECT_NE(found[0].text.find("cover fewer blocks"), std::string::npos) << found[0].text;
+  found.clear();
+  EXPECT_EQ(zbshr_lib_repair(lib.c_str(), collectCb, &found), 1);
+  EXPECT_EQ(verifyPath(lib), 0);
+  auto got = contents(lib);
+  EXPECT_EQ(got["big"].data, pattern(2200000, 7));
+  EXPECT_EQ(got["big"].comment, "large");
+  h = open(lib, 2);
+  ASSERT_EQ(put(h, "more", pattern(600000, 8)), 0);  // growth works again
+  ASSERT_EQ(LMI_CloseLibrary(h), 0);
+  EXPECT_EQ(verifyPath(lib), 0);
+}
+
 TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   std::string lib = create("k.zbl", "big one");
+  // ZBSHR_COMPACT_N makes the library smaller for quick runs (mutation testing).
   const int n = std::getenv("ZBSHR_COMPACT_N") ? std::atoi(std::getenv("ZBSHR_COMPACT_N")) : 100000;
   LMI_HANDLE h = open(lib, 2);
   ASSERT_NE(h, nullptr);
