@@ -189,9 +189,8 @@ int32_t read_bracket(std::string_view m, size_t& i, Section& s, NumState& st, in
     return numeric_section(cur, s, st, depth + 1);
   } else if (const uint8_t colour = colour_index(name)) {
     s.h.colour = colour;
-  } else if (depth == 0 && s.h.cond_op == cNone && read_condition(name, s.h)) {
-  } else {
-    return SHFORMAT_E_KEYWORD;
+  } else if (depth > 0 || s.h.cond_op != cNone || !read_condition(name, s.h)) {
+    return SHFORMAT_E_KEYWORD;  // one condition per section, none in [CURRENCY]
   }
   return SHFORMAT_OK;
 }
@@ -205,7 +204,7 @@ int32_t numeric_section(std::string_view m, Section& s, NumState& st, int depth)
       continue;
     }
     if (st.in_exp && st.exp_digits > 0) st.exp_done = true;
-    if (st.in_den) st.in_den = false;
+    st.in_den = false;  // the denominator's placeholders end here
     int32_t err = SHFORMAT_OK;
     if (c == ',') {
       read_commas(m, i, s, st);
