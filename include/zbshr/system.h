@@ -96,6 +96,24 @@ typedef struct OSFILE {
  * Returns the file handle; 1 for OF_PARSE, OF_EXIST and OF_DELETE; -1 on
  * failure with the error code in the record (a null record gives -1). */
 ZBSHR_API(int32_t) osOpenFile(const char *name, OSOFSTRUCT *of, uint16_t mode);
+#ifndef _WIN32
+/* The classic handle calls for the handles osOpenFile returns (on Windows the
+ * system's own functions serve). Each fails with -1 (HFILE_ERROR); -1 as an
+ * unsigned count from _lread and _lwrite. A handle has exactly the access it
+ * was opened with: reading one opened for writing only fails, and the other
+ * way round.
+ * _lopen: an existing file; mode = OF_READ, OF_WRITE or OF_READWRITE with one
+ * OF_SHARE_* value. _lcreat: creates or empties a file for reading and
+ * writing; attribute 0, or 1 read-only (later opens cannot write), 2 hidden
+ * and 4 system (no effect here). _llseek: origin 0 start, 1 current, 2 end;
+ * returns the new offset. _lclose: 0 on success. */
+ZBSHR_API(int32_t) _lopen(const char *path, int32_t mode);
+ZBSHR_API(int32_t) _lcreat(const char *path, int32_t attribute);
+ZBSHR_API(uint32_t) _lread(int32_t file, void *buf, uint32_t n);
+ZBSHR_API(uint32_t) _lwrite(int32_t file, const char *buf, uint32_t n);
+ZBSHR_API(int32_t) _llseek(int32_t file, int32_t offset, int32_t origin);
+ZBSHR_API(int32_t) _lclose(int32_t file);
+#endif
 /* Non-zero when the file can be found (osOpenFile with OF_EXIST). */
 ZBSHR_API(int32_t) osFileExists(const char *name);
 /* Creates (truncating) a file for buffered writing; buffer size 0 = 16284.

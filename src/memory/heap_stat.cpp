@@ -81,10 +81,10 @@ ZBSHR_API(int32_t) zbstg_write_debug(ZBSTG_HEAP heap, uint32_t pool, const char 
         std::memcpy(pad, e.subpool, gs);
         src = pad;
       }
-      if (_lwrite(fh, src, kRecord) != static_cast<int32_t>(kRecord)) break;
+      if (zbshr::plat::_lwrite(fh, src, kRecord) != static_cast<int32_t>(kRecord)) break;
     }
   }
-  _lclose(fh);
+  zbshr::plat::_lclose(fh);
   return 1;
 }
 

@@ -2,6 +2,9 @@
 // search and the path-length limit.
 #include <cstddef>
 #include <cstdlib>
+#ifndef _WIN32
+#include <unistd.h>
+#endif
 
 #include "platform/platform.h"
 #include "sys_fixture.h"
@@ -87,12 +90,89 @@ TEST_F(OpenFile, ExistAndPlainOpens) {
   EXPECT_EQ(plat::_lwrite(h, "XY", 2), 2);  // an existing file is not truncated
   plat::_lclose(h);
   EXPECT_EQ(slurp("data.txt"), "XYcdef");
-
-  h = osOpenFile("data.txt", &of, OF_WRITE);
-  ASSERT_NE(h, -1);
-  EXPECT_EQ(plat::_lread(h, buf, 1), -1);  // write access only
-  plat::_lclose(h);
 }
+
+#ifndef _WIN32
+// A handle has exactly the access asked for, through the exported classic
+// calls and through the descriptor itself; a write-only handle still takes
+// part in sharing, and closing it releases its share.
+TEST_F(OpenFile, HandlesHaveExactlyTheAccessAsked) {
+  const struct {
+    uint16_t mode;
+    bool read, write;
+    const char* after;
+  } cases[] = {{OF_READ, true, false, "abc"},
+               {OF_WRITE, false, true, "ZZc"},
+               {OF_READWRITE, true, true, "abZZ"},
+               {3, false, false, "abc"}};  // no access rights at all
+  for (const auto& c : cases) {
+    spill("acc.txt", "abc");
+    OSOFSTRUCT of;
+    int32_t h = osOpenFile("acc.txt", &of, c.mode);
+    ASSERT_NE(h, -1) << c.mode;
+    char b[4] = {};
+    EXPECT_EQ(_lread(h, b, 1), c.read ? 1u : 0xFFFFFFFFu) << c.mode;
+    EXPECT_EQ(read(h, b, 1) == 1, c.read) << c.mode;
+    EXPECT_EQ(_lwrite(h, "Z", 1), c.write ? 1u : 0xFFFFFFFFu) << c.mode;
+    EXPECT_EQ(write(h, "Z", 1) == 1, c.write) << c.mode;
+    EXPECT_EQ(_lclose(h), 0);
+    EXPECT_EQ(_lclose(h), -1);  // no longer open
+    EXPECT_EQ(slurp("acc.txt"), c.after) << c.mode;
+  }
+
+  OSOFSTRUCT a, b;
+  int32_t w = osOpenFile("acc.txt", &a, OF_WRITE | OF_SHARE_EXCLUSIVE);
+  ASSERT_NE(w, -1);
+  EXPECT_EQ(osOpenFile("acc.txt", &b, OF_READ), -1);
+  EXPECT_EQ(b.nErrCode, plat::ERROR_SHARING_VIOLATION);
+  _lclose(w);
+  w = osOpenFile("acc.txt", &a, OF_WRITE | OF_SHARE_DENY_NONE);
+  ASSERT_NE(w, -1);
+  EXPECT_EQ(osOpenFile("acc.txt", &b, OF_READ | OF_SHARE_DENY_WRITE), -1);  // w writes
+  _lclose(w);
+  int32_t r = osOpenFile("acc.txt", &b, OF_READ | OF_SHARE_EXCLUSIVE);
+  EXPECT_NE(r, -1);  // nothing of w is left
+  _lclose(r);
+}
+
+TEST_F(OpenFile, ClassicCallsCreateOpenSeekAndClose) {
+  spill("new.txt", "old contents");
+  int32_t h = _lcreat("new.txt", 0);  // empties an existing file
+  ASSERT_NE(h, -1);
+  EXPECT_EQ(_lwrite(h, "hello world", 11), 11u);
+  EXPECT_EQ(_llseek(h, 6, 0), 6);
+  char buf[8] = {};
+  EXPECT_EQ(_lread(h, buf, 7), 5u);
+  EXPECT_STREQ(buf, "world");
+  EXPECT_EQ(_llseek(h, -5, 2), 6);
+  EXPECT_EQ(_llseek(h, 2, 1), 8);
+  EXPECT_EQ(_llseek(h, -100, 0), -1);  // before the start: the position stays
+  EXPECT_EQ(_llseek(h, 0, 3), -1);     // no such origin
+  EXPECT_EQ(_llseek(h, 0, 1), 8);
+  EXPECT_EQ(_lclose(h), 0);
+  EXPECT_EQ(slurp("new.txt"), "hello world");
+
+  h = _lopen("NEW.TXT", OF_READ | OF_SHARE_DENY_WRITE);  // found without regard to case
+  ASSERT_NE(h, -1);
+  EXPECT_EQ(_lread(h, buf, 5), 5u);
+  EXPECT_EQ(_lopen("new.txt", OF_READWRITE), -1);  // denied by h
+  EXPECT_EQ(_lwrite(h, "x", 1), 0xFFFFFFFFu);
+  EXPECT_EQ(_lclose(h), 0);
+  for (int32_t bad : {3, 0x50, 0x100}) EXPECT_EQ(_lopen("new.txt", bad), -1) << bad;
+  EXPECT_EQ(_lopen("absent.txt", OF_READ), -1);
+  EXPECT_EQ(_lcreat("new.txt", 8), -1);
+  EXPECT_EQ(_lread(-5, buf, 1), 0xFFFFFFFFu);
+
+  // Read-only: the creating handle writes, the file itself is not writable.
+  h = _lcreat("ro.txt", 1);
+  ASSERT_NE(h, -1);
+  EXPECT_EQ(_lwrite(h, "ro", 2), 2u);
+  EXPECT_EQ(_lclose(h), 0);
+  const auto perms = fs::status("ro.txt").permissions();
+  EXPECT_EQ(perms & (fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write),
+            fs::perms::none);
+}
+#endif
 
 TEST_F(OpenFile, SharingModesConflict) {
   spill("shared.txt", "s");

@@ -49,6 +49,7 @@ struct HandleInfo {
   bool open = false;
   bool can_read = false;
   bool can_write = false;
+  int lock_fd = -1;  // a second description carrying the sharing locks, or -1
 };
 
 std::mutex g_handles_mutex;
@@ -61,15 +62,16 @@ bool Lookup(HFILE f, HandleInfo* out) {
   return true;
 }
 
-void Register(int fd, bool can_read, bool can_write) {
+void Register(int fd, bool can_read, bool can_write, int lock_fd) {
   std::lock_guard<std::mutex> lock(g_handles_mutex);
   if (static_cast<size_t>(fd) >= g_handles.size()) g_handles.resize(fd + 16);
-  g_handles[fd] = HandleInfo{true, can_read, can_write};
+  g_handles[fd] = HandleInfo{true, can_read, can_write, lock_fd};
 }
 
-bool Unregister(HFILE f) {
+bool Unregister(HFILE f, int* lock_fd) {
   std::lock_guard<std::mutex> lock(g_handles_mutex);
   if (f < 0 || static_cast<size_t>(f) >= g_handles.size() || !g_handles[f].open) return false;
+  *lock_fd = g_handles[f].lock_fd;
   g_handles[f] = HandleInfo{};
   return true;
 }
@@ -170,23 +172,25 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
     SetLastError(ERROR_FILE_EXISTS);
     return INVALID_HANDLE;
   }
-  // The descriptor is opened read-write whenever writing is asked, so that it
-  // can carry the shared sharing locks; the access actually granted is
-  // checked by ReadFile and WriteFile.
+  // The descriptor has exactly the access asked for, so that a caller holding
+  // it cannot read through a write-only handle, nor do either through one
+  // opened for neither. A write-only descriptor cannot hold the shared
+  // sharing locks: a read-only description of the same file carries them
+  // for as long as the handle is open.
   int fd = -1;
+  int lock_fd = -1;
   bool lockable = true;
   if (want_write) {
-    fd = open(path.c_str(), flags | O_RDWR, 0666);
-    if (fd < 0 && errno == EACCES && !want_read) {
-      fd = open(path.c_str(), flags | O_WRONLY, 0666);
-      lockable = false;  // a write-only descriptor cannot hold read locks
+    fd = open(path.c_str(), flags | (want_read ? O_RDWR : O_WRONLY), 0666);
+    if (fd >= 0 && !want_read) {
+      lock_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (lock_fd < 0) lockable = false;  // no read permission: no sharing locks
     }
-  } else {
+  } else if (want_read || (flags & O_CREAT)) {
     fd = open(path.c_str(), flags | O_RDONLY, 0666);
-    // An open for neither reading nor writing (attributes, size) needs no
-    // read permission.
-    if (fd < 0 && errno == EACCES && !want_read && !(flags & O_CREAT))
-      fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+  } else {
+    // Neither reading nor writing (attributes, size): needs no permission.
+    fd = open(path.c_str(), O_PATH | O_CLOEXEC);
   }
   if (fd < 0) {
     int err = errno;
@@ -194,22 +198,27 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
     else SetLastError(posix::ErrorFromErrno(err));
     return INVALID_HANDLE;
   }
+  const int lk = lock_fd >= 0 ? lock_fd : fd;
+  auto close_all = [&] {
+    close(fd);
+    if (lock_fd >= 0) close(lock_fd);
+  };
   if ((want_read || want_write) && lockable) {
     const bool deny_read = !(share & FILE_SHARE_READ);
     const bool deny_write = !(share & FILE_SHARE_WRITE);
     const bool deny_delete = !(share & FILE_SHARE_DELETE);
-    bool ok = (!want_read || TakeSharedByte(fd, kHasRead)) &&
-              (!want_write || TakeSharedByte(fd, kHasWrite)) &&
-              (!deny_read || TakeSharedByte(fd, kDeniesRead)) &&
-              (!deny_write || TakeSharedByte(fd, kDeniesWrite)) &&
-              (!deny_delete || TakeSharedByte(fd, kDeniesDelete));
+    bool ok = (!want_read || TakeSharedByte(lk, kHasRead)) &&
+              (!want_write || TakeSharedByte(lk, kHasWrite)) &&
+              (!deny_read || TakeSharedByte(lk, kDeniesRead)) &&
+              (!deny_write || TakeSharedByte(lk, kDeniesWrite)) &&
+              (!deny_delete || TakeSharedByte(lk, kDeniesDelete));
     if (ok) {
-      bool conflict = (want_read && HeldByOthers(fd, kDeniesRead)) ||
-                      (want_write && HeldByOthers(fd, kDeniesWrite)) ||
-                      (deny_read && HeldByOthers(fd, kHasRead)) ||
-                      (deny_write && HeldByOthers(fd, kHasWrite));
+      bool conflict = (want_read && HeldByOthers(lk, kDeniesRead)) ||
+                      (want_write && HeldByOthers(lk, kDeniesWrite)) ||
+                      (deny_read && HeldByOthers(lk, kHasRead)) ||
+                      (deny_write && HeldByOthers(lk, kHasWrite));
       if (conflict) {
-        close(fd);
+        close_all();
         if (!existed) unlink(path.c_str());
         SetLastError(ERROR_SHARING_VIOLATION);
         return INVALID_HANDLE;
@@ -218,11 +227,11 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
   }
   if (truncate_after && existed && ftruncate(fd, 0) != 0) {
     int err = errno;
-    close(fd);
+    close_all();
     SetLastError(posix::ErrorFromErrno(err));
     return INVALID_HANDLE;
   }
-  Register(fd, want_read, want_write);
+  Register(fd, want_read, want_write, lock_fd);
   // As on Windows, an open that found an existing file under CREATE_ALWAYS or
   // OPEN_ALWAYS says so in the last error.
   SetLastError((existed && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS))
@@ -407,11 +416,13 @@ BOOL FlushFileBuffers(HFILE f) {
 }
 
 BOOL CloseHandle(HFILE f) {
-  if (!Unregister(f)) {
+  int lock_fd = -1;
+  if (!Unregister(f, &lock_fd)) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }
   close(f);
+  if (lock_fd >= 0) close(lock_fd);
   return 1;
 }
 
