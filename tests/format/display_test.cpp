@@ -462,6 +462,10 @@ TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
   shdtBuildTime(&d, 1776, 7, 4, 0, 0, 0, 0);
   EXPECT_EQ(date("dddd", &d).text, "Thursday");
   EXPECT_EQ(date("[h]", &d).code, SHFORMAT_E_VALUE);  // elapsed time starts on 30 Dec 1899
+  d = sample();
+  const long long days = (sys_days{2003y / 1 / 2} - sys_days{1899y / 12 / 30}).count();
+  EXPECT_EQ(date("[h]:mm [ss]", &d).text, std::to_string(days * 24 + 14) + ":05 " +
+                                             std::to_string(days * 86400 + 14 * 3600 + 5 * 60 + 9));
   ASSERT_EQ(shdtParse(&d, "10:15:30", SHDT_TIME), 0);
   EXPECT_EQ(date("[mm]:ss", &d).text, "615:30");  // a time alone counts from midnight
 }
