@@ -25,7 +25,13 @@ function(zbshr_family name)
   target_include_directories(zbshr_${name}_obj PUBLIC
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
-  target_compile_definitions(zbshr_${name}_obj PRIVATE ZBSHR_BUILDING)
+  # On Windows the objects carry no dllexport (the DLL exports through its
+  # module-definition file), so the static archives made of them are clean.
+  if(WIN32)
+    target_compile_definitions(zbshr_${name}_obj PRIVATE ZBSHR_STATIC)
+  else()
+    target_compile_definitions(zbshr_${name}_obj PRIVATE ZBSHR_BUILDING)
+  endif()
   add_library(zbshr_${name} STATIC $<TARGET_OBJECTS:zbshr_${name}_obj>)
   target_include_directories(zbshr_${name} PUBLIC
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

@@ -19,6 +19,11 @@
 #  define ZBSHR_CALL
 #endif
 
+/* The convention of every function the library calls back (list visits,
+ * comparisons, hash keys, flips, the dispatch function, hooks, handlers): the
+ * exported functions' own, so a 32-bit Windows caller declares both alike. */
+#define ZBSHR_CALLBACK ZBSHR_CALL
+
 /* Declares an exported function: ZBSHR_API(int32_t) name(args); */
 #define ZBSHR_API(type) ZBSHR_EXPORT type ZBSHR_CALL
 

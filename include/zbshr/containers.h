@@ -43,11 +43,11 @@ typedef struct SHLIST {
 #pragma pack(pop)
 
 /* Traversal callback: called with (data, param); 0 stops the walk. */
-typedef int32_t (*SHLIST_VISIT)(void *data, intptr_t param);
+typedef int32_t (ZBSHR_CALLBACK *SHLIST_VISIT)(void *data, intptr_t param);
 /* Comparison of two data pointers: negative, 0 or positive. */
-typedef int32_t (*SH_COMPARE)(void *a, void *b);
+typedef int32_t (ZBSHR_CALLBACK *SH_COMPARE)(void *a, void *b);
 /* Comparison with a caller parameter handed first. */
-typedef int32_t (*SH_COMPARE_PARAM)(intptr_t param, void *a, void *b);
+typedef int32_t (ZBSHR_CALLBACK *SH_COMPARE_PARAM)(intptr_t param, void *a, void *b);
 
 /* shlist_sort flags. */
 #define SHLIST_SORT_REBUILD 1  /* rebuild the list in sorted order */
@@ -126,8 +126,8 @@ ZBSHR_API(void **) shlist_sort_param(SHLIST *list, intptr_t param, SH_COMPARE_PA
  * list-key table) from its data. With a key argument of 0 the function is
  * called as key(data); otherwise as key(argument, data), and the caller
  * passes a SHHASH_KEYFN_ARG cast to SHHASH_KEYFN. */
-typedef void *(*SHHASH_KEYFN)(void *data);
-typedef void *(*SHHASH_KEYFN_ARG)(intptr_t arg, void *data);
+typedef void *(ZBSHR_CALLBACK *SHHASH_KEYFN)(void *data);
+typedef void *(ZBSHR_CALLBACK *SHHASH_KEYFN_ARG)(intptr_t arg, void *data);
 
 #pragma pack(push, 4)
 
@@ -235,7 +235,7 @@ ZBSHR_API(void) sh_hugeheapsort_param(intptr_t param, void **array, int32_t coun
                                       SH_COMPARE_PARAM compare);
 
 /* Comparison of the searched key with the address of an item. */
-typedef int32_t (*SH_SEARCH_COMPARE)(const void *key, const void *item);
+typedef int32_t (ZBSHR_CALLBACK *SH_SEARCH_COMPARE)(const void *key, const void *item);
 
 /* Index of an item that compares equal to `key`, or -1. */
 ZBSHR_API(int32_t) sh_binary_search(const void *key, const void *base, int32_t item_size,
@@ -261,7 +261,7 @@ ZBSHR_API(int32_t) shBinSrchi(const char *key, const SHKEYWORD *table, int32_t c
 /* ---- Byte-order flipping ------------------------------------------------- */
 
 /* A flip function as shFlipDataLoop calls it: (address, extra argument). */
-typedef void *(*SHFLIPFN)(void *value, int32_t extra);
+typedef void *(ZBSHR_CALLBACK *SHFLIPFN)(void *value, int32_t extra);
 
 /* Each reverses one value in place and returns the address just past it. */
 ZBSHR_API(void *) shFlipShort(void *value);                 /* 2 bytes */

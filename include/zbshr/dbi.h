@@ -76,7 +76,7 @@ struct DBI_SQLCACHE;
 
 /* The driver dispatch entry: reads `request` and `arg1`..`arg3` from the
  * connection and returns a status. */
-typedef int32_t (*DBI_DISPATCH)(struct DBI_CONNECTION *connection);
+typedef int32_t (ZBSHR_CALLBACK *DBI_DISPATCH)(struct DBI_CONNECTION *connection);
 
 /* The connection context (see above). Fields not listed are the driver's. */
 typedef struct DBI_CONNECTION {

@@ -45,7 +45,7 @@ typedef struct SHDEC {
 
 /* The decimal error hook: called as hook(code, 0) before every error return.
  * It does nothing in the library; a debugging host may attach its own. */
-typedef void (ZBSHR_CALL *SHDEC_ERROR_HOOK)(int16_t code, int32_t extra);
+typedef void (ZBSHR_CALLBACK *SHDEC_ERROR_HOOK)(int16_t code, int32_t extra);
 
 /* Attaches a debugging host's hook (null restores the library's, which does
  * nothing) and returns the previous one. The library itself never calls it. */

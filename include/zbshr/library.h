@@ -85,9 +85,9 @@ typedef struct LMI_CHECKOUTINFO {
 } LMI_CHECKOUTINFO;
 
 /* Callbacks: the result is ignored; the walk always visits every record. */
-typedef int32_t(ZBSHR_CALL *LMI_LISTCALLBACK)(LMI_ENTRYINFO *info, void *userData);
-typedef int32_t(ZBSHR_CALL *LMI_LISTCALLBACKEX)(LMI_ENTRYINFOEX *info, void *userData);
-typedef int32_t(ZBSHR_CALL *LMI_CHECKOUTCALLBACK)(LMI_CHECKOUTINFO *info, void *userData);
+typedef int32_t (ZBSHR_CALLBACK *LMI_LISTCALLBACK)(LMI_ENTRYINFO *info, void *userData);
+typedef int32_t (ZBSHR_CALLBACK *LMI_LISTCALLBACKEX)(LMI_ENTRYINFOEX *info, void *userData);
+typedef int32_t (ZBSHR_CALLBACK *LMI_CHECKOUTCALLBACK)(LMI_CHECKOUTINFO *info, void *userData);
 
 /* ---- Libraries ------------------------------------------------------------ */
 /* mode 1 read, 2 read/write, 3 write; readAheadSize 0 for 16384, otherwise
@@ -158,7 +158,7 @@ ZBSHR_API(int32_t) zbshr_lib_write_through(int32_t on);
  * The strings are valid only during the call. */
 #define ZBSHR_LIB_NOTE_INFO 0
 #define ZBSHR_LIB_NOTE_LEAK 1
-typedef void(ZBSHR_CALL *ZBSHR_LIB_PROBLEM)(void *ctx, int32_t code, const char *entry,
+typedef void (ZBSHR_CALLBACK *ZBSHR_LIB_PROBLEM)(void *ctx, int32_t code, const char *entry,
                                             const char *text);
 /* Checks a library (opened read-only). Returns the number of damage problems
  * (>= 0; leaked blocks are reported but not counted) or a negative LMI_E_* code

@@ -12,7 +12,7 @@ ZBSHR_BEGIN_DECLS
 /* A message-box handler answers the library's message boxes (out of memory,
  * disk errors, notices). It returns a button code: 1 OK, 2 Cancel, 3 Abort,
  * 4 Retry, 5 Ignore, 6 Yes, 7 No. `style` carries the MessageBoxA style bits. */
-typedef int32_t (ZBSHR_CALL *ZBSHR_MSGBOX_HANDLER)(void *context, const char *text,
+typedef int32_t (ZBSHR_CALLBACK *ZBSHR_MSGBOX_HANDLER)(void *context, const char *text,
                                                    const char *caption, uint32_t style);
 
 /* Installs a handler (null restores the default: on Windows the real message

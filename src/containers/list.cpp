@@ -64,7 +64,7 @@ void free_nodes(SHLIST* list, bool free_data) {
   list->count = 0;
 }
 
-int32_t compare_strings(void* a, void* b) {
+int32_t ZBSHR_CALLBACK compare_strings(void* a, void* b) {
   return zbshr::plat::lstrcmpA(static_cast<const char*>(a), static_cast<const char*>(b));
 }
 
@@ -279,7 +279,7 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
     node = next;
   }
   if (take) {
-    note_emptied(list);
+
     list->first = list->last = list->current = nullptr;
     list->count = 0;
   }

@@ -103,7 +103,7 @@ int32_t search(const void* key, const void* base, int32_t item_size, int32_t cou
   return hi;
 }
 
-int32_t keyword_compare(const void* key, const void* item) {
+int32_t ZBSHR_CALLBACK keyword_compare(const void* key, const void* item) {
   const auto* p = static_cast<const unsigned char*>(key);
   const char* k = static_cast<const SHKEYWORD*>(item)->key;
   const auto* q = reinterpret_cast<const unsigned char*>(k ? k : "");
@@ -111,7 +111,7 @@ int32_t keyword_compare(const void* key, const void* item) {
   return static_cast<int32_t>(*p) - static_cast<int32_t>(*q);
 }
 
-int32_t keyword_compare_nocase(const void* key, const void* item) {
+int32_t ZBSHR_CALLBACK keyword_compare_nocase(const void* key, const void* item) {
   const auto* p = static_cast<const unsigned char*>(key);
   const char* k = static_cast<const SHKEYWORD*>(item)->key;
   const auto* q = reinterpret_cast<const unsigned char*>(k ? k : "");

@@ -21,6 +21,11 @@
 
 #if defined(_WIN32)
 #include <windows.h>
+
+#include <algorithm>
+#include <cwchar>
+#include <cwctype>
+#include <thread>
 #else
 #include <fcntl.h>
 #include <poll.h>
@@ -161,9 +166,11 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
 #else  // _WIN32
 
 // Windows: builds a command line with the C runtime's quoting rules and runs it
-// through CreateProcessW with redirected handles. Standard input is written
-// from a thread-free loop after start-up (small inputs only: the tests feed a
-// few kilobytes); the signal options are ignored.
+// through CreateProcessW with redirected handles and an environment block of
+// its own (the test's environment is left alone). Standard input is fed and
+// standard error drained by helper threads while standard output is read, so
+// that no pipe fills. The program's text output has CRLF line ends, which are
+// given back as LF; the signal options have no Windows counterpart.
 inline std::wstring zbtest_widen(const std::string& s) {
   if (s.empty()) return std::wstring();
   int n = MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
@@ -186,6 +193,43 @@ inline std::wstring zbtest_quote(const std::wstring& a) {
   q.push_back(L'"');
   return q;
 }
+// The inherited environment with the given "NAME=value" entries added or
+// replacing (names compared without regard to case, as Windows does).
+inline std::wstring zbtest_environment(const std::vector<std::string>& extra) {
+  std::vector<std::wstring> vars;
+  if (wchar_t* block = GetEnvironmentStringsW()) {
+    for (const wchar_t* p = block; *p; p += wcslen(p) + 1) vars.emplace_back(p);
+    FreeEnvironmentStringsW(block);
+  }
+  auto name_of = [](const std::wstring& v) {
+    std::size_t eq = v.find(L'=', v.empty() || v[0] != L'=' ? 0 : 1);
+    std::wstring n = v.substr(0, eq);
+    for (auto& c : n) c = static_cast<wchar_t>(towupper(c));
+    return n;
+  };
+  for (const auto& e : extra) {
+    std::wstring w = zbtest_widen(e);
+    std::wstring n = name_of(w);
+    bool replaced = false;
+    for (auto& v : vars) {
+      if (name_of(v) == n) { v = w; replaced = true; }
+    }
+    if (!replaced) vars.push_back(w);
+  }
+  std::wstring block;
+  for (const auto& v : vars) { block += v; block.push_back(L'\0'); }
+  block.push_back(L'\0');
+  return block;
+}
+inline std::string zbtest_lf(std::string s) {
+  std::string out;
+  out.reserve(s.size());
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '\r' && i + 1 < s.size() && s[i + 1] == '\n') continue;
+    out.push_back(s[i]);
+  }
+  return out;
+}
 inline RunResult run_program(const std::vector<std::string>& args, const RunOptions& opt = {}) {
   RunResult r;
   if (args.empty()) return r;
@@ -197,12 +241,18 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
   SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
   HANDLE in_r, in_w, out_r, out_w, err_r, err_w;
   if (!CreatePipe(&in_r, &in_w, &sa, 0)) return r;
-  CreatePipe(&out_r, &out_w, &sa, 0);
-  CreatePipe(&err_r, &err_w, &sa, 0);
+  if (!CreatePipe(&out_r, &out_w, &sa, 0)) {
+    CloseHandle(in_r); CloseHandle(in_w);
+    return r;
+  }
+  if (!CreatePipe(&err_r, &err_w, &sa, 0)) {
+    CloseHandle(in_r); CloseHandle(in_w); CloseHandle(out_r); CloseHandle(out_w);
+    return r;
+  }
   SetHandleInformation(in_w, HANDLE_FLAG_INHERIT, 0);
   SetHandleInformation(out_r, HANDLE_FLAG_INHERIT, 0);
   SetHandleInformation(err_r, HANDLE_FLAG_INHERIT, 0);
-  for (const auto& e : opt.env) _wputenv(zbtest_widen(e).c_str());
+  std::wstring env = zbtest_environment(opt.env);
   STARTUPINFOW si{};
   si.cb = sizeof si;
   si.dwFlags = STARTF_USESTDHANDLES;
@@ -211,8 +261,8 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
   si.hStdError = err_w;
   PROCESS_INFORMATION pi{};
   std::wstring wcwd = zbtest_widen(opt.cwd);
-  BOOL ok = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                           opt.cwd.empty() ? nullptr : wcwd.c_str(), &si, &pi);
+  BOOL ok = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                           env.data(), opt.cwd.empty() ? nullptr : wcwd.c_str(), &si, &pi);
   CloseHandle(in_r);
   CloseHandle(out_w);
   CloseHandle(err_w);
@@ -220,18 +270,33 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
     CloseHandle(in_w); CloseHandle(out_r); CloseHandle(err_r);
     return r;
   }
-  DWORD done = 0;
-  if (!opt.input.empty())
-    WriteFile(in_w, opt.input.data(), static_cast<DWORD>(opt.input.size()), &done, nullptr);
-  CloseHandle(in_w);
+  std::thread feeder([&] {
+    std::size_t pos = 0;
+    while (pos < opt.input.size()) {
+      DWORD put = 0;
+      DWORD n = static_cast<DWORD>(std::min<std::size_t>(opt.input.size() - pos, 1 << 16));
+      if (!WriteFile(in_w, opt.input.data() + pos, n, &put, nullptr) || put == 0) break;
+      pos += put;
+    }
+    CloseHandle(in_w);
+  });
+  std::string err;
+  std::thread drainer([&] {
+    char buf[65536];
+    DWORD k = 0;
+    while (ReadFile(err_r, buf, sizeof buf, &k, nullptr) && k) err.append(buf, k);
+  });
   char buf[65536];
   DWORD k = 0;
   while (ReadFile(out_r, buf, sizeof buf, &k, nullptr) && k) r.out.append(buf, k);
-  while (ReadFile(err_r, buf, sizeof buf, &k, nullptr) && k) r.err.append(buf, k);
+  drainer.join();
+  feeder.join();
   WaitForSingleObject(pi.hProcess, INFINITE);
   DWORD code = 0;
   GetExitCodeProcess(pi.hProcess, &code);
   r.code = static_cast<int>(code);
+  r.out = zbtest_lf(std::move(r.out));
+  r.err = zbtest_lf(std::move(err));
   CloseHandle(pi.hProcess);
   CloseHandle(pi.hThread);
   CloseHandle(out_r);

@@ -1,9 +1,11 @@
 // `zbshr dec`, run through the decimal driver (the same subcommand code).
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <sstream>
 #include <string>
-#include <sys/wait.h>
+#include <vector>
+
+#include "common/run_program.h"
 
 namespace {
 
@@ -12,19 +14,23 @@ struct CliRun {
   std::string out;
 };
 
-// Runs the driver with args; standard error is folded into the output.
+// Runs the driver with the blank-separated words of args; "\\n" in input
+// stands for a line end. Standard error comes before standard output.
 CliRun run(const std::string& args, const std::string& input = "") {
-  std::string cmd = std::string(ZBSHR_DEC_DRIVER) + " dec " + args + " 2>&1";
-  if (!input.empty()) cmd = "printf '" + input + "' | " + cmd;
-  FILE* p = popen(cmd.c_str(), "r");
-  CliRun r{-1, ""};
-  if (!p) return r;
-  char buf[512];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
+  std::vector<std::string> argv = {ZBSHR_DEC_DRIVER, "dec"};
+  std::istringstream words(args);
+  for (std::string w; words >> w;) argv.push_back(w);
+  zbtest::RunOptions opt;
+  for (size_t i = 0; i < input.size(); ++i) {
+    if (input.compare(i, 2, "\\n") == 0) {
+      opt.input += '\n';
+      ++i;
+    } else {
+      opt.input += input[i];
+    }
+  }
+  zbtest::RunResult r = zbtest::run_program(argv, opt);
+  return CliRun{r.code, r.err + r.out};
 }
 
 }  // namespace

@@ -1,22 +1,23 @@
 // The `zbshr mem` subcommand, run as a separate program.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <sstream>
 #include <string>
-#include <sys/wait.h>
+#include <vector>
+
+#include "common/run_program.h"
 
 namespace {
 
+// Runs the program with the blank-separated words of args; *out gets standard
+// error, then standard output.
 int RunCli(const std::string& args, std::string* out) {
-  std::string cmd = std::string(ZBSHR_CLI) + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return -1;
-  char buf[4096];
-  size_t n;
-  out->clear();
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out->append(buf, n);
-  int st = pclose(p);
-  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  std::vector<std::string> argv = {ZBSHR_CLI};
+  std::istringstream words(args);
+  for (std::string w; words >> w;) argv.push_back(w);
+  zbtest::RunResult r = zbtest::run_program(argv);
+  *out = r.err + r.out;
+  return r.code;
 }
 
 }  // namespace

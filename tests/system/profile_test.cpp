@@ -35,7 +35,7 @@ class ProfileTest : public ::testing::Test {
     fs::create_directories(hostdir_);
     old_home_ = getenv_or("ZBSHR_HOME");
     old_prog_ = getenv_or("ZBSHR_HOST_PROGRAM");
-    setenv("ZBSHR_HOME", home_.c_str(), 1);
+    setenv("ZBSHR_HOME", home_.string().c_str(), 1);
     SetHost("zb050.exe");
   }
   void TearDown() override {
@@ -45,7 +45,7 @@ class ProfileTest : public ::testing::Test {
     fs::remove_all(root_, ec);
   }
   void SetHost(const std::string& program) {
-    setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).c_str(), 1);
+    setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1);
   }
   static std::string getenv_or(const char* n) {
     const char* v = std::getenv(n);
@@ -114,7 +114,7 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   fs::path cfg = root_ / "cfg";
   fs::create_directories(cfg);
   Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=/srv/new\n");
-  EXPECT_EQ(OS_UtilPutInitPath(cfg.c_str()), 0);  // no zb.ini there yet
+  EXPECT_EQ(OS_UtilPutInitPath(cfg.string().c_str()), 0);  // no zb.ini there yet
   EXPECT_EQ(InitPath(), "/srv/new/");
   Spill(cfg / "zb.ini", "[app]\ncolor=blue\n");
   std::string padded = "   " + cfg.string() + "   ";
@@ -152,7 +152,7 @@ TEST_F(ProfileTest, InitPathKeepsRoomForItsSeparator) {
   // system profile applies instead. One byte more and it is read.
   fs::path cfg = root_ / "cfg";
   Spill(cfg / "zb.ini", "");
-  ASSERT_NE(OS_UtilPutInitPath(cfg.c_str()), 0);
+  ASSERT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
   const int n = static_cast<int>(cfg.string().size());
   EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
   EXPECT_EQ(InitPath(n + 2), cfg.string() + "/");
@@ -172,7 +172,7 @@ TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
 TEST_F(ProfileTest, WriteToMissingProfileDropsStoredInitPath) {
   fs::path cfg = root_ / "cfg";
   Spill(cfg / "zb.ini", "");
-  ASSERT_NE(OS_UtilPutInitPath(cfg.c_str()), 0);
+  ASSERT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
   fs::remove(cfg / "zb.ini");
   EXPECT_NE(OS_UtilPutProfStr("a", "b", "c"), 0);
   EXPECT_TRUE(fs::exists(hostdir_ / "zb.ini"));

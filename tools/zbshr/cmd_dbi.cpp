@@ -20,7 +20,7 @@ struct ToyDriver {
   int prepared = 0;
   int dropped = 0;
 
-  static int32_t Dispatch(DBI_CONNECTION* c) {
+  static int32_t ZBSHR_CALLBACK Dispatch(DBI_CONNECTION* c) {
     auto* self = static_cast<ToyDriver*>(c->driver);
     if (c->request == DBI_REQ_DROP_STATEMENT) {
       const auto* e = static_cast<const DBI_SQLCACHE_ENTRY*>(c->arg1);

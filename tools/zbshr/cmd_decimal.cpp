@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "decimal/u128.h"
 #include "zbshr/decimal.h"
 
 namespace {
@@ -68,8 +69,13 @@ const char* meaning(int code) {
   }
 }
 
-// The 80-bit magnitudes of raw records fit in the compiler's 128-bit integer.
+// The 80-bit magnitudes of raw records fit in a 128-bit integer: the
+// compiler's own where it has one, else the library's portable one.
+#if defined(__SIZEOF_INT128__)
 __extension__ typedef unsigned __int128 u128;
+#else
+typedef zbshr::dec::U128 u128;
+#endif
 
 std::string u128_text(u128 v) {
   if (v == 0) return "0";

@@ -6,6 +6,7 @@
 // platform.h comes first: the Windows headers define many of its names as
 // macros with the same values.
 #include "platform/platform.h"
+#include "platform/win32/win32.h"
 #include "platform/internal.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
@@ -19,71 +20,80 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace zbshr::plat {
 namespace {
 
 HANDLE H(HFILE f) { return reinterpret_cast<HANDLE>(static_cast<intptr_t>(f)); }
 HFILE F(HANDLE h) { return static_cast<HFILE>(reinterpret_cast<intptr_t>(h)); }
-::HKEY K(HKEY k) { return static_cast<::HKEY>(k); }
 
 std::atomic<UINT> g_codepage{0};  // 0: the system's ANSI code page
 
 }  // namespace
 
 // ---------------------------------------------------------------- errors
-DWORD GetLastError() { return static_cast<DWORD>(::GetLastError()); }
-void SetLastError(DWORD code) { ::SetLastError(code); }
+thread_local DWORD t_last_error = 0;
+
+void win32::KeepError() { t_last_error = static_cast<DWORD>(::GetLastError()); }
+
+DWORD GetLastError() { return t_last_error; }
+void SetLastError(DWORD code) {
+  t_last_error = code;
+  ::SetLastError(code);
+}
 
 // ---------------------------------------------------------------- global memory
 HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
   if (detail::FaultFires(Fault::GlobalAlloc)) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  return ::GlobalAlloc(flags, bytes);
+  return win32::Kept(::GlobalAlloc(flags, bytes));
 }
 
 void* GlobalLock(HGLOBAL h) {
   if (detail::FaultFires(Fault::GlobalLock)) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  return ::GlobalLock(h);
+  return win32::Kept(::GlobalLock(h));
 }
 
-BOOL GlobalUnlock(HGLOBAL h) { return ::GlobalUnlock(h); }
+BOOL GlobalUnlock(HGLOBAL h) { return win32::Kept(::GlobalUnlock(h)); }
 
 HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
   if (detail::FaultFires(Fault::GlobalAlloc)) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  return ::GlobalReAlloc(h, bytes, flags);
+  return win32::Kept(::GlobalReAlloc(h, bytes, flags));
 }
 
-size_t GlobalSize(HGLOBAL h) { return ::GlobalSize(h); }
-HGLOBAL GlobalFree(HGLOBAL h) { return ::GlobalFree(h); }
+size_t GlobalSize(HGLOBAL h) { return win32::Kept(::GlobalSize(h)); }
+HGLOBAL GlobalFree(HGLOBAL h) { return win32::Kept(::GlobalFree(h)); }
 
 // ---------------------------------------------------------------- files
 HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition,
                   DWORD flags_and_attributes) {
   if (detail::FaultFires(Fault::Open)) {
-    ::SetLastError(ERROR_ACCESS_DENIED);
+    SetLastError(ERROR_ACCESS_DENIED);
     return INVALID_HANDLE;
   }
   HANDLE h = ::CreateFileA(name, access, share, nullptr, disposition, flags_and_attributes, nullptr);
+  win32::KeepError();
   return h == INVALID_HANDLE_VALUE ? INVALID_HANDLE : F(h);
 }
 
 BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
   if (got) *got = 0;
   if (detail::FaultFires(Fault::Read)) {
-    ::SetLastError(ERROR_READ_FAULT);
+    SetLastError(ERROR_READ_FAULT);
     return 0;
   }
   ::DWORD done = 0;
   BOOL ok = ::ReadFile(H(f), buf, n, &done, nullptr);
+  win32::KeepError();
   if (got) *got = static_cast<DWORD>(done);
   return ok;
 }
@@ -95,40 +105,44 @@ BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
   if (short_write) want = n / 2;
   ::DWORD done = 0;
   BOOL ok = ::WriteFile(H(f), buf, want, &done, nullptr);
+  win32::KeepError();
   if (put) *put = static_cast<DWORD>(done);
-  if (ok && short_write) ::SetLastError(ERROR_DISK_FULL);
+  if (ok && short_write) SetLastError(ERROR_DISK_FULL);
   return ok;
 }
 
 DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
   if (detail::FaultFires(Fault::Seek)) {
-    ::SetLastError(ERROR_SEEK);
+    SetLastError(ERROR_SEEK);
     return INVALID_SET_FILE_POINTER;
   }
   ::LONG hi = high ? *high : 0;
   ::DWORD r = ::SetFilePointer(H(f), distance, high ? &hi : nullptr, method);
+  win32::KeepError();
   if (high) *high = hi;
   return static_cast<DWORD>(r);
 }
 
 BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
   if (detail::FaultFires(Fault::Seek)) {
-    ::SetLastError(ERROR_SEEK);
+    SetLastError(ERROR_SEEK);
     return 0;
   }
   LARGE_INTEGER d, r;
   d.QuadPart = distance;
   r.QuadPart = 0;
   BOOL ok = ::SetFilePointerEx(H(f), d, &r, method);
+  win32::KeepError();
   if (ok && new_pos) *new_pos = r.QuadPart;
   return ok;
 }
 
-BOOL SetEndOfFile(HFILE f) { return ::SetEndOfFile(H(f)); }
+BOOL SetEndOfFile(HFILE f) { return win32::Kept(::SetEndOfFile(H(f))); }
 
 DWORD GetFileSize(HFILE f, DWORD* high) {
   ::DWORD hi = 0;
   ::DWORD r = ::GetFileSize(H(f), high ? &hi : nullptr);
+  win32::KeepError();
   if (high) *high = static_cast<DWORD>(hi);
   return static_cast<DWORD>(r);
 }
@@ -137,15 +151,16 @@ BOOL GetFileSizeEx(HFILE f, int64_t* size) {
   LARGE_INTEGER s;
   s.QuadPart = 0;
   BOOL ok = ::GetFileSizeEx(H(f), &s);
+  win32::KeepError();
   if (ok && size) *size = s.QuadPart;
   return ok;
 }
 
-BOOL FlushFileBuffers(HFILE f) { return ::FlushFileBuffers(H(f)); }
-BOOL CloseHandle(HFILE f) { return ::CloseHandle(H(f)); }
-BOOL DeleteFileA(const char* name) { return ::DeleteFileA(name); }
-BOOL MoveFileExA(const char* from, const char* to, DWORD flags) { return ::MoveFileExA(from, to, flags); }
-DWORD GetFileAttributesA(const char* name) { return static_cast<DWORD>(::GetFileAttributesA(name)); }
+BOOL FlushFileBuffers(HFILE f) { return win32::Kept(::FlushFileBuffers(H(f))); }
+BOOL CloseHandle(HFILE f) { return win32::Kept(::CloseHandle(H(f))); }
+BOOL DeleteFileA(const char* name) { return win32::Kept(::DeleteFileA(name)); }
+BOOL MoveFileExA(const char* from, const char* to, DWORD flags) { return win32::Kept(::MoveFileExA(from, to, flags)); }
+DWORD GetFileAttributesA(const char* name) { return win32::Kept(static_cast<DWORD>(::GetFileAttributesA(name))); }
 
 BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
   FILETIME written;
@@ -158,25 +173,29 @@ BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
 
 DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
                   char** file_part) {
-  return static_cast<DWORD>(::SearchPathA(path, file, ext, size, buf, file_part));
+  return win32::Kept(static_cast<DWORD>(::SearchPathA(path, file, ext, size, buf, file_part)));
 }
 
 DWORD GetFullPathNameA(const char* name, DWORD size, char* buf, char** file_part) {
-  return static_cast<DWORD>(::GetFullPathNameA(name, size, buf, file_part));
+  DWORD r = win32::Kept(static_cast<DWORD>(::GetFullPathNameA(name, size, buf, file_part)));
+  // A full path too long for the system is a buffer that cannot hold it
+  // (error 111), as on every other path service of the library.
+  if (r == 0 && GetLastError() == ERROR_FILENAME_EXCED_RANGE) SetLastError(ERROR_BUFFER_OVERFLOW);
+  return r;
 }
 
 UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* out) {
-  return ::GetTempFileNameA(dir, prefix, unique, out);
+  return win32::Kept(::GetTempFileNameA(dir, prefix, unique, out));
 }
 
-DWORD GetTempPathA(DWORD size, char* buf) { return static_cast<DWORD>(::GetTempPathA(size, buf)); }
+DWORD GetTempPathA(DWORD size, char* buf) { return win32::Kept(static_cast<DWORD>(::GetTempPathA(size, buf))); }
 
 DWORD GetCurrentDirectoryA(DWORD size, char* buf) {
-  return static_cast<DWORD>(::GetCurrentDirectoryA(size, buf));
+  return win32::Kept(static_cast<DWORD>(::GetCurrentDirectoryA(size, buf)));
 }
 
 DWORD GetModuleFileNameA(HINSTANCE module, char* buf, DWORD size) {
-  return static_cast<DWORD>(::GetModuleFileNameA(static_cast<HMODULE>(module), buf, size));
+  return win32::Kept(static_cast<DWORD>(::GetModuleFileNameA(static_cast<HMODULE>(module), buf, size)));
 }
 
 int32_t _lread(HFILE f, void* buf, UINT n) {
@@ -199,94 +218,11 @@ HFILE _lclose(HFILE f) { return CloseHandle(f) ? 0 : HFILE_ERROR; }
 
 std::string NativePath(const char* name) { return name ? std::string(name) : std::string(); }
 
-// ---------------------------------------------------------------- profiles and registry
-DWORD GetProfileStringA(const char* section, const char* key, const char* def, char* buf,
-                        DWORD size) {
-  return static_cast<DWORD>(::GetProfileStringA(section, key, def, buf, size));
-}
-
-UINT GetProfileIntA(const char* section, const char* key, int32_t def) {
-  return ::GetProfileIntA(section, key, def);
-}
-
-BOOL WriteProfileStringA(const char* section, const char* key, const char* value) {
-  return ::WriteProfileStringA(section, key, value);
-}
-
-DWORD GetPrivateProfileStringA(const char* section, const char* key, const char* def, char* buf,
-                               DWORD size, const char* file) {
-  return static_cast<DWORD>(::GetPrivateProfileStringA(section, key, def, buf, size, file));
-}
-
-UINT GetPrivateProfileIntA(const char* section, const char* key, int32_t def, const char* file) {
-  return ::GetPrivateProfileIntA(section, key, def, file);
-}
-
-BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
-                                const char* file) {
-  return ::WritePrivateProfileStringA(section, key, value, file);
-}
-
-LONG RegCreateKeyExA(HKEY key, const char* subkey, DWORD reserved, char* cls, DWORD options,
-                     DWORD sam, void* security, HKEY* result, DWORD* disposition) {
-  ::HKEY out = nullptr;
-  ::DWORD disp = 0;
-  LONG r = ::RegCreateKeyExA(K(key), subkey, reserved, cls, options, sam,
-                             static_cast<LPSECURITY_ATTRIBUTES>(security), &out, &disp);
-  if (result) *result = out;
-  if (disposition) *disposition = static_cast<DWORD>(disp);
-  return r;
-}
-
-LONG RegOpenKeyExA(HKEY key, const char* subkey, DWORD options, DWORD sam, HKEY* result) {
-  ::HKEY out = nullptr;
-  LONG r = ::RegOpenKeyExA(K(key), subkey, options, sam, &out);
-  if (result) *result = out;
-  return r;
-}
-
-LONG RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, uint8_t* data, DWORD* size) {
-  ::DWORD t = 0, s = size ? *size : 0;
-  LONG r = ::RegQueryValueExA(K(key), name, nullptr, type ? &t : nullptr, data, size ? &s : nullptr);
-  if (type) *type = static_cast<DWORD>(t);
-  if (size) *size = static_cast<DWORD>(s);
-  return r;
-}
-
-LONG RegSetValueExA(HKEY key, const char* name, DWORD reserved, DWORD type, const uint8_t* data,
-                    DWORD size) {
-  return ::RegSetValueExA(K(key), name, reserved, type, data, size);
-}
-
-LONG RegDeleteValueA(HKEY key, const char* name) { return ::RegDeleteValueA(K(key), name); }
-LONG RegFlushKey(HKEY key) { return ::RegFlushKey(K(key)); }
-LONG RegCloseKey(HKEY key) { return ::RegCloseKey(K(key)); }
-
-std::string ConfigDir() {
-  char buf[MAX_PATH + 1];
-  UINT n = ::GetWindowsDirectoryA(buf, sizeof buf);
-  if (n == 0 || n >= sizeof buf) return std::string("C:\\Windows");
-  std::string dir(buf, n);
-  while (dir.size() > 3 && (dir.back() == '\\' || dir.back() == '/')) dir.pop_back();
-  return dir;
-}
+// Profiles, registry, message boxes and fatal exit: home.cpp.
 
 // ---------------------------------------------------------------- user interface
-void ResetMessageBoxScript() {}
-
-int MessageBoxA(HWND owner, const char* text, const char* caption, UINT style) {
-  int answer = 0;
-  if (detail::CallMessageBoxHandler(text, caption, style, &answer)) return answer;
-  return ::MessageBoxA(static_cast<::HWND>(owner), text, caption, style);
-}
-
-BOOL MessageBeep(UINT type) { return ::MessageBeep(type); }
-HWND GetActiveWindow() { return ::GetActiveWindow(); }
-
-void FatalAppExitA(UINT action, const char* text) {
-  ::FatalAppExitA(action, text);
-  ::ExitProcess(3);
-}
+BOOL MessageBeep(UINT type) { return win32::Kept(::MessageBeep(type)); }
+HWND GetActiveWindow() { return win32::Kept(::GetActiveWindow()); }
 
 HINSTANCE ModuleInstance() {
   HMODULE module = nullptr;
@@ -301,30 +237,43 @@ DWORD GetVersion() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 #endif
-  return static_cast<DWORD>(::GetVersion());
+  return win32::Kept(static_cast<DWORD>(::GetVersion()));
 #if defined(__GNUC__)
 #pragma GCC diagnostic pop
 #endif
 }
 
 // ---------------------------------------------------------------- clipboard
-BOOL OpenClipboard(HWND owner) { return ::OpenClipboard(static_cast<::HWND>(owner)); }
-BOOL EmptyClipboard() { return ::EmptyClipboard(); }
+BOOL OpenClipboard(HWND owner) { return win32::Kept(::OpenClipboard(static_cast<::HWND>(owner))); }
+BOOL EmptyClipboard() {
+  BOOL ok = ::EmptyClipboard();
+  win32::KeepError();
+  if (ok) detail::SetClipboardText(std::string());
+  return ok;
+}
 
 HGLOBAL SetClipboardData(UINT format, HGLOBAL mem) {
+  // Copy the text for zbshr_clipboard_text before the system takes the
+  // block; keep the copy only when the system accepted it.
+  std::string text;
+  bool is_text = false;
   if (format == CF_TEXT && mem) {
-    // Keep a copy for zbshr_clipboard_text before the system takes the block.
     if (const char* p = static_cast<const char*>(::GlobalLock(mem))) {
       size_t size = ::GlobalSize(mem), n = 0;
+      win32::KeepError();
       while (n < size && p[n] != '\0') ++n;
-      detail::SetClipboardText(std::string(p, n));
+      text.assign(p, n);
+      is_text = true;
       ::GlobalUnlock(mem);
     }
   }
-  return ::SetClipboardData(format, mem);
+  HGLOBAL r = ::SetClipboardData(format, mem);
+  win32::KeepError();
+  if (r && is_text) detail::SetClipboardText(std::move(text));
+  return r;
 }
 
-BOOL CloseClipboard() { return ::CloseClipboard(); }
+BOOL CloseClipboard() { return win32::Kept(::CloseClipboard()); }
 
 // ---------------------------------------------------------------- clock
 void GetLocalTime(SYSTEMTIME* t) {
