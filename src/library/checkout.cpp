@@ -3,7 +3,7 @@
 // rewrites the whole string as a new data chain.
 #include <algorithm>
 
-#include "library/lm.h"
+#include "library/recovery.h"
 #include "zbshr/memory.h"
 
 using namespace zbshr::lm;
@@ -51,27 +51,26 @@ void appendRecord(std::vector<uint8_t>* list, const std::string& other, const ch
 // Rewrites the list of `h` with one record added.
 int32_t addRecord(Library* h, const std::string& other, const char* name, const std::string& user,
                   char status) {
+  Op op(h);
   std::vector<uint8_t> list;
-  if (readList(h, &list)) return LMI_E_IO;
+  if (readList(h, &list)) return op.end(LMI_E_IO);
   appendRecord(&list, other, name, user, status);
-  int32_t rc = writeList(h, list, true);
-  durable(h);
-  return rc;
+  return op.end(writeList(h, list, true));
 }
 
 template <class F>
 int32_t guard(F&& f) {
+  errBegin();
   try {
-    return f();
+    return errEnd(f());
   } catch (...) {
-    return LMI_E_IO;
+    return errEnd(LMI_E_IO);
   }
 }
 
 // Closes a library opened here (keeping nothing open on failure).
-void finish(Library* h) {
-  if (h && closeLibrary(h)) destroy(h);
-}
+// Closes a library in every case; returns the error of its final writes.
+int32_t finish(Library* h) { return h ? closeLibraryAlways(h) : 0; }
 
 // Runs op on the library at path, opened here in the given mode and closed
 // again afterwards; a library that does not open is an I/O error.
@@ -79,9 +78,11 @@ template <class F>
 int32_t withLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, F&& op) {
   Library* h = openLibrary(heap, path, mode, 0);
   if (!h) return LMI_E_IO;
-  int32_t rc = op(h);
-  finish(h);
-  return rc;
+  // A change is one operation, with the tail it frees released inside it.
+  int32_t rc = mode == 1 ? op(h) : txBegin(h);
+  if (rc == 0 && mode != 1) rc = txEndReleasing(h, op(h));
+  int32_t c = finish(h);
+  return rc ? rc : c;
 }
 
 // The first record for entry `name`, or null.
@@ -98,8 +99,9 @@ namespace zbshr::lm {
 int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
                            bool onlyIfPresent) {
   *status = 0;
+  Op op(h);
   std::vector<uint8_t> list;
-  if (readList(h, &list)) return LMI_E_IO;
+  if (readList(h, &list)) return op.end(LMI_E_IO);
   std::vector<Record> recs;
   parse(list, &recs);
   if (const Record* r = findRecord(recs, name)) {
@@ -107,10 +109,8 @@ int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, cha
     *status = r->status;
     list.erase(list.begin() + long(r->start), list.begin() + long(r->end));
   }
-  if (onlyIfPresent && *status == 0) return 0;
-  int32_t rc = writeList(h, list, true);
-  durable(h);
-  return rc;
+  if (onlyIfPresent && *status == 0) return op.end(0);
+  return op.end(writeList(h, list, true));
 }
 
 }  // namespace zbshr::lm
@@ -130,11 +130,22 @@ ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePa
       finish(s);
       return LMI_E_IO;
     }
-    int32_t rc = addRecord(s, w->path, name, user, 'd');
-    if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
-    finish(w);
-    finish(s);
-    return rc;
+    // Both records are committed together, the working library's first: a
+    // failure in either leaves neither library changed.
+    int32_t rc = txBegin(s);
+    if (rc == 0) {
+      int32_t rw = txBegin(w);
+      if (rw == 0) {
+        rc = addRecord(s, w->path, name, user, 'd');
+        if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
+        rc = txEndReleasing(w, rc);
+      } else {
+        rc = rw;
+      }
+      rc = txEndReleasing(s, rc);
+    }
+    int32_t cw = finish(w), cs = finish(s);
+    return rc ? rc : cw ? cw : cs;
   });
 }
 
@@ -164,14 +175,21 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
     }
     std::string other;
     char status;
-    int32_t rc = dropCheckOutRecord(w, name, &other, &status);
+    // Both records go together, the source library's first.
+    int32_t rc = txBegin(w);
     if (rc == 0) {
-      rc = dropCheckOutRecord(s, name, &other, &status);
-      if (rc) addRecord(w, found.other, name, found.user, 's');
+      int32_t rs = txBegin(s);
+      if (rs == 0) {
+        rc = dropCheckOutRecord(w, name, &other, &status);
+        if (rc == 0) rc = dropCheckOutRecord(s, name, &other, &status);
+        rc = txEndReleasing(s, rc);
+      } else {
+        rc = rs;
+      }
+      rc = txEndReleasing(w, rc);
     }
-    finish(s);
-    finish(w);
-    return rc;
+    int32_t cs = finish(s), cw = finish(w);
+    return rc ? rc : cs ? cs : cw;
   });
 }
 
@@ -251,8 +269,8 @@ ZBSHR_API(int32_t) LMI_SetCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath, co
     return withLibrary(heap, libraryPath, 2, [&](Library* h) -> int32_t {
       const uint8_t* b = static_cast<const uint8_t*>(bytes);
       // The old chain is not freed: its blocks stay marked in use.
-      int32_t rc = writeList(h, std::vector<uint8_t>(b, b + count), false);
-      durable(h);
+      Op op(h);
+      int32_t rc = op.end(writeList(h, std::vector<uint8_t>(b, b + count), false));
       return rc ? LMI_E_IO : 0;
     });
   });

@@ -8,7 +8,7 @@
 #include <new>
 #include <thread>
 
-#include "library/lm.h"
+#include "library/recovery.h"
 #include "zbshr/memory.h"
 
 namespace zbshr::lm {
@@ -68,7 +68,7 @@ void setWriteThrough(bool on) { g_writeThrough = on ? 1 : 0; }
 
 // ------------------------------------------------------------------ block I/O
 
-static int diskDialog(UINT textId, const char* fallback) {
+int diskDialog(UINT textId, const char* fallback) {
   char title[128], text[256];
   if (LoadStringA(ModuleInstance(), 300, title, sizeof title) <= 0)
     std::strcpy(title, "Library Manager");
@@ -87,13 +87,18 @@ static int32_t readNow(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t
       return 0;
     }
     h->pos = -1;
+    errNoteSystem(LMI_E_IO, "read", h->path);
     if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
   }
 }
 
+int32_t readDisk(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
+  return readNow(h, off, buf, n, got);
+}
+
 int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
   uint32_t r = 0;
-  if (h->pending.empty()) {
+  if (h->pending.empty() && h->fsize == h->diskSize) {
     int32_t rc = readNow(h, off, buf, n, &r);
     if (rc) return rc;
   } else {
@@ -127,7 +132,16 @@ static int32_t writeNow(Library* h, uint64_t off, const void* buf, uint32_t n) {
     DWORD put = 0;
     bool at = h->pos == int64_t(off) || SetFilePointerEx(h->file, int64_t(off), nullptr, FILE_BEGIN);
     h->pos = -1;
+    if (ioHook) {
+      int64_t k = ioHook('w', false, off, n);
+      if (k >= 0 && k < int64_t(n)) {  // a torn write (tests): part goes out, then it fails
+        if (at && k) WriteFile(h->file, buf, DWORD(k), &put);
+        ioHook('e', false, off, uint32_t(k));
+        return LMI_E_IO;
+      }
+    }
     if (!at || !WriteFile(h->file, buf, n, &put)) {
+      errNoteSystem(LMI_E_IO, "write", h->path);
       if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
       continue;
     }
@@ -151,6 +165,10 @@ static int32_t writeNow(Library* h, uint64_t off, const void* buf, uint32_t n) {
 }
 
 int32_t flushPending(Library* h) {
+  return h->txDepth ? spillPending(h) : writePending(h);
+}
+
+int32_t writePending(Library* h) {
   while (!h->pending.empty()) {
     auto it = h->pending.begin();
     const std::vector<uint8_t>& v = it->second;
@@ -168,9 +186,10 @@ int32_t flushPending(Library* h) {
 }
 
 int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
-  if (h->writeThrough || n == 0) return writeNow(h, off, buf, n);
-  // Write-through off: hold the bytes back, joining them with the ranges
-  // they touch, so that many small writes leave as a few large ones.
+  if (h->txDepth == 0 || n == 0) return writeNow(h, off, buf, n);
+  // Inside an operation: hold the bytes back until the commit, joining them
+  // with the ranges they touch, so that many small writes leave as a few
+  // large ones.
   const uint8_t* src = static_cast<const uint8_t*>(buf);
   uint64_t a = off, b = off + n;
   auto it = h->pending.upper_bound(a);
@@ -216,7 +235,8 @@ int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
   return 0;
 }
 
-// Sets the end of the file (nothing is copied).
+// Sets the end of the file (nothing is copied). Inside an operation the disk
+// is cut only at the commit, after the writes held back.
 int32_t truncateAt(Library* h, uint64_t end) {
   for (auto it = h->pending.lower_bound(end); it != h->pending.end();) {
     h->pendingBytes -= it->second.size();
@@ -229,8 +249,9 @@ int32_t truncateAt(Library* h, uint64_t end) {
       last->second.resize(size_t(end - last->first));
     }
   }
-  if (h->diskSize > end) {
+  if (h->diskSize > end && h->txDepth == 0) {
     h->pos = -1;
+    if (ioHook && ioHook('t', false, end, 0) == 0) return LMI_E_IO;
     if (!SetFilePointerEx(h->file, int64_t(end), nullptr, FILE_BEGIN) || !SetEndOfFile(h->file))
       return LMI_E_IO;
     h->diskSize = end;
@@ -287,7 +308,28 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
   }
+  if (f == INVALID_HANDLE) errNoteSystem(LMI_E_IO, "open", full);
   if (f == INVALID_HANDLE) return nullptr;
+  // A journal left by a process that ended in the middle of an operation is
+  // rolled back before anything is read. Holding the file (with the sharing
+  // mode above) means no writer is running. A reader needs write access for
+  // the rollback; without it the open is refused.
+  if (journalIsHot(full)) {
+    HFILE w = f;
+    if (mode == 1) {
+      CloseHandle(f);
+      w = CreateFileA(full.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING,
+                      FILE_ATTRIBUTE_NORMAL);
+      if (w == INVALID_HANDLE) return nullptr;
+    }
+    int32_t rc = recoverJournal(full, w);
+    if (rc || mode == 1) CloseHandle(w);
+    if (rc) return nullptr;
+    if (mode == 1) {
+      f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+      if (f == INVALID_HANDLE) return nullptr;
+    }
+  }
 
   // Heap blocks are 4-byte aligned; the handle needs the alignment of its members.
   void* mem = zbstg_alloc(heap, uint32_t(sizeof(Library) + alignof(Library)), 0);
@@ -338,8 +380,10 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
 
   h->fixed = static_cast<uint8_t*>(halloc(h, 4096 + 4));
   std::memset(h->fixed, 0, 4096 + 4);
+  if (uint64_t(h->base) + 2048 > h->fsize) errNote(LMI_E_IO, "open " + full + ": not a library (too short)");
   if (uint64_t(h->base) + 2048 > h->fsize) return fail();
   if (readAt(h, h->base, h->fixed, 2048) != 0) return fail();
+  if (std::memcmp(h->fixed + 4, "Quillbrander", 13) != 0) errNote(LMI_E_IO, "open " + full + ": not a library");
   if (std::memcmp(h->fixed + 4, "Quillbrander", 13) != 0) return fail();
   if (largeLayout(h->fixed + hdr::kVersion)) {
     h->nodeSize = 3072;
@@ -359,26 +403,75 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
   return h;
 }
 
+// The final writes of a library opened for writing, as one operation; with
+// write-through off this is where the changes become durable.
+// A handle marked failed has nothing it may write: its failure was reported
+// by the call that failed, and the journal stays for the next open.
+static int32_t finalWrites(Library* h) {
+  if (h->failed) return 0;
+  if (h->txDepth) txRollback(h);  // an operation left open by a failed call
+  int32_t rc = txBegin(h);
+  if (rc) return rc;
+  if (h->freed) rc = releaseTail(h);
+  if (rc == 0) rc = flushMaps(h);
+  bool trailer = rc == 0 && h->trailer;
+  if (trailer) {
+    uint8_t tr[kBlock] = {};
+    std::memcpy(tr, "TRL*", 4);
+    wr32(tr + 4, h->base);
+    rc = writeAt(h, h->fsize, tr, kBlock);
+  }
+  rc = txEnd(h, rc);
+  if (rc) return rc;
+  if (trailer) h->fsize -= kBlock;  // the trailer is not part of the library
+  if (!h->writeThrough && !FlushFileBuffers(h->file)) return LMI_E_IO;
+  return 0;
+}
+
 int32_t closeLibrary(Library* h) {
   if (h->kept_by_session) return 0;
   if (h->mode != 1) {
-    int32_t rc = 0;
-    if (h->freed) rc = releaseTail(h);
-    if (rc == 0) rc = flushMaps(h);
-    if (rc == 0 && h->trailer) {
-      uint8_t tr[kBlock] = {};
-      std::memcpy(tr, "TRL*", 4);
-      wr32(tr + 4, h->base);
-      rc = writeAt(h, h->fsize, tr, kBlock);
-      if (rc == 0) h->fsize -= kBlock;  // the trailer is not part of the library
-    }
-    if (rc == 0) rc = flushPending(h);
-    if (rc == 0 && h->writeThrough) FlushFileBuffers(h->file);
+    int32_t rc = finalWrites(h);
     if (rc != 0) return rc;
   }
+  closeJournal(h);
   if (!CloseHandle(h->file)) return LMI_E_IO;
   destroy(h);
   return 0;
+}
+
+int32_t closeLibraryAlways(Library* h) {
+  if (!h || h->kept_by_session) return 0;
+  int32_t rc = h->mode != 1 ? finalWrites(h) : 0;
+  if (rc && h->txDepth) txRollback(h);
+  closeJournal(h);
+  if (!CloseHandle(h->file) && rc == 0) rc = LMI_E_IO;
+  destroy(h);
+  return rc;
+}
+
+int32_t reloadHandle(Library* h) {
+  for (auto& kv : h->nodes) hfree(h, kv.second);
+  h->nodes.clear();
+  for (auto& q : h->quick) q = Library::Slot{};
+  dropIndex(h);
+  h->lookups = 0;
+  for (size_t k = 1; k < h->maps.size(); ++k) hfree(h, h->maps[k].img);
+  h->maps.resize(1);
+  h->maps[0] = Bitmap{h->base + kBlock, h->fixed + kBlock, false};
+  h->mapsLoaded = false;
+  h->freeHint = 0;
+  h->appending = false;
+  h->freed = false;
+  h->rootChecked = false;
+  h->pending.clear();
+  h->pendingBytes = 0;
+  h->pos = -1;
+  int64_t size = 0;
+  if (!GetFileSizeEx(h->file, &size) || size < 0) return LMI_E_IO;
+  h->fsize = h->diskSize = uint64_t(size);
+  if (uint64_t(h->base) + h->fixedSize > h->fsize) return LMI_E_DAMAGED;
+  return readAt(h, h->base, h->fixed, h->fixedSize);
 }
 
 // ------------------------------------------------------------------ bitmaps
@@ -524,6 +617,7 @@ int32_t allocBlocks(Library* h, uint32_t n, bool contiguous, bool mayRetryScatte
   uint32_t r = uint32_t(h->maps.size()) * kBitsPerMap;  // first block needing a new bitmap
   if (contiguous && nb < r && r < uint64_t(nb) + n) start = r;  // keep a node in one piece
   uint64_t end = uint64_t(h->base) + uint64_t(kBlock) * (uint64_t(start) + n + 1);
+  if (end > kMaxOffset) errNote(LMI_E_DISK_FULL, "the library would grow past the 2 GiB limit of its format");
   if (end > kMaxOffset) return LMI_E_DISK_FULL;
   for (uint32_t t = 0; t < n; ++t) out[t] = h->base + (start + t) * kBlock;
   h->appending = true;
@@ -729,6 +823,7 @@ int32_t flushData(Library* h) {
 
 int32_t appendData(Library* h, const void* bytesv, uint32_t count) {
   const uint8_t* bytes = static_cast<const uint8_t*>(bytesv);
+  if (uint64_t(h->wLength) + count > kMaxOffset) errNote(LMI_E_DISK_FULL, "the entry would pass the 2 GiB limit of the format");
   if (uint64_t(h->wLength) + count > kMaxOffset) return LMI_E_DISK_FULL;
   while (count > 0) {
     if (h->wWaiting > 0 && h->wFree > 0) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <map>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/platform.h"
@@ -60,6 +61,9 @@ inline void wr16(uint8_t* p, uint16_t v) {
 
 // Result of a directory search.
 enum : int { kFound = 1, kAbsent = 2, kRight = 3, kLeft = 4 };
+
+// Entry state of a write that failed and was rolled back; its close reports it.
+constexpr int kWriteFailed = 5;
 
 struct Bitmap {
   uint32_t off = 0;
@@ -130,7 +134,7 @@ struct Library {
   uint32_t freeHint = 0;  // no clear bit below this block index
 
   // Entry in hand.
-  int state = 0;  // 0 none, 1 reading, 3 writing
+  int state = 0;  // 0 none, 1 reading, 3 writing, kWriteFailed
   bool listing = false;
   uint32_t eNode = 0, eRec = 0;
   char comment[256] = {};
@@ -157,6 +161,18 @@ struct Library {
   bool trailer = false;
   bool kept_by_session = false;
   bool writeThrough = true;
+
+  // Operation in progress (journal.cpp). Inside an operation every write is
+  // held in `pending`; before a block that existed when the operation began
+  // is overwritten, its old bytes go into the rollback journal beside the file.
+  int txDepth = 0;             // nesting of txBegin calls
+  bool failed = false;         // a rollback could not finish: writes refused until reopened
+  uint64_t txOrigLen = 0;      // file length on disk when the operation began
+  std::unordered_set<uint32_t> journaled;  // blocks (file offset / 512) saved in the journal
+  plat::HFILE jfile = plat::INVALID_HANDLE;
+  uint64_t jEnd = 0;           // journal bytes of this operation (0: header not written yet)
+  uint32_t jSalt = 0;
+  uint64_t rng = 0;
 };
 
 // ---- utilities
@@ -171,7 +187,6 @@ void setWriteThrough(bool on);
 
 // ---- entry level (lmi.cpp)
 Library* H(LMI_HANDLE h);
-void durable(Library* h);
 int32_t openRead(Library* h, const char* name, bool tolerant);
 int32_t openWrite(Library* h, const char* name, const char* comment);
 int32_t closeEntry(Library* h);
@@ -181,14 +196,80 @@ int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, cha
                            bool onlyIfPresent = false);
 
 // ---- block I/O with the disk-error dialog
+// Asks the user (through the host's message-box handler) whether to retry a
+// failed transfer; IDRETRY or another answer.
+int diskDialog(plat::UINT textId, const char* fallback);
 int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got = nullptr);
 int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n);
 int32_t flushPending(Library* h);
 int32_t truncateAt(Library* h, uint64_t end);
 
+// ---- operations (journal.cpp)
+// Every change of a library is one operation: txBegin, the changes, then
+// txEnd. Calls nest; only the outermost txEnd commits. Until the commit the
+// writes stay in memory (past 8 MB they go out behind the journal); the commit
+// saves the old bytes of every block about to be overwritten in
+// `<library>-journal`, writes the blocks, then invalidates the journal (with a
+// sync at each step when write-through is on). A crash at any point leaves
+// either the old or the new state once the next open has rolled back.
+//
+// txBegin: 0, or LMI_E_READ_ONLY / LMI_E_IO when the handle may not write.
+// txEnd(h, rc): rc == 0 commits (returns the commit's error, after rolling
+// back, when it fails); rc != 0 rolls back and returns rc. After a rollback
+// the handle's caches hold what the disk holds; when the rollback itself
+// cannot finish the handle is marked failed (writes give LMI_E_IO until it is
+// reopened) and the journal stays for the next open to roll back.
+int32_t txBegin(Library* h);
+int32_t txEnd(Library* h, int32_t rc);
+void txRollback(Library* h);
+// txEnd for a caller that closes the library right after: the tail freed by
+// the operation is released inside it, so that the close has nothing to write.
+int32_t txEndReleasing(Library* h, int32_t rc);
+// Rolls back a journal left by a process that ended in the middle of an
+// operation; `file` is the library opened for writing. 0 when there was
+// nothing to do or the rollback finished.
+int32_t recoverJournal(const std::string& libPath, plat::HFILE file);
+bool journalIsHot(const std::string& libPath);
+// Test hook: called before every change the library makes to a file (kind
+// 'w' write, 't' set length, 's' sync; journal = true for the journal).
+// Returns the number of bytes of a write to let through, or -1 for all.
+extern int64_t (*ioHook)(char kind, bool journal, uint64_t off, uint32_t n);
+// Inside an operation: saves the old bytes of what `pending` overwrites, then
+// writes it out (used past 8 MB of held-back writes and by the commit).
+int32_t spillPending(Library* h);
+// Writes `pending` to the library as it is (no journal).
+int32_t writePending(Library* h);
+// Reads what the disk holds, ignoring held-back writes.
+int32_t readDisk(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got);
+// Drops every cache of the handle and reads the header again from the disk.
+int32_t reloadHandle(Library* h);
+// Closes the journal of a handle and removes it unless it must stay for a rollback.
+void closeJournal(Library* h);
+
+// One operation on a handle for the span of a C++ scope: begins it, and rolls
+// it back when the scope is left without end() (an early return, an exception).
+struct Op {
+  Library* h;
+  int32_t began;  // txBegin's result: 0 when the operation runs
+  explicit Op(Library* lib) : h(lib), began(txBegin(lib)) {}
+  Op(const Op&) = delete;
+  Op& operator=(const Op&) = delete;
+  int32_t end(int32_t rc) {
+    if (began) return rc ? rc : began;
+    began = 1;
+    return txEnd(h, rc);
+  }
+  ~Op() {
+    if (began == 0) txRollback(h);
+  }
+};
+
 // ---- opening and closing
 Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
 int32_t closeLibrary(Library* h);
+// Closes the library and frees the handle in every case (a failed final
+// operation is rolled back first); returns the first error.
+int32_t closeLibraryAlways(Library* h);
 void destroy(Library* h);
 
 // ---- bitmaps
@@ -249,11 +330,15 @@ VerifyReport verify(Library* h);
 template <class F>
 int32_t walkTree(Library* h, F&& fn) {
   std::vector<uint32_t> stack{rootOff(h)};
-  uint64_t limit = h->fsize / h->nodeSize + 2, visited = 0;
+  std::unordered_set<uint32_t> seen;  // a node reached twice is a directory cycle:
+  bool cycle = false;                 // not followed again, reported at the end
   while (!stack.empty()) {
     uint32_t off = stack.back();
     stack.pop_back();
-    if (++visited > limit) return LMI_E_DAMAGED;
+    if (!seen.insert(off).second) {
+      cycle = true;
+      continue;
+    }
     uint8_t* img;
     int32_t rc = nodeImg(h, off, &img);
     if (rc < 0) return rc;
@@ -268,7 +353,7 @@ int32_t walkTree(Library* h, F&& fn) {
     if (r) stack.push_back(r);
     if (l) stack.push_back(l);
   }
-  return 0;
+  return cycle ? LMI_E_DAMAGED : 0;
 }
 
 }  // namespace zbshr::lm

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <new>
 
-#include "library/lm.h"
+#include "library/recovery.h"
 #include "zbshr/format.h"
 #include "zbshr/memory.h"
 
@@ -12,17 +12,6 @@ namespace plat = zbshr::plat;
 namespace zbshr::lm {
 
 Library* H(LMI_HANDLE h) { return reinterpret_cast<Library*>(h); }
-
-// Makes the changes of an operation durable when write-through is on.
-void durable(Library* h) {
-  if (h->writeThrough && h->mode != 1) plat::FlushFileBuffers(h->file);
-}
-
-static int32_t entryDone(Library* h, int32_t rc) {
-  int32_t f = flushMaps(h);
-  durable(h);
-  return rc ? rc : f;
-}
 
 // Opens the named entry of `h` for reading (the comment goes into the handle).
 int32_t openRead(Library* h, const char* name, bool tolerant) {
@@ -113,33 +102,28 @@ int32_t openWrite(Library* h, const char* name, const char* comment) {
   return 0;
 }
 
+// Ends the entry in hand. A written entry is one operation from openWrite to
+// here: the data, the bitmaps, the record and the released tail are
+// committed together, or nothing is.
 int32_t closeEntry(Library* h) {
-  if (h->state == 1) {
-    h->state = 0;
-    return 0;
-  }
+  int state = h->state;
+  h->state = 0;
+  if (state == 1) return 0;
+  if (state == kWriteFailed) return LMI_E_IO;  // rolled back when the write failed
   int32_t rc = flushData(h);
-  uint8_t* r = recordPtr(h, h->eNode, h->eRec);
-  int32_t rc2 = 0;
-  if (r) {
+  if (rc == 0) {
+    uint8_t* r = recordPtr(h, h->eNode, h->eRec);
+    if (!r) rc = LMI_E_DAMAGED;
     if (rc == 0) {
       wr32(r + rec::kFirst, h->wFirst);
       wr32(r + rec::kLength, h->wLength);
-    } else {
-      wr32(r + rec::kFirst, 0);
-      wr32(r + rec::kLength, 0);
-      wr16(r + rec::kCommentLen, 0);
+      rc = writeNode(h, h->eNode, h->eRec + rec::kFirst, h->eRec + kRecHead);
     }
-    rc2 = writeNode(h, h->eNode, h->eRec + rec::kFirst, h->eRec + kRecHead);
-  } else {
-    rc2 = LMI_E_DAMAGED;
   }
-  int32_t rc3 = flushMaps(h);
-  int32_t rc4 = h->freed ? releaseTail(h) : 0;
+  if (rc == 0) rc = flushMaps(h);
+  if (rc == 0 && h->freed) rc = releaseTail(h);
   h->appending = false;
-  h->state = 0;
-  durable(h);
-  return rc ? rc : rc2 ? rc2 : rc3 ? rc3 : rc4;
+  return txEnd(h, rc);
 }
 
 }  // namespace zbshr::lm
@@ -148,10 +132,11 @@ namespace {
 
 template <class F>
 int32_t guard(F&& f) {
+  errBegin();
   try {
-    return f();
+    return errEnd(f());
   } catch (...) {
-    return LMI_E_IO;
+    return errEnd(LMI_E_IO);
   }
 }
 
@@ -165,10 +150,14 @@ ZBSHR_API(LMI_HANDLE) LMI_OpenLibrary(ZBSTG_HEAP heap, char* path, int32_t mode,
                                       int32_t readAheadSize) {
   if (!heap || !path || (readAheadSize != 0 && readAheadSize < 512) || mode < 1 || mode > 3)
     return nullptr;
+  errBegin();
   try {
     lowerInPlace(path);
-    return reinterpret_cast<LMI_HANDLE>(openLibrary(heap, path, mode, readAheadSize));
+    Library* lib = openLibrary(heap, path, mode, readAheadSize);
+    errEnd(lib ? 0 : LMI_E_IO);
+    return reinterpret_cast<LMI_HANDLE>(lib);
   } catch (...) {
+    errEnd(LMI_E_IO);
     return nullptr;
   }
 }
@@ -191,12 +180,12 @@ ZBSHR_API(int32_t) LMI_CreateLibrary(ZBSTG_HEAP heap, char* path, const char* co
     if (full.empty()) return LMI_E_ARGUMENT;
     if (plat::GetFileAttributesA(full.c_str()) != plat::INVALID_FILE_ATTRIBUTES)
       return LMI_E_EXISTS;
-    plat::HFILE f = plat::CreateFileA(full.c_str(), plat::GENERIC_READ | plat::GENERIC_WRITE, 0,
-                                      plat::CREATE_NEW, plat::FILE_ATTRIBUTE_NORMAL);
-    if (f == plat::INVALID_HANDLE) {
-      if (plat::GetLastError() == plat::ERROR_FILE_EXISTS) return LMI_E_EXISTS;
-      return LMI_E_IO;
-    }
+    // The file is written under a scratch name and renamed into place, so
+    // that a crash never leaves a half-written library under the real name.
+    std::string scratch = full + "-creating";
+    plat::HFILE f = plat::CreateFileA(scratch.c_str(), plat::GENERIC_READ | plat::GENERIC_WRITE, 0,
+                                      plat::CREATE_ALWAYS, plat::FILE_ATTRIBUTE_NORMAL);
+    if (f == plat::INVALID_HANDLE) return LMI_E_IO;
     Library tmp;
     tmp.file = f;
     uint8_t img[4096] = {};
@@ -209,13 +198,19 @@ ZBSHR_API(int32_t) LMI_CreateLibrary(ZBSTG_HEAP heap, char* path, const char* co
     img[512 + 8] = 0xFF;  // blocks 0 to 7: header, this bitmap, the root node
     std::memcpy(img + 1024, "NOD*", 4);
     wr16(img + 1024 + node::kFree, 3040);
+    bool wt = writeThroughSetting();
     int32_t rc = writeAt(&tmp, 0, img, 1024);
     if (rc == 0) rc = writeAt(&tmp, 1024, img + 1024, 3072);
-    if (rc == 0 && writeThroughSetting() && !plat::FlushFileBuffers(f)) rc = LMI_E_IO;
+    if (rc == 0 && wt && ((ioHook && ioHook('s', false, 0, 0) == 0) || !plat::FlushFileBuffers(f)))
+      rc = LMI_E_IO;
     plat::CloseHandle(f);
+    if (rc == 0 && ioHook && ioHook('m', false, 0, 0) == 0) rc = LMI_E_IO;
+    if (rc == 0 &&
+        !plat::MoveFileExA(scratch.c_str(), full.c_str(), wt ? plat::MOVEFILE_WRITE_THROUGH : 0))
+      rc = plat::GetLastError() == plat::ERROR_ALREADY_EXISTS ? LMI_E_EXISTS : LMI_E_CREATE;
     if (rc) {
-      plat::DeleteFileA(full.c_str());
-      return LMI_E_CREATE;
+      plat::DeleteFileA(scratch.c_str());
+      return rc == LMI_E_EXISTS ? rc : LMI_E_CREATE;
     }
     return 0;
   });
@@ -227,8 +222,9 @@ ZBSHR_API(int32_t) LMI_CloseLibrary(LMI_HANDLE handle) {
   return guard([&]() -> int32_t {
     if (h->kept_by_session) return 0;
     if (h->state) {
+      bool failedWrite = h->state == kWriteFailed;
       int32_t rc = closeEntry(h);
-      if (rc && h->mode != 1) return rc;
+      if (rc && h->mode != 1 && !failedWrite) return rc;
     }
     return closeLibrary(h);
   });
@@ -264,12 +260,11 @@ ZBSHR_API(int32_t) LMI_ModifyLibrary(LMI_HANDLE handle, LMI_LIBRARYMOD* modifica
   if (h->mode != 3) return LMI_E_READ_ONLY;
   if (!modification->comment) return 0;
   return guard([&]() -> int32_t {
+    Op op(h);
     std::memset(h->fixed + hdr::kComment, 0, 256);
     std::memcpy(h->fixed + hdr::kComment, modification->comment,
                 std::min<size_t>(std::strlen(modification->comment), 255));
-    int32_t rc = writeAt(h, h->base, h->fixed, kBlock);
-    durable(h);
-    return rc;
+    return op.end(writeAt(h, h->base, h->fixed, kBlock));
   });
 }
 
@@ -287,9 +282,19 @@ ZBSHR_API(int32_t) LMI_OpenEntry(LMI_HANDLE handle, char* name, int32_t mode,
   return guard([&]() -> int32_t {
     lowerInPlace(name);
     if (mode == 1) return openRead(h, name, false);
-    int32_t rc = openWrite(h, name, comment);
-    int32_t f = flushMaps(h);
-    return rc ? rc : f;
+    int32_t rc = txBegin(h);
+    if (rc) return rc;
+    try {
+      rc = openWrite(h, name, comment);
+      if (rc == 0) rc = flushMaps(h);
+    } catch (...) {
+      rc = LMI_E_IO;
+    }
+    if (rc) {
+      h->state = 0;
+      return txEnd(h, rc);
+    }
+    return 0;
   });
 }
 
@@ -307,11 +312,22 @@ ZBSHR_API(int32_t) LMI_WriteEntry(LMI_HANDLE handle, const void* buffer, int32_t
   if (!h) return LMI_E_NULL_HANDLE;
   if (!buffer) return LMI_E_NULL_BUFFER;
   if (count <= 0) return LMI_E_ZERO_LENGTH;
+  if (h->state == kWriteFailed) return LMI_E_IO;
   if (h->state != 3) return LMI_E_READ_ONLY;
   return guard([&]() -> int32_t {
-    int32_t rc = appendData(h, buffer, uint32_t(count));
-    if (uint8_t* r = recordPtr(h, h->eNode, h->eRec)) wr32(r + rec::kLength, h->wLength);
-    return rc ? rc : count;
+    int32_t rc;
+    try {
+      rc = appendData(h, buffer, uint32_t(count));
+      if (uint8_t* r = recordPtr(h, h->eNode, h->eRec)) wr32(r + rec::kLength, h->wLength);
+    } catch (...) {
+      rc = LMI_E_IO;
+    }
+    if (rc == 0) return count;
+    // The entry is given up: everything since it was opened is rolled back,
+    // and the entry stays in hand (refusing writes) until it is closed.
+    txRollback(h);
+    h->state = kWriteFailed;
+    return rc;
   });
 }
 
@@ -343,7 +359,7 @@ namespace {
 int32_t infoRecord(Library* h, char* name, const uint8_t** r, bool* inHand) {
   lowerInPlace(name);
   *inHand = false;
-  if (h->listing) return LMI_E_BUSY;
+  if (h->listing || h->state == kWriteFailed) return LMI_E_BUSY;
   if (h->state) {
     const uint8_t* cur = recordPtr(h, h->eNode, h->eRec);
     if (!cur || std::strcmp(reinterpret_cast<const char*>(cur + kRecHead), name) != 0)
@@ -490,22 +506,27 @@ ZBSHR_API(int32_t) LMI_DeleteEntry(LMI_HANDLE handle, char* name) {
   if (h->mode == 1) return LMI_E_READ_ONLY;
   return guard([&]() -> int32_t {
     lowerInPlace(name);
+    // The entry and its check-out record go in one operation. An unreadable
+    // list does not keep the entry from being deleted.
+    Op op(h);
     int32_t rc = removeEntry(h, name, true);
-    if (rc) return entryDone(h, rc);
-    entryDone(h, 0);
-    // Clean-up of check-out records; its failures are not reported.
+    if (rc == 0) rc = flushMaps(h);
     std::string other;
     char status = 0;
-    if (dropCheckOutRecord(h, name, &other, &status, true) == 0 && (status == 'd' || status == 's') &&
-        !other.empty()) {
+    std::vector<uint8_t> list;
+    if (rc == 0 && readList(h, &list) == 0)
+      rc = dropCheckOutRecord(h, name, &other, &status, true);
+    rc = op.end(rc);
+    if (rc) return rc;
+    // The record in the other library of a check-out; its failures are not reported.
+    if ((status == 'd' || status == 's') && !other.empty()) {
       if (Library* o = openLibrary(h->heap, other.c_str(), 2, 0)) {
         std::string ignored;
         char st;
         dropCheckOutRecord(o, name, &ignored, &st, true);
-        closeLibrary(o);
+        closeLibraryAlways(o);
       }
     }
-    durable(h);
     return 0;
   });
 }
@@ -584,8 +605,10 @@ int32_t copyInto(Library* d, Library* s, ChainReader* cr, uint32_t time,
     if (n > 0) rc = appendData(d, chunk.data(), uint32_t(n));
   } while (rc == 0 && n == 4096);
   if (n < 0 && rc == 0) rc = n;
-  int32_t c = closeEntry(d);
-  return rc == 0 ? c : rc;
+  if (rc == 0) return closeEntry(d);
+  d->state = 0;
+  d->appending = false;
+  return txEnd(d, rc);
 }
 
 int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
@@ -612,11 +635,16 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
     if (move && !destinationPath) {
       Library* h = openLibrary(heap, src.c_str(), 2, 0);
       if (!h) return LMI_E_IO;
-      int32_t rc = renameEntry(h, name, target);
-      int32_t f = flushMaps(h);
-      int32_t c = closeLibrary(h);
-      if (c) destroy(h);
-      return rc ? rc : f ? f : c;
+      int32_t rc;
+      {
+        Op op(h);
+        rc = renameEntry(h, name, target);
+        if (rc == 0) rc = flushMaps(h);
+        if (rc == 0 && h->freed) rc = releaseTail(h);
+        rc = op.end(rc);
+      }
+      int32_t c = closeLibraryAlways(h);
+      return rc ? rc : c;
     }
 
     bool same = !destinationPath;
@@ -626,7 +654,7 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
     if (!same) {
       d = openLibrary(heap, dst.c_str(), 2, 0);
       if (!d) {
-        closeLibrary(s);
+        closeLibraryAlways(s);
         return LMI_E_IO;
       }
     }
@@ -653,11 +681,11 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
           rc = n < 0 ? n : uint32_t(n) != clen ? LMI_E_DAMAGED : 0;
         }
         comment[rc == 0 ? clen : 0] = 0;
-        if (rc == 0) rc = openWrite(d, target, comment);
-        if (rc == 0)
-          rc = copyInto(d, s, &cr, time, chunk);
-        else
-          flushMaps(d);
+        if (rc == 0) rc = txBegin(d);
+        if (rc == 0) {
+          rc = openWrite(d, target, comment);
+          rc = rc == 0 ? copyInto(d, s, &cr, time, chunk) : txEnd(d, rc);
+        }
       }
     } else {
       rc = openRead(s, name, sequential);
@@ -666,22 +694,20 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
         time = rd32(r + rec::kTime);
         char comment[256];
         std::strcpy(comment, s->comment);
-        rc = openWrite(d, target, comment);
-        if (rc == 0)
-          rc = copyInto(d, s, &s->rd, time, chunk);
-        else
-          flushMaps(d);
+        rc = txBegin(d);
+        if (rc == 0) {
+          rc = openWrite(d, target, comment);
+          rc = rc == 0 ? copyInto(d, s, &s->rd, time, chunk) : txEnd(d, rc);
+        }
         closeEntry(s);
         if (move && rc == 0) rc = LMI_DeleteEntry(reinterpret_cast<LMI_HANDLE>(s), name);
       }
     }
     if (!same) {
-      int32_t c = closeLibrary(d);
-      if (c) destroy(d);
+      int32_t c = closeLibraryAlways(d);
       if (rc == 0) rc = c;
     }
-    int32_t c = closeLibrary(s);
-    if (c) destroy(s);
+    int32_t c = closeLibraryAlways(s);
     if (rc == 0) rc = c;
     return rc;
   });

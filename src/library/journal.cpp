@@ -1,0 +1,394 @@
+// Library files: operations and the rollback journal.
+//
+// An operation holds its writes in memory (Library::pending). Before any
+// block that existed when the operation began is overwritten in place, its
+// old bytes go into `<library>-journal`, which is synced first; the library
+// is then written and synced, and the journal's header is wiped (and synced).
+// Bytes past the old end of the file are not saved: a rollback cuts the file
+// back to its old length. When the operation shortens the file, a commit
+// mark (with the new length) is written to the journal after the library is
+// synced and before the file is cut, so that a crash in between completes the
+// cut rather than rolling back into blocks that are gone.
+//
+// Journal layout (little-endian):
+//   0    "JRN*", version 1, salt, old file length, library base, CRC-32 of bytes 0..19
+//   512  commit mark: "CMT*", salt, new length, CRC-32 of bytes 0..11 (or zeros)
+//   1024 records: file offset, byte count (at most 64 KB), CRC-32 of salt,
+//        offset, count and the bytes; then the old bytes.
+// Records are read up to the first one that does not check: a record cut
+// short by a crash was never followed by a write to the library.
+#include <algorithm>
+#include <chrono>
+#include <random>
+
+#include "library/lm.h"
+
+namespace zbshr::lm {
+
+using namespace zbshr::plat;
+
+int64_t (*ioHook)(char kind, bool journal, uint64_t off, uint32_t n) = nullptr;
+
+namespace {
+
+constexpr uint32_t kJHeader = 1024;   // header block and commit-mark block
+constexpr uint32_t kMaxRecord = 65536;
+
+uint32_t crc32(uint32_t crc, const uint8_t* p, size_t n) {
+  static uint32_t table[256];
+  static bool ready = [] {
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      table[i] = c;
+    }
+    return true;
+  }();
+  (void)ready;
+  crc = ~crc;
+  for (size_t i = 0; i < n; ++i) crc = table[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
+  return ~crc;
+}
+
+std::string journalPath(const std::string& lib) { return lib + "-journal"; }
+
+// Raw file changes, each announced to the test hook first. A failed write
+// asks the user whether to retry, as every write of a library does: 0,
+// LMI_E_IO or LMI_E_DISK_FULL.
+int32_t rawWrite(HFILE f, bool journal, uint64_t off, const void* buf, uint32_t n) {
+  if (ioHook) {
+    int64_t k = ioHook('w', journal, off, n);
+    if (k >= 0 && k < int64_t(n)) {  // a torn write (tests): part goes out, then it fails
+      DWORD put = 0;
+      if (k && SetFilePointerEx(f, int64_t(off), nullptr, FILE_BEGIN))
+        WriteFile(f, buf, DWORD(k), &put);
+      ioHook('e', journal, off, uint32_t(k));
+      return LMI_E_IO;
+    }
+  }
+  for (;;) {
+    DWORD put = 0;
+    if (!SetFilePointerEx(f, int64_t(off), nullptr, FILE_BEGIN) || !WriteFile(f, buf, n, &put)) {
+      if (diskDialog(301, "Fatal disk error. Retry?") != IDRETRY) return LMI_E_IO;
+      continue;
+    }
+    if (put < n) {
+      if (diskDialog(302, "The disk is full. Retry?") != IDRETRY) return LMI_E_DISK_FULL;
+      continue;
+    }
+    return 0;
+  }
+}
+
+bool rawSync(HFILE f, bool journal) {
+  if (ioHook && ioHook('s', journal, 0, 0) == 0) return false;
+  return FlushFileBuffers(f);
+}
+
+bool rawCut(HFILE f, bool journal, uint64_t len) {
+  if (ioHook && ioHook('t', journal, len, 0) == 0) return false;
+  return SetFilePointerEx(f, int64_t(len), nullptr, FILE_BEGIN) && SetEndOfFile(f);
+}
+
+bool rawRead(HFILE f, uint64_t off, void* buf, uint32_t n) {
+  DWORD got = 0;
+  return SetFilePointerEx(f, int64_t(off), nullptr, FILE_BEGIN) && ReadFile(f, buf, n, &got) &&
+         got == n;
+}
+
+struct JHeader {
+  uint32_t salt = 0, origLen = 0, base = 0;
+};
+
+bool readHeader(HFILE j, JHeader* out) {
+  uint8_t b[24];
+  if (!rawRead(j, 0, b, sizeof b)) return false;
+  if (std::memcmp(b, "JRN*", 4) != 0 || rd32(b + 4) != 1 || crc32(0, b, 20) != rd32(b + 20))
+    return false;
+  out->salt = rd32(b + 8);
+  out->origLen = rd32(b + 12);
+  out->base = rd32(b + 16);
+  return true;
+}
+
+// The new length of a committed operation, or -1 when there is no valid mark.
+int64_t readMark(HFILE j, uint32_t salt) {
+  uint8_t b[16];
+  if (!rawRead(j, 512, b, sizeof b)) return -1;
+  if (std::memcmp(b, "CMT*", 4) != 0 || rd32(b + 4) != salt || crc32(0, b, 12) != rd32(b + 12))
+    return -1;
+  return rd32(b + 8);
+}
+
+uint32_t recordCrc(uint32_t salt, uint32_t off, uint32_t len, const uint8_t* data) {
+  uint8_t head[12];
+  wr32(head, salt);
+  wr32(head + 4, off);
+  wr32(head + 8, len);
+  return crc32(crc32(0, head, sizeof head), data, len);
+}
+
+// Puts the saved bytes back into `lib` and gives it its old length; with
+// `honourMark`, a committed operation is completed instead (its cut redone).
+// Returns 0, or LMI_E_IO when the library could not be written.
+int32_t applyJournal(HFILE lib, HFILE j, bool honourMark) {
+  JHeader hd;
+  if (!readHeader(j, &hd)) return 0;  // never completed: nothing was written in place
+  int64_t mark = honourMark ? readMark(j, hd.salt) : -1;
+  if (mark >= 0) {
+    int64_t size = 0;
+    if (!GetFileSizeEx(lib, &size)) return LMI_E_IO;
+    if (size > mark && !rawCut(lib, false, uint64_t(mark))) return LMI_E_IO;
+    return rawSync(lib, false) ? 0 : LMI_E_IO;
+  }
+  int64_t jsize = 0;
+  if (!GetFileSizeEx(j, &jsize)) return LMI_E_IO;
+  std::vector<uint8_t> data;
+  for (uint64_t at = kJHeader; at + 12 <= uint64_t(jsize);) {
+    uint8_t head[12];
+    if (!rawRead(j, at, head, 12)) break;
+    uint32_t off = rd32(head), len = rd32(head + 4);
+    if (len == 0 || len > kMaxRecord || uint64_t(off) + len > hd.origLen ||
+        at + 12 + len > uint64_t(jsize))
+      break;
+    data.resize(len);
+    if (!rawRead(j, at + 12, data.data(), len)) break;
+    if (recordCrc(hd.salt, off, len, data.data()) != rd32(head + 8)) break;
+    if (int32_t rc = rawWrite(lib, false, off, data.data(), len)) return rc;
+    at += 12 + len;
+  }
+  int64_t size = 0;
+  if (!GetFileSizeEx(lib, &size)) return LMI_E_IO;
+  if (uint64_t(size) != hd.origLen && !rawCut(lib, false, hd.origLen)) return LMI_E_IO;
+  return rawSync(lib, false) ? 0 : LMI_E_IO;
+}
+
+// Wipes the journal's header so that it is no longer hot.
+bool wipeHeader(HFILE j, bool sync) {
+  uint8_t zero[24] = {};
+  return rawWrite(j, true, 0, zero, sizeof zero) == 0 && (!sync || rawSync(j, true));
+}
+
+uint32_t nextSalt(Library* h) {
+  if (h->rng == 0) {
+    std::random_device rd;
+    h->rng = (uint64_t(rd()) << 32 | rd()) ^
+             uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) ^ 1;
+  }
+  h->rng ^= h->rng << 13;
+  h->rng ^= h->rng >> 7;
+  h->rng ^= h->rng << 17;
+  return uint32_t(h->rng >> 16) | 1;
+}
+
+void headerBytes(Library* h, uint8_t* b) {
+  std::memcpy(b, "JRN*", 4);
+  wr32(b + 4, 1);
+  wr32(b + 8, h->jSalt);
+  wr32(b + 12, uint32_t(h->txOrigLen));
+  wr32(b + 16, h->base);
+  wr32(b + 20, crc32(0, b, 20));
+}
+
+// Saves in the journal the old bytes of every block the held-back writes
+// will overwrite below the operation's old end of file, then syncs it.
+int32_t saveOld(Library* h) {
+  std::vector<std::pair<uint32_t, uint32_t>> runs;  // [first block, end block)
+  for (auto& kv : h->pending) {
+    uint64_t a = kv.first, b = std::min<uint64_t>(kv.first + kv.second.size(), h->txOrigLen);
+    if (a >= b) continue;
+    for (uint32_t blk = uint32_t(a / kBlock); uint64_t(blk) * kBlock < b; ++blk) {
+      if (!h->journaled.insert(blk).second) continue;
+      if (!runs.empty() && runs.back().second == blk &&
+          (blk - runs.back().first) * kBlock < kMaxRecord)
+        runs.back().second = blk + 1;
+      else
+        runs.push_back({blk, blk + 1});
+    }
+  }
+  if (runs.empty()) return 0;
+  std::vector<uint8_t> out;
+  if (h->jEnd == 0) {
+    h->jSalt = nextSalt(h);
+    out.assign(kJHeader, 0);
+    headerBytes(h, out.data());
+  }
+  std::vector<uint8_t> old;
+  for (auto& r : runs) {
+    uint64_t off = uint64_t(r.first) * kBlock;
+    uint32_t len = uint32_t(std::min<uint64_t>(uint64_t(r.second) * kBlock, h->txOrigLen) - off);
+    old.resize(len);
+    uint32_t got = 0;
+    int32_t rc = readDisk(h, off, old.data(), len, &got);
+    if (rc) return rc;
+    if (got != len) return LMI_E_IO;
+    size_t at = out.size();
+    out.resize(at + 12 + len);
+    wr32(out.data() + at, uint32_t(off));
+    wr32(out.data() + at + 4, len);
+    wr32(out.data() + at + 8, recordCrc(h->jSalt, uint32_t(off), len, old.data()));
+    std::memcpy(out.data() + at + 12, old.data(), len);
+  }
+  if (h->jfile == INVALID_HANDLE) {
+    h->jfile = CreateFileA(journalPath(h->path).c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+    if (h->jfile == INVALID_HANDLE) return LMI_E_IO;
+  }
+  for (size_t done = 0; done < out.size();) {
+    uint32_t n = uint32_t(std::min<size_t>(out.size() - done, 1u << 24));
+    if (int32_t rc = rawWrite(h->jfile, true, h->jEnd + done, out.data() + done, n)) {
+      h->jEnd = std::max<uint64_t>(h->jEnd, kJHeader);  // the header may be on disk
+      return rc;
+    }
+    done += n;
+  }
+  h->jEnd += out.size();
+  if (h->writeThrough && !rawSync(h->jfile, true)) return LMI_E_IO;
+  return 0;
+}
+
+}  // namespace
+
+bool journalIsHot(const std::string& libPath) {
+  std::string jp = journalPath(libPath);
+  if (GetFileAttributesA(jp.c_str()) == INVALID_FILE_ATTRIBUTES) return false;
+  HFILE j = CreateFileA(jp.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
+                        FILE_ATTRIBUTE_NORMAL);
+  if (j == INVALID_HANDLE) return true;  // cannot tell: treat it as hot
+  JHeader hd;
+  bool hot = readHeader(j, &hd);
+  CloseHandle(j);
+  return hot;
+}
+
+int32_t recoverJournal(const std::string& libPath, HFILE file) {
+  std::string jp = journalPath(libPath);
+  if (GetFileAttributesA(jp.c_str()) == INVALID_FILE_ATTRIBUTES) return 0;
+  HFILE j = CreateFileA(jp.c_str(), GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING,
+                        FILE_ATTRIBUTE_NORMAL);
+  if (j == INVALID_HANDLE) return LMI_E_IO;
+  int32_t rc = applyJournal(file, j, true);
+  if (rc == 0 && !wipeHeader(j, true)) rc = LMI_E_IO;
+  CloseHandle(j);
+  if (rc == 0) DeleteFileA(jp.c_str());
+  return rc;
+}
+
+int32_t txBegin(Library* h) {
+  if (h->mode == 1) return LMI_E_READ_ONLY;
+  if (h->failed) return LMI_E_IO;
+  if (h->txDepth++ > 0) return 0;
+  h->txOrigLen = h->diskSize;
+  h->journaled.clear();
+  h->jEnd = 0;
+  return 0;
+}
+
+int32_t spillPending(Library* h) {
+  int32_t rc = saveOld(h);
+  return rc ? rc : writePending(h);
+}
+
+static int32_t commit(Library* h) {
+  if (h->pending.empty() && h->fsize == h->diskSize && h->jEnd == 0) return 0;
+  int32_t rc = spillPending(h);
+  if (rc) return rc;
+  bool wt = h->writeThrough;
+  if (h->fsize < h->diskSize) {
+    if (h->jEnd) {
+      if (wt && !rawSync(h->file, false)) return LMI_E_IO;
+      uint8_t m[16];
+      std::memcpy(m, "CMT*", 4);
+      wr32(m + 4, h->jSalt);
+      wr32(m + 8, uint32_t(h->fsize));
+      wr32(m + 12, crc32(0, m, 12));
+      if (int32_t rc = rawWrite(h->jfile, true, 512, m, sizeof m)) return rc;
+      if (wt && !rawSync(h->jfile, true)) return LMI_E_IO;
+      // Committed: from here on the blocks past the new end are gone for a
+      // rollback. A failure leaves the cut to the next open (the journal
+      // stays) and the handle refuses further writes.
+      h->pos = -1;
+      if (!rawCut(h->file, false, h->fsize) || (wt && !rawSync(h->file, false)) ||
+          !wipeHeader(h->jfile, wt)) {
+        h->failed = true;
+        return 0;
+      }
+      h->diskSize = h->fsize;
+      h->jEnd = 0;
+      h->journaled.clear();
+      return 0;
+    }
+    h->pos = -1;
+    if (!rawCut(h->file, false, h->fsize)) return LMI_E_IO;
+    h->diskSize = h->fsize;
+  }
+  if (wt && !rawSync(h->file, false)) return LMI_E_IO;
+  if (h->jEnd && !wipeHeader(h->jfile, wt)) {
+    // Whether the journal still counts is unknown: make it whole again so
+    // that the rollback which follows (here or at the next open) is certain.
+    uint8_t b[24];
+    headerBytes(h, b);
+    if (rawWrite(h->jfile, true, 0, b, sizeof b) || (wt && !rawSync(h->jfile, true)))
+      h->failed = true;
+    return LMI_E_IO;
+  }
+  h->jEnd = 0;
+  h->journaled.clear();
+  return 0;
+}
+
+void txRollback(Library* h) {
+  if (h->txDepth == 0) return;
+  h->txDepth = 0;
+  h->pending.clear();
+  h->pendingBytes = 0;
+  h->pos = -1;
+  int32_t rc = 0;
+  if (h->jEnd) {
+    rc = applyJournal(h->file, h->jfile, false);
+    if (rc == 0 && !wipeHeader(h->jfile, h->writeThrough)) rc = LMI_E_IO;
+    if (rc == 0) h->jEnd = 0;
+  }
+  // Bytes written past the old end (with or without a journal) go.
+  int64_t size = 0;
+  if (rc == 0 && (!GetFileSizeEx(h->file, &size) ||
+                  (uint64_t(size) != h->txOrigLen && !rawCut(h->file, false, h->txOrigLen))))
+    rc = LMI_E_IO;
+  h->journaled.clear();
+  if (rc == 0) rc = reloadHandle(h);
+  if (rc) h->failed = true;
+}
+
+int32_t txEnd(Library* h, int32_t rc) {
+  if (h->txDepth == 0) return rc ? rc : LMI_E_IO;  // rolled back by an inner step
+  if (rc) {
+    txRollback(h);
+    return rc;
+  }
+  if (--h->txDepth > 0) return 0;
+  ++h->txDepth;
+  rc = commit(h);
+  if (rc) {
+    if (!h->failed) txRollback(h);
+    h->txDepth = 0;
+    return rc;
+  }
+  h->txDepth = 0;
+  h->pending.clear();  // (empty unless a committed cut failed)
+  h->pendingBytes = 0;
+  return 0;
+}
+
+int32_t txEndReleasing(Library* h, int32_t rc) {
+  if (rc == 0 && h->freed && h->txDepth == 1) rc = releaseTail(h);
+  return txEnd(h, rc);
+}
+
+void closeJournal(Library* h) {
+  if (h->jfile == INVALID_HANDLE) return;
+  CloseHandle(h->jfile);
+  h->jfile = INVALID_HANDLE;
+  if (!h->failed) DeleteFileA(journalPath(h->path).c_str());
+}
+
+}  // namespace zbshr::lm

@@ -1,0 +1,155 @@
+// Crash consistency of library files. Each operation is run once cleanly to
+// count the changes it makes to files (writes, length changes and syncs, of
+// the library and of its journal); then, for every one of those changes, a
+// child process runs it again and ends right before that change (or after a
+// torn write that persisted only up to a 512-byte file boundary), or the
+// change fails in this process. Afterwards the libraries must pass verify,
+// and their whole contents (every entry's bytes and comment, the check-out
+// records, the library comment) must be exactly the state before or the state
+// after the operation; a failed operation must leave the state before.
+#if defined(_WIN32)
+#include <gtest/gtest.h>
+TEST(Crash, NeedsPosixProcesses) { GTEST_SKIP() << "the crash tests fork and end child processes (POSIX only)"; }
+#else
+#include "crash_harness.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace lmtest {
+namespace {
+
+class Crash : public CrashTest {};
+
+// A point is left out under sanitizers (slow) when it is not in the sample.
+bool sampled(int k) {
+#if defined(__SANITIZE_ADDRESS__)
+  return k % 3 == 1;
+#else
+  (void)k;
+  return true;
+#endif
+}
+
+TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
+  Totals t;
+  for (bool wt : {true, false}) {
+    zbshr_lib_write_through(wt ? 1 : 0);
+    for (const Operation& op : operations()) {
+      SCOPED_TRACE(op.name + (wt ? " (write-through)" : " (write-through off)"));
+      if (!wt && !op.alsoWithoutWriteThrough) continue;
+      Files base = prepare(op);
+      State before = snapshotAll(op);
+      // The clean run gives the state after and the number of changes.
+      g_count = 0;
+      g_mode = Mode::Count;
+      zbshr::lm::ioHook = hook;
+      int32_t rc = op.run(*this);
+      zbshr::lm::ioHook = nullptr;
+      ASSERT_EQ(rc, 0);
+      int changes = g_count;
+      ASSERT_GT(changes, 0);
+      State after = snapshotAll(op);
+      ASSERT_EQ(after, op.expect(*this, before));
+      for (int k = 1; k <= changes; ++k) {
+        if (!sampled(k)) continue;
+        for (Mode m : {Mode::Kill, Mode::Torn, Mode::Fail}) {
+          restore(base);
+          g_count = 0;
+          g_at = k;
+          g_mode = m;
+          g_tornApplied = false;
+          int32_t res = 0;
+          if (m == Mode::Fail) {
+            zbshr::lm::ioHook = hook;
+            res = op.run(*this);
+            zbshr::lm::ioHook = nullptr;
+          } else {
+            pid_t pid = fork();
+            ASSERT_GE(pid, 0);
+            if (pid == 0) {
+              zbshr::lm::ioHook = hook;
+              op.run(*this);
+              _exit(0);  // the point was never reached
+            }
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ASSERT_TRUE(WIFEXITED(status));
+            if (WEXITSTATUS(status) == 0) continue;  // not applicable (a torn write within one block)
+          }
+          ++t.points;
+          int damaged = verifyAll(op);
+          t.damaged += damaged;
+          State now = snapshotAll(op);
+          bool asBefore = now == before, asAfter = now == after;
+          if (op.between && now == op.between(*this, before)) {
+            ++t.between;
+          } else if (m == Mode::Fail && res != 0) {
+            if (!asBefore) ++t.failedNotBefore;
+            EXPECT_TRUE(asBefore) << "change " << k << " failed, result " << res;
+          } else {
+            if (!asBefore && !asAfter) ++t.mixed;
+            EXPECT_TRUE(asBefore || asAfter)
+                << "change " << k << " mode " << int(m) << ": neither before nor after";
+          }
+          EXPECT_EQ(damaged, 0) << "change " << k << " mode " << int(m);
+          EXPECT_EQ(openDescriptors(), t.descriptors0);
+        }
+      }
+    }
+  }
+  zbshr_lib_write_through(1);
+  std::printf(
+      "crash points %d: damaged %d, neither before nor after %d, failed but changed %d, "
+      "one of two libraries changed %d\n",
+      t.points, t.damaged, t.mixed, t.failedNotBefore, t.between);
+  EXPECT_GT(t.points, 300);
+}
+
+// A child process does random operations and is killed at a random moment;
+// the library must then hold the state after the last operation it finished
+// or the one after that.
+TEST_F(Crash, RandomKillsLeaveAStateTheOperationsPassedThrough) {
+  std::string lib = path("r.zbl");
+  const int rounds = 12;
+  for (int round = 0; round < rounds; ++round) {
+    std::remove(lib.c_str());
+    fs::remove(lib + "-journal");
+    S p(lib);
+    ASSERT_EQ(LMI_CreateLibrary(heap, p, nullptr), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    uint32_t seed = 1000u + uint32_t(round);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      close(fds[0]);
+      RandomOps ops(seed);
+      for (int i = 0;; ++i) {
+        ops.apply(heap, lib, i);
+        uint8_t done = 1;
+        if (write(fds[1], &done, 1) != 1) _exit(2);
+      }
+    }
+    close(fds[1]);
+    usleep(useconds_t(2000 + (round * 7919) % 40000));
+    kill(pid, SIGKILL);
+    int status;
+    waitpid(pid, &status, 0);
+    int finished = 0;
+    uint8_t b;
+    while (read(fds[0], &b, 1) == 1) ++finished;
+    close(fds[0]);
+    EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0) << "round " << round;
+    LibState now = snapshot(lib);
+    RandomOps model(seed);
+    LibState atDone = model.stateAfter(finished), atNext = model.stateAfter(finished + 1);
+    EXPECT_TRUE(now == atDone || now == atNext)
+        << "round " << round << " after " << finished << " operations";
+  }
+}
+
+}  // namespace
+}  // namespace lmtest
+#endif
