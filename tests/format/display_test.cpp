@@ -111,6 +111,7 @@ TEST_F(FormatDisplay, NumericMasks) {
   EXPECT_EQ(num("0.00E+00", 0.0), "0.00E+00");
   EXPECT_EQ(num("0.0e-0", 12345.0), "1.2e4");
   EXPECT_EQ(num("00.0E+0", 12345.0), "12.3E+3");
+  EXPECT_EQ(num(".00E+00", 123456.0), ".12E+06");  // no integer placeholder: no integer digit
   const std::string big = num("#,##0", 1e100);
   EXPECT_EQ(big.size(), 101u + 33);
   EXPECT_EQ(big.substr(0, 14), "10,000,000,000");
