@@ -141,6 +141,7 @@ TEST(Files, ReadWriteSeekAndAccessChecks) {
   EXPECT_EQ(GetFileSize(-5, nullptr), INVALID_FILE_SIZE);
 }
 
+#if !defined(_WIN32)
 // The open flags of a descriptor as the kernel reports them.
 long KernelFlags(HFILE f) {
   std::ifstream in("/proc/self/fdinfo/" + std::to_string(f));
@@ -153,8 +154,11 @@ long KernelFlags(HFILE f) {
     }
   return -1;
 }
+#endif
 
 TEST(Files, WriteThroughOpensSynchronously) {
+  ZBTEST_POSIX_ONLY("it reads the kernel's open flags under /proc");
+#if !defined(_WIN32)
   Scratch s;
   HFILE plain = CreateFileA(s.path("p").c_str(), RW, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
   HFILE sync = CreateFileA(s.path("s").c_str(), RW, 0, CREATE_ALWAYS, FILE_FLAG_WRITE_THROUGH);
@@ -167,6 +171,7 @@ TEST(Files, WriteThroughOpensSynchronously) {
   EXPECT_NE(KernelFlags(sync) & O_CLOEXEC, 0);
   CloseHandle(plain);
   CloseHandle(sync);
+#endif
 }
 
 TEST(Files, ClassicCallsOnTheSameHandles) {
@@ -252,6 +257,7 @@ TEST(Sharing, TheWindowsMatrixWithinOneProcess) {
   HFILE attrs = CreateFileA(p.c_str(), 0, 0, OPEN_EXISTING, 0);
   ASSERT_NE(attrs, INVALID_HANDLE);
   EXPECT_TRUE(Opens(p, RW, 0));
+#if !defined(_WIN32)  // file modes are POSIX's
   chmod(p.c_str(), 0);
   HFILE noperm = CreateFileA(p.c_str(), 0, SHARE_RW, OPEN_EXISTING, 0);
   if (geteuid() != 0) {
@@ -262,6 +268,7 @@ TEST(Sharing, TheWindowsMatrixWithinOneProcess) {
   EXPECT_EQ(GetFileSize(noperm, nullptr), 4u);
   CloseHandle(noperm);
   chmod(p.c_str(), 0644);
+#endif
   CloseHandle(attrs);
   // Closing the first open lifts its restrictions.
   HFILE excl = INVALID_HANDLE;
@@ -299,6 +306,8 @@ TEST(Sharing, DeleteNeedsShareDelete) {
 }
 
 TEST(Sharing, AcrossProcesses) {
+  ZBTEST_POSIX_ONLY("it forks a second process");
+#if !defined(_WIN32)
   Scratch s;
   std::string p = s.path("proc.dat");
   s.write("proc.dat", "x");
@@ -328,6 +337,7 @@ TEST(Sharing, AcrossProcesses) {
   // The child's death released its locks.
   EXPECT_TRUE(Opens(p, RW, 0));
   close(to_child[0]); close(to_child[1]); close(to_parent[0]); close(to_parent[1]);
+#endif
 }
 
 TEST(Paths, NativePathMatchesCaseAndBothSeparators) {

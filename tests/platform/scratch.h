@@ -7,6 +7,15 @@
 #include <sstream>
 #include <string>
 
+// Opens a test of the POSIX emulation itself (its spellings, its knobs, its
+// use of POSIX processes): on Windows the real API answers, and the test is
+// skipped with the reason given.
+#if defined(_WIN32)
+#define ZBTEST_POSIX_ONLY(why) GTEST_SKIP() << "tests the POSIX emulation: " << why
+#else
+#define ZBTEST_POSIX_ONLY(why) static_cast<void>(0)
+#endif
+
 namespace zbshr_test {
 
 class Scratch {
