@@ -178,7 +178,7 @@ TEST_F(DbaseExport, Dbase2RefusesCountsAndFailsWhenWidthsPass1000) {
   EXPECT_EQ(osSaveDbase2Column(h, "B", 255, 1), 1);
   EXPECT_EQ(osSaveDbase2Column(h, "C", 255, 1), 1);
   EXPECT_EQ(osSaveDbase2Column(h, "D", 235, 1), 1);  // exactly 1000
-  EXPECT_EQ(osSaveDbase2Column(h, "E", 1, 2), 0);    // 1016
+  EXPECT_EQ(osSaveDbase2Column(h, "E", 1, 1), 0);    // 1001
   EXPECT_EQ(osSaveDbase2Item(h, "x"), 0);            // the header is incomplete
   EXPECT_EQ(osSaveDbase2End(h), 1);
   std::string got = read_file(path("C.DBF"));
