@@ -15,7 +15,7 @@ struct Found {
   int32_t code;
   std::string entry, text;
 };
-void ZBSHR_CALL collectCb(void* ctx, int32_t code, const char* entry, const char* text) {
+void ZBSHR_CALLBACK collectCb(void* ctx, int32_t code, const char* entry, const char* text) {
   static_cast<std::vector<Found>*>(ctx)->push_back({code, entry ? entry : "", text});
 }
 
@@ -337,6 +337,41 @@ TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
   ASSERT_EQ(put(h, "more", pattern(600000, 8)), 0);  // growth works again
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   EXPECT_EQ(verifyPath(lib), 0);
+
+  // When the bitmap's block holds something else, repair refuses and changes nothing.
+  std::memcpy(&bytes[2064384], "DAT*", 4);
+  spit(lib, bytes);
+  EXPECT_EQ(zbshr_lib_repair(lib.c_str(), nullptr, nullptr), LMI_E_NO_SPACE);
+  EXPECT_EQ(slurp(lib), bytes);
+}
+
+TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpace) {
+  std::string lib = create("g.zbl");
+  LMI_HANDLE h = open(lib, 2);
+  ASSERT_EQ(put(h, "a", pattern(1300, 1)), 0);  // blocks 8 to 10
+  ASSERT_EQ(put(h, "b", pattern(600, 2)), 0);   // blocks 11 and 12
+  S a("a");
+  ASSERT_EQ(LMI_DeleteEntry(h, a), 0);
+  ASSERT_EQ(LMI_CloseLibrary(h), 0);
+  // An old node left in the freed blocks, whose record still reads whole.
+  auto bytes = slurp(lib);
+  uint32_t recB = 1024 + 32;
+  ASSERT_EQ(str(bytes, recB + 24, 2), std::string("b\0", 2));
+  std::vector<uint8_t> old(bytes.begin() + 1024, bytes.begin() + 1024 + 512);
+  std::memcpy(&old[32 + 24], "ghost", 6);
+  old[32 + 22] = 6;
+  old[18] = old[22] = 32 + 24;
+  std::copy(old.begin(), old.end(), bytes.begin() + 8 * 512);
+  spit(lib, bytes);
+  std::string out = path("out.zbl");
+  found.clear();
+  EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), out.c_str(), collectCb, &found), 1);
+  auto got = contents(out);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got["b"].data, pattern(600, 2));
+  bool noted = false;
+  for (auto& f : found) noted |= f.entry == "ghost" && f.code == ZBSHR_LIB_NOTE_INFO;
+  EXPECT_TRUE(noted);
 }
 
 TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
@@ -371,6 +406,10 @@ TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   auto b1 = slurp(lib);
   uint32_t d1 = depth(b1);
   EXPECT_LE(d1, 12u) << "depth " << d0 << " -> " << d1;
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].code, ZBSHR_LIB_NOTE_INFO);
+  EXPECT_NE(found[0].text.find("depth " + std::to_string(d0) + " -> " + std::to_string(d1)),
+            std::string::npos) << found[0].text;
   EXPECT_LT(b1.size(), b0.size());
   EXPECT_FALSE(fs::exists(lib + ".compacting"));
   h = open(lib, 1);
