@@ -139,10 +139,12 @@ ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePa
         rc = addRecord(s, w->path, name, user, 'd');
         if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
         rc = txEndReleasing(w, rc);
+        if (rc == 0) rc = batchCommit(w);  // with write-through off too, before the other
       } else {
         rc = rw;
       }
       rc = txEndReleasing(s, rc);
+      if (rc == 0) rc = batchCommit(s);
     }
     int32_t cw = finish(w), cs = finish(s);
     return rc ? rc : cw ? cw : cs;
@@ -183,10 +185,12 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
         rc = dropCheckOutRecord(w, name, &other, &status);
         if (rc == 0) rc = dropCheckOutRecord(s, name, &other, &status);
         rc = txEndReleasing(s, rc);
+        if (rc == 0) rc = batchCommit(s);
       } else {
         rc = rs;
       }
       rc = txEndReleasing(w, rc);
+      if (rc == 0) rc = batchCommit(w);
     }
     int32_t cs = finish(s), cw = finish(w);
     return rc ? rc : cs ? cs : cw;

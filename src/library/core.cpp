@@ -165,7 +165,7 @@ static int32_t writeNow(Library* h, uint64_t off, const void* buf, uint32_t n) {
 }
 
 int32_t flushPending(Library* h) {
-  return h->txDepth ? spillPending(h) : writePending(h);
+  return h->txDepth || h->batch ? spillPending(h) : writePending(h);
 }
 
 int32_t writePending(Library* h) {
@@ -186,7 +186,8 @@ int32_t writePending(Library* h) {
 }
 
 int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
-  if (h->txDepth == 0 || n == 0) return writeNow(h, off, buf, n);
+  if ((h->txDepth == 0 && !h->batch) || n == 0) return writeNow(h, off, buf, n);
+  if (h->batch && h->txDepth) saveUndo(h, off, n);
   // Inside an operation: hold the bytes back until the commit, joining them
   // with the ranges they touch, so that many small writes leave as a few
   // large ones.
@@ -238,6 +239,7 @@ int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
 // Sets the end of the file (nothing is copied). Inside an operation the disk
 // is cut only at the commit, after the writes held back.
 int32_t truncateAt(Library* h, uint64_t end) {
+  if (h->batch && h->txDepth && h->fsize > end) saveUndo(h, end, h->fsize - end);
   for (auto it = h->pending.lower_bound(end); it != h->pending.end();) {
     h->pendingBytes -= it->second.size();
     it = h->pending.erase(it);
@@ -249,7 +251,7 @@ int32_t truncateAt(Library* h, uint64_t end) {
       last->second.resize(size_t(end - last->first));
     }
   }
-  if (h->diskSize > end && h->txDepth == 0) {
+  if (h->diskSize > end && h->txDepth == 0 && !h->batch) {
     h->pos = -1;
     if (ioHook && ioHook('t', false, end, 0) == 0) return LMI_E_IO;
     if (!SetFilePointerEx(h->file, int64_t(end), nullptr, FILE_BEGIN) || !SetEndOfFile(h->file))
@@ -422,6 +424,7 @@ static int32_t finalWrites(Library* h) {
     rc = writeAt(h, h->fsize, tr, kBlock);
   }
   rc = txEnd(h, rc);
+  if (rc == 0) rc = batchCommit(h);
   if (rc) return rc;
   if (trailer) h->fsize -= kBlock;  // the trailer is not part of the library
   if (!h->writeThrough && !FlushFileBuffers(h->file)) return LMI_E_IO;
@@ -450,7 +453,7 @@ int32_t closeLibraryAlways(Library* h) {
   return rc;
 }
 
-int32_t reloadHandle(Library* h) {
+int32_t reloadHandle(Library* h, bool keepPending) {
   for (auto& kv : h->nodes) hfree(h, kv.second);
   h->nodes.clear();
   for (auto& q : h->quick) q = Library::Slot{};
@@ -464,12 +467,14 @@ int32_t reloadHandle(Library* h) {
   h->appending = false;
   h->freed = false;
   h->rootChecked = false;
-  h->pending.clear();
-  h->pendingBytes = 0;
   h->pos = -1;
-  int64_t size = 0;
-  if (!GetFileSizeEx(h->file, &size) || size < 0) return LMI_E_IO;
-  h->fsize = h->diskSize = uint64_t(size);
+  if (!keepPending) {
+    h->pending.clear();
+    h->pendingBytes = 0;
+    int64_t size = 0;
+    if (!GetFileSizeEx(h->file, &size) || size < 0) return LMI_E_IO;
+    h->fsize = h->diskSize = uint64_t(size);
+  }
   if (uint64_t(h->base) + h->fixedSize > h->fsize) return LMI_E_DAMAGED;
   return readAt(h, h->base, h->fixed, h->fixedSize);
 }

@@ -278,10 +278,40 @@ int32_t txBegin(Library* h) {
   if (h->mode == 1) return LMI_E_READ_ONLY;
   if (h->failed) return LMI_E_IO;
   if (h->txDepth++ > 0) return 0;
-  h->txOrigLen = h->diskSize;
-  h->journaled.clear();
-  h->jEnd = 0;
+  if (!h->batch) {
+    h->txOrigLen = h->diskSize;
+    h->journaled.clear();
+    h->jEnd = 0;
+    h->batch = !h->writeThrough;
+  }
+  if (h->batch) {
+    h->undo.clear();
+    h->undoLen = h->fsize;
+  }
   return 0;
+}
+
+void saveUndo(Library* h, uint64_t off, uint64_t n) {
+  uint64_t end = std::min<uint64_t>(off + n, h->undoLen);
+  if (off >= end) return;  // past the old end: the old length covers it
+  std::vector<uint8_t> old(size_t(end - off));
+  uint32_t got = 0;
+  if (readAt(h, off, old.data(), uint32_t(old.size()), &got) == 0) old.resize(got);
+  h->undo.emplace_back(off, std::move(old));
+}
+
+// Undoes the operation in hand of a batch, in memory.
+static void undoOperation(Library* h) {
+  int depth = h->txDepth;
+  h->txDepth = 0;  // the writes below are not recorded again
+  bool ok = true;
+  for (auto it = h->undo.rbegin(); it != h->undo.rend(); ++it)
+    if (writeAt(h, it->first, it->second.data(), uint32_t(it->second.size()))) ok = false;
+  h->undo.clear();
+  if (h->fsize > h->undoLen) truncateAt(h, h->undoLen);
+  h->fsize = h->undoLen;
+  h->txDepth = depth;
+  if (!ok || reloadHandle(h, true)) h->failed = true;
 }
 
 int32_t spillPending(Library* h) {
@@ -339,6 +369,11 @@ static int32_t commit(Library* h) {
 
 void txRollback(Library* h) {
   if (h->txDepth == 0) return;
+  if (h->batch) {
+    undoOperation(h);
+    h->txDepth = 0;
+    return;
+  }
   h->txDepth = 0;
   h->pending.clear();
   h->pendingBytes = 0;
@@ -366,6 +401,10 @@ int32_t txEnd(Library* h, int32_t rc) {
     return rc;
   }
   if (--h->txDepth > 0) return 0;
+  if (h->batch) {
+    h->undo.clear();  // done; the batch is committed at close
+    return 0;
+  }
   ++h->txDepth;
   rc = commit(h);
   if (rc) {
@@ -377,6 +416,19 @@ int32_t txEnd(Library* h, int32_t rc) {
   h->pending.clear();  // (empty unless a committed cut failed)
   h->pendingBytes = 0;
   return 0;
+}
+
+int32_t batchCommit(Library* h) {
+  if (!h->batch) return 0;
+  h->batch = false;
+  h->undo.clear();
+  h->txDepth = 1;
+  int32_t rc = commit(h);
+  if (rc && !h->failed) txRollback(h);
+  h->txDepth = 0;
+  h->pending.clear();
+  h->pendingBytes = 0;
+  return rc;
 }
 
 int32_t txEndReleasing(Library* h, int32_t rc) {

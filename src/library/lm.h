@@ -173,6 +173,13 @@ struct Library {
   uint64_t jEnd = 0;           // journal bytes of this operation (0: header not written yet)
   uint32_t jSalt = 0;
   uint64_t rng = 0;
+  // With write-through off the operations of a session form one batch,
+  // committed at close (or rolled back whole by the next open after a
+  // crash); a failed operation is undone in memory from `undo`: the bytes
+  // its writes replaced (as the handle saw them) and the length before it.
+  bool batch = false;
+  std::vector<std::pair<uint64_t, std::vector<uint8_t>>> undo;
+  uint64_t undoLen = 0;
 };
 
 // ---- utilities
@@ -241,8 +248,13 @@ int32_t spillPending(Library* h);
 int32_t writePending(Library* h);
 // Reads what the disk holds, ignoring held-back writes.
 int32_t readDisk(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got);
-// Drops every cache of the handle and reads the header again from the disk.
-int32_t reloadHandle(Library* h);
+// Drops every cache of the handle and reads the header again (from the disk,
+// or through the held-back writes when `keepPending`).
+int32_t reloadHandle(Library* h, bool keepPending = false);
+// Inside an operation of a batch: remembers what [off, off + n) holds now.
+void saveUndo(Library* h, uint64_t off, uint64_t n);
+// Commits the batch of a session with write-through off (the close does it).
+int32_t batchCommit(Library* h);
 // Closes the journal of a handle and removes it unless it must stay for a rollback.
 void closeJournal(Library* h);
 

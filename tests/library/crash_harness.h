@@ -141,14 +141,6 @@ class CrashTest : public LibTest {
   using LibTest::path;
   using LibTest::open;
   std::string lib(const std::string& f) const { return path(f); }
-  // A folder of this process alone: other builds may run the same tests.
-  void SetUp() override {
-    LibTest::SetUp();
-    fs::remove_all(dir);
-    dir += "-" + std::to_string(getpid());
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-  }
 
   // Closes as a host does: a failed close leaves the handle open, and a
   // second close (here without the fault) must then succeed.

@@ -47,6 +47,12 @@ struct S {
   std::string get() const { return std::string(v.data()); }
 };
 
+// Tells this run's folders from those of other test runs on the machine.
+inline const std::string& runTag() {
+  static const std::string tag = std::to_string(std::random_device{}() % 1000000000u);
+  return tag;
+}
+
 class LibTest : public ::testing::Test {
  protected:
   ZBSTG_HEAP heap = nullptr;
@@ -56,7 +62,7 @@ class LibTest : public ::testing::Test {
     heap = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir = (fs::temp_directory_path() / "zbshr-lib-tests" /
-           (std::string(info->test_suite_name()) + "." + info->name()))
+           (std::string(info->test_suite_name()) + "." + info->name() + "-" + runTag()))
               .string();
     // Library paths are folded to lower case; keep the folder lower case too.
     for (auto& c : dir) c = char(std::tolower(static_cast<unsigned char>(c)));
