@@ -338,9 +338,15 @@ TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   EXPECT_EQ(verifyPath(lib), 0);
 
-  // When the bitmap's block holds something else, repair refuses and changes nothing.
+  // When the bitmap's block holds something else, the checker says so, and
+  // repair refuses and changes nothing.
   std::memcpy(&bytes[2064384], "DAT*", 4);
+  bytes[512 + 6] = 0x1F;  // the link again: 2,064,384 = 0x1F8000
+  bytes[512 + 5] = 0x80;
   spit(lib, bytes);
+  ASSERT_GE(verifyPath(lib), 1);
+  EXPECT_NE(found[0].text.find("bitmap 1 at 2064384 cannot be read"), std::string::npos)
+      << found[0].text;
   EXPECT_EQ(zbshr_lib_repair(lib.c_str(), nullptr, nullptr), LMI_E_NO_SPACE);
   EXPECT_EQ(slurp(lib), bytes);
 }
@@ -361,7 +367,7 @@ TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpace) {
   std::memcpy(&old[32 + 24], "ghost", 6);
   old[32 + 22] = 6;
   old[18] = old[22] = 32 + 24;
-  std::copy(old.begin(), old.end(), bytes.begin() + 8 * 512);
+  std::copy(old.begin(), old.end(), bytes.begin() + 10 * 512);  // the last free block
   spit(lib, bytes);
   std::string out = path("out.zbl");
   found.clear();
