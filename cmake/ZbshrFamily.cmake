@@ -46,6 +46,12 @@ function(zbshr_family name)
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
   if(name STREQUAL "platform")
+    # The fault-injection switch goes only into this family archive, which the
+    # test programs link, never into the libraries that are installed.
+    if(ZBSHR_FAULT_INJECTION)
+      target_sources(zbshr_platform PRIVATE "${PROJECT_SOURCE_DIR}/src/platform/testing/fault_switch.cpp")
+      target_compile_definitions(zbshr_platform PUBLIC ZBSHR_FAULT_INJECTION)
+    endif()
     if(WIN32)
       target_link_libraries(zbshr_platform PUBLIC advapi32 user32 kernel32)
     else()
@@ -77,10 +83,12 @@ function(zbshr_finish_library)
     endif()
   endforeach()
   target_compile_definitions(zbshr_static PUBLIC ZBSHR_STATIC)
-  set_target_properties(zbshr PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 5)
-  if(WIN32)
-    set_target_properties(zbshr PROPERTIES OUTPUT_NAME zbshr PREFIX "lib")
+  # The static archive is libzbshr.a (pkg-config's -lzbshr --static finds it);
+  # only MSVC, whose import library is also zbshr.lib, keeps a distinct name.
+  if(NOT MSVC)
+    set_target_properties(zbshr_static PROPERTIES OUTPUT_NAME zbshr)
   endif()
+  set_target_properties(zbshr PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 5)
   add_library(zbshr::zbshr ALIAS zbshr)
   add_library(zbshr::zbshr_static ALIAS zbshr_static)
 endfunction()

@@ -11,5 +11,13 @@ int main(void) {
   printf("%s %s\n", text, ConvDecimalToAscii(out, &c));
   zbstg_free_pool(heap, 0);
   zbstg_end(heap);
-  return 0;
+  /* The headers and the library must be the same version. */
+  char want[32];
+  snprintf(want, sizeof want, "%d.%d.%d", ZBSHR_VERSION_MAJOR, ZBSHR_VERSION_MINOR,
+           ZBSHR_VERSION_PATCH);
+  if (strcmp(want, zbshr_version()) != 0) {
+    fprintf(stderr, "headers say %s, the library says %s\n", want, zbshr_version());
+    return 1;
+  }
+  return strcmp(out, "3.75") == 0 ? 0 : 1;
 }

@@ -35,6 +35,15 @@
 #  define ZBSHR_END_DECLS
 #endif
 
+/* The version of these headers (the library reports its own through
+ * zbshr_version() in system.h). ZBSHR_VERSION_NUMBER is major * 10000 +
+ * minor * 100 + patch. */
+#define ZBSHR_VERSION_MAJOR 5
+#define ZBSHR_VERSION_MINOR 0
+#define ZBSHR_VERSION_PATCH 0
+#define ZBSHR_VERSION_NUMBER \
+  (ZBSHR_VERSION_MAJOR * 10000 + ZBSHR_VERSION_MINOR * 100 + ZBSHR_VERSION_PATCH)
+
 /* A heap handle (see memory.h). */
 typedef struct zbstg_heap_s *ZBSTG_HEAP;
 

@@ -31,8 +31,15 @@ ZBSHR_API(uint32_t) zbshr_set_codepage(uint32_t codepage);
  * when ZBSHR_CLIPBOARD_CMD names a program, the text is also piped to it. */
 ZBSHR_API(int32_t) zbshr_clipboard_text(char *buf, uint32_t size);
 
-/* Fault injection for tests: makes the nth next call (1 = the very next) of a
- * platform service fail, and the count - 1 calls after it too; count 0
+/* The library's version as "MAJOR.MINOR.PATCH" (static text). Compare with
+ * the ZBSHR_VERSION_* macros of api.h to detect a header/library mismatch. */
+ZBSHR_API(const char *) zbshr_version(void);
+
+#if defined(ZBSHR_FAULT_INJECTION)
+/* Fault injection for tests (only in builds with the CMake option
+ * ZBSHR_FAULT_INJECTION, never in the installed library): makes the nth next
+ * call (1 = the very next) of a platform service fail, and the count - 1
+ * calls after it too; count 0
  * disarms. Services: 0 global allocation (also reallocation), 1 global lock,
  * 2 file write (moves half the bytes asked), 3 file read, 4 file seek,
  * 5 file open. Returns 1, or 0 for an unknown service. */
@@ -40,6 +47,7 @@ ZBSHR_API(int32_t) zbshr_inject_fault(int32_t service, int32_t nth, int32_t coun
 
 /* Disarms every injected fault. */
 ZBSHR_API(void) zbshr_clear_faults(void);
+#endif
 
 /* ---- End of the host hooks of the platform layer ------------------------ */
 

@@ -1,4 +1,5 @@
-// Backend-independent parts of the platform layer: fault injection, the
+// Backend-independent parts of the platform layer: fault injection (its C
+// switch lives in testing/fault_switch.cpp), the
 // message-box handler chain, the code page knob and the clipboard contents.
 #include <atomic>
 #include <cstring>
@@ -158,13 +159,5 @@ ZBSHR_API(int32_t) zbshr_clipboard_text(char* buf, uint32_t size) {
   }
   return static_cast<int32_t>(text.size());
 }
-
-ZBSHR_API(int32_t) zbshr_inject_fault(int32_t service, int32_t nth, int32_t count) {
-  if (service < 0 || service > static_cast<int32_t>(Fault::Open)) return 0;
-  InjectFault(static_cast<Fault>(service), nth, count);
-  return 1;
-}
-
-ZBSHR_API(void) zbshr_clear_faults(void) { ClearFaults(); }
 
 }  // extern "C"

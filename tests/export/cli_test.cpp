@@ -1,19 +1,16 @@
-// zbshr export from the command line: reading the typed CSV input, the exit
-// statuses and messages, and the files it writes.
-#include <sys/wait.h>
-
+// zbshr export from the command line: the typed CSV input, the exit statuses
+// and messages, pipes, and the promise that an output appears whole or not at
+// all and is never the input.
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/run_program.h"
 #include "export_util.h"
 
 namespace xt {
 namespace {
-
-struct Ran {
-  int status;
-  std::string out;  // standard output and standard error
-};
 
 class ExportCli : public ExportTest {
  protected:
@@ -21,22 +18,24 @@ class ExportCli : public ExportTest {
     ExportTest::SetUp();
     if (!std::filesystem::exists(ZBSHR_CLI)) GTEST_SKIP() << "zbshr program not built";
   }
-  Ran zbshr(const std::string& args) {
-    const std::string cmd = std::string("'") + ZBSHR_CLI + "' " + args + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    Ran r{-1, {}};
-    if (p == nullptr) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+  // Runs `zbshr export ARGS...`; "@x" in an argument stands for path("x").
+  zbtest::RunResult zbshr(std::vector<std::string> args, const zbtest::RunOptions& o = {}) {
+    std::vector<std::string> argv{ZBSHR_CLI, "export"};
+    for (auto& a : args) argv.push_back(a.size() > 1 && a[0] == '@' ? path(a.substr(1)) : a);
+    return zbtest::run_program(argv, o);
   }
   std::string write(const std::string& leaf, const std::string& text) {
     const std::string p = path(leaf);
     std::ofstream(p, std::ios::binary) << text;
     return p;
+  }
+  // The folder holds exactly these names (no temporary file left behind).
+  void expect_files(std::vector<std::string> names) {
+    std::vector<std::string> got;
+    for (const auto& e : std::filesystem::directory_iterator(dir_)) got.push_back(e.path().filename().string());
+    std::sort(got.begin(), got.end());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(got, names);
   }
 };
 
@@ -47,88 +46,139 @@ const std::string kInput =
     "3,,,,\r\n";
 
 TEST_F(ExportCli, WritesCsvWithHeadingsNullsAndEmptyStrings) {
-  const std::string in = write("in.csv", kInput);
-  Ran r = zbshr("export --format csv --headings '" + in + "' '" + path("out.csv") + "'");
-  ASSERT_EQ(r.status, 0) << r.out;
+  write("in.csv", kInput);
+  auto r = zbshr({"--format", "csv", "--headings", "@in.csv", "@out.csv"});
+  ASSERT_EQ(r.code, 0) << r.err;
   std::string got = read_file(path("out.csv"));
   // the exact rendering of numbers and dates is the display formats' business;
   // the cells, separators, quoting and nulls are the export's
   EXPECT_EQ(got.rfind("id,name,amount,day,at\r\n1,\"Smith, J\",12.5", 0), 0u) << visible(got);
   EXPECT_NE(got.find(":5\r\n2,,-3,"), std::string::npos) << visible(got);
   EXPECT_NE(got.find("\r\n3,,,,\r\n"), std::string::npos) << visible(got);
+  // The same through pipes, options after the operands, and a byte-order
+  // mark, upper-case type names and ISO 'T' date-times in the input.
+  zbtest::RunOptions o;
+  o.input = "\xEF\xBB\xBFid:NUMBER,at:DateTime\r\n1,1998-07-04T12:30:45\r\n";
+  r = zbshr({"-", "-", "--format", "csv"}, o);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("1,", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("1998"), std::string::npos) << r.out;
+  expect_files({"in.csv", "out.csv"});
 }
 
 TEST_F(ExportCli, DbaseTableUsesGivenAndMeasuredWidths) {
-  const std::string in = write("in.csv", kInput);
-  Ran r = zbshr("export --format dbase3 '" + in + "' '" + path("t.dbf") + "'");
-  ASSERT_EQ(r.status, 0) << r.out;
+  write("in.csv", kInput);
+  auto r = zbshr({"--format", "dbase3", "@in.csv", "@t.dbf"});
+  ASSERT_EQ(r.code, 0) << r.err;
   std::string got = read_file(path("t.dbf"));
   ASSERT_GE(got.size(), 32u * 6 + 1);
-  EXPECT_EQ(got.substr(4, 4), u32(3));                        // three rows
+  EXPECT_EQ(got.substr(4, 4), u32(3));                       // three rows
   EXPECT_EQ(static_cast<uint8_t>(got[32 + 32 + 16]), 12u);  // name:string:12
   EXPECT_EQ(got[32 * 6], '\x0D');
   EXPECT_EQ(got.back(), '\x1A');
 }
 
-TEST_F(ExportCli, BadInputIsReportedWithLineAndColumn) {
-  const std::string in = write("bad.csv", "a:number,b:date\r\n1,1998-07-04\r\nx,1998-07-04\r\n");
-  Ran r = zbshr("export --format csv '" + in + "' '" + path("o.csv") + "'");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find(":3: column a: 'x' is not a number"), std::string::npos) << r.out;
-  Ran r2 = zbshr("export --format csv '" + write("h.csv", "a:nothing\r\n1\r\n") + "' '" +
-                 path("o.csv") + "'");
-  EXPECT_EQ(r2.status, 1);
-  EXPECT_NE(r2.out.find("name:type[:width]"), std::string::npos) << r2.out;
-  Ran r3 = zbshr("export --format csv '" + write("n.csv", "a:string,b:number\r\nx\r\n") + "' '" +
-                 path("o.csv") + "'");
-  EXPECT_EQ(r3.status, 1);
-  EXPECT_NE(r3.out.find("1 cells, expected 2"), std::string::npos) << r3.out;
-  Ran r4 = zbshr("export --format csv '" + write("q.csv", "a:string\r\n\"open\r\n") + "' '" +
-                 path("o.csv") + "'");
-  EXPECT_EQ(r4.status, 1);
-  EXPECT_NE(r4.out.find("unterminated"), std::string::npos) << r4.out;
-}
-
-TEST_F(ExportCli, CommandLineMistakesExitWithTwo) {
-  const std::string in = write("in.csv", kInput);
-  EXPECT_EQ(zbshr("export --help").status, 0);
-  EXPECT_EQ(zbshr("export '" + in + "' out.csv").status, 2);                      // no format
-  EXPECT_EQ(zbshr("export --format xls '" + in + "' out.csv").status, 2);         // unknown
-  EXPECT_EQ(zbshr("export --format csv '" + in + "'").status, 2);                 // no output
-  EXPECT_EQ(zbshr("export --format clip '" + in + "' out.txt").status, 2);        // clip: none
-  EXPECT_EQ(zbshr("export --format csv --nope '" + in + "' out.csv").status, 2);  // option
-}
-
-TEST_F(ExportCli, ClipWithoutClipboardProgramPrintsTheText) {
-  const std::string in = write("in.csv", "s:string\r\nsay \"hi\"\r\n\"a\tb\"\r\n");
-  unsetenv("ZBSHR_CLIPBOARD_CMD");
-  Ran r = zbshr("export --format clip --headings '" + in + "'");
-  ASSERT_EQ(r.status, 0) << r.out;
-  EXPECT_BYTES("s\r\nsay \"hi\"\r\n\"a\tb\"\r\n", r.out);
-}
-
-TEST_F(ExportCli, ClipIsPipedToTheClipboardProgram) {
-  const std::string in = write("in.csv", "s:string,n:number\r\nx,1\r\n");
-  const std::string sink = path("clipboard.txt");
-  setenv("ZBSHR_CLIPBOARD_CMD", ("cat > '" + sink + "'").c_str(), 1);
-  Ran r = zbshr("export --format clip '" + in + "'");
-  unsetenv("ZBSHR_CLIPBOARD_CMD");
-  ASSERT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out, "");  // nothing on standard output when a program takes it
-  EXPECT_BYTES("x\t1\r\n", read_file(sink));
-}
-
-TEST_F(ExportCli, Dbase2RefusesTooManyColumns) {
-  std::string head;
-  std::string row;
+TEST_F(ExportCli, RefusalsLeaveEveryFileAsItWas) {
+  write("in.csv", kInput);
+  write("old.csv", "old contents");
+  std::filesystem::create_directories(path("adir"));
+  std::filesystem::create_hard_link(path("in.csv"), path("link.csv"));
+  std::string wide_head, wide_row;
   for (int i = 0; i < 33; ++i) {
-    head += (i ? "," : "") + std::string("c") + std::to_string(i) + ":number";
-    row += (i ? "," : "") + std::to_string(i);
+    wide_head += (i ? "," : "") + std::string("c") + std::to_string(i) + ":number";
+    wide_row += (i ? "," : "") + std::to_string(i);
   }
-  const std::string in = write("wide.csv", head + "\r\n" + row + "\r\n");
-  Ran r = zbshr("export --format dbase2 '" + in + "' '" + path("w.dbf") + "'");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("32 columns"), std::string::npos) << r.out;
+  write("wide.csv", wide_head + "\r\n" + wide_row + "\r\n");
+  // {arguments, standard input, exit status, text expected on standard error}
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    int code;
+    std::string err;
+  } cases[] = {
+      {{"-f", "csv", "@in.csv", "@in.csv"}, "", 1, "is the input file"},
+      {{"-f", "csv", "@in.csv", "@link.csv"}, "", 1, "is the input file"},
+      {{"-f", "csv", "@adir", "@old.csv"}, "", 1, "Is a directory"},
+      {{"-f", "csv", "@in.csv", "@adir"}, "", 1, "Is a directory"},
+      {{"-f", "csv", "@nosuch.csv", "@old.csv"}, "", 1, "No such file or directory"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:number,b:date\r\n1,1998-07-04\r\nx,1998-07-04\r\n", 1,
+       ":3: column a: 'x' is not a number"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:number\r\ninf\r\n", 1, ":2: column a: 'inf' is not a finite"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:number\r\n1e999\r\n", 1, "not a finite number"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:date\r\n1998-13-01\r\n", 1, "the month is wrong"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:nothing\r\n1\r\n", 1, "name:type[:width]"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:string,b:number\r\nx\r\n", 1, "1 cells, expected 2"},
+      {{"-f", "csv", "-", "@old.csv"}, "a:string\r\n\"open\r\n", 1, "unterminated"},
+      {{"-f", "dbase2", "@wide.csv", "@old.csv"}, "", 1, "32 columns"},
+      {{"@in.csv", "@old.csv"}, "", 2, "--format"},
+      {{"-f", "xls", "@in.csv", "@old.csv"}, "", 2, "unknown format 'xls'"},
+      {{"-f", "csv", "@in.csv"}, "", 2, "OUTPUT is required"},
+      {{"-f", "clip", "@in.csv", "@old.csv"}, "", 2, "clip takes no OUTPUT"},
+      {{"-f", "csv", "--nope", "@in.csv", "@old.csv"}, "", 2, "--nope"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    zbtest::RunOptions o;
+    o.input = c.input;
+    auto r = zbshr(c.args, o);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+  EXPECT_EQ(read_file(path("in.csv")), kInput);
+  EXPECT_EQ(read_file(path("old.csv")), "old contents");
+  expect_files({"adir", "in.csv", "link.csv", "old.csv", "wide.csv"});
+}
+
+TEST_F(ExportCli, RowLimitsAreStatedAndForceWritesWhatFits) {
+  std::string big = "n:number\n";
+  for (int i = 0; i < 65537; ++i) big += std::to_string(i % 10) + "\n";
+  write("big.csv", big);
+  for (const char* fmt : {"excel", "wk"}) {
+    SCOPED_TRACE(fmt);
+    auto r = zbshr({"-f", fmt, "@big.csv", "@big.out"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("65536 rows"), std::string::npos) << r.err;
+    EXPECT_FALSE(std::filesystem::exists(path("big.out")));
+    r = zbshr({"-f", fmt, "--force", "@big.csv", "@big.out"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.err.find("warning"), std::string::npos) << r.err;
+    EXPECT_GT(std::filesystem::file_size(path("big.out")), 65536u);
+    std::filesystem::remove(path("big.out"));
+  }
+}
+
+TEST_F(ExportCli, InterruptedExportLeavesNoOutput) {
+  std::string big = "n:number,s:string\n";
+  for (int i = 0; i < 200000; ++i) big += std::to_string(i) + ",row\n";
+  write("big.csv", big);
+  zbtest::RunOptions o;
+  o.signal_on_err_text = SIGINT;
+  o.err_text_trigger = "warning";  // printed just before the writing starts
+  auto r = zbshr({"-f", "wk", "--force", "@big.csv", "@out.wks"}, o);
+  // Wherever the signal lands, the output is whole or absent, never partial.
+  if (r.code == 0) {
+    EXPECT_GT(std::filesystem::file_size(path("out.wks")), 65536u * 8);
+    expect_files({"big.csv", "out.wks"});
+  } else {
+    EXPECT_EQ(r.code, 128 + SIGINT) << r.err;
+    EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
+    expect_files({"big.csv"});
+  }
+}
+
+TEST_F(ExportCli, ClipGoesToStandardOutputOrTheClipboardProgram) {
+  write("in.csv", "s:string\r\nsay \"hi\"\r\n\"a\tb\"\r\n");
+  zbtest::RunOptions o;
+  o.env = {"ZBSHR_CLIPBOARD_CMD="};
+  auto r = zbshr({"--format", "clip", "--headings", "@in.csv"}, o);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_BYTES("s\r\nsay \"hi\"\r\n\"a\tb\"\r\n", r.out);
+  o.env = {"ZBSHR_CLIPBOARD_CMD=cat > '" + path("clipboard.txt") + "'"};
+  r = zbshr({"--format", "clip", "@in.csv"}, o);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "");  // nothing on standard output when a program takes it
+  EXPECT_BYTES("say \"hi\"\r\n\"a\tb\"\r\n", read_file(path("clipboard.txt")));
 }
 
 }  // namespace

@@ -1,42 +1,17 @@
-// The zbshr date and zbshr match subcommands, run as a user would.
+// The zbshr date and zbshr match subcommands, run as a user would: results,
+// JSON documents, exit statuses and one-line messages on standard error.
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <nlohmann/json.hpp>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "common/run_program.h"
+
 #ifdef ZBSHR_CLI
 
 namespace {
-
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-Outcome run(const std::string& args, const std::string& input = "") {
-  std::string in_file;
-  std::string cmd = std::string("'") + ZBSHR_CLI + "' " + args + " 2>/dev/null";
-  if (!input.empty()) {
-    in_file = (std::filesystem::temp_directory_path() /
-               ("zbshr_format_cli_input_" + std::to_string(getpid()) + ".txt"))
-                  .string();
-    std::ofstream(in_file, std::ios::binary) << input;
-    cmd += " < '" + in_file + "'";
-  }
-  Outcome r{-1, {}};
-  if (FILE* p = popen(cmd.c_str(), "r")) {
-    char buf[512];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  }
-  if (!in_file.empty()) std::remove(in_file.c_str());
-  return r;
-}
 
 class FormatCli : public ::testing::Test {
  protected:
@@ -45,30 +20,78 @@ class FormatCli : public ::testing::Test {
   }
 };
 
+struct Case {
+  std::vector<std::string> args;
+  std::string input;
+  int code;
+  std::string out;  // standard output, exactly (or its start when it ends in "...")
+  std::string err;  // a text standard error must hold ("" : it is empty)
+};
+
+void check(const Case& c) {
+  SCOPED_TRACE(testing::PrintToString(c.args));
+  std::vector<std::string> argv{ZBSHR_CLI};
+  argv.insert(argv.end(), c.args.begin(), c.args.end());
+  zbtest::RunOptions o;
+  o.input = c.input;
+  auto r = zbtest::run_program(argv, o);
+  EXPECT_EQ(r.code, c.code) << r.err;
+  if (c.out.size() > 3 && c.out.compare(c.out.size() - 3, 3, "...") == 0)
+    EXPECT_EQ(r.out.substr(0, c.out.size() - 3), c.out.substr(0, c.out.size() - 3));
+  else
+    EXPECT_EQ(r.out, c.out);
+  if (c.err.empty()) {
+    EXPECT_EQ(r.err, "");
+  } else {
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+}
+
 TEST_F(FormatCli, Match) {
-  Outcome r = run("match --compiled '[a-c]+'", "xabcx abx");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "08 05 04 0a 61 63 0b 0b 00\n2\n");
-  r = run("match ab", "abab");
-  EXPECT_EQ(r.out, "2\n");
-  EXPECT_EQ(run("match '*a'", "x").status, 1);
-  EXPECT_EQ(run("match").status, 2);
-  EXPECT_EQ(run("match --help").status, 0);
+  const std::string dir = std::filesystem::temp_directory_path().string();
+  const Case cases[] = {
+      {{"match", "--compiled", "[a-c]+"}, "xabcx abx", 0, "08 05 04 0a 61 63 0b 0b 00\n2\n", ""},
+      {{"match", "ab", "-"}, "abab", 0, "2\n", ""},
+      {{"match", "ab"}, std::string("ab\0ab\0xab", 9), 0, "3\n", ""},  // past NUL bytes
+      {{"match", "--json", "b"}, "abab", 0, "{\"matches\":2,\"pattern\":\"b\"}\n", ""},
+      {{"match", "zz"}, "abab", 1, "0\n", ""},  // nothing found, like grep
+      {{"match", "a", dir}, "", 1, "", "Is a directory"},
+      {{"match", "a", "/nonexistent/file"}, "", 1, "", "No such file or directory"},
+      {{"match", "*a"}, "x", 2, "", "nothing to repeat"},
+      {{"match", "[abc"}, "x", 2, "", "unterminated"},
+      {{"match"}, "", 2, "", "PATTERN"},
+      {{"match", "--help"}, "", 0, "Prints the number of matches...", ""},
+      {{"help", "match"}, "", 0, "Prints the number of matches...", ""},
+  };
+  for (const auto& c : cases) check(c);
 }
 
 TEST_F(FormatCli, Date) {
-  Outcome r = run("date --order dmy parse '15 Mar. 1998'");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.substr(0, 26), "1998-03-15 00:00:00.000000");
-  r = run("date parse 2000-02-30 date");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "error 1 (invalid day)\n");
-  EXPECT_EQ(run("date diff 1/1/2000 12/31/1999").out, "1 days, 0 seconds\n");
-  EXPECT_EQ(run("date dow 1/2/1899").out, "1 Monday\n");
-  EXPECT_EQ(run("date add 3/1/2000 -1").out.substr(0, 10), "2000-02-29");
-  EXPECT_EQ(run("date format 'dddd d mmmm yyyy' 7/4/1998").out, "Saturday 4 July 1998\n");
-  EXPECT_EQ(run("date bogus").status, 2);
-  EXPECT_EQ(run("date --help").status, 0);
+  const Case cases[] = {
+      {{"date", "--order", "dmy", "parse", "15 Mar. 1998"}, "", 0, "1998-03-15 00:00:00.000000...", ""},
+      {{"date", "parse", "5/1/2024", "--order", "dmy"}, "", 0, "2024-01-05...", ""},
+      {{"date", "parse", "2024/5/1", "--order", "ymd", "--json"}, "", 0, "{\"day\":...", ""},
+      {{"date", "parse", "2000-02-30", "date"}, "", 1, "", "the day is wrong"},
+      {{"date", "parse", "not a date"}, "", 1, "", "not a date or time"},
+      {{"date", "diff", "1/1/2000", "12/31/1999"}, "", 0, "1 days, 0 seconds\n", ""},
+      {{"date", "--json", "diff", "1/1/2000", "12/31/1999"}, "", 0, "{\"days\":1,\"seconds\":0}\n", ""},
+      {{"date", "dow", "1/2/1899"}, "", 0, "1 Monday\n", ""},
+      {{"date", "add", "--", "3/1/2000", "-1"}, "", 0, "2000-02-29...", ""},
+      {{"date", "add", "3/1/2000", ""}, "", 2, "", "DAYS must be a whole number"},
+      {{"date", "add", "3/1/2000", "99999999"}, "", 1, "", "outside the years"},
+      {{"date", "format", "dddd d mmmm yyyy", "7/4/1998"}, "", 0, "Saturday 4 July 1998\n", ""},
+      {{"date", "--order", "xyz", "now"}, "", 2, "", "unknown order"},
+      {{"date", "bogus"}, "", 2, "", "unknown action 'bogus'"},
+      {{"date", "--help"}, "", 0, "Parses, compares...", ""},
+  };
+  for (const auto& c : cases) check(c);
+  // Every --json answer is one JSON document.
+  for (const char* act : {"parse", "dow"}) {
+    auto r = zbtest::run_program({ZBSHR_CLI, "date", "--json", act, "7/4/1998"});
+    ASSERT_EQ(r.code, 0);
+    EXPECT_TRUE(nlohmann::json::parse(r.out, nullptr, false).is_object()) << r.out;
+  }
 }
 
 }  // namespace

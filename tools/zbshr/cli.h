@@ -8,9 +8,12 @@
 //   ZBSHR_DEMO_STEP(memory, 10, "heaps and pools", demo_memory);
 //
 // Exit status: 0 success, 1 the operation failed (bad data, error from the
-// library), 2 the command line was wrong.
+// library) or found nothing, 2 the command line was wrong; 130/143 after
+// SIGINT/SIGTERM. A subcommand parses its arguments with parse_args() (CLI11:
+// options anywhere, "--" ends them, --help), so every command behaves alike.
 #pragma once
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -49,6 +52,19 @@ int usage_error(const char* cmd, const std::string& message);
 
 // True when standard error is a terminal (progress may be shown there).
 bool stderr_is_terminal();
+
+// -q (to the program or the subcommand) silences progress.
+inline bool g_quiet = false;
+inline void set_quiet(bool quiet) { g_quiet = g_quiet || quiet; }
+// True when progress may be shown: standard error is a terminal and no -q.
+inline bool show_progress() { return !g_quiet && stderr_is_terminal(); }
+
+// The signal (SIGINT, SIGTERM) that asked the program to stop, 0 if none;
+// set by the handlers io.cpp installs. Long loops poll interrupted() and stop
+// without leaving partial output.
+inline volatile std::sig_atomic_t g_interrupt_signal = 0;
+inline bool interrupted() { return g_interrupt_signal != 0; }
+inline int interrupt_signal() { return g_interrupt_signal; }
 
 }  // namespace zcli
 

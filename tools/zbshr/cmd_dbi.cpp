@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
+#include "args.h"
 #include "cli.h"
 #include "zbshr/dbi.h"
 #include "zbshr/memory.h"
@@ -101,48 +104,35 @@ int demo_dbi(const zcli::DemoContext& ctx) {
   return (hits + s.drv.prepared == runs && s.drv.prepared == s.drv.dropped) ? 0 : 1;
 }
 
-void Help(FILE* f) {
-  std::fprintf(f,
-               "usage: zbshr sqlcache [--params TEXT] [--quiet] STATEMENT...\n"
-               "Runs each statement through a connection's statement cache with a fake\n"
+int cmd_sqlcache(int argc, char** argv) {
+  CLI::App app{"Runs each statement through a connection's statement cache with a fake\n"
                "driver: a lookup, a prepare on a miss, and the return of the statement.\n"
                "Prints hits, misses and the statements the driver is asked to drop, then\n"
                "the cache statistics. A statement given as '-' reads statements from\n"
-               "standard input, one per line.\n"
-               "  --params TEXT  connection parameters, e.g. \"SQLCache=20\" (default\n"
-               "                 \"SQLCache=10\")\n"
-               "  --quiet        print the statistics only\n");
-}
-
-int cmd_sqlcache(int argc, char** argv) {
-  const char* params = "SQLCache=10";
+               "standard input, one per line.",
+               "zbshr sqlcache"};
+  std::string params = "SQLCache=10";
   bool quiet = false;
+  std::vector<std::string> args;
+  app.add_option("--params", params, "connection parameters, e.g. \"SQLCache=20\"")->capture_default_str();
+  app.add_flag("-q,--quiet", quiet, "print the statistics only");
+  app.add_option("STATEMENT", args, "statements ('-': read them from standard input)");
+  if (int rc = zcli::parse_args(app, "sqlcache", argc, argv); rc >= 0) return rc;
   std::vector<std::string> statements;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      Help(stdout);
-      return zcli::kOk;
-    } else if (a == "--params") {
-      if (++i >= argc) return zcli::usage_error(argv[0], "--params needs a value");
-      params = argv[i];
-    } else if (a == "--quiet") {
-      quiet = true;
-    } else if (a == "-") {
-      std::string line;
-      while (std::getline(std::cin, line)) {
-        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-        if (!line.empty()) statements.push_back(line);
-      }
-    } else if (a.size() > 1 && a[0] == '-') {
-      return zcli::usage_error(argv[0], "unknown option " + a);
-    } else {
+  for (const auto& a : args) {
+    if (a != "-") {
       statements.push_back(a);
+      continue;
+    }
+    std::string line;
+    while (std::getline(std::cin, line)) {
+      while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+      if (!line.empty()) statements.push_back(line);
     }
   }
-  if (statements.empty()) return zcli::usage_error(argv[0], "no statements given (see --help)");
-  Session s(stdout, params);
-  if (s.conn.sql_cache == nullptr) return zcli::fail(argv[0], "cannot create the cache");
+  if (statements.empty()) return zcli::usage_error("sqlcache", "no statements given");
+  Session s(stdout, params.c_str());
+  if (s.conn.sql_cache == nullptr) return zcli::fail("sqlcache", "cannot create the cache");
   s.drv.verbose = !quiet;
   if (!quiet) {
     std::printf("capacity %d\n", static_cast<int>(s.conn.sql_cache->capacity));

@@ -1,5 +1,6 @@
 // zbshr dec: evaluates SHDEC operations from the command line, one at a time
 // or in a batch read from standard input (one operation per line).
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
@@ -11,8 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "args.h"
 #include "cli.h"
-#include "decimal/u128.h"
 #include "zbshr/decimal.h"
 
 namespace {
@@ -20,9 +24,6 @@ namespace {
 const char* kCmd = "dec";
 
 const char* kHelp =
-    "usage: zbshr dec [--raw] OPERATION ARGUMENTS...\n"
-    "       zbshr dec [--raw] --batch < lines\n"
-    "\n"
     "Evaluates one operation on SHDEC decimals and prints the result. A decimal\n"
     "argument is text (1.50, -2e-3) or a raw record @SIGN:SCALE:MAGNITUDE (for\n"
     "example @1:29:5). PLACES is 0..18.\n"
@@ -41,11 +42,15 @@ const char* kHelp =
     "--raw prints a decimal result as SIGN SCALE MAGNITUDE instead of text.\n"
     "--batch reads lines 'OPERATION ARGUMENTS...' and answers each with a line\n"
     "'ok RESULT' (followed by ' wCODE' for each reported-only code such as -305)\n"
-    "or 'err CODE'; after 'parse ' the rest of the line is the text, blanks included.\n"
+    "or 'err CODE', or 'usage TEXT' for a line that is no operation (a blank line\n"
+    "too, so that every line gets one answer); after 'parse ' the rest of the line\n"
+    "is the text, blanks included. --batch --json answers with one JSON object a\n"
+    "line: {\"line\":N,\"status\":\"ok\"|\"err\"|\"usage\",\"result\"|\"code\"|\"text\":...}.\n"
     "\n"
     "An error prints its code and meaning on standard error and exits with 1;\n"
     "a reported-only code (-305 underflow, -308 fraction dropped) is noted on\n"
-    "standard error and the result is still printed.\n";
+    "standard error and the result is still printed. Arguments that start with\n"
+    "'-' and are not numbers follow '--'.";
 
 std::vector<int> g_codes;
 
@@ -69,29 +74,42 @@ const char* meaning(int code) {
   }
 }
 
-// The 80-bit magnitudes of raw records fit in a 128-bit integer: the
-// compiler's own where it has one, else the library's portable one.
-#if defined(__SIZEOF_INT128__)
-__extension__ typedef unsigned __int128 u128;
-#else
-typedef zbshr::dec::U128 u128;
-#endif
-
-std::string u128_text(u128 v) {
-  if (v == 0) return "0";
+// A raw record's 80-bit magnitude as five 16-bit limbs, least significant
+// first (the SHDEC layout), in decimal digits and back: plain long arithmetic
+// on the limbs, which every compiler has.
+std::string magnitude_text(const uint16_t (&mag)[5]) {
+  uint16_t m[5];
+  std::copy(mag, mag + 5, m);
   std::string s;
-  while (v) {
-    s.insert(s.begin(), static_cast<char>('0' + static_cast<int>(v % 10)));
-    v /= 10;
+  for (;;) {
+    uint32_t rem = 0;
+    bool zero = true;
+    for (int i = 4; i >= 0; --i) {
+      const uint32_t cur = (rem << 16) | m[i];
+      m[i] = static_cast<uint16_t>(cur / 10);
+      rem = cur % 10;
+      zero = zero && m[i] == 0;
+    }
+    s.insert(s.begin(), static_cast<char>('0' + rem));
+    if (zero) return s;
   }
-  return s;
+}
+// mag = mag * 10 + digit; false when the result needs more than 80 bits.
+bool magnitude_push_digit(uint16_t (&mag)[5], unsigned digit) {
+  uint32_t carry = digit;
+  for (auto& limb : mag) {
+    const uint32_t cur = limb * 10u + carry;
+    limb = static_cast<uint16_t>(cur);
+    carry = cur >> 16;
+  }
+  return carry == 0;
 }
 
 // "@sign:scale:magnitude" builds a raw record; anything else is text.
 bool read_decimal(const std::string& arg, SHDEC& d, std::string& why) {
   if (!arg.empty() && arg[0] == '@') {
     long long sign = 0, scale = 0;
-    u128 m = 0;
+    uint16_t m[5] = {0, 0, 0, 0, 0};
     const char* p = arg.c_str() + 1;
     char* end;
     sign = std::strtoll(p, &end, 10);
@@ -100,14 +118,14 @@ bool read_decimal(const std::string& arg, SHDEC& d, std::string& why) {
     if (*end != ':' || !end[1]) return why = "bad raw record '" + arg + "'", false;
     for (p = end + 1; *p; ++p) {
       if (*p < '0' || *p > '9') return why = "bad raw record '" + arg + "'", false;
-      m = m * 10 + static_cast<unsigned>(*p - '0');
-      if (m >> 80) return why = "raw magnitude exceeds 80 bits", false;
+      if (!magnitude_push_digit(m, static_cast<unsigned>(*p - '0')))
+        return why = "raw magnitude exceeds 80 bits", false;
     }
     if (sign < 0 || sign > 0xFFFF || scale < -32768 || scale > 32767)
       return why = "bad raw record '" + arg + "'", false;
     d.sign = static_cast<uint16_t>(sign);
     d.scale = static_cast<int16_t>(scale);
-    for (int i = 0; i < 5; ++i) d.mag[i] = static_cast<uint16_t>(m >> (16 * i));
+    for (int i = 0; i < 5; ++i) d.mag[i] = m[i];
     return true;
   }
   g_codes.clear();
@@ -136,9 +154,9 @@ bool read_double(const std::string& arg, double& out) {
 
 std::string decimal_text(const SHDEC& d, bool raw) {
   if (raw) {
-    u128 m = 0;
-    for (int i = 4; i >= 0; --i) m = (m << 16) | d.mag[i];
-    return std::to_string(d.sign) + " " + std::to_string(d.scale) + " " + u128_text(m);
+    uint16_t m[5];
+    for (int i = 0; i < 5; ++i) m[i] = d.mag[i];
+    return std::to_string(d.sign) + " " + std::to_string(d.scale) + " " + magnitude_text(m);
   }
   char t[SHDEC_TEXT_SIZE];
   return ConvDecimalToAscii(t, &d) ? std::string(t) : std::string("(null)");
@@ -308,16 +326,30 @@ std::vector<std::string> split(const std::string& line) {
   return w;
 }
 
-int run_batch(bool raw) {
+int run_batch(bool raw, bool as_json) {
   std::string line;
   std::string out;
+  long number = 0;
   while (std::getline(std::cin, line)) {
+    ++number;
+    if (!line.empty() && line.back() == '\r') line.pop_back();  // CRLF input
     // "parse TEXT" takes the rest of the line as it stands, blanks included.
     auto w = line.rfind("parse ", 0) == 0 ? std::vector<std::string>{"parse", line.substr(6)}
                                           : split(line);
-    if (w.empty()) continue;
-    Outcome o = evaluate(w, raw);
-    if (o.usage) {
+    Outcome o;
+    if (w.empty()) {
+      o.usage = true;
+      o.text = "empty line";
+    } else {
+      o = evaluate(w, raw);
+    }
+    if (as_json) {
+      nlohmann::json j{{"line", number}};
+      if (o.usage) j["status"] = "usage", j["text"] = o.text;
+      else if (o.failed) j["status"] = "err", j["code"] = o.code;
+      else j["status"] = "ok", j["result"] = o.text, j["notes"] = o.notes;
+      out += j.dump() + "\n";
+    } else if (o.usage) {
       out += "usage " + o.text + "\n";
     } else if (o.failed) {
       out += "err " + std::to_string(o.code) + "\n";
@@ -330,33 +362,30 @@ int run_batch(bool raw) {
       std::fwrite(out.data(), 1, out.size(), stdout);
       out.clear();
     }
+    if (zcli::interrupted()) break;
   }
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
+  if (std::ferror(stdout)) return zcli::fail(kCmd, "cannot write standard output");
   return zcli::kOk;
 }
 
 int cmd_dec(int argc, char** argv) {
   zbshr_set_decimal_error_hook(&collect);
-  bool raw = false, batch = false;
+  CLI::App app{kHelp, "zbshr dec"};
+  bool raw = false, batch = false, as_json = false;
   std::vector<std::string> w;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (w.empty() && (a == "--help" || a == "-h")) {
-      std::fputs(kHelp, stdout);
-      return zcli::kOk;
-    } else if (w.empty() && a == "--raw") {
-      raw = true;
-    } else if (w.empty() && a == "--batch") {
-      batch = true;
-    } else {
-      w.push_back(a);
-    }
-  }
+  app.add_flag("--raw", raw, "print decimals as SIGN SCALE MAGNITUDE");
+  app.add_flag("--batch", batch, "read one operation a line from standard input");
+  app.add_flag("--json", as_json, "with --batch: JSON lines");
+  app.add_option("OPERATION", w, "the operation and its arguments");
+  if (int rc = zcli::parse_args(app, kCmd, argc, argv); rc >= 0) return rc;
   if (batch) {
     if (!w.empty()) return zcli::usage_error(kCmd, "--batch takes no operation");
-    return run_batch(raw);
+    return run_batch(raw, as_json);
   }
+  if (as_json) return zcli::usage_error(kCmd, "--json goes with --batch");
+  if (w.empty()) return zcli::usage_error(kCmd, "an operation is required");
   Outcome o = evaluate(w, raw);
   if (o.usage) return zcli::usage_error(kCmd, o.text);
   if (o.failed) {

@@ -1,6 +1,10 @@
 // zbshr export: writes a typed CSV file in any of the ten export formats, and
 // the export step of zbshr demo.
+#include <CLI/CLI.hpp>
+
+#include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "cli.h"
+#include "io.h"
 #include "zbshr/decimal.h"
 #include "zbshr/export.h"
 #include "zbshr/format.h"
@@ -68,6 +74,13 @@ class CsvReader {
   bool next(std::vector<Field>& fields, std::string& error) {
     fields.clear();
     int c = get();
+    if (line_ == 0 && c == 0xEF) {  // a UTF-8 byte-order mark
+      if (get() != 0xBB || get() != 0xBF) {
+        error = "the input starts with a broken byte-order mark";
+        return false;
+      }
+      c = get();
+    }
     if (c == EOF) return false;
     ++line_;
     Field cur;
@@ -157,7 +170,8 @@ bool parse_header(const std::vector<CsvReader::Field>& fields, std::vector<Colum
     int32_t code;
   } types[] = {{"string", OSSAVE_STRING}, {"number", OSSAVE_NUMBER}, {"decimal", OSSAVE_DECIMAL},
                {"date", OSSAVE_DATE},     {"time", OSSAVE_TIME},     {"datetime", OSSAVE_DATETIME}};
-  auto type_of = [&](const std::string& s) -> int32_t {
+  auto type_of = [&](std::string s) -> int32_t {
+    for (auto& ch : s) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
     for (const auto& ty : types)
       if (s == ty.name) return ty.code;
     return 0;
@@ -227,10 +241,16 @@ bool parse_value(const Column& c, const CsvReader::Field& f, bool sql, Value& v,
   switch (c.type) {
     case OSSAVE_NUMBER: {
       char* end = nullptr;
+      errno = 0;
       v.number = std::strtod(s, &end);
+      const bool range = errno == ERANGE && v.number != 0;
       while (*end == ' ') ++end;
       if (end == s || *end != '\0') {
         error = "'" + f.text + "' is not a number";
+        return false;
+      }
+      if (!std::isfinite(v.number) || range) {
+        error = "'" + f.text + "' is not a finite number in the range of a double";
         return false;
       }
       return true;
@@ -246,11 +266,16 @@ bool parse_value(const Column& c, const CsvReader::Field& f, bool sql, Value& v,
                            : c.type == OSSAVE_TIME ? SHDT_TIME
                                                    : SHDT_DATETIME;
       std::memset(&v.dt, 0, sizeof v.dt);
-      int32_t rc = shdtParse(&v.dt, s, mode);
+      // ISO 8601 date-times may separate the date and the time with 'T'.
+      std::string text = f.text;
+      if (text.size() > 10 && (text[10] == 'T' || text[10] == 't') && text[4] == '-') text[10] = ' ';
+      int32_t rc = shdtParse(&v.dt, text.c_str(), mode);
       if (rc != SHDT_OK) {
+        static const char* const kWhy[] = {"",      "the day",  "the month",  "the second", "the minute",
+                                           "the hour", "the text", "the year", "the fraction"};
         error = "'" + f.text + "' is not a valid " +
-                (mode == SHDT_DATE ? "date" : mode == SHDT_TIME ? "time" : "date and time") +
-                " (error " + std::to_string(rc) + ")";
+                (mode == SHDT_DATE ? "date" : mode == SHDT_TIME ? "time" : "date and time") + ": " +
+                (rc > 0 && rc < 9 ? kWhy[rc] : "its form") + " is wrong";
         return false;
       }
       if (sql) v.sql_text = sql_datetime_text(c.type, v.dt);
@@ -280,26 +305,6 @@ int32_t default_width(const Column& c) {
   }
 }
 
-void usage(FILE* out) {
-  std::fprintf(out,
-               "usage: zbshr export --format FORMAT [--headings] INPUT.csv [OUTPUT]\n"
-               "\n"
-               "Writes the rows of INPUT.csv in another format. The first row of the input\n"
-               "names the columns as name:type[:width], type one of string, number,\n"
-               "decimal, date, time, datetime. An empty cell is null (write \"\" for an\n"
-               "empty string). Dates and times are read as 1998-07-04, 12:30:45.5 and\n"
-               "1998-07-04 12:30:45; a width left out is the longest string seen.\n"
-               "\n"
-               "  --format FORMAT  one of:\n");
-  for (const auto& f : kFormats) std::fprintf(out, "                     %-7s %s\n", f.name, f.what);
-  std::fprintf(out,
-               "  --headings       write the column names as a first row\n"
-               "\n"
-               "OUTPUT is required except for clip. On systems without a system clipboard\n"
-               "the clip text goes to the program named by ZBSHR_CLIPBOARD_CMD, or to\n"
-               "standard output when that is not set.\n");
-}
-
 struct Progress {
   bool on = false;
   long total = 0;
@@ -316,40 +321,69 @@ struct Progress {
   }
 };
 
+// What the format can hold: rows past its last row number, columns past its
+// last column, texts longer than a record. Empty when everything fits.
+std::string limit_problem(const FormatFns& fmt, bool headings, long rows, size_t ncols,
+                          size_t longest_text) {
+  const std::string name = fmt.name;
+  const long last_rows = headings ? 65535 : 65536;
+  if (name == "excel" || name == "wk") {
+    const char* what = name == "excel" ? "BIFF" : "WKS";
+    if (rows > last_rows)
+      return std::string(what) + " files hold " + std::to_string(last_rows) + " rows" +
+             (headings ? " below the headings" : "") + "; the rows past them (" +
+             std::to_string(rows - last_rows) + ") would be left out";
+    if (ncols > 256)
+      return std::string(what) + " files hold 256 columns; " + std::to_string(ncols - 256) +
+             " would be left out";
+    if (name == "excel" && longest_text > 65527)
+      return "BIFF text records hold 65,527 bytes; a longer text would be cut";
+  }
+  if (name == "dbase2" && (rows > 65535 || ncols > 32))
+    return "dBase II tables hold at most 65,535 rows and 32 columns";
+  if (name == "dbase3" && (rows > 1000000000L || ncols > 128))
+    return "dBase III tables hold at most 1,000,000,000 rows and 128 columns";
+  return "";
+}
+
 int run_export(const FormatFns& fmt, bool headings, const std::string& input,
-               const std::string& output, FILE* info, long* rows_written) {
-  FILE* in = std::fopen(input.c_str(), "rb");
-  if (in == nullptr) return zcli::fail(kCmd, "cannot open " + input + ": " + std::strerror(errno));
+               const std::string& output, FILE* info, long* rows_written, bool force = false) {
+  std::string error;
+  FILE* in = zcli::open_input(input, true, error);
+  if (in == nullptr) return zcli::fail(kCmd, error);
+  struct Closer {
+    FILE* f;
+    ~Closer() { zcli::close_input(f); }
+  } closer{in};
   CsvReader reader(in);
   std::vector<CsvReader::Field> fields;
-  std::string error;
   std::vector<Column> cols;
   if (!reader.next(fields, error)) {
-    std::fclose(in);
     return zcli::fail(kCmd, input + ": " + (error.empty() ? "no heading row" : error));
   }
   if (!parse_header(fields, cols, error)) {
-    std::fclose(in);
     return zcli::fail(kCmd, input + ":1: " + error);
   }
   // First pass: count the rows, measure strings and decimal scales, check values.
   const bool sql = std::strcmp(fmt.name, "sql") == 0;
   std::vector<Value> vals(cols.size());
   long rows = 0;
+  size_t longest_text = 0;
   while (reader.next(fields, error)) {
+    if (zcli::interrupted()) return zcli::fail(kCmd, "interrupted; nothing written");
     if (fields.size() == 1 && fields[0].text.empty() && !fields[0].quoted) continue;  // blank line
     if (fields.size() != cols.size()) {
-      std::fclose(in);
       return zcli::fail(kCmd, input + ":" + std::to_string(reader.line()) + ": " +
                                   std::to_string(fields.size()) + " cells, expected " +
                                   std::to_string(cols.size()));
     }
     for (size_t i = 0; i < cols.size(); ++i) {
       if (!parse_value(cols[i], fields[i], false, vals[i], error)) {
-        std::fclose(in);
         return zcli::fail(kCmd, input + ":" + std::to_string(reader.line()) + ": column " +
                                     cols[i].name + ": " + error);
       }
+      if (cols[i].type == OSSAVE_STRING && fields[i].text.size() > longest_text)
+        longest_text = fields[i].text.size();
       if (cols[i].type == OSSAVE_STRING && fields[i].text.size() > static_cast<size_t>(cols[i].longest))
         cols[i].longest = static_cast<int32_t>(fields[i].text.size() > 65535 ? 65535 : fields[i].text.size());
       if (cols[i].type == OSSAVE_DECIMAL && !vals[i].null) {
@@ -360,41 +394,44 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
     ++rows;
   }
   if (!error.empty()) {
-    std::fclose(in);
     return zcli::fail(kCmd, input + ":" + std::to_string(reader.line()) + ": " + error);
   }
-  if (rows > INT32_MAX) {
-    std::fclose(in);
-    return zcli::fail(kCmd, "too many rows");
+  if (rows > INT32_MAX) return zcli::fail(kCmd, "too many rows");
+  if (std::ferror(in)) return zcli::fail(kCmd, "cannot read " + input + ": " + zcli::os_reason(errno));
+  const std::string limit = limit_problem(fmt, headings, rows, cols.size(), longest_text);
+  if (!limit.empty()) {
+    const bool hard = std::strncmp(fmt.name, "dbase", 5) == 0;
+    if (hard || !force)
+      return zcli::fail(kCmd, limit + (hard ? "; nothing written" : "; nothing written (--force writes what fits)"));
+    std::fprintf(stderr, "zbshr export: warning: %s\n", limit.c_str());
   }
+  zcli::AtomicOutput target;
+  if (!output.empty() && !target.prepare(output, error)) return zcli::fail(kCmd, error);
+  const std::string write_to = output.empty() ? std::string() : target.temp_path();
 
   ZBSTG_HEAP heap = zbstg_begin(0);
-  ExportState* h = fmt.begin(heap, 0, output.empty() ? nullptr : output.c_str(),
+  ExportState* h = fmt.begin(heap, 0, write_to.empty() ? nullptr : write_to.c_str(),
                              static_cast<int32_t>(rows), static_cast<int32_t>(cols.size()),
                              headings ? OSSAVE_HEADINGS : 0);
   if (h == nullptr) {
-    std::fclose(in);
     zbstg_end(heap);
-    std::string why = "cannot create " + output;
-    if (std::strncmp(fmt.name, "dbase", 5) == 0)
-      why += std::string(" (or the table is too large: ") +
-             (fmt.name[5] == '2' ? "at most 65,535 rows and 32 columns)"
-                                 : "at most 1,000,000,000 rows and 128 columns)");
-    return zcli::fail(kCmd, why);
+    return zcli::fail(kCmd, "cannot create " + output + ": " + zcli::os_reason(errno));
   }
   for (const Column& c : cols) {
     const int32_t w = c.width >= 0 ? c.width : default_width(c);
     if (!fmt.column(h, c.name.c_str(), w, c.type)) {
       fmt.end(h);
-      std::fclose(in);
       zbstg_end(heap);
-      return zcli::fail(kCmd, "column " + c.name + " was refused (for dBase: the record is "
-                                                   "limited to 1000 / 4000 bytes)");
+      return zcli::fail(kCmd, "column " + c.name + " was refused" +
+                                  (std::strncmp(fmt.name, "dbase", 5) == 0
+                                       ? std::string(": a dBase record holds at most ") +
+                                             (fmt.name[5] == '2' ? "1000" : "4000") + " bytes"
+                                       : std::string()) + "; nothing written");
     }
   }
   // Second pass: write.
   Progress progress;
-  progress.on = zcli::stderr_is_terminal() && rows >= 100000;
+  progress.on = zcli::show_progress() && rows >= 100000;
   progress.total = rows;
   reader.rewind();
   reader.next(fields, error);  // headings
@@ -402,13 +439,18 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
   int rc = zcli::kOk;
   while (rc == zcli::kOk && reader.next(fields, error)) {
     if (fields.size() == 1 && fields[0].text.empty() && !fields[0].quoted) continue;
+    if (zcli::interrupted()) {
+      rc = zcli::fail(kCmd, "interrupted; nothing written");
+      break;
+    }
     for (size_t i = 0; i < cols.size() && i < fields.size(); ++i) {
       if (!parse_value(cols[i], fields[i], sql, vals[i], error)) {
         rc = zcli::fail(kCmd, input + ": changed while it was read");
         break;
       }
-      if (!fmt.item(h, value_pointer(cols[i], fields[i], vals[i], sql))) {
-        rc = zcli::fail(kCmd, "writing " + output + " failed");
+      if (!fmt.item(h, value_pointer(cols[i], fields[i], vals[i], sql)) && !(force && !limit.empty())) {
+        rc = zcli::fail(kCmd, "writing " + output + " failed at row " + std::to_string(done + 1) +
+                                  ", column " + cols[i].name + "; nothing written");
         break;
       }
     }
@@ -417,9 +459,9 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
   }
   progress.show(done);
   progress.finish();
-  std::fclose(in);
-  if (!fmt.end(h) && rc == zcli::kOk) rc = zcli::fail(kCmd, "finishing " + output + " failed");
+  if (!fmt.end(h) && rc == zcli::kOk) rc = zcli::fail(kCmd, "finishing " + output + " failed; nothing written");
   zbstg_end(heap);
+  if (rc == zcli::kOk && !output.empty() && !target.commit(error)) rc = zcli::fail(kCmd, error);
   if (rows_written) *rows_written = done;
   if (rc == zcli::kOk && info != nullptr && !output.empty())
     std::fprintf(info, "wrote %ld rows of %zu columns to %s (%s)\n", done, cols.size(),
@@ -428,36 +470,36 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
 }
 
 int cmd_export(int argc, char** argv) {
+  std::string formats;
+  for (const auto& f : kFormats) formats += std::string("\n  ") + f.name + std::string(8 - std::strlen(f.name), ' ') + f.what;
+  CLI::App app{"Writes the rows of INPUT.csv in another format. The first row of the input\n"
+               "names the columns as name:type[:width], type one of string, number,\n"
+               "decimal, date, time, datetime (any case). An empty cell is null (write \"\"\n"
+               "for an empty string). Dates and times are read as 1998-07-04, 12:30:45.5,\n"
+               "1998-07-04 12:30:45 and 1998-07-04T12:30:45; a width left out is the\n"
+               "longest string seen. INPUT or OUTPUT '-' is standard input or output.\n"
+               "OUTPUT appears only when the whole file was written, and is never INPUT.",
+               "zbshr export"};
+  app.footer("formats:" + formats +
+             "\n\nOUTPUT is required except for clip. On systems without a system clipboard\n"
+             "the clip text goes to the program named by ZBSHR_CLIPBOARD_CMD, or to\n"
+             "standard output when that is not set.");
   std::string format, input, output;
-  bool headings = false;
-  std::vector<std::string> pos;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      usage(stdout);
-      return zcli::kOk;
-    } else if (a == "--format" && i + 1 < argc) {
-      format = argv[++i];
-    } else if (a.rfind("--format=", 0) == 0) {
-      format = a.substr(9);
-    } else if (a == "--headings") {
-      headings = true;
-    } else if (a.size() > 1 && a[0] == '-') {
-      return zcli::usage_error(kCmd, "unknown option " + a);
-    } else {
-      pos.push_back(a);
-    }
-  }
-  if (format.empty()) return zcli::usage_error(kCmd, "--format is required");
+  bool headings = false, force = false;
+  app.add_option("-f,--format", format, "the output format (below)")->required();
+  app.add_flag("--headings", headings, "write the column names as a first row");
+  app.add_flag("--force", force, "write what fits when the data pass the format's limits");
+  app.add_option("INPUT", input, "typed CSV input ('-': standard input)")->required();
+  app.add_option("OUTPUT", output, "the file to write ('-': standard output)");
+  if (int rc = zcli::parse_args(app, kCmd, argc, argv); rc >= 0) return rc;
   const FormatFns* fmt = find_format(format);
-  if (fmt == nullptr) return zcli::usage_error(kCmd, "unknown format " + format);
+  if (fmt == nullptr) return zcli::usage_error(kCmd, "unknown format '" + format + "'");
   const bool clip = std::strcmp(fmt->name, "clip") == 0;
-  if (pos.empty()) return zcli::usage_error(kCmd, "INPUT.csv is required");
-  if (clip ? pos.size() != 1 : pos.size() != 2)
-    return zcli::usage_error(kCmd, clip ? "clip takes no OUTPUT" : "INPUT.csv and OUTPUT are required");
-  input = pos[0];
-  if (!clip) output = pos[1];
-  int rc = run_export(*fmt, headings, input, output, nullptr, nullptr);
+  if (clip && !output.empty()) return zcli::usage_error(kCmd, "clip takes no OUTPUT");
+  if (!clip && output.empty()) return zcli::usage_error(kCmd, "OUTPUT is required for " + format);
+  if (!clip && zcli::same_file(input, output))
+    return zcli::fail(kCmd, output + " is the input file; choose another OUTPUT");
+  int rc = run_export(*fmt, headings, input, output, nullptr, nullptr, force);
   if (rc == zcli::kOk && clip) {
     const char* cmd = std::getenv("ZBSHR_CLIPBOARD_CMD");
     if (cmd == nullptr || *cmd == '\0') {

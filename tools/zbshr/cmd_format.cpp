@@ -1,5 +1,7 @@
 // Dates, display formats and the pattern matcher from the command line:
 // `zbshr date` and `zbshr match`, and the demo step for the family.
+#include <cerrno>
+#include <cctype>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -12,40 +14,29 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "args.h"
 #include "cli.h"
-#include "platform/platform.h"
+#include "io.h"
 #include "zbshr/format.h"
 #include "zbshr/memory.h"
 
 namespace {
 
-const char* const kDateHelp =
-    "usage: zbshr date [--order mdy|dmy|ymd] ACTION ARGS...\n"
-    "\n"
-    "Actions:\n"
-    "  parse TEXT [datetime|date|time]   parse TEXT (default datetime) and print\n"
-    "                                    the record, or the parser's error number\n"
-    "  diff TEXT1 TEXT2                  days and seconds from TEXT2 to TEXT1\n"
-    "  dow TEXT                          day of the week (0 = Sunday) and its name\n"
-    "  add TEXT DAYS                     TEXT moved by DAYS calendar days\n"
-    "  format MASK [TEXT]                TEXT (default: now) through a date/time mask\n"
-    "  now                               the current local date and time\n"
-    "\n"
-    "Texts are read with the regional date order ([intl] iDate) unless --order\n"
-    "is given. Example: zbshr date format \"dddd, mmmm d yyyy\" 7/4/1998\n";
 
-const char* const kMatchHelp =
-    "usage: zbshr match [--compiled] PATTERN [FILE]\n"
-    "\n"
-    "Prints the number of matches of PATTERN in the text of FILE (standard input\n"
-    "when absent), counted as the library's matcher counts them. --compiled also\n"
-    "prints the compiled pattern's bytes in hexadecimal.\n"
-    "Pattern syntax: c literal, . any, ^ start, $ end, [set] [^set] [a-z], x* x+ x?,\n"
-    "\\c escape.\n";
 
-const char* const kDateErrors[] = {"ok",          "invalid day",    "invalid month",
-                                   "invalid second", "invalid minute", "invalid hour",
-                                   "invalid text",   "invalid year",   "invalid fraction"};
+const char* const kDateErrors[] = {"ok",
+                                   "the day is wrong",
+                                   "the month is wrong",
+                                   "the second is wrong",
+                                   "the minute is wrong",
+                                   "the hour is wrong",
+                                   "it is not a date or time",
+                                   "the year is wrong",
+                                   "the fraction of a second is wrong"};
+
 
 std::string describe(const SHDATETIME& v) {
   char b[160];
@@ -57,12 +48,17 @@ std::string describe(const SHDATETIME& v) {
   return b;
 }
 
+nlohmann::json record_json(const SHDATETIME& v) {
+  return {{"text", describe(v).substr(0, 26)}, {"year", v.year + 1900}, {"month", v.month + 1},
+          {"day", v.day}, {"hour", v.hour}, {"minute", v.minute}, {"second", v.second},
+          {"microsecond", v.microsecond}};
+}
+
 // Parses a date or datetime argument; prints the error and returns false.
 bool parse_arg(const char* cmd, const char* text, int32_t mode, SHDATETIME& v, int& status) {
   int32_t e = shdtParse(&v, text, mode);
   if (e != 0) {
-    status = zcli::fail(cmd, std::string("cannot read '") + text + "': error " +
-                                 std::to_string(e) + " (" + kDateErrors[e] + ")");
+    status = zcli::fail(cmd, std::string("cannot read '") + text + "': " + kDateErrors[e < 9 ? e : 6]);
     return false;
   }
   if (mode == SHDT_DATE) v.hour = v.minute = v.second = 0, v.microsecond = 0;
@@ -78,6 +74,36 @@ void set_env(const char* name, const char* value) {
   else
     unsetenv(name);
 #endif
+}
+
+// The profile text with iDate=order in its [intl] section (added when absent).
+std::string with_date_order(const std::string& text, int order) {
+  std::string out, line, section;
+  bool done = false;
+  size_t pos = 0;
+  auto flush_intl = [&] {
+    if (section == "intl" && !done) out += "iDate=" + std::to_string(order) + "\n", done = true;
+  };
+  while (pos < text.size()) {
+    size_t nl = text.find('\n', pos);
+    line = text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
+    pos = nl == std::string::npos ? text.size() : nl + 1;
+    std::string t = line;
+    while (!t.empty() && (t.back() == '\r' || t.back() == ' ')) t.pop_back();
+    if (!t.empty() && t[0] == '[' && t.back() == ']') {
+      flush_intl();
+      section = t.substr(1, t.size() - 2);
+      for (auto& c : section) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    } else if (section == "intl") {
+      std::string key = t.substr(0, t.find('='));
+      for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (key == "idate") continue;
+    }
+    out += line + "\n";
+  }
+  flush_intl();
+  if (!done) out += "[intl]\niDate=" + std::to_string(order) + "\n";
+  return out;
 }
 
 // Makes the library read the date order from a private profile folder.
@@ -104,9 +130,17 @@ struct OrderOverride {
     // A copy of the user's system profile with the order changed, so that
     // the other regional settings stay as they are.
     const std::string ini = dir + "/win.ini";
-    std::filesystem::copy_file(zbshr::plat::ConfigDir() + "/win.ini", ini, ec);
-    const std::string value = std::to_string(order);
-    zbshr::plat::WritePrivateProfileStringA("intl", "iDate", value.c_str(), ini.c_str());
+    std::string text;
+    {
+      std::ifstream in(zcli::config_dir() + "/win.ini", std::ios::binary);
+      if (in) text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    {
+      std::ofstream out(ini, std::ios::binary);
+      out << with_date_order(text, order);
+      out.close();
+      if (!out) return false;
+    }
     if (const char* h = std::getenv("ZBSHR_HOME")) {
       had_home = true;
       old_home = h;
@@ -119,69 +153,88 @@ struct OrderOverride {
 
 int cmd_date(int argc, char** argv) {
   const char* cmd = "date";
-  std::vector<std::string> args;
+  CLI::App app{"Parses, compares, shifts and formats dates and times. Texts are read with\n"
+               "the regional date order ([intl] iDate) unless --order is given.",
+               "zbshr date"};
+  app.footer("actions:\n"
+             "  parse TEXT [datetime|date|time]   parse TEXT (default datetime), print the record\n"
+             "  diff TEXT1 TEXT2                  days and seconds from TEXT2 to TEXT1\n"
+             "  dow TEXT                          day of the week (0 = Sunday) and its name\n"
+             "  add TEXT DAYS                     TEXT moved by DAYS calendar days\n"
+             "  format MASK [TEXT]                TEXT (default: now) through a date/time mask\n"
+             "  now                               the current local date and time\n"
+             "A negative DAYS needs '--' before the arguments: zbshr date add -- 3/1/2000 -1\n"
+             "Example: zbshr date format \"dddd, mmmm d yyyy\" 7/4/1998");
+  std::string act, order_name;
+  std::vector<std::string> rest;
+  bool as_json = false;
+  app.add_option("ACTION", act, "parse, diff, dow, add, format or now")->required();
+  app.add_option("ARGS", rest, "the action's arguments");
+  app.add_option("--order", order_name, "the date order: mdy, dmy or ymd");
+  app.add_flag("--json", as_json, "one JSON document on standard output");
+  if (int rc = zcli::parse_args(app, cmd, argc, argv); rc >= 0) return rc;
   int order = -1;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      std::fputs(kDateHelp, stdout);
-      return zcli::kOk;
-    }
-    if (a == "--order") {
-      if (i + 1 >= argc) return zcli::usage_error(cmd, "--order needs mdy, dmy or ymd");
-      std::string o = argv[++i];
-      order = o == "mdy" ? 0 : o == "dmy" ? 1 : o == "ymd" ? 2 : -1;
-      if (order < 0) return zcli::usage_error(cmd, "unknown order '" + o + "'");
-      continue;
-    }
-    args.push_back(a);
+  if (!order_name.empty()) {
+    order = order_name == "mdy" ? 0 : order_name == "dmy" ? 1 : order_name == "ymd" ? 2 : -1;
+    if (order < 0) return zcli::usage_error(cmd, "unknown order '" + order_name + "' (mdy, dmy or ymd)");
   }
-  if (args.empty()) return zcli::usage_error(cmd, "an action is required");
   OrderOverride override_order;
   if (order >= 0 && !override_order.apply(order))
-    return zcli::fail(cmd, "cannot set up the date order");
-
-  const std::string act = args[0];
+    return zcli::fail(cmd, "cannot set up the date order in a temporary folder");
+  std::vector<std::string> args{act};
+  args.insert(args.end(), rest.begin(), rest.end());
   auto need = [&](size_t lo, size_t hi) { return args.size() - 1 >= lo && args.size() - 1 <= hi; };
   int status = zcli::kOk;
   SHDATETIME a{}, b{};
+  nlohmann::json j;
+  std::string text;
   if (act == "parse") {
     if (!need(1, 2)) return zcli::usage_error(cmd, "parse takes TEXT [datetime|date|time]");
     int32_t mode = SHDT_DATETIME;
     if (args.size() == 3) {
       const std::string& m = args[2];
       mode = m == "datetime" ? 1 : m == "date" ? 2 : m == "time" ? 3 : 0;
-      if (mode == 0) return zcli::usage_error(cmd, "unknown mode '" + m + "'");
+      if (mode == 0) return zcli::usage_error(cmd, "unknown mode '" + m + "' (datetime, date or time)");
     }
     std::memset(&a, 0, sizeof a);
     int32_t e = shdtParse(&a, args[1].c_str(), mode);
-    if (e != 0) {
-      std::printf("error %d (%s)\n", e, kDateErrors[e]);
-      return zcli::kFailed;
-    }
-    std::printf("%s\n", describe(a).c_str());
+    if (e != 0)
+      return zcli::fail(cmd, "cannot read '" + args[1] + "': " + kDateErrors[e < 9 ? e : 6] +
+                                 " (error " + std::to_string(e) + ")");
+    j = record_json(a);
+    text = describe(a);
   } else if (act == "diff") {
     if (!need(2, 2)) return zcli::usage_error(cmd, "diff takes two texts");
     if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status) ||
         !parse_arg(cmd, args[2].c_str(), SHDT_DATETIME, b, status))
       return status;
-    std::printf("%d days, %d seconds\n", shdtDiffDate(&a, &b), shdtDiffTime(&a, &b));
+    j = {{"days", shdtDiffDate(&a, &b)}, {"seconds", shdtDiffTime(&a, &b)}};
+    text = std::to_string(shdtDiffDate(&a, &b)) + " days, " + std::to_string(shdtDiffTime(&a, &b)) + " seconds";
   } else if (act == "dow") {
     if (!need(1, 1)) return zcli::usage_error(cmd, "dow takes one text");
     if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status)) return status;
     char name[32];
     int32_t d = shdtDayOfWeek(&a);
     shdtDayName(d, name);
-    std::printf("%d %s\n", d, name);
+    j = {{"day", d}, {"name", name}};
+    text = std::to_string(d) + " " + name;
   } else if (act == "add") {
     if (!need(2, 2)) return zcli::usage_error(cmd, "add takes TEXT DAYS");
+    const std::string& n = args[2];
     char* end = nullptr;
-    long days = std::strtol(args[2].c_str(), &end, 10);
-    if (*end != '\0' || days < INT32_MIN || days > INT32_MAX)
-      return zcli::usage_error(cmd, "DAYS must be a whole number");
+    errno = 0;
+    long long days = std::strtoll(n.c_str(), &end, 10);
+    if (n.empty() || *end != '\0' || errno == ERANGE || days < INT32_MIN || days > INT32_MAX)
+      return zcli::usage_error(cmd, "DAYS must be a whole number, not '" + n + "'");
     if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status)) return status;
+    const long long year = a.year + 1900 + days / 365;
+    if (year < 0 || year > 10000)
+      return zcli::fail(cmd, "the result falls outside the years 1 to 9999");
     shdtRelativeDate(&b, &a, static_cast<int32_t>(days));
-    std::printf("%s\n", describe(b).c_str());
+    if (b.year + 1900 < 1 || b.year + 1900 > 9999 || shdtDiffDate(&b, &a) != days)
+      return zcli::fail(cmd, "the result falls outside the years 1 to 9999");
+    j = record_json(b);
+    text = describe(b);
   } else if (act == "format") {
     if (!need(1, 2)) return zcli::usage_error(cmd, "format takes MASK [TEXT]");
     if (args.size() == 3) {
@@ -195,64 +248,79 @@ int cmd_date(int argc, char** argv) {
     if (e == 0) e = shformatDateTime(out, sizeof out, compiled, &a);
     if (e != 0) {
       shformatErrorString(e, msg, sizeof msg);
-      return zcli::fail(cmd, msg);
+      std::string m = msg;
+      if (!m.empty()) m[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(m[0])));
+      return zcli::fail(cmd, "mask '" + args[1] + "': " + m);
     }
-    std::printf("%s\n", out);
+    j = {{"text", out}};
+    text = out;
   } else if (act == "now") {
     if (!need(0, 0)) return zcli::usage_error(cmd, "now takes no arguments");
     shdtNow(&a);
     char d[11], t[11];
     shdtString(d, t);
-    std::printf("%s\n%s %s\n", describe(a).c_str(), d, t);
+    j = record_json(a);
+    text = describe(a) + "\n" + d + " " + t;
   } else {
     return zcli::usage_error(cmd, "unknown action '" + act + "'");
   }
+  std::printf("%s\n", as_json ? j.dump().c_str() : text.c_str());
   return status;
 }
 
 int cmd_match(int argc, char** argv) {
   const char* cmd = "match";
-  bool dump = false;
-  std::vector<std::string> args;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      std::fputs(kMatchHelp, stdout);
-      return zcli::kOk;
-    }
-    if (a == "--compiled") {
-      dump = true;
-      continue;
-    }
-    args.push_back(a);
-  }
-  if (args.empty() || args.size() > 2) return zcli::usage_error(cmd, "PATTERN [FILE] expected");
+  CLI::App app{"Prints the number of matches of PATTERN in the text of FILE (standard input\n"
+               "when absent or '-'), counted as the library's matcher counts them; NUL bytes\n"
+               "separate texts that are each searched. Exit status 1 when there is none.\n"
+               "Pattern syntax: c literal, . any, ^ start, $ end, [set] [^set] [a-z], x* x+ x?,\n"
+               "\\c escape.",
+               "zbshr match"};
+  std::string pattern, file = "-";
+  bool dump = false, count = false, as_json = false;
+  app.add_option("PATTERN", pattern, "the pattern")->required();
+  app.add_option("FILE", file, "the text ('-': standard input)");
+  app.add_flag("--compiled", dump, "also print the compiled pattern's bytes in hexadecimal");
+  app.add_flag("-c,--count", count, "print the count only (the default)");
+  app.add_flag("--json", as_json, "one JSON document on standard output");
+  if (int rc = zcli::parse_args(app, cmd, argc, argv); rc >= 0) return rc;
   // Three bytes per pattern character always suffice.
-  std::vector<unsigned char> buf(args[0].size() * 3 + 8);
-  int32_t e = shregExprCmpl(buf.data(), args[0].c_str(), static_cast<int32_t>(buf.size()));
+  std::vector<unsigned char> buf(pattern.size() * 3 + 8);
+  int32_t e = shregExprCmpl(buf.data(), pattern.c_str(), static_cast<int32_t>(buf.size()));
   if (e != 0) {
-    static const char* const kErr[] = {"", "buffer too small", "'[' without ']'",
-                                       "set longer than 255", "empty set",
-                                       "'*', '+' or '?' with nothing to repeat"};
-    return zcli::fail(cmd, "cannot compile '" + args[0] + "': error " + std::to_string(e) + " (" +
-                               kErr[e < 6 ? e : 0] + ")");
+    static const char* const kErr[] = {"it does not compile", "it is too long",
+                                       "a '[' set is unterminated", "a set is longer than 255",
+                                       "a set is empty", "'*', '+' or '?' has nothing to repeat"};
+    return zcli::usage_error(cmd, "bad pattern '" + pattern + "': " + kErr[e > 0 && e < 6 ? e : 0]);
   }
+  std::string text, error;
+  if (!zcli::read_input(file, text, error)) return zcli::fail(cmd, error);
+  std::string hex;
   if (dump) {
     size_t n = 0;
     while (buf[n] != 0) ++n;  // the compiled pattern ends at its only zero byte
-    for (size_t i = 0; i <= n; ++i) std::printf("%s%02x", i ? " " : "", buf[i]);
-    std::printf("\n");
+    char b[4];
+    for (size_t i = 0; i <= n; ++i) {
+      std::snprintf(b, sizeof b, "%02x", buf[i]);
+      hex += (i ? " " : "") + std::string(b);
+    }
   }
-  std::string text;
-  if (args.size() == 2) {
-    std::ifstream f(args[1], std::ios::binary);
-    if (!f) return zcli::fail(cmd, "cannot open " + args[1]);
-    text.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+  int64_t matches = 0;
+  for (size_t pos = 0; pos <= text.size();) {
+    size_t nul = text.find('\0', pos);
+    if (nul == std::string::npos) nul = text.size();
+    matches += shregExprMatch(text.substr(pos, nul - pos).c_str(), buf.data());
+    pos = nul + 1;
+  }
+  if (as_json) {
+    nlohmann::json j{{"pattern", pattern}, {"matches", matches}};
+    if (dump) j["compiled"] = hex;
+    std::printf("%s\n", j.dump().c_str());
   } else {
-    text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    if (dump) std::printf("%s\n", hex.c_str());
+    std::printf("%lld\n", static_cast<long long>(matches));
   }
-  std::printf("%d\n", shregExprMatch(text.c_str(), buf.data()));
-  return zcli::kOk;
+  return matches > 0 ? zcli::kOk : zcli::kFailed;
 }
 
 int demo_format(const zcli::DemoContext& ctx) {

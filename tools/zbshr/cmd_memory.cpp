@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
+#include "args.h"
 #include "cli.h"
 #include "zbshr/memory.h"
 
@@ -15,8 +18,6 @@ namespace {
 const char* kCmd = "mem";
 
 const char* kHelp =
-    "usage: zbshr mem [options]\n"
-    "\n"
     "Allocates blocks on a fresh heap as described, optionally frees some of them,\n"
     "and prints the heap's statistics (zbstg_stat).\n"
     "\n"
@@ -30,7 +31,7 @@ const char* kHelp =
     "  --seed S           seed of the random choices (default 1)\n"
     "  --image FILE       write the debug image of all pools to FILE\n"
     "\n"
-    "Sizes above 63,996 bytes make large blocks, each in a sub-pool of its own.\n";
+    "Sizes above 63,996 bytes make large blocks, each in a sub-pool of its own.";
 
 // A small portable generator, so that a seed gives the same run everywhere.
 struct Rng {
@@ -68,15 +69,17 @@ int cmd_mem(int argc, char** argv) {
   uint32_t free_pool = 0;
   bool have_free_pool = false;
   std::string image;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      std::fputs(kHelp, stdout);
-      return zcli::kOk;
-    }
-    const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
-    if (!v) return zcli::usage_error(kCmd, "option " + a + " needs a value");
-    ++i;
+  // Options are read as text and checked here, so that every mistake gets
+  // the same kind of message.
+  CLI::App app{kHelp, "zbshr mem"};
+  std::vector<std::pair<std::string, std::string>> given;
+  for (const char* name : {"--count", "--size", "--pools", "--free", "--free-pool", "--subpool-size",
+                           "--seed", "--image"})
+    app.add_option_function<std::string>(
+        name, [&given, name](const std::string& v) { given.emplace_back(name, v); });
+  if (int rc = zcli::parse_args(app, kCmd, argc, argv); rc >= 0) return rc;
+  for (const auto& [a, value] : given) {
+    const char* v = value.c_str();
     if (a == "--count") {
       if (!parse_u32(v, &count) || count > 10000000)
         return zcli::usage_error(kCmd, "--count wants 0..10000000");
@@ -101,13 +104,10 @@ int cmd_mem(int argc, char** argv) {
         return zcli::usage_error(kCmd, "--subpool-size wants 0..65535");
     } else if (a == "--seed") {
       if (!parse_u32(v, &seed)) return zcli::usage_error(kCmd, "--seed wants a number");
-    } else if (a == "--image") {
-      image = v;
     } else {
-      return zcli::usage_error(kCmd, "unknown option " + a);
+      image = value;
     }
   }
-
   Rng rng{seed};
   ZBSTG_HEAP heap = zbstg_begin(static_cast<uint16_t>(subpool));
   if (!heap) return zcli::fail(kCmd, "cannot create a heap");

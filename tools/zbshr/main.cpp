@@ -1,12 +1,21 @@
-// zbshr: entry point, subcommand dispatch, --help and the demo driver.
-#include "cli.h"
+// zbshr: entry point, subcommand dispatch, help, version and the demo driver.
+// No exception leaves main: whatever a subcommand throws is reported as a
+// failure (exit 1); SIGINT and SIGTERM make long work stop cleanly (io.h).
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
+
+#include "args.h"
+#include "cli.h"
+#include "io.h"
+#include "zbshr/system.h"
 
 #if defined(_WIN32)
 #include <io.h>
@@ -16,6 +25,10 @@
 #include <unistd.h>
 #define zisatty isatty
 #define zfileno fileno
+#endif
+
+#ifndef ZBSHR_PROGRAM_VERSION
+#define ZBSHR_PROGRAM_VERSION "unknown"
 #endif
 
 namespace zcli {
@@ -52,36 +65,35 @@ namespace {
 
 void print_help(FILE* out) {
   std::fprintf(out,
-               "usage: zbshr <command> [arguments]\n"
+               "usage: zbshr [-q] [--version] <command> [arguments]\n"
                "\n"
                "The command-line companion of the zbshr shared services library.\n"
                "\n"
                "commands:\n"
-               "  demo           run a short tour of the library on built-in sample data\n");
+               "  demo           run a short tour of the library on built-in sample data\n"
+               "  help COMMAND   describe a command (the same as 'zbshr COMMAND --help')\n");
   auto cmds = commands();
   std::sort(cmds.begin(), cmds.end(),
             [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
   for (const auto& c : cmds) std::fprintf(out, "  %-14s %s\n", c.name, c.summary);
   std::fprintf(out,
-               "\n'zbshr <command> --help' describes a command.\n"
-               "Exit status: 0 success, 1 the operation failed, 2 bad command line.\n");
+               "\noptions:\n"
+               "  -h, --help     this help\n"
+               "  -V, --version  the program's and the library's version\n"
+               "  -q, --quiet    show no progress\n"
+               "\nOptions may come anywhere after the command; '--' ends them, and '-' names\n"
+               "standard input or output wherever a file is read or written.\n"
+               "Exit status: 0 success, 1 the operation failed or found nothing,\n"
+               "2 bad command line.\n");
 }
 
 int run_demo(int argc, char** argv) {
+  CLI::App app{"Runs every family's demonstration on built-in sample data, writing any\n"
+               "files into FOLDER (default: a new folder under the temporary folder).",
+               "zbshr demo"};
   std::string dir;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
-      std::printf("usage: zbshr demo [--dir FOLDER]\n\n"
-                  "Runs every family's demonstration on built-in sample data, writing any\n"
-                  "files into FOLDER (default: a new folder under the temporary folder).\n");
-      return kOk;
-    } else if (a == "--dir" && i + 1 < argc) {
-      dir = argv[++i];
-    } else {
-      return usage_error("demo", "unexpected argument '" + a + "'");
-    }
-  }
+  app.add_option("--dir", dir, "folder to write into");
+  if (int rc = parse_args(app, "demo", argc, argv); rc >= 0) return rc;
   std::error_code ec;
   if (dir.empty()) {
     auto base = std::filesystem::temp_directory_path(ec);
@@ -119,27 +131,77 @@ int run_demo(int argc, char** argv) {
   return failures ? kFailed : kOk;
 }
 
+int dispatch(std::vector<std::string> args) {
+  if (args.empty()) {
+    print_help(stderr);
+    return kUsage;
+  }
+  if (args[0] == "help") {
+    if (args.size() == 1) {
+      print_help(stdout);
+      return kOk;
+    }
+    if (args.size() > 2) {
+      std::fprintf(stderr, "zbshr: help takes one command (try 'zbshr --help')\n");
+      return kUsage;
+    }
+    args = {args[1], "--help"};
+  }
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  const int argc = static_cast<int>(args.size());
+  if (args[0] == "demo") return run_demo(argc, argv.data());
+  for (const auto& c : commands())
+    if (args[0] == c.name) return c.fn(argc, argv.data());
+  std::fprintf(stderr, "zbshr: unknown command '%s' (try 'zbshr --help')\n", args[0].c_str());
+  return kUsage;
+}
+
+int run_main(int argc, char** argv) {
+  CLI::App app{"The command-line companion of the zbshr shared services library.", "zbshr"};
+  app.prefix_command();
+  bool quiet = false;
+  app.add_flag("-q,--quiet", quiet, "show no progress");
+  app.set_version_flag("-V,--version", std::string("zbshr ") + ZBSHR_PROGRAM_VERSION +
+                                           " (library " + zbshr_version() + ")");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    print_help(stdout);
+    return kOk;
+  } catch (const CLI::CallForVersion& e) {
+    std::printf("%s\n", e.what());
+    return kOk;
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "zbshr: %s (try 'zbshr --help')\n", e.what());
+    return kUsage;
+  }
+  set_quiet(quiet);
+  return dispatch(app.remaining());
+}
+
 }  // namespace
 }  // namespace zcli
 
 int main(int argc, char** argv) {
-  using namespace zcli;
-  if (argc < 2) {
-    print_help(stderr);
-    return kUsage;
+  zcli::install_interrupt_handlers();
+  int rc;
+  try {
+    rc = zcli::run_main(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "zbshr: out of memory\n");
+    rc = zcli::kFailed;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zbshr: %s\n", e.what());
+    rc = zcli::kFailed;
+  } catch (...) {
+    std::fprintf(stderr, "zbshr: unexpected failure\n");
+    rc = zcli::kFailed;
   }
-  std::string cmd = argv[1];
-  if (cmd == "--help" || cmd == "-h" || cmd == "help") {
-    print_help(stdout);
-    return kOk;
+  if (zcli::interrupted()) {
+    std::fprintf(stderr, "zbshr: interrupted\n");
+    return 128 + zcli::interrupt_signal();
   }
-  if (cmd == "--version") {
-    std::printf("zbshr 5.0.0\n");
-    return kOk;
-  }
-  if (cmd == "demo") return run_demo(argc - 1, argv + 1);
-  for (const auto& c : commands())
-    if (cmd == c.name) return c.fn(argc - 1, argv + 1);
-  std::fprintf(stderr, "zbshr: unknown command '%s' (try 'zbshr --help')\n", cmd.c_str());
-  return kUsage;
+  return rc;
 }
