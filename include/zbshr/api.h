@@ -44,7 +44,7 @@
 #define ZBSHR_VERSION_NUMBER \
   (ZBSHR_VERSION_MAJOR * 10000 + ZBSHR_VERSION_MINOR * 100 + ZBSHR_VERSION_PATCH)
 
-/* A heap handle (see memory.h). */
+/** A heap handle (see memory.h). */
 typedef struct zbstg_heap_s *ZBSTG_HEAP;
 
 #endif

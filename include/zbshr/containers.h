@@ -19,7 +19,7 @@ ZBSHR_BEGIN_DECLS
 
 /* ---- Linked list --------------------------------------------------------- */
 
-/* A list node. Nodes form a ring: the first node's `prev` is the last node
+/** A list node. Nodes form a ring: the first node's `prev` is the last node
  * and the last node's `next` is the first; a lone node points to itself both
  * ways. A node passed to shlist_putafter must have been allocated with
  * zbstg_alloc in the list's heap, since the list frees it on removal. */
@@ -29,7 +29,7 @@ typedef struct SHLISTNODE {
   void *data;
 } SHLISTNODE;
 
-/* A list handle. The ends are recognised by comparison with `first` and
+/** A list handle. The ends are recognised by comparison with `first` and
  * `last`, never by null links. */
 typedef struct SHLIST {
   SHLISTNODE *first;   /* null when empty */
@@ -42,11 +42,11 @@ typedef struct SHLIST {
 
 #pragma pack(pop)
 
-/* Traversal callback: called with (data, param); 0 stops the walk. */
+/** Traversal callback: called with (data, param); 0 stops the walk. */
 typedef int32_t (ZBSHR_CALLBACK *SHLIST_VISIT)(void *data, intptr_t param);
-/* Comparison of two data pointers: negative, 0 or positive. */
+/** Comparison of two data pointers: negative, 0 or positive. */
 typedef int32_t (ZBSHR_CALLBACK *SH_COMPARE)(void *a, void *b);
-/* Comparison with a caller parameter handed first. */
+/** Comparison with a caller parameter handed first. */
 typedef int32_t (ZBSHR_CALLBACK *SH_COMPARE_PARAM)(intptr_t param, void *a, void *b);
 
 /* shlist_sort flags. */
@@ -54,14 +54,14 @@ typedef int32_t (ZBSHR_CALLBACK *SH_COMPARE_PARAM)(intptr_t param, void *a, void
 #define SHLIST_SORT_NOARRAY 2  /* free the sorted array and return null */
 #define SHLIST_SORT_EMPTY 4    /* empty the list; the data stay in the array */
 
-/* A new empty list whose handle and nodes live in `heap` and `pool`. */
+/** A new empty list whose handle and nodes live in `heap` and `pool`. */
 ZBSHR_API(SHLIST *) shlist_new(ZBSTG_HEAP heap, uint32_t pool);
-/* Frees every node and the handle; the data are untouched. */
+/** Frees every node and the handle; the data are untouched. */
 ZBSHR_API(void) shlist_delete(SHLIST *list);
-/* Frees every node's data with zbstg_free in the list's heap, then the nodes
+/** Frees every node's data with zbstg_free in the list's heap, then the nodes
  * and the handle. Returns 0. */
 ZBSHR_API(int32_t) shlist_deleteFree(SHLIST *list);
-/* Number of nodes; 0 for a null handle. */
+/** Number of nodes; 0 for a null handle. */
 ZBSHR_API(int32_t) shlist_get_count(SHLIST *list);
 /* Moves to the first (last) node and returns its data; null and no move when
  * the list is empty. */
@@ -71,34 +71,34 @@ ZBSHR_API(void *) shlist_get_last(SHLIST *list);
  * or without a current node, the position is cleared and null returned. */
 ZBSHR_API(void *) shlist_get_next(SHLIST *list);
 ZBSHR_API(void *) shlist_get_prev(SHLIST *list);
-/* Data of the current node, or null. */
+/** Data of the current node, or null. */
 ZBSHR_API(void *) shlist_get_curr(SHLIST *list);
 /* The current node (the position token), or null. */
 ZBSHR_API(SHLISTNODE *) shlist_get_handle(SHLIST *list);
 ZBSHR_API(SHLISTNODE *) shlist_curr_node(SHLIST *list);
-/* Makes `node` current (not checked); returns the list. */
+/** Makes `node` current (not checked); returns the list. */
 ZBSHR_API(SHLIST *) shlist_set_current(SHLIST *list, SHLISTNODE *node);
-/* Replaces the current node's data; returns the previous data, or null when
+/** Replaces the current node's data; returns the previous data, or null when
  * there is no current node. */
 ZBSHR_API(void *) shlist_update(SHLIST *list, void *data);
-/* Adds a node after the current one and makes it current. 0 when the list is
+/** Adds a node after the current one and makes it current. 0 when the list is
  * not empty but has no current position (nothing is added then). */
 ZBSHR_API(int32_t) shlist_addafter(SHLIST *list, void *data);
-/* Adds a node before the current one and makes it current; 0 as above. */
+/** Adds a node before the current one and makes it current; 0 as above. */
 ZBSHR_API(int32_t) shlist_addbefore(SHLIST *list, void *data);
-/* shlist_addafter, result 1 or 0. */
+/** shlist_addafter, result 1 or 0. */
 ZBSHR_API(int32_t) shlist_insert_at_curr(SHLIST *list, void *data);
-/* Appends at the end; the new node becomes current. 0 for a null handle. */
+/** Appends at the end; the new node becomes current. 0 for a null handle. */
 ZBSHR_API(int32_t) shlist_insert(SHLIST *list, void *data);
-/* Links a caller-allocated node (data in its `data` field) after the current
+/** Links a caller-allocated node (data in its `data` field) after the current
  * one, as shlist_addafter. When it cannot be linked, the node is freed and
  * the result is 0. */
 ZBSHR_API(int32_t) shlist_putafter(SHLIST *list, SHLISTNODE *node);
-/* Unlinks and frees the current node and returns its data (null when there
+/** Unlinks and frees the current node and returns its data (null when there
  * is no current node). Removing the first node makes the next one current;
  * removing the last node leaves no current position. */
 ZBSHR_API(void *) shlist_remove(SHLIST *list);
-/* Calls `visit(data, param)` on each node from first to last until it
+/** Calls `visit(data, param)` on each node from first to last until it
  * returns 0. Returns the last result, 1 for an empty list. The current
  * position is neither used nor changed.
  * The callback may remove any node (shlist_remove), the visited one included:
@@ -131,7 +131,7 @@ typedef void *(ZBSHR_CALLBACK *SHHASH_KEYFN_ARG)(intptr_t arg, void *data);
 
 #pragma pack(push, 4)
 
-/* One bucket: its list, null until the bucket's first insertion. */
+/** One bucket: its list, null until the bucket's first insertion. */
 typedef struct SHHASH_SLOT {
   SHLIST *list;
 } SHHASH_SLOT;
@@ -162,24 +162,24 @@ ZBSHR_API(SHHASH *) shhash_new(int32_t buckets, SHHASH_KEYFN keyfn, int32_t uniq
 ZBSHR_API(SHHASH *) shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique,
                                    int32_t list_keys, ZBSTG_HEAP heap, uint32_t pool,
                                    intptr_t keyarg);
-/* Frees the bucket lists, the bucket array and the handle (not the data). */
+/** Frees the bucket lists, the bucket array and the handle (not the data). */
 ZBSHR_API(void) shhash_delete(SHHASH *table);
-/* Frees the bucket lists and sets the item count to 0 (nothing happens when
+/** Frees the bucket lists and sets the item count to 0 (nothing happens when
  * the count is already 0). */
 ZBSHR_API(void) shhash_clear(SHHASH *table);
-/* 1 when inserted; 2 when the table is unique and the key is present; 0 when
+/** 1 when inserted; 2 when the table is unique and the key is present; 0 when
  * the table is null or has no buckets. */
 ZBSHR_API(int32_t) shhash_insert(SHHASH *table, void *data);
-/* The first item whose key equals `key`, or null. The key's bucket becomes
+/** The first item whose key equals `key`, or null. The key's bucket becomes
  * current and its list is positioned on the match (cleared when none). */
 ZBSHR_API(void *) shhash_search(SHHASH *table, const void *key);
 /* The next item of the current bucket after the previous match whose key
  * equals `key`, or null. */
 ZBSHR_API(void *) shhash_searchNext(SHHASH *table, const void *key);
 ZBSHR_API(void *) shhash_search_unique(SHHASH *table, const void *key);
-/* Makes the key's bucket current and returns its list (null while empty). */
+/** Makes the key's bucket current and returns its list (null while empty). */
 ZBSHR_API(SHLIST *) shhash_searchSlot(SHHASH *table, const void *key);
-/* Removes the item at the current position of the current bucket and returns
+/** Removes the item at the current position of the current bucket and returns
  * its data (null when there is none). */
 ZBSHR_API(void *) shhash_remove(SHHASH *table);
 /* Iteration: bucket by bucket, each bucket in insertion order. */
@@ -207,20 +207,20 @@ typedef struct SH_GRWBLK {
 ZBSHR_API(void) sh_grwblk_init(SH_GRWBLK *block, int32_t step, int32_t item_size);
 ZBSHR_API(SH_GRWBLK *) sh_new_grwblk(ZBSTG_HEAP heap, int32_t step, int32_t item_size,
                                      uint32_t pool);
-/* Copies one item to the end; returns its index, -1 on bad input. */
+/** Copies one item to the end; returns its index, -1 on bad input. */
 ZBSHR_API(int32_t) sh_add_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK *block, const void *item,
                                     uint32_t pool);
-/* Copies one item to `index` (growing to index + step items when needed);
+/** Copies one item to `index` (growing to index + step items when needed);
  * returns the item size, 0 on bad input. */
 ZBSHR_API(int32_t) sh_set_grwblk_item(ZBSTG_HEAP heap, SH_GRWBLK *block, int32_t index,
                                       const void *item, uint32_t pool);
-/* Copies `n` items to the end; returns the index of the first, -1 on bad
+/** Copies `n` items to the end; returns the index of the first, -1 on bad
  * input. */
 ZBSHR_API(int32_t) sh_append_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK *block, const void *items,
                                        int32_t n, uint32_t pool);
-/* Frees the data and the descriptor (from sh_new_grwblk). */
+/** Frees the data and the descriptor (from sh_new_grwblk). */
 ZBSHR_API(void) sh_grwblk_delete(ZBSTG_HEAP heap, SH_GRWBLK *block);
-/* Stores the count, frees the descriptor and hands the data to the caller. */
+/** Stores the count, frees the descriptor and hands the data to the caller. */
 ZBSHR_API(void *) sh_grwblk_close(ZBSTG_HEAP heap, SH_GRWBLK *block, int32_t *count);
 
 /* ---- Sorting and searching ----------------------------------------------- */
@@ -234,19 +234,19 @@ ZBSHR_API(void) sh_heapsort_param(intptr_t param, void **array, int32_t count,
 ZBSHR_API(void) sh_hugeheapsort_param(intptr_t param, void **array, int32_t count,
                                       SH_COMPARE_PARAM compare);
 
-/* Comparison of the searched key with the address of an item. */
+/** Comparison of the searched key with the address of an item. */
 typedef int32_t (ZBSHR_CALLBACK *SH_SEARCH_COMPARE)(const void *key, const void *item);
 
-/* Index of an item that compares equal to `key`, or -1. */
+/** Index of an item that compares equal to `key`, or -1. */
 ZBSHR_API(int32_t) sh_binary_search(const void *key, const void *base, int32_t item_size,
                                     int32_t count, SH_SEARCH_COMPARE compare);
-/* As sh_binary_search, but sets *found to 1 on a match (0 otherwise), and on
+/** As sh_binary_search, but sets *found to 1 on a match (0 otherwise), and on
  * a miss returns the index of the last item that sorts before the key (-1
  * when none does). */
 ZBSHR_API(int32_t) sh_bin_search(const void *key, const void *base, int32_t item_size,
                                  int32_t count, SH_SEARCH_COMPARE compare, int32_t *found);
 
-/* A keyword table entry for shBinSrch / shBinSrchi. */
+/** A keyword table entry for shBinSrch / shBinSrchi. */
 typedef struct SHKEYWORD {
   const char *key;
   int32_t value;
@@ -260,7 +260,7 @@ ZBSHR_API(int32_t) shBinSrchi(const char *key, const SHKEYWORD *table, int32_t c
 
 /* ---- Byte-order flipping ------------------------------------------------- */
 
-/* A flip function as shFlipDataLoop calls it: (address, extra argument). */
+/** A flip function as shFlipDataLoop calls it: (address, extra argument). */
 typedef void *(ZBSHR_CALLBACK *SHFLIPFN)(void *value, int32_t extra);
 
 /* Each reverses one value in place and returns the address just past it. */
@@ -268,15 +268,15 @@ ZBSHR_API(void *) shFlipShort(void *value);                 /* 2 bytes */
 ZBSHR_API(void *) shFlipLong(void *value);                  /* 4 bytes */
 ZBSHR_API(void *) shFlipTimeT(void *value, int32_t unused); /* 4 bytes */
 ZBSHR_API(void *) shFlipDouble(void *value);                /* 8 bytes */
-/* A decimal in its 16-byte slot: the seven 16-bit words at offsets 0..12 are
+/** A decimal in its 16-byte slot: the seven 16-bit words at offsets 0..12 are
  * swapped; bytes 14 and 15 are left alone. Advances 16. */
 ZBSHR_API(void *) shFlipSHDEC(void *value);
-/* Applies `flip` `count` times from `value` on, chaining the addresses it
+/** Applies `flip` `count` times from `value` on, chaining the addresses it
  * returns; returns the final address (`value` when count <= 0, null for a
  * null address). The one-argument flip functions above may be passed cast to
  * SHFLIPFN. */
 ZBSHR_API(void *) shFlipDataLoop(void *value, SHFLIPFN flip, int32_t count, int32_t extra);
-/* The variant for data already in native order: does nothing and returns
+/** The variant for data already in native order: does nothing and returns
  * `value`. */
 ZBSHR_API(void *) shFlipDataLoopNative(void *value, SHFLIPFN flip, int32_t count,
                                        int32_t extra);

@@ -43,7 +43,7 @@ typedef struct SHDEC {
 /* Largest text ConvDecimalToAscii writes, terminator included. */
 #define SHDEC_TEXT_SIZE      32
 
-/* The decimal error hook: called as hook(code, 0) before every error return.
+/** The decimal error hook: called as hook(code, 0) before every error return.
  * It does nothing in the library; a debugging host may attach its own. */
 typedef void (ZBSHR_CALLBACK *SHDEC_ERROR_HOOK)(int16_t code, int32_t extra);
 

@@ -9,7 +9,7 @@ ZBSHR_BEGIN_DECLS
 
 /* ------------------------------------------------------------------ dates */
 
-/* The date/time record: 12 bytes, no padding, fields in this order. */
+/** The date/time record: 12 bytes, no padding, fields in this order. */
 typedef struct SHDATETIME {
   uint32_t microsecond; /* 0..999999 */
   int16_t year;         /* year minus 1900; -32767 marks a time without a date */
@@ -41,27 +41,27 @@ typedef struct SHDATETIME {
 #define SHDT_NO_TIME_HOUR 255   /* hour of a date parsed in mode 2 */
 #define SHDT_NO_DATE_YEAR (-32767) /* year of a time parsed in mode 3 */
 
-/* Fills the record from the local clock (microsecond = milliseconds x 1000). */
+/** Fills the record from the local clock (microsecond = milliseconds x 1000). */
 ZBSHR_API(void) shdtNow(SHDATETIME* dt);
-/* Stores year - 1900 and month - 1 and the other fields as given; no checks. */
+/** Stores year - 1900 and month - 1 and the other fields as given; no checks. */
 ZBSHR_API(void) shdtBuildTime(SHDATETIME* dt, int32_t year, int32_t month, int32_t day,
                               int32_t hour, int32_t minute, int32_t second,
                               uint32_t microsecond);
-/* Days from b to a (positive when a is later); time fields are ignored. */
+/** Days from b to a (positive when a is later); time fields are ignored. */
 ZBSHR_API(int32_t) shdtDiffDate(const SHDATETIME* a, const SHDATETIME* b);
-/* Seconds from b to a, from the hour, minute and second fields only. */
+/** Seconds from b to a, from the hour, minute and second fields only. */
 ZBSHR_API(int32_t) shdtDiffTime(const SHDATETIME* a, const SHDATETIME* b);
-/* 0 = Sunday .. 6 = Saturday. */
+/** 0 = Sunday .. 6 = Saturday. */
 ZBSHR_API(int32_t) shdtDayOfWeek(const SHDATETIME* dt);
-/* result = source moved by `days` calendar days; time fields copied. */
+/** result = source moved by `days` calendar days; time fields copied. */
 ZBSHR_API(void) shdtRelativeDate(SHDATETIME* result, const SHDATETIME* source, int32_t days);
-/* Copies the long name of day 0..6 (0 = Sunday) into buffer (30 bytes hold
+/** Copies the long name of day 0..6 (0 = Sunday) into buffer (30 bytes hold
  * any name); returns 1, or 0 for a day outside 0..6 or a null buffer. */
 ZBSHR_API(int32_t) shdtDayName(int32_t day, char* buffer);
-/* Current local date with "[SHORTDATE]" and time with "hh:mm:ss", each into
+/** Current local date with "[SHORTDATE]" and time with "hh:mm:ss", each into
  * an 11-byte buffer; a null buffer is skipped. */
 ZBSHR_API(void) shdtString(char* date_buffer, char* time_buffer);
-/* Parses text in mode 1 (datetime), 2 (date) or 3 (time); returns SHDT_OK
+/** Parses text in mode 1 (datetime), 2 (date) or 3 (time); returns SHDT_OK
  * or an SHDT_E_* number. */
 ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode);
 
@@ -94,7 +94,7 @@ ZBSHR_API(int32_t) shformatCmplNumericMask(unsigned char* compiled, const char* 
                                            int32_t size);
 ZBSHR_API(int32_t) shformatCmplStringMask(unsigned char* compiled, const char* mask,
                                           int32_t size);
-/* Copies the text of an error code into buffer (at most size - 1 characters
+/** Copies the text of an error code into buffer (at most size - 1 characters
  * and a terminator); returns the number of characters copied. */
 ZBSHR_API(int32_t) shformatErrorString(int32_t error, char* buffer, int32_t size);
 
@@ -112,7 +112,7 @@ ZBSHR_API(int32_t) shformatDecimal(char* out, int32_t size, const unsigned char*
 ZBSHR_API(int32_t) shformatString(char* out, int32_t size, const unsigned char* compiled,
                                   const char* value);
 
-/* The colour a mask gives a value, for a host that paints it: the palette
+/** The colour a mask gives a value, for a host that paints it: the palette
  * index of the section the value is shown with ([Black] 1, [White] 2,
  * [Red] 3, [Green] 4, [Blue] 5, [Yellow] 6, [Magenta] 7, [Cyan] 8, or
  * [ColorN] N, 1..56), 0 when that section names none. value points to a
@@ -130,9 +130,9 @@ ZBSHR_API(int32_t) shformatColor(const unsigned char* compiled, const double* va
 #define SHREGEXPR_E_EMPTYSET 4  /* reserved, never returned */
 #define SHREGEXPR_E_CLOSURE 5   /* '*', '+' or '?' with nothing to repeat */
 
-/* Compiles pattern into buffer (size in bytes); returns 0 or an error above. */
+/** Compiles pattern into buffer (size in bytes); returns 0 or an error above. */
 ZBSHR_API(int32_t) shregExprCmpl(unsigned char* buffer, const char* pattern, int32_t size);
-/* Number of matches of the compiled pattern in text (0 for an empty text). */
+/** Number of matches of the compiled pattern in text (0 for an empty text). */
 ZBSHR_API(int32_t) shregExprMatch(const char* text, const unsigned char* compiled);
 /* The same over 16-bit characters; size counts 16-bit units. */
 ZBSHR_API(int32_t) shregExprCmplW(uint16_t* buffer, const uint16_t* pattern, int32_t size);

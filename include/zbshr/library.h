@@ -46,14 +46,14 @@ ZBSHR_BEGIN_DECLS
 /* ---- Records -------------------------------------------------------------- */
 typedef struct LMI_LIBRARY_S *LMI_HANDLE;
 
-/* LMI_EntryInformation and the LMI_ListEntries callback. */
+/** LMI_EntryInformation and the LMI_ListEntries callback. */
 typedef struct LMI_ENTRYINFO {
   int32_t time;     /* modification time, seconds since 1970 */
   int32_t size;     /* data length without the entry comment */
   const char *name; /* inside the handle; valid until the next call on it */
 } LMI_ENTRYINFO;
 
-/* LMI_EntryInfoExtended and the LMI_ListEntriesExtended callback. */
+/** LMI_EntryInfoExtended and the LMI_ListEntriesExtended callback. */
 typedef struct LMI_ENTRYINFOEX {
   char comment[256]; /* zero-terminated entry comment */
   int32_t time;
@@ -62,21 +62,21 @@ typedef struct LMI_ENTRYINFOEX {
   char status; /* listing only: 'd', 's', 'r', or 'x' for no check-out record */
 } LMI_ENTRYINFOEX;
 
-/* LMI_LibraryInformation. */
+/** LMI_LibraryInformation. */
 typedef struct LMI_LIBRARYINFO {
   int32_t checkOutLength; /* bytes of check-out records, 0 when none */
   int32_t creationTime;   /* seconds since 1970 */
   const char *comment;    /* inside the handle's header copy */
 } LMI_LIBRARYINFO;
 
-/* LMI_ModifyLibrary: the first two fields are ignored. */
+/** LMI_ModifyLibrary: the first two fields are ignored. */
 typedef struct LMI_LIBRARYMOD {
   int32_t reserved1;
   int32_t reserved2;
   const char *comment; /* new library comment; null leaves it unchanged */
 } LMI_LIBRARYMOD;
 
-/* LMI_ListCheckOutEntries callback record. */
+/** LMI_ListCheckOutEntries callback record. */
 typedef struct LMI_CHECKOUTINFO {
   const char *otherLibrary; /* empty for a registration */
   const char *entryName;
@@ -142,7 +142,7 @@ ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char *libraryPath,
                                            LMI_CHECKOUTCALLBACK callback, void *userData);
 
 /* ---- Host setting --------------------------------------------------------------- */
-/* Write-through: 1 (the default) opens library files so that every write is on
+/** Write-through: 1 (the default) opens library files so that every write is on
  * disk when it returns; 0 leaves writes to the system cache for bulk work (a
  * crash may then lose recent changes). Any other value only queries. The
  * initial value comes from the environment variable ZBSHR_LIB_WRITE_THROUGH
@@ -160,26 +160,26 @@ ZBSHR_API(int32_t) zbshr_lib_write_through(int32_t on);
 #define ZBSHR_LIB_NOTE_LEAK 1
 typedef void (ZBSHR_CALLBACK *ZBSHR_LIB_PROBLEM)(void *ctx, int32_t code, const char *entry,
                                             const char *text);
-/* Checks a library (opened read-only). Returns the number of damage problems
+/** Checks a library (opened read-only). Returns the number of damage problems
  * (>= 0; leaked blocks are reported but not counted) or a negative LMI_E_* code
  * when the file cannot be opened as a library. cb may be null. */
 ZBSHR_API(int32_t) zbshr_lib_verify(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
-/* Scans every block of `damaged` for directory nodes and entry records, and
+/** Scans every block of `damaged` for directory nodes and entry records, and
  * copies every entry that reads whole (data, comment, time) and the readable
  * check-out records into the library `fresh`, which must not exist. Returns
  * the number of entries saved or a negative LMI_E_* code. */
 ZBSHR_API(int32_t) zbshr_lib_salvage(const char *damaged, const char *fresh,
                                      ZBSHR_LIB_PROBLEM cb, void *ctx);
-/* Repairs a library in place: rebuilds the free-space bitmaps from the blocks
+/** Repairs a library in place: rebuilds the free-space bitmaps from the blocks
  * reachable from the header and the directory, frees leaked blocks, drops an
  * unreadable check-out list and breaks directory cycles. Returns the number of
  * problems fixed (>= 0) or a negative LMI_E_* code. */
 ZBSHR_API(int32_t) zbshr_lib_repair(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
-/* Rewrites a library into a fresh file with a shallow directory and no free
+/** Rewrites a library into a fresh file with a shallow directory and no free
  * blocks, then puts it in place of the old one. Returns the number of entries
  * kept or a negative LMI_E_* code; on failure the library is unchanged. */
 ZBSHR_API(int32_t) zbshr_lib_compact(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
-/* Why the last library call on this thread failed: copies the text into buf
+/** Why the last library call on this thread failed: copies the text into buf
  * (always zero-terminated when size > 0) and returns its code, 0 when the last
  * call succeeded or none failed yet. */
 ZBSHR_API(int32_t) zbshr_lib_last_error(char *buf, int32_t size);

@@ -9,34 +9,34 @@ ZBSHR_BEGIN_DECLS
 
 /* ---- Host hooks of the platform layer ---------------------------------- */
 
-/* A message-box handler answers the library's message boxes (out of memory,
+/** A message-box handler answers the library's message boxes (out of memory,
  * disk errors, notices). It returns a button code: 1 OK, 2 Cancel, 3 Abort,
  * 4 Retry, 5 Ignore, 6 Yes, 7 No. `style` carries the MessageBoxA style bits. */
 typedef int32_t (ZBSHR_CALLBACK *ZBSHR_MSGBOX_HANDLER)(void *context, const char *text,
                                                    const char *caption, uint32_t style);
 
-/* Installs a handler (null restores the default: on Windows the real message
+/** Installs a handler (null restores the default: on Windows the real message
  * box; on POSIX the answers scripted in ZBSHR_MSGBOX, else the message on
  * standard error answered with Cancel). Returns the previous handler. */
 ZBSHR_API(ZBSHR_MSGBOX_HANDLER) zbshr_set_msgbox_handler(ZBSHR_MSGBOX_HANDLER handler,
                                                         void *context);
 
-/* Selects the code page for double-byte lead-byte tests: 1252 (single-byte,
+/** Selects the code page for double-byte lead-byte tests: 1252 (single-byte,
  * the default) or 932 (double-byte). Returns the previous one. */
 ZBSHR_API(uint32_t) zbshr_set_codepage(uint32_t codepage);
 
-/* The text last put on the clipboard as CF_TEXT (by the clipboard export, for
+/** The text last put on the clipboard as CF_TEXT (by the clipboard export, for
  * example). Copies at most size - 1 bytes and a terminator into buf (buf may
  * be null when size is 0) and returns the full length of the text. On POSIX,
  * when ZBSHR_CLIPBOARD_CMD names a program, the text is also piped to it. */
 ZBSHR_API(int32_t) zbshr_clipboard_text(char *buf, uint32_t size);
 
-/* The library's version as "MAJOR.MINOR.PATCH" (static text). Compare with
+/** The library's version as "MAJOR.MINOR.PATCH" (static text). Compare with
  * the ZBSHR_VERSION_* macros of api.h to detect a header/library mismatch. */
 ZBSHR_API(const char *) zbshr_version(void);
 
 #if defined(ZBSHR_FAULT_INJECTION)
-/* Fault injection for tests (only in builds with the CMake option
+/** Fault injection for tests (only in builds with the CMake option
  * ZBSHR_FAULT_INJECTION, never in the installed library): makes the nth next
  * call (1 = the very next) of a platform service fail, and the count - 1
  * calls after it too; count 0
@@ -45,7 +45,7 @@ ZBSHR_API(const char *) zbshr_version(void);
  * 5 file open. Returns 1, or 0 for an unknown service. */
 ZBSHR_API(int32_t) zbshr_inject_fault(int32_t service, int32_t nth, int32_t count);
 
-/* Disarms every injected fault. */
+/** Disarms every injected fault. */
 ZBSHR_API(void) zbshr_clear_faults(void);
 #endif
 
@@ -73,7 +73,7 @@ ZBSHR_API(void) zbshr_clear_faults(void);
 /* Longest path an open-file record holds, terminator included. */
 #define OS_OFS_MAXPATH 260
 
-/* The open-file record osOpenFile fills: 268 bytes, no padding. */
+/** The open-file record osOpenFile fills: 268 bytes, no padding. */
 typedef struct OSOFSTRUCT {
   uint16_t cBytes;                 /* record length: 268 */
   uint16_t nErrCode;               /* last-error code of a failed call; 111 when the path is too long */
@@ -84,7 +84,7 @@ typedef struct OSOFSTRUCT {
 /* Default transfer-buffer size of osFileOpenNew / osFileOpenRead. */
 #define OSFILE_DEFAULT_BUFFER 16284
 
-/* A buffered file: sequential writing (osFileOpenNew) or reading
+/** A buffered file: sequential writing (osFileOpenNew) or reading
  * (osFileOpenRead) through a buffer taken from the caller's heap and pool.
  * The caller owns the record; the export state embeds one. Its field order is
  * fixed; the in-memory size depends on the pointer width. */
@@ -100,7 +100,7 @@ typedef struct OSFILE {
   int32_t readMode;   /* 1 opened by osFileOpenRead, 0 by osFileOpenNew */
 } OSFILE;
 
-/* Opens, creates, deletes, parses or tests a file by the OF_* mode flags.
+/** Opens, creates, deletes, parses or tests a file by the OF_* mode flags.
  * Returns the file handle; 1 for OF_PARSE, OF_EXIST and OF_DELETE; -1 on
  * failure with the error code in the record (a null record gives -1). */
 ZBSHR_API(int32_t) osOpenFile(const char *name, OSOFSTRUCT *of, uint16_t mode);
@@ -122,23 +122,23 @@ ZBSHR_API(uint32_t) _lwrite(int32_t file, const char *buf, uint32_t n);
 ZBSHR_API(int32_t) _llseek(int32_t file, int32_t offset, int32_t origin);
 ZBSHR_API(int32_t) _lclose(int32_t file);
 #endif
-/* Non-zero when the file can be found (osOpenFile with OF_EXIST). */
+/** Non-zero when the file can be found (osOpenFile with OF_EXIST). */
 ZBSHR_API(int32_t) osFileExists(const char *name);
-/* Creates (truncating) a file for buffered writing; buffer size 0 = 16284.
+/** Creates (truncating) a file for buffered writing; buffer size 0 = 16284.
  * 1 on success, 0 when the file cannot be created. */
 ZBSHR_API(int32_t) osFileOpenNew(ZBSTG_HEAP heap, uint32_t pool, OSFILE *file, const char *name,
                                  uint32_t buffer_size);
-/* Opens an existing file for buffered reading; buffer size 0 = 16284. */
+/** Opens an existing file for buffered reading; buffer size 0 = 16284. */
 ZBSHR_API(int32_t) osFileOpenRead(ZBSTG_HEAP heap, uint32_t pool, OSFILE *file, const char *name,
                                   uint32_t buffer_size);
-/* Appends n bytes (a null source flushes the buffer). Returns n (1 for a
+/** Appends n bytes (a null source flushes the buffer). Returns n (1 for a
  * flush), or 0 on failure: a short write leaves the object as it was. */
 ZBSHR_API(uint32_t) osFileWrite(OSFILE *file, const void *src, uint32_t n);
-/* Reads up to n bytes; returns the count delivered (fewer at end of file). */
+/** Reads up to n bytes; returns the count delivered (fewer at end of file). */
 ZBSHR_API(uint32_t) osFileRead(OSFILE *file, void *dst, uint32_t n);
-/* Size of a file opened for reading; 0 for one opened for writing. */
+/** Size of a file opened for reading; 0 for one opened for writing. */
 ZBSHR_API(uint32_t) osFileSize(OSFILE *file);
-/* Flushes (when keep is non-zero), closes and frees the buffer. Returns keep,
+/** Flushes (when keep is non-zero), closes and frees the buffer. Returns keep,
  * or 0 when the final flush failed. keep 0 drops the pending bytes. */
 ZBSHR_API(int32_t) osFileClose(OSFILE *file, int32_t keep);
 
@@ -152,10 +152,10 @@ ZBSHR_API(int32_t) osFileClose(OSFILE *file, int32_t keep);
  * dv050 the grid builder ("dv"); anything else counts as the development
  * environment. Its profile file is <init path><short name>.ini. */
 
-/* The init path (ending in a separator or ':'), with `file` appended when
+/** The init path (ending in a separator or ':'), with `file` appended when
  * given; a result that would not fit gives `file` alone. Returns buf. */
 ZBSHR_API(char *) OS_UtilGetInitPath(char *buf, int32_t size, const char *file);
-/* Stores a folder as the init path (an empty one removes the stored path).
+/** Stores a folder as the init path (an empty one removes the stored path).
  * Non-zero on success; 0 when the folder holds no profile file of the host
  * or the store fails. */
 ZBSHR_API(int32_t) OS_UtilPutInitPath(const char *folder);
@@ -174,11 +174,11 @@ ZBSHR_API(int32_t) OS_NetworkGetProfInt(const char *section, const char *key, in
 ZBSHR_API(int32_t) OS_NetworkGetProfStr(const char *section, const char *key, const char *def,
                                         char *buf, int32_t size);
 ZBSHR_API(int32_t) OS_NetworkPutProfStr(const char *section, const char *key, const char *value);
-/* Diagnostics: the recognised host's short name, product name and program
+/** Diagnostics: the recognised host's short name, product name and program
  * folder (each cut to its buffer); returns 1. */
 ZBSHR_API(int32_t) OS_UtilGetHostInfo(char *short_name, int32_t short_size, char *product,
                                       int32_t product_size, char *folder, int32_t folder_size);
-/* Diagnostics: the profile file path used for reading (for_writing 0) or
+/** Diagnostics: the profile file path used for reading (for_writing 0) or
  * writing (non-zero; this may remove a stored init path whose profile file is
  * missing, as a write would). Returns the full length of the path. */
 ZBSHR_API(int32_t) OS_UtilGetProfileFile(char *buf, int32_t size, int32_t for_writing);
