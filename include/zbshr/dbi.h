@@ -74,11 +74,11 @@ ZBSHR_BEGIN_DECLS
 struct DBI_CONNECTION;
 struct DBI_SQLCACHE;
 
-/* The driver dispatch entry: reads `request` and `arg1`..`arg3` from the
+/** The driver dispatch entry: reads `request` and `arg1`..`arg3` from the
  * connection and returns a status. */
 typedef int32_t (ZBSHR_CALLBACK *DBI_DISPATCH)(struct DBI_CONNECTION *connection);
 
-/* The connection context (see above). Fields not listed are the driver's. */
+/** The connection context (see above). Fields not listed are the driver's. */
 typedef struct DBI_CONNECTION {
   ZBSTG_HEAP heap;                 /* heap of everything the cache allocates */
   uint32_t pool;                   /* pool in that heap (0 = default pool) */
@@ -93,7 +93,7 @@ typedef struct DBI_CONNECTION {
   void *driver;                    /* free for the driver's own use */
 } DBI_CONNECTION;
 
-/* A column description as the driver's describe step fills it. Strings are
+/** A column description as the driver's describe step fills it. Strings are
  * NUL-terminated and allocated in the connection's heap. The two flags are
  * 0 or 1. */
 typedef struct DBI_COLUMN {
@@ -115,7 +115,7 @@ typedef struct DBI_COLUMN {
   void *driver_data;      /* the driver's own per-column data */
 } DBI_COLUMN;
 
-/* A cached column description: the describe attributes of a DBI_COLUMN.
+/** A cached column description: the describe attributes of a DBI_COLUMN.
  * Bit 0 of `flags` is `nullable`, bit 1 `updatable`. */
 typedef struct DBI_SQLCACHE_COLUMN {
   char *name;
@@ -134,7 +134,7 @@ typedef struct DBI_SQLCACHE_COLUMN {
 #define DBI_SQLCACHE_COL_NULLABLE 0x1u
 #define DBI_SQLCACHE_COL_UPDATABLE 0x2u
 
-/* A cache entry: one prepared statement. A driver reads its fields and
+/** A cache entry: one prepared statement. A driver reads its fields and
  * changes none of them. */
 typedef struct DBI_SQLCACHE_ENTRY {
   char *text;           /* statement text, leading blanks removed (owned) */
@@ -145,7 +145,7 @@ typedef struct DBI_SQLCACHE_ENTRY {
                            and hash; zero after a discard) */
 } DBI_SQLCACHE_ENTRY;
 
-/* The statement cache of one connection. */
+/** The statement cache of one connection. */
 typedef struct DBI_SQLCACHE {
   SHLIST *entries;   /* available entries, most recently released first */
   int32_t capacity;  /* at most this many available entries (0 keeps one) */
@@ -155,48 +155,48 @@ typedef struct DBI_SQLCACHE {
 
 #pragma pack(pop)
 
-/* Reports `message` from `source` to the driver: request DBI_REQ_ATTRINFO
+/** Reports `message` from `source` to the driver: request DBI_REQ_ATTRINFO
  * with arg1 = message, arg2 = source, arg3 = null, through the connection's
  * dispatch entry. Returns the driver's status; 0 for a null connection or
  * dispatch entry. The request fields are left as sent. */
 ZBSHR_API(int32_t) DBI_AttrInfo(DBI_CONNECTION *connection, const char *source,
                                 const char *message);
 
-/* A new empty cache in the connection's heap and pool. The connection's
+/** A new empty cache in the connection's heap and pool. The connection's
  * `sql_cache` is not changed. Null for a null connection. */
 ZBSHR_API(DBI_SQLCACHE *) DBI_SQLCacheBegin(DBI_CONNECTION *connection, int32_t capacity);
-/* Discards every entry (most recently released first), deletes the list and
+/** Discards every entry (most recently released first), deletes the list and
  * clears and frees the cache. If the connection's `sql_cache` is this cache,
  * it is set to null. A null cache is ignored. */
 ZBSHR_API(void) DBI_SQLCacheEnd(DBI_CONNECTION *connection, DBI_SQLCACHE *cache);
-/* Discards every entry of *cacheSlot (most recently released first); the
+/** Discards every entry of *cacheSlot (most recently released first); the
  * cache stays, with its counters. A null slot or a null cache is ignored. */
 ZBSHR_API(void) DBI_SQLCacheFlushEntries(DBI_CONNECTION *connection, DBI_SQLCACHE **cacheSlot);
-/* A new entry, not in any list, holding a copy of `text` without its leading
+/** A new entry, not in any list, holding a copy of `text` without its leading
  * spaces, tabs, carriage returns and line feeds, and the driver's handle.
  * Null for a null connection or text. */
 ZBSHR_API(DBI_SQLCACHE_ENTRY *) DBI_SQLCacheRegisterSQLStatement(DBI_CONNECTION *connection,
                                                                  const char *text,
                                                                  void *statementHandle);
-/* When `descriptions` (a list of DBI_COLUMN pointers) is not empty, gives the
+/** When `descriptions` (a list of DBI_COLUMN pointers) is not empty, gives the
  * entry a list of cached descriptions, one per column in order (replacing
  * any it had). The caller's records are not changed. */
 ZBSHR_API(void) DBI_SQLCacheRegisterDescribe(DBI_CONNECTION *connection,
                                              DBI_SQLCACHE_ENTRY *entry, SHLIST *descriptions);
-/* The available entry whose text equals `text` after its leading blanks,
+/** The available entry whose text equals `text` after its leading blanks,
  * byte for byte; it leaves the list and its use count and the hits go up.
  * Null (and a miss counted) when none does; null without counting for null
  * arguments. */
 ZBSHR_API(DBI_SQLCACHE_ENTRY *) DBI_SQLCacheRequestSqlStatement(DBI_CONNECTION *connection,
                                                                 DBI_SQLCACHE *cache,
                                                                 const char *text);
-/* A new list of DBI_COLUMN records rebuilt from the entry's cached ones
+/** A new list of DBI_COLUMN records rebuilt from the entry's cached ones
  * (fetch state zero), or null when the entry has none. The list, the records
  * and their name strings are new blocks in the connection's heap and pool;
  * the caller frees them (or the pool). */
 ZBSHR_API(SHLIST *) DBI_SQLCacheRequestDescribe(DBI_CONNECTION *connection,
                                                 DBI_SQLCACHE_ENTRY *entry);
-/* Returns an entry to the cache *cacheSlot after use: while the cache holds
+/** Returns an entry to the cache *cacheSlot after use: while the cache holds
  * `capacity` entries or more, the one released longest ago is discarded;
  * then the entry goes to the head. A null entry with a slot given is reported
  * ("assertion failed! pEntry && pList" from DBI_SQLCACHE_SOURCE) through
@@ -205,12 +205,12 @@ ZBSHR_API(SHLIST *) DBI_SQLCacheRequestDescribe(DBI_CONNECTION *connection,
 ZBSHR_API(void) DBI_SQLCacheMakeSQLStatementAvailable(DBI_CONNECTION *connection,
                                                       DBI_SQLCACHE_ENTRY *entry,
                                                       DBI_SQLCACHE **cacheSlot);
-/* Sends DBI_REQ_DROP_STATEMENT with the entry, then frees its text and cached
+/** Sends DBI_REQ_DROP_STATEMENT with the entry, then frees its text and cached
  * descriptions and zeroes it; a non-zero `freeIt` frees the entry block too.
  * The entry must not be in a cache's list. */
 ZBSHR_API(void) DBI_SQLCacheDiscardEntry(DBI_CONNECTION *connection, DBI_SQLCACHE_ENTRY *entry,
                                          int32_t freeIt);
-/* Reads "SQLCache" from the connection's parameter string and stores it as
+/** Reads "SQLCache" from the connection's parameter string and stores it as
  * the capacity of the connection's cache. Returns 1 when a value was stored;
  * 0 when there is no cache, no parameter string, no such parameter or its
  * value is not a whole number from 0 to 2147483647 (the capacity is then
@@ -223,12 +223,12 @@ ZBSHR_API(void) DBI_SQLCacheDiscardEntry(DBI_CONNECTION *connection, DBI_SQLCACH
  * unterminated quote runs to the end. Entries without '=' are skipped. When a
  * name occurs twice, the last one counts. */
 ZBSHR_API(int32_t) DBI_SQLCacheSetSelectCacheSize(DBI_CONNECTION *connection);
-/* The companion of DBI_SQLCacheSetSelectCacheSize used when a connection is
+/** The companion of DBI_SQLCacheSetSelectCacheSize used when a connection is
  * opened: creates the connection's cache with capacity 0 if it has none, then
  * reads "SQLCache" the same way. Returns the cache (null for a null
  * connection). */
 ZBSHR_API(DBI_SQLCACHE *) DBI_SQLCacheSetup(DBI_CONNECTION *connection);
-/* The cache statistics in a static buffer, overwritten by the next call:
+/** The cache statistics in a static buffer, overwritten by the next call:
  * empty when the connection has no cache or no lookup happened, else
  * "<hits> Cache Hits,<misses> Cache Misses,<n> entries in Cache". A non-zero
  * `store` also keeps the pointer in the connection's `statistics`. Null for a

@@ -57,7 +57,7 @@ ZBSHR_BEGIN_DECLS
 /* Options of Begin. */
 #define OSSAVE_HEADINGS 0x1
 
-/* The export handle: one per export, owned by the export from Begin to End. */
+/** The export handle: one per export, owned by the export from Begin to End. */
 typedef struct ExportState ExportState;
 
 #define ZBSHR_OSSAVE_DECLARE(fmt)                                                              \
@@ -69,26 +69,26 @@ typedef struct ExportState ExportState;
   ZBSHR_API(int32_t) osSave##fmt##Item(ExportState *state, const void *value);                  \
   ZBSHR_API(int32_t) osSave##fmt##End(ExportState *state);
 
-/* Comma-separated text. */
+/** Comma-separated text. */
 ZBSHR_OSSAVE_DECLARE(Csv)
-/* Tab-separated text (Begin and End are those of Csv). */
+/** Tab-separated text (Begin and End are those of Csv). */
 ZBSHR_OSSAVE_DECLARE(Text)
-/* Tab-separated text collected in memory and placed on the clipboard at End.
+/** Tab-separated text collected in memory and placed on the clipboard at End.
  * The file name argument is ignored. */
 ZBSHR_OSSAVE_DECLARE(Clip)
-/* An SQL script: CREATE TABLE and one INSERT per row. */
+/** An SQL script: CREATE TABLE and one INSERT per row. */
 ZBSHR_OSSAVE_DECLARE(Sql)
-/* Data Interchange Format. */
+/** Data Interchange Format. */
 ZBSHR_OSSAVE_DECLARE(Dif)
-/* Symbolic link format. */
+/** Symbolic link format. */
 ZBSHR_OSSAVE_DECLARE(Sylk)
-/* Version-2 spreadsheet workbook stream. */
+/** Version-2 spreadsheet workbook stream. */
 ZBSHR_OSSAVE_DECLARE(Excel)
-/* WKS worksheet. */
+/** WKS worksheet. */
 ZBSHR_OSSAVE_DECLARE(Wk)
-/* dBase II table (at most 65,535 rows, 32 columns, 1000 bytes a record). */
+/** dBase II table (at most 65,535 rows, 32 columns, 1000 bytes a record). */
 ZBSHR_OSSAVE_DECLARE(Dbase2)
-/* dBase III table (at most 1,000,000,000 rows, 128 columns, 4000 bytes a
+/** dBase III table (at most 1,000,000,000 rows, 128 columns, 4000 bytes a
  * record; End is that of Dbase2). */
 ZBSHR_OSSAVE_DECLARE(Dbase3)
 
