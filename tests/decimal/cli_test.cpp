@@ -64,4 +64,12 @@ TEST(DecimalCli, BatchAnswersEveryLine) {
   CliRun r = run("--batch", "add 1 2\\ndiv 1 0\\nround 0.004 2\\nparse  1.50 \\nparse 1..2\\nbogus\\n");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "ok 3\nerr -309\nok 0.00 w-305\nok 1.50\nerr -306\nusage unknown operation 'bogus'\n");
+  // A blank line and CRLF line ends get their answer too, so a reader stays in step.
+  r = run("--batch", "add 1 2\r\n\r\n\nadd 2 2\r\n");
+  EXPECT_EQ(r.out, "ok 3\nusage empty line\nusage empty line\nok 4\n");
+  r = run("--batch --json", "add 1 2\n\ndiv 1 0\n");
+  EXPECT_EQ(r.out,
+            "{\"line\":1,\"notes\":[],\"result\":\"3\",\"status\":\"ok\"}\n"
+            "{\"line\":2,\"status\":\"usage\",\"text\":\"empty line\"}\n"
+            "{\"code\":-309,\"line\":3,\"status\":\"err\"}\n");
 }
