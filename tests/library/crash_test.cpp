@@ -112,7 +112,9 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
 // or the one after that.
 TEST_F(Crash, RandomKillsLeaveAStateTheOperationsPassedThrough) {
   std::string lib = path("r.zbl");
-  const int rounds = 12;
+  // ZBSHR_CRASH_ROUNDS makes a longer soak (bench/library_soak.sh).
+  const char* env = std::getenv("ZBSHR_CRASH_ROUNDS");
+  const int rounds = env ? std::atoi(env) : 12;
   for (int round = 0; round < rounds; ++round) {
     std::remove(lib.c_str());
     fs::remove(lib + "-journal");
@@ -133,7 +135,7 @@ TEST_F(Crash, RandomKillsLeaveAStateTheOperationsPassedThrough) {
       }
     }
     close(fds[1]);
-    usleep(useconds_t(2000 + (round * 7919) % 40000));
+    usleep(useconds_t(2000 + (uint32_t(round) * 7919u) % 40000u));
     kill(pid, SIGKILL);
     int status;
     waitpid(pid, &status, 0);
