@@ -11,6 +11,14 @@
 
 #include "zbshr/memory.h"
 
+// The system profile's file name in ZBSHR_HOME: Windows maps any file named
+// win.ini onto the registry, so the library's sandbox uses another name there.
+#if defined(_WIN32)
+#define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
+#else
+#define ZBTEST_SYSTEM_PROFILE "win.ini"
+#endif
+
 namespace fuzzprof {
 
 // Makes profiles[p] (an [intl] section body) the current regional settings.
@@ -22,7 +30,7 @@ inline void use_profile(const char* tag, const char* const (&profiles)[4], int p
              (std::string("zbshr-fuzz-") + tag + "-" + std::to_string(std::random_device{}()));
     for (int i = 0; i < 4; ++i) {
       std::filesystem::create_directories(d / std::to_string(i));
-      std::ofstream f(d / std::to_string(i) / "win.ini", std::ios::binary | std::ios::trunc);
+      std::ofstream f(d / std::to_string(i) / ZBTEST_SYSTEM_PROFILE, std::ios::binary | std::ios::trunc);
       f << "[intl]\n" << profiles[i];
     }
     base = d.string();

@@ -14,6 +14,14 @@
 
 #include "zbshr/memory.h"
 
+// The system profile's file name in ZBSHR_HOME: Windows maps any file named
+// win.ini onto the registry, so the library's sandbox uses another name there.
+#if defined(_WIN32)
+#define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
+#else
+#define ZBTEST_SYSTEM_PROFILE "win.ini"
+#endif
+
 class Regional : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -40,7 +48,7 @@ class Regional : public ::testing::Test {
   // Replaces the [intl] section with the given "key=value" lines.
   void use(const std::string& lines) {
     {
-      std::ofstream f(dir_ + "/win.ini", std::ios::binary | std::ios::trunc);
+      std::ofstream f(dir_ + "/" ZBTEST_SYSTEM_PROFILE, std::ios::binary | std::ios::trunc);
       f << "[intl]\n" << lines;
     }
     zbshr_intl();

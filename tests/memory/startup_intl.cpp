@@ -12,6 +12,14 @@
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
 
+// The system profile's file name in ZBSHR_HOME: Windows maps any file named
+// win.ini onto the registry, so the library's sandbox uses another name there.
+#if defined(_WIN32)
+#define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
+#else
+#define ZBTEST_SYSTEM_PROFILE "win.ini"
+#endif
+
 namespace {
 
 namespace intl = zbshr::intl;
@@ -27,7 +35,7 @@ class Intl : public ::testing::Test {
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
     ASSERT_FALSE(ec) << dir;
-    ini_ = dir + "/win.ini";
+    ini_ = dir + "/" ZBTEST_SYSTEM_PROFILE;
   }
   void TearDown() override {
     if (!ini_.empty()) {

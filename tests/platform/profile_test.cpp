@@ -103,6 +103,7 @@ TEST_F(HomeTest, IntegerRules) {
 }
 
 TEST_F(HomeTest, ListingSectionsAndKeys) {
+  ZBTEST_POSIX_ONLY("the POSIX profile reader (Windows lists end differently)");
   s_.write("a.ini", kIni);
   std::string f = s_.path("a.ini");
   DWORD n = 0;
@@ -132,6 +133,7 @@ TEST_F(HomeTest, ListingSectionsAndKeys) {
 }
 
 TEST_F(HomeTest, WritingKeepsEverythingElse) {
+  ZBTEST_POSIX_ONLY("the POSIX profile writer (Windows writes CRLF)");
   s_.write("w.ini",
            "; header comment\n"
            "[one]\n"
@@ -180,6 +182,7 @@ TEST_F(HomeTest, WritingKeepsEverythingElse) {
 }
 
 TEST_F(HomeTest, WritingCreatesFilesAndKeepsLineEnds) {
+  ZBTEST_POSIX_ONLY("the POSIX profile writer (Windows writes CRLF)");
   std::string f = s_.path("new.ini");
   EXPECT_TRUE(WritePrivateProfileStringA("s", "k", "v", f.c_str()));
   EXPECT_EQ(s_.read("new.ini"), "[s]\nk=v\n");
@@ -196,6 +199,7 @@ TEST_F(HomeTest, WritingCreatesFilesAndKeepsLineEnds) {
 }
 
 TEST_F(HomeTest, RelativeNamesAndWinIniLiveInTheConfigurationFolder) {
+  ZBTEST_POSIX_ONLY("win.ini in the configuration folder");
   // Reading never creates the folder.
   char buf[32];
   EXPECT_EQ(GetProfileStringA("intl", "sDecimal", ".", buf, sizeof buf), 1u);
@@ -219,6 +223,7 @@ TEST_F(HomeTest, RelativeNamesAndWinIniLiveInTheConfigurationFolder) {
 }
 
 TEST(ConfigFolder, FallsBackToXdgThenHome) {
+  ZBTEST_POSIX_ONLY("the XDG and HOME fallbacks");
   const char* v = std::getenv("ZBSHR_HOME");
   std::string saved = v ? v : "";
   const char* x = std::getenv("XDG_CONFIG_HOME");
@@ -235,6 +240,7 @@ TEST(ConfigFolder, FallsBackToXdgThenHome) {
 }
 
 TEST_F(HomeTest, RegistryRoundTrip) {
+  ZBTEST_POSIX_ONLY("the registry file of the POSIX backend");
   HKEY k = nullptr;
   DWORD disp = 0;
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\Example\\Tool", 0, nullptr,
@@ -318,6 +324,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
 }
 
 TEST(Clipboard, KeepsTheTextAndPipesItToACommand) {
+  ZBTEST_POSIX_ONLY("ZBSHR_CLIPBOARD_CMD is a POSIX knob");
   Scratch s;
   std::string out = s.path("clip.txt");
   std::string cmd = "cat > '" + out + "'";
@@ -428,6 +435,7 @@ namespace {
 // Random bytes in place of a profile or registry file: every read must stay
 // inside its buffer and keep the documented shape of its result.
 TEST_F(HomeTest, GarbageFilesAreReadSafely) {
+  ZBTEST_POSIX_ONLY("the POSIX profile reader (Windows lists end differently)");
   std::mt19937 rng(12345);
   const char alphabet[] = "[]=;\"'\\ \t\r\nabcAB01x:\x00\x01\xff";
   for (int round = 0; round < 300; ++round) {

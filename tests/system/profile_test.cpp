@@ -11,6 +11,14 @@
 
 #include "zbshr/system.h"
 
+// The system profile's file name in ZBSHR_HOME: Windows maps any file named
+// win.ini onto the registry, so the library's sandbox uses another name there.
+#if defined(_WIN32)
+#define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
+#else
+#define ZBTEST_SYSTEM_PROFILE "win.ini"
+#endif
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -99,11 +107,11 @@ TEST_F(ProfileTest, DefaultsToHostFolderAndItsProfile) {
 
 TEST_F(ProfileTest, SystemProfileFallbacksInOrder) {
   // "InitPath" applies only while "InitPath050" is absent or empty.
-  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath=/srv/old\n");
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath=/srv/old\n");
   EXPECT_EQ(InitPath(), "/srv/old/");
-  Spill(home_ / "win.ini", "[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n");
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n");
   EXPECT_EQ(InitPath(), "/srv/new/");
-  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=\nInitPath=C:\n");
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=\nInitPath=C:\n");
   EXPECT_EQ(InitPath(), "C:");  // no separator after a drive
   // Other hosts read their own product section.
   SetHost("dv050.exe");
@@ -113,7 +121,7 @@ TEST_F(ProfileTest, SystemProfileFallbacksInOrder) {
 TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   fs::path cfg = root_ / "cfg";
   fs::create_directories(cfg);
-  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=/srv/new\n");
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=/srv/new\n");
   EXPECT_EQ(OS_UtilPutInitPath(cfg.string().c_str()), 0);  // no zb.ini there yet
   EXPECT_EQ(InitPath(), "/srv/new/");
   Spill(cfg / "zb.ini", "[app]\ncolor=blue\n");
@@ -133,7 +141,7 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
 }
 
 TEST_F(ProfileTest, GetInitPathReplacesWhatWouldNotFit) {
-  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=/abcdefghij\n");  // 12 with separator
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=/abcdefghij\n");  // 12 with separator
   // 12 + 8 + 4 = 24 reaches size - 1 = 24: the file name alone.
   EXPECT_EQ(InitPath(25, "file.ini"), "file.ini");
   EXPECT_EQ(InitPath(26, "file.ini"), "/abcdefghij/file.ini");
@@ -143,7 +151,7 @@ TEST_F(ProfileTest, GetInitPathReplacesWhatWouldNotFit) {
 // cut or refused early enough for its separator to fit.
 TEST_F(ProfileTest, InitPathKeepsRoomForItsSeparator) {
   const std::string value = "/0123456789abcdefghijklmnopqrstuvwxyz";
-  Spill(home_ / "win.ini", "[Quillbrander]\nInitPath050=" + value + "\n");
+  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=" + value + "\n");
   EXPECT_EQ(InitPath(20), value.substr(0, 18) + "/");
   EXPECT_EQ(InitPath(4), "/0/");
   EXPECT_EQ(InitPath(2), "");  // a one-byte buffer holds no character
