@@ -73,7 +73,8 @@ class Recovery : public LibTest {
     for (int i = 0; i < n; ++i) {
       char name[32];
       std::snprintf(name, sizeof name, sequential ? "w_%08d" : "e%03d", sequential ? i : (i * 37) % n);
-      Entry e{pattern(size_t((i * 131) % 1700), uint32_t(i)), i % 3 ? "note " + std::to_string(i) : ""};
+      Entry e{pattern(size_t((i * 131) % 1700), uint32_t(i)),
+              i == 1 ? std::string(255, 'c') : i % 3 ? "note " + std::to_string(i) : ""};
       EXPECT_EQ(put(h, name, e.data, e.comment.empty() ? nullptr : e.comment.c_str()), 0);
       want[name] = e;
     }
