@@ -279,7 +279,7 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
     node = next;
   }
   if (take) {
-
+    note_emptied(list);
     list->first = list->last = list->current = nullptr;
     list->count = 0;
   }
