@@ -181,7 +181,8 @@ ZBSHR_API(int32_t) zbshr_lib_repair(const char *path, ZBSHR_LIB_PROBLEM cb, void
 ZBSHR_API(int32_t) zbshr_lib_compact(const char *path, ZBSHR_LIB_PROBLEM cb, void *ctx);
 /** Why the last library call on this thread failed: copies the text into buf
  * (always zero-terminated when size > 0) and returns its code, 0 when the last
- * call succeeded or none failed yet. */
+ * call succeeded or none failed yet. A call refused for its arguments before
+ * any work (a null handle, say) leaves the previous reason in place. */
 ZBSHR_API(int32_t) zbshr_lib_last_error(char *buf, int32_t size);
 
 ZBSHR_END_DECLS
