@@ -9,6 +9,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <iterator>
 #include <vector>
 
 #include "zbshr/memory.h"
@@ -64,7 +65,12 @@ TEST(StrConv, StrtodMatchesTheCRuntimeInTheCLocale) {
       "1.5E-3", "0x1.8p3", "0X1P-2z", "0x", "0xg", "0x-1", "-0x10", "inf", "-Infinity", "nanx",
       "1e400", "-1e400", "1e-400", "0.0000001e-400", "1e-310", "123456789012345678901234567890",
       "0.1234567890123456789012345", "1,5", "", "   ", "1e99999999999999999999", "0e999999"};
-  for (const char* t : texts) {
+  // Out of range without an exponent: 400 digits, and 400 zeros after the point.
+  const std::string many = "1" + std::string(400, '0'), tiny = "0." + std::string(400, '0') + "1";
+  std::vector<const char*> all(std::begin(texts), std::end(texts));
+  all.push_back(many.c_str());
+  all.push_back(tiny.c_str());
+  for (const char* t : all) {
     char* want_end = nullptr;
     char* got_end = nullptr;
     errno = 0;
