@@ -60,7 +60,7 @@ inline void set_quiet(bool quiet) { g_quiet = g_quiet || quiet; }
 inline bool show_progress() { return !g_quiet && stderr_is_terminal(); }
 
 // The signal (SIGINT, SIGTERM) that asked the program to stop, 0 if none;
-// set by the handlers io.cpp installs. Long loops poll interrupted() and stop
+// set by the handlers fileio.cpp installs. Long loops poll interrupted() and stop
 // without leaving partial output.
 inline volatile std::sig_atomic_t g_interrupt_signal = 0;
 inline bool interrupted() { return g_interrupt_signal != 0; }

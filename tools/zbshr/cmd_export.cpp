@@ -15,7 +15,7 @@
 
 #include "args.h"
 #include "cli.h"
-#include "io.h"
+#include "fileio.h"
 #include "zbshr/decimal.h"
 #include "zbshr/export.h"
 #include "zbshr/format.h"

@@ -19,7 +19,7 @@
 
 #include "args.h"
 #include "cli.h"
-#include "io.h"
+#include "fileio.h"
 #include "zbshr/format.h"
 #include "zbshr/memory.h"
 

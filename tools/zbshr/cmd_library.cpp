@@ -14,7 +14,7 @@
 
 #include "args.h"
 #include "cli.h"
-#include "io.h"
+#include "fileio.h"
 #include "zbshr/library.h"
 #include "zbshr/memory.h"
 

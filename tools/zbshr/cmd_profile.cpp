@@ -13,7 +13,7 @@
 
 #include "args.h"
 #include "cli.h"
-#include "io.h"
+#include "fileio.h"
 #include "zbshr/system.h"
 
 namespace {

@@ -1,5 +1,5 @@
-// Safe input and output for the subcommands (see io.h).
-#include "io.h"
+// Safe input and output for the subcommands (see fileio.h).
+#include "fileio.h"
 
 #include <atomic>
 #include <cerrno>
@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <vector>
 
 #include <fcntl.h>
@@ -153,11 +154,18 @@ bool AtomicOutput::prepare(const std::string& target, std::string& error) {
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
 #if defined(_WIN32)
-  if (_mktemp_s(name.data(), name.size()) != 0) {
-    error = "cannot create a temporary file beside " + target;
+  // A fresh random name; the library creates the file itself.
+  std::random_device rd;
+  for (int attempt = 0; attempt < 100 && temp_.empty(); ++attempt) {
+    std::string cand = pattern.substr(0, pattern.size() - 6);
+    for (int i = 0; i < 6; ++i) cand += "0123456789abcdef"[rd() % 16];
+    std::error_code ec;
+    if (!std::filesystem::exists(cand, ec)) temp_ = cand;
+  }
+  if (temp_.empty()) {
+    error = "cannot choose a temporary name beside " + target;
     return false;
   }
-  temp_ = name.data();
 #else
   int fd = ::mkstemp(name.data());
   if (fd < 0) {

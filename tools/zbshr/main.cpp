@@ -1,6 +1,6 @@
 // zbshr: entry point, subcommand dispatch, help, version and the demo driver.
 // No exception leaves main: whatever a subcommand throws is reported as a
-// failure (exit 1); SIGINT and SIGTERM make long work stop cleanly (io.h).
+// failure (exit 1); SIGINT and SIGTERM make long work stop cleanly (fileio.h).
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 
 #include "args.h"
 #include "cli.h"
-#include "io.h"
+#include "fileio.h"
 #include "zbshr/system.h"
 
 #if defined(_WIN32)
