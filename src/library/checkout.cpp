@@ -96,6 +96,35 @@ const Record* findRecord(const std::vector<Record>& recs, const char* name) {
 
 namespace zbshr::lm {
 
+// ------------------------------------------------------------------ check-out list
+
+int32_t readList(Library* h, std::vector<uint8_t>* out) {
+  out->clear();
+  uint32_t first = rd32(h->fixed + hdr::kListFirst);
+  uint32_t len = rd32(h->fixed + hdr::kListLen);
+  if (len == 0) return 0;
+  if (first == 0) return LMI_E_IO;
+  return readChain(h, first, len, out) ? LMI_E_IO : 0;
+}
+
+int32_t writeList(Library* h, const std::vector<uint8_t>& bytes, bool freeOld) {
+  int32_t rc;
+  if (freeOld) {
+    rc = freeChain(h, rd32(h->fixed + hdr::kListLen), rd32(h->fixed + hdr::kListFirst));
+    if (rc) return rc;
+  }
+  uint32_t first = 0;
+  if (!bytes.empty()) {
+    rc = writeChain(h, bytes.data(), uint32_t(bytes.size()), &first);
+    if (rc) return rc;
+  }
+  wr32(h->fixed + hdr::kListFirst, first);
+  wr32(h->fixed + hdr::kListLen, uint32_t(bytes.size()));
+  rc = flushMaps(h);
+  if (rc) return rc;
+  return writeAt(h, h->base, h->fixed, kBlock);
+}
+
 int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
                            bool onlyIfPresent) {
   *status = 0;

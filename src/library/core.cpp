@@ -405,79 +405,7 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
   return h;
 }
 
-// The final writes of a library opened for writing, as one operation; with
-// write-through off this is where the changes become durable.
-// A handle marked failed has nothing it may write: its failure was reported
-// by the call that failed, and the journal stays for the next open.
-static int32_t finalWrites(Library* h) {
-  if (h->failed) return 0;
-  if (h->txDepth) txRollback(h);  // an operation left open by a failed call
-  int32_t rc = txBegin(h);
-  if (rc) return rc;
-  if (h->freed) rc = releaseTail(h);
-  if (rc == 0) rc = flushMaps(h);
-  bool trailer = rc == 0 && h->trailer;
-  if (trailer) {
-    uint8_t tr[kBlock] = {};
-    std::memcpy(tr, "TRL*", 4);
-    wr32(tr + 4, h->base);
-    rc = writeAt(h, h->fsize, tr, kBlock);
-  }
-  rc = txEnd(h, rc);
-  if (rc == 0) rc = batchCommit(h);
-  if (rc) return rc;
-  if (trailer) h->fsize -= kBlock;  // the trailer is not part of the library
-  if (!h->writeThrough && !FlushFileBuffers(h->file)) return LMI_E_IO;
-  return 0;
-}
 
-int32_t closeLibrary(Library* h) {
-  if (h->kept_by_session) return 0;
-  if (h->mode != 1) {
-    int32_t rc = finalWrites(h);
-    if (rc != 0) return rc;
-  }
-  closeJournal(h);
-  if (!CloseHandle(h->file)) return LMI_E_IO;
-  destroy(h);
-  return 0;
-}
-
-int32_t closeLibraryAlways(Library* h) {
-  if (!h || h->kept_by_session) return 0;
-  int32_t rc = h->mode != 1 ? finalWrites(h) : 0;
-  if (rc && h->txDepth) txRollback(h);
-  closeJournal(h);
-  if (!CloseHandle(h->file) && rc == 0) rc = LMI_E_IO;
-  destroy(h);
-  return rc;
-}
-
-int32_t reloadHandle(Library* h, bool keepPending) {
-  for (auto& kv : h->nodes) hfree(h, kv.second);
-  h->nodes.clear();
-  for (auto& q : h->quick) q = Library::Slot{};
-  dropIndex(h);
-  h->lookups = 0;
-  for (size_t k = 1; k < h->maps.size(); ++k) hfree(h, h->maps[k].img);
-  h->maps.resize(1);
-  h->maps[0] = Bitmap{h->base + kBlock, h->fixed + kBlock, false};
-  h->mapsLoaded = false;
-  h->freeHint = 0;
-  h->appending = false;
-  h->freed = false;
-  h->rootChecked = false;
-  h->pos = -1;
-  if (!keepPending) {
-    h->pending.clear();
-    h->pendingBytes = 0;
-    int64_t size = 0;
-    if (!GetFileSizeEx(h->file, &size) || size < 0) return LMI_E_IO;
-    h->fsize = h->diskSize = uint64_t(size);
-  }
-  if (uint64_t(h->base) + h->fixedSize > h->fsize) return LMI_E_DAMAGED;
-  return readAt(h, h->base, h->fixed, h->fixedSize);
-}
 
 // ------------------------------------------------------------------ bitmaps
 
@@ -863,35 +791,6 @@ int32_t writeChain(Library* h, const void* bytes, uint32_t count, uint32_t* firs
   if (rc) return rc;
   *first = h->wFirst;
   return 0;
-}
-
-// ------------------------------------------------------------------ check-out list
-
-int32_t readList(Library* h, std::vector<uint8_t>* out) {
-  out->clear();
-  uint32_t first = rd32(h->fixed + hdr::kListFirst);
-  uint32_t len = rd32(h->fixed + hdr::kListLen);
-  if (len == 0) return 0;
-  if (first == 0) return LMI_E_IO;
-  return readChain(h, first, len, out) ? LMI_E_IO : 0;
-}
-
-int32_t writeList(Library* h, const std::vector<uint8_t>& bytes, bool freeOld) {
-  int32_t rc;
-  if (freeOld) {
-    rc = freeChain(h, rd32(h->fixed + hdr::kListLen), rd32(h->fixed + hdr::kListFirst));
-    if (rc) return rc;
-  }
-  uint32_t first = 0;
-  if (!bytes.empty()) {
-    rc = writeChain(h, bytes.data(), uint32_t(bytes.size()), &first);
-    if (rc) return rc;
-  }
-  wr32(h->fixed + hdr::kListFirst, first);
-  wr32(h->fixed + hdr::kListLen, uint32_t(bytes.size()));
-  rc = flushMaps(h);
-  if (rc) return rc;
-  return writeAt(h, h->base, h->fixed, kBlock);
 }
 
 }  // namespace zbshr::lm

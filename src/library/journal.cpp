@@ -1,4 +1,4 @@
-// Library files: operations and the rollback journal.
+// Library files: operations, the rollback journal, and the close of a library.
 //
 // An operation holds its writes in memory (Library::pending). Before any
 // block that existed when the operation began is overwritten in place, its
@@ -22,6 +22,7 @@
 #include <random>
 
 #include "library/lm.h"
+#include "zbshr/memory.h"
 
 namespace zbshr::lm {
 
@@ -434,6 +435,80 @@ int32_t batchCommit(Library* h) {
 int32_t txEndReleasing(Library* h, int32_t rc) {
   if (rc == 0 && h->freed && h->txDepth == 1) rc = releaseTail(h);
   return txEnd(h, rc);
+}
+
+int32_t reloadHandle(Library* h, bool keepPending) {
+  for (auto& kv : h->nodes) zbstg_free(h->heap, kv.second);
+  h->nodes.clear();
+  for (auto& q : h->quick) q = Library::Slot{};
+  dropIndex(h);
+  h->lookups = 0;
+  for (size_t k = 1; k < h->maps.size(); ++k) zbstg_free(h->heap, h->maps[k].img);
+  h->maps.resize(1);
+  h->maps[0] = Bitmap{h->base + kBlock, h->fixed + kBlock, false};
+  h->mapsLoaded = false;
+  h->freeHint = 0;
+  h->appending = false;
+  h->freed = false;
+  h->rootChecked = false;
+  h->pos = -1;
+  if (!keepPending) {
+    h->pending.clear();
+    h->pendingBytes = 0;
+    int64_t size = 0;
+    if (!GetFileSizeEx(h->file, &size) || size < 0) return LMI_E_IO;
+    h->fsize = h->diskSize = uint64_t(size);
+  }
+  if (uint64_t(h->base) + h->fixedSize > h->fsize) return LMI_E_DAMAGED;
+  return readAt(h, h->base, h->fixed, h->fixedSize);
+}
+
+// The final writes of a library opened for writing, as one operation; with
+// write-through off this is where the changes become durable.
+// A handle marked failed has nothing it may write: its failure was reported
+// by the call that failed, and the journal stays for the next open.
+static int32_t finalWrites(Library* h) {
+  if (h->failed) return 0;
+  if (h->txDepth) txRollback(h);  // an operation left open by a failed call
+  int32_t rc = txBegin(h);
+  if (rc) return rc;
+  if (h->freed) rc = releaseTail(h);
+  if (rc == 0) rc = flushMaps(h);
+  bool trailer = rc == 0 && h->trailer;
+  if (trailer) {
+    uint8_t tr[kBlock] = {};
+    std::memcpy(tr, "TRL*", 4);
+    wr32(tr + 4, h->base);
+    rc = writeAt(h, h->fsize, tr, kBlock);
+  }
+  rc = txEnd(h, rc);
+  if (rc == 0) rc = batchCommit(h);
+  if (rc) return rc;
+  if (trailer) h->fsize -= kBlock;  // the trailer is not part of the library
+  if (!h->writeThrough && !FlushFileBuffers(h->file)) return LMI_E_IO;
+  return 0;
+}
+
+int32_t closeLibrary(Library* h) {
+  if (h->kept_by_session) return 0;
+  if (h->mode != 1) {
+    int32_t rc = finalWrites(h);
+    if (rc != 0) return rc;
+  }
+  closeJournal(h);
+  if (!CloseHandle(h->file)) return LMI_E_IO;
+  destroy(h);
+  return 0;
+}
+
+int32_t closeLibraryAlways(Library* h) {
+  if (!h || h->kept_by_session) return 0;
+  int32_t rc = h->mode != 1 ? finalWrites(h) : 0;
+  if (rc && h->txDepth) txRollback(h);
+  closeJournal(h);
+  if (!CloseHandle(h->file) && rc == 0) rc = LMI_E_IO;
+  destroy(h);
+  return rc;
 }
 
 void closeJournal(Library* h) {

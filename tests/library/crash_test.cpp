@@ -107,6 +107,77 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
   EXPECT_GT(t.points, 300);
 }
 
+// After a failed write, later calls on the same handle publish none of it,
+// and the handle goes on working.
+TEST_F(Crash, AFailedOperationLeavesNothingForLaterCallsToPublish) {
+  for (int at : {1, 2, 3}) {
+    SCOPED_TRACE(at);
+    std::string lib = path("f.zbl");
+    fs::remove(lib);
+    S p(lib);
+    ASSERT_EQ(LMI_CreateLibrary(heap, p, nullptr), 0);
+    ASSERT_EQ(putIn("f.zbl", "x", pattern(5000, 1), "kept"), 0);
+    LMI_HANDLE h = open(lib, 2);
+    ASSERT_NE(h, nullptr);
+    g_count = 0;
+    g_at = at;
+    g_mode = Mode::Fail;
+    zbshr::lm::ioHook = hook;
+    EXPECT_NE(put(h, "x", pattern(3, 2)), 0);
+    zbshr::lm::ioHook = nullptr;
+    EXPECT_EQ(get(h, "x"), pattern(5000, 1));
+    EXPECT_EQ(put(h, "y", pattern(700, 3)), 0);
+    EXPECT_EQ(LMI_CloseLibrary(h), 0);
+    LibState st = snapshot(lib);
+    EXPECT_EQ(st.entries.size(), 2u);
+    EXPECT_EQ(st.entries["x"], std::make_pair(pattern(5000, 1), std::string("kept")));
+    EXPECT_EQ(st.entries["y"].first, pattern(700, 3));
+    EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
+  }
+}
+
+// A journal left by a killed writer is rolled back by the next reader; a
+// reader that cannot write the file refuses to open it instead.
+TEST_F(Crash, AReaderRollsBackAHotJournalOrRefuses) {
+  std::string lib = path("h.zbl");
+  S p(lib);
+  ASSERT_EQ(LMI_CreateLibrary(heap, p, nullptr), 0);
+  ASSERT_EQ(putIn("h.zbl", "x", pattern(9000, 4)), 0);
+  LibState before = snapshot(lib);
+  std::vector<uint8_t> bytesBefore = slurp(lib);
+  // Ends the writer right after its first write to the library (the journal is complete).
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    zbshr::lm::ioHook = [](char kind, bool journal, uint64_t, uint32_t) -> int64_t {
+      static bool wrote = false;
+      if (kind == 's' && !journal && wrote) _exit(77);
+      if (kind == 'w' && !journal) wrote = true;
+      return -1;
+    };
+    putIn("h.zbl", "x", pattern(100, 5));
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_EQ(WEXITSTATUS(status), 77);
+  ASSERT_TRUE(fs::exists(lib + "-journal"));
+  EXPECT_NE(slurp(lib), bytesBefore);  // written in place, not yet rolled back
+  {
+    // Another reader holds the file, sharing it with readers only.
+    namespace plat = zbshr::plat;
+    plat::HFILE other = plat::CreateFileA(lib.c_str(), plat::GENERIC_READ, plat::FILE_SHARE_READ,
+                                          plat::OPEN_EXISTING, plat::FILE_ATTRIBUTE_NORMAL);
+    ASSERT_NE(other, plat::INVALID_HANDLE);
+    EXPECT_EQ(open(lib, 1), nullptr);
+    EXPECT_TRUE(fs::exists(lib + "-journal"));
+    plat::CloseHandle(other);
+  }
+  EXPECT_EQ(snapshot(lib), before);
+  EXPECT_FALSE(fs::exists(lib + "-journal"));
+  EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
+}
+
 // A child process does random operations and is killed at a random moment;
 // the library must then hold the state after the last operation it finished
 // or the one after that.
