@@ -243,7 +243,8 @@ bool parse_value(const Column& c, const CsvReader::Field& f, bool sql, Value& v,
       char* end = nullptr;
       errno = 0;
       v.number = std::strtod(s, &end);
-      const bool range = errno == ERANGE && v.number != 0;
+      // Underflow to a subnormal keeps a value (5e-324 is a double); to zero, it does not.
+      const bool range = errno == ERANGE && v.number == 0;
       while (*end == ' ') ++end;
       if (end == s || *end != '\0') {
         error = "'" + f.text + "' is not a number";

@@ -125,7 +125,9 @@ AtomicOutput::~AtomicOutput() { discard(); }
 
 void AtomicOutput::discard() {
   if (!temp_.empty()) std::remove(temp_.c_str());
+  if (!temp_dir_.empty()) std::remove(temp_dir_.c_str());
   temp_.clear();
+  temp_dir_.clear();
 }
 
 bool AtomicOutput::prepare(const std::string& target, std::string& error) {
@@ -139,44 +141,42 @@ bool AtomicOutput::prepare(const std::string& target, std::string& error) {
   }
   rename_ = target != "-" && (!exists || S_ISREG(st.st_mode));
   std::string dir;
-  std::string base = "zbshr-out";
+  // The file inside the scratch folder keeps the target's own name: some
+  // formats write the file's name into the file (a table name, a title).
+  std::string base = target == "-" ? std::string("zbshr-out") : fs::path(target).filename().string();
+  if (base.empty()) base = "zbshr-out";
   if (rename_) {
-    fs::path p(target);
-    dir = p.parent_path().string();
+    dir = fs::path(target).parent_path().string();
     if (dir.empty()) dir = ".";
-    base = "." + p.filename().string();
   } else {
     std::error_code ec;
     dir = fs::temp_directory_path(ec).string();
     if (ec || dir.empty()) dir = "/tmp";
   }
-  std::string pattern = dir + "/" + base + ".tmp-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
+  std::string pattern = dir + "/." + base + ".tmp-XXXXXX";
 #if defined(_WIN32)
-  // A fresh random name; the library creates the file itself.
   std::random_device rd;
-  for (int attempt = 0; attempt < 100 && temp_.empty(); ++attempt) {
+  for (int attempt = 0; attempt < 100 && temp_dir_.empty(); ++attempt) {
     std::string cand = pattern.substr(0, pattern.size() - 6);
     for (int i = 0; i < 6; ++i) cand += "0123456789abcdef"[rd() % 16];
     std::error_code ec;
-    if (!std::filesystem::exists(cand, ec)) temp_ = cand;
+    if (fs::create_directory(cand, ec) && !ec) temp_dir_ = cand;
   }
-  if (temp_.empty()) {
-    error = "cannot choose a temporary name beside " + target;
+  if (temp_dir_.empty()) {
+    error = "cannot write " + (rename_ ? target : dir) + ": cannot make a temporary folder";
     return false;
   }
 #else
-  int fd = ::mkstemp(name.data());
-  if (fd < 0) {
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  if (::mkdtemp(name.data()) == nullptr) {
     error = "cannot write " + (rename_ ? target : dir) + ": " + os_reason(errno);
     return false;
   }
-  ::close(fd);
-  temp_ = name.data();
-  // The library creates the file itself: it must not find one in its way.
-  std::remove(temp_.c_str());
+  temp_dir_ = name.data();
 #endif
+  // The library creates the file itself.
+  temp_ = temp_dir_ + "/" + base;
   return true;
 }
 
@@ -199,6 +199,7 @@ bool AtomicOutput::commit(std::string& error) {
       return false;
     }
     temp_.clear();
+    discard();  // the scratch folder, now empty
     return true;
   }
   FILE* from = std::fopen(temp_.c_str(), "rb");

@@ -37,9 +37,10 @@ void close_input(FILE* f);
 bool read_input(const std::string& path, std::string& data, std::string& error);
 
 // An output file that appears under its name only when commit() succeeds.
-// prepare() makes a temporary file beside the target (or in the temporary
+// prepare() makes a scratch folder beside the target (or in the temporary
 // folder when the target is "-" or an existing non-regular file such as
-// /dev/null); temp_path() is where to write. commit() renames it into place,
+// /dev/null); temp_path() is where to write: a file of the target's own name
+// inside it, since some formats write their file's name into the file. commit() renames it into place,
 // or copies it to standard output / the device; the destructor removes a
 // temporary file that was not committed.
 class AtomicOutput {
@@ -54,7 +55,7 @@ class AtomicOutput {
   void discard();
 
  private:
-  std::string target_, temp_;
+  std::string target_, temp_, temp_dir_;
   bool rename_ = true;
 };
 
