@@ -248,7 +248,9 @@ TEST(DecimalFloat, DoubleToDecimalUsesShortestDigits) {
   for (const auto& c : cases) {
     ASSERT_EQ(ConvDoubleToDecimal(&d, c.x), &d) << c.x;
     EXPECT_EQ(str(d), c.text) << c.x;
-    if (c.x < 0) EXPECT_EQ(d.sign, c.text[0] == '-' ? 1 : 0) << c.x;  // no negative zero
+    if (c.x < 0) {
+      EXPECT_EQ(d.sign, c.text[0] == '-' ? 1 : 0) << c.x;  // no negative zero
+    }
   }
   // 5e-324, 5e-29 and -1e-30 vanished at 28 places.
   EXPECT_EQ(hook.seen(), (std::vector<int>{-305, -305, -305}));
