@@ -41,7 +41,7 @@ TEST(ContainersFlip, DecimalSwapsSevenWordsAndLeavesTheLastTwoBytes) {
 void* g_calls[8];
 int32_t g_extras[8];
 int g_n = 0;
-void* Flip3(void* p, int32_t extra) {
+void* ZBSHR_CALLBACK Flip3(void* p, int32_t extra) {
   g_calls[g_n] = p;
   g_extras[g_n++] = extra;
   auto* b = static_cast<unsigned char*>(p);

@@ -110,12 +110,12 @@ TEST_F(ContainersGrow, StepZeroIsRefused) {
   EXPECT_EQ(b.count, 0);
 }
 
-int32_t CmpStr(void* a, void* b) { return std::strcmp(static_cast<char*>(a), static_cast<char*>(b)); }
-int32_t CmpInt(void* a, void* b) {
+int32_t ZBSHR_CALLBACK CmpStr(void* a, void* b) { return std::strcmp(static_cast<char*>(a), static_cast<char*>(b)); }
+int32_t ZBSHR_CALLBACK CmpInt(void* a, void* b) {
   const auto x = reinterpret_cast<intptr_t>(a), y = reinterpret_cast<intptr_t>(b);
   return x < y ? -1 : x > y;
 }
-int32_t CmpIntMod(intptr_t m, void* a, void* b) {
+int32_t ZBSHR_CALLBACK CmpIntMod(intptr_t m, void* a, void* b) {
   const auto x = reinterpret_cast<intptr_t>(a) % m, y = reinterpret_cast<intptr_t>(b) % m;
   return x < y ? -1 : x > y;
 }
@@ -167,7 +167,7 @@ TEST(ContainersHeapSort, ParameterComesFirstAndStringsSort) {
 }
 
 int g_calls = 0;
-int32_t CmpKeyInt(const void* key, const void* item) {
+int32_t ZBSHR_CALLBACK CmpKeyInt(const void* key, const void* item) {
   ++g_calls;
   const int32_t k = *static_cast<const int32_t*>(key), v = *static_cast<const int32_t*>(item);
   return k < v ? -1 : k > v;

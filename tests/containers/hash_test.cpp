@@ -76,7 +76,7 @@ struct Rec {
   const char* name;
   int id;
 };
-void* RecName(void* data) { return const_cast<char*>(static_cast<Rec*>(data)->name); }
+void* ZBSHR_CALLBACK RecName(void* data) { return const_cast<char*>(static_cast<Rec*>(data)->name); }
 void* RecNameArg(intptr_t arg, void* data) {
   ++*reinterpret_cast<int*>(arg);
   return RecName(data);
@@ -168,7 +168,7 @@ TEST_F(ContainersHash, IterationVisitsEveryItemOnceInBucketOrder) {
   EXPECT_EQ(shhash_get_first(nullptr), nullptr);
 }
 
-int32_t CountUntil(void* data, intptr_t param) {
+int32_t ZBSHR_CALLBACK CountUntil(void* data, intptr_t param) {
   auto* n = reinterpret_cast<int*>(param);
   return ++*n == 5 ? 0 : 42;
 }
@@ -227,7 +227,7 @@ struct TableChanger {
   int calls;
 };
 
-int32_t ChangeTable(void* data, intptr_t param) {
+int32_t ZBSHR_CALLBACK ChangeTable(void* data, intptr_t param) {
   auto* c = reinterpret_cast<TableChanger*>(param);
   ++c->calls;
   if (c->action == 0) {

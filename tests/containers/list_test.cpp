@@ -162,7 +162,7 @@ struct Visit {
   std::string stop_at;
 };
 
-int32_t Visitor(void* data, intptr_t param) {
+int32_t ZBSHR_CALLBACK Visitor(void* data, intptr_t param) {
   auto* v = reinterpret_cast<Visit*>(param);
   v->seen.emplace_back(static_cast<const char*>(data));
   return v->seen.back() == v->stop_at ? 0 : static_cast<int32_t>(v->seen.size()) + 10;
@@ -204,7 +204,7 @@ bool MoveTo(SHLIST* l, const std::string& item) {
   return false;
 }
 
-int32_t Change(void* data, intptr_t param) {
+int32_t ZBSHR_CALLBACK Change(void* data, intptr_t param) {
   auto* c = reinterpret_cast<Changer*>(param);
   c->seen.emplace_back(static_cast<const char*>(data));
   const std::string& a = c->action;
@@ -259,12 +259,12 @@ TEST_F(ContainersList, TraversalSurvivesChangesMadeByTheCallback) {
   }
 }
 
-int32_t ByLength(void* a, void* b) {
+int32_t ZBSHR_CALLBACK ByLength(void* a, void* b) {
   return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) -
          static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
 }
 
-int32_t Descending(intptr_t param, void* a, void* b) {
+int32_t ZBSHR_CALLBACK Descending(intptr_t param, void* a, void* b) {
   ++*reinterpret_cast<int*>(param);
   return std::strcmp(static_cast<char*>(b), static_cast<char*>(a));
 }

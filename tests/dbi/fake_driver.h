@@ -50,7 +50,7 @@ class FakeDriver {
   }
 
  private:
-  static int32_t Dispatch(DBI_CONNECTION* c) {
+  static int32_t ZBSHR_CALLBACK Dispatch(DBI_CONNECTION* c) {
     auto* self = static_cast<FakeDriver*>(c->driver);
     Request r{c->request, c->arg1, c->arg2, c->arg3, "", "", nullptr};
     if (c->request == DBI_REQ_ATTRINFO) {
