@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/run_program.h"
 #include "helpers.h"
+// After the library's own headers: on Windows it brings in <windows.h>,
+// whose macros would clash with the platform layer's names.
+#include "common/run_program.h"
 #include "zbshr/system.h"
 
 using namespace lmtest;

@@ -146,7 +146,9 @@ class CrashTest : public LibTest {
   // second close (here without the fault) must then succeed.
   static int32_t closeTwice(LMI_HANDLE h) {
     int32_t c = LMI_CloseLibrary(h);
-    if (c) EXPECT_EQ(LMI_CloseLibrary(h), 0);
+    if (c) {
+      EXPECT_EQ(LMI_CloseLibrary(h), 0);
+    }
     return c;
   }
   int32_t putIn(const std::string& f, const std::string& name, const std::string& data,

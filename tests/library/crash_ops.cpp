@@ -59,10 +59,15 @@ std::vector<Operation> build() {
   auto add = [&](std::string name, std::function<void(CrashTest&)> setup,
                  std::function<int32_t(CrashTest&)> run,
                  std::function<void(CrashTest&, State&)> change) {
-    ops.push_back({name, setup, run, [change](CrashTest& t, State s) {
-                     change(t, s);
-                     return s;
-                   }});
+    Operation op;
+    op.name = std::move(name);
+    op.setup = std::move(setup);
+    op.run = std::move(run);
+    op.expect = [change](CrashTest& t, State s) {
+      change(t, s);
+      return s;
+    };
+    ops.push_back(std::move(op));
   };
   static const std::string A = "a.zbl", B = "b.zbl";
   add("put a new entry", mixed,

@@ -28,7 +28,9 @@ TEST_F(Layout, EmptyLibraryIsExactly4096Bytes) {
   EXPECT_EQ(str(b, 1024, 4), "NOD*");
   EXPECT_EQ(le16(b, 1024 + 16), 3040);
   for (size_t i = 1028; i < 4096; ++i)
-    if (i != 1040 && i != 1041) ASSERT_EQ(b[i], 0) << i;
+    if (i != 1040 && i != 1041) {
+      ASSERT_EQ(b[i], 0) << i;
+    }
   LMI_HANDLE h = open(p, 1);
   ASSERT_NE(h, nullptr);
   EXPECT_TRUE(problems(h).empty());

@@ -50,13 +50,17 @@ class Model_ : public LibTest {
   }
 
   void reopen() {
-    if (h) ASSERT_EQ(LMI_CloseLibrary(h), 0);
+    if (h) {
+      ASSERT_EQ(LMI_CloseLibrary(h), 0);
+    }
     int ra = rnd(3) == 0 ? 512 + int(rnd(63488)) : 0;
     h = open(lib, 2, ra);
     ASSERT_NE(h, nullptr);
   }
   void closeLib() {
-    if (h) ASSERT_EQ(LMI_CloseLibrary(h), 0);
+    if (h) {
+      ASSERT_EQ(LMI_CloseLibrary(h), 0);
+    }
     h = nullptr;
   }
 

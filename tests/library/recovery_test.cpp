@@ -15,6 +15,17 @@ struct Found {
   int32_t code;
   std::string entry, text;
 };
+
+int32_t ZBSHR_CALLBACK listNameCb(LMI_ENTRYINFO* i, void* u) {
+  static_cast<std::vector<std::string>*>(u)->push_back(i->name);
+  return 0;
+}
+
+int32_t ZBSHR_CALLBACK countNameCb(LMI_ENTRYINFO* i, void* u) {
+  (*static_cast<std::map<std::string, int>*>(u))[i->name]++;
+  return 0;
+}
+
 void ZBSHR_CALLBACK collectCb(void* ctx, int32_t code, const char* entry, const char* text) {
   static_cast<std::vector<Found>*>(ctx)->push_back({code, entry ? entry : "", text});
 }
@@ -47,10 +58,7 @@ class Recovery : public LibTest {
     if (!h) return out;
     std::vector<std::string> names;
     S pat(".*");
-    LMI_ListEntries(h, pat, [](LMI_ENTRYINFO* i, void* u) -> int32_t {
-      static_cast<std::vector<std::string>*>(u)->push_back(i->name);
-      return 0;
-    }, &names);
+    LMI_ListEntries(h, pat, listNameCb, &names);
     for (const auto& n : names) {
       Entry e;
       int32_t rc;
@@ -239,10 +247,7 @@ TEST_F(Recovery, VerifyAndListingStopAtADirectoryCycle) {
   LMI_HANDLE h = open(lib, 1);
   std::map<std::string, int> seen;
   S pat(".*");
-  EXPECT_EQ(LMI_ListEntries(h, pat, [](LMI_ENTRYINFO* i, void* u) -> int32_t {
-    (*static_cast<std::map<std::string, int>*>(u))[i->name]++;
-    return 0;
-  }, &seen), LMI_E_DAMAGED);
+  EXPECT_EQ(LMI_ListEntries(h, pat, countNameCb, &seen), LMI_E_DAMAGED);
   LMI_CloseLibrary(h);
   EXPECT_EQ(seen.size(), want.size() - under.size());
   for (auto& [name, n] : seen) EXPECT_EQ(n, 1) << name;
