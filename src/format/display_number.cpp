@@ -16,7 +16,10 @@ std::string currency_number() {
   if (d < 0) d = 0;
   if (d > 9) d = 9;
   std::string n = "#,##0";
-  if (d > 0) n += "." + std::string(static_cast<size_t>(d), '0');
+  if (d > 0) {
+    n += '.';
+    n.append(static_cast<size_t>(d), '0');
+  }
   return n;
 }
 

@@ -298,7 +298,7 @@ int32_t render_number_section(const SecView& s, NumValue& v, bool minus, Out& o)
   if (sig_frac > n_frac) sig_frac = n_frac;
   const int shown_frac = sig_frac > frac_min ? sig_frac : frac_min;
   // An exponent form shows at least one mantissa digit ("#.##E+00" of 0).
-  if (zero && (flags & fExp) && h.int_zeros == 0 && n_int > 0 && shown_frac == 0) int_text = "0";
+  if (zero && (flags & fExp) && h.int_zeros == 0 && n_int > 0 && shown_frac == 0) int_text.assign(1, '0');
   const RightAligned int_part{int_text, n_int, (flags & fGroup) != 0, st.thousand_sep};
   int int_index = 0, frac_index = 0;
   for (const unsigned char* t = s.tokens(); t < s.end(); t += token_size(t)) {

@@ -650,7 +650,7 @@ int32_t freeChain(Library* h, uint32_t length, uint32_t first) {
   return 0;
 }
 
-void readerStart(Library* h, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
+void readerStart(Library* /*h*/, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
                  uint32_t bufSize) {
   *r = ChainReader{};
   r->next = first;

@@ -792,7 +792,7 @@ ZBSHR_API(void) zbstg_free(ZBSTG_HEAP heap, void *block) {
   FreeIn(heap, slot, idx, sp, hdr);
 }
 
-ZBSHR_API(uint32_t) zbstg_size(ZBSTG_HEAP heap, const void *block) {
+ZBSHR_API(uint32_t) zbstg_size(ZBSTG_HEAP /*heap*/, const void *block) {
   if (!block) return 0;
   const uint8_t* hdr = static_cast<const uint8_t*>(block) - 4;
   uint16_t bsz = Ld16(hdr);

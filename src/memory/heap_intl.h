@@ -88,13 +88,13 @@ inline uint16_t MaxExcept(const uint16_t* p, uint32_t skip) {
 // In an array of `cap` words (a multiple of 16) whose words after n - 1 are
 // all one padding value, moves words k..n-1 to k+1..n (n < cap); word k
 // keeps its value and the words after n stay padding.
-inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t cap) {
+inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t /*cap*/) {
   std::memmove(a + k + 1, a + k, sizeof(uint16_t) * (n - k));
 }
 // In an array of `cap` words whose words after `last` are all one padding
 // value, moves words k+1..last to k..last-1 (k <= last < cap); word `last`
 // is left for the caller to set, the words after it stay padding.
-inline void ShiftDown(uint16_t* a, uint32_t k, uint32_t last, uint32_t cap) {
+inline void ShiftDown(uint16_t* a, uint32_t k, uint32_t last, uint32_t /*cap*/) {
   std::memmove(a + k, a + k + 1, sizeof(uint16_t) * (last - k));
 }
 }  // namespace lanes_plain
@@ -139,7 +139,7 @@ inline uint16_t MaxExcept(const uint16_t* p, uint32_t skip) {
 inline __m128i Blend(__m128i mask, __m128i yes, __m128i no) {
   return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no));
 }
-inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t cap) {
+inline void ShiftUp(uint16_t* a, uint32_t k, uint32_t n, uint32_t /*cap*/) {
   uint32_t r = k & ~(kLanes - 1);
   auto* p = reinterpret_cast<__m128i*>(a + r);
   __m128i lo = _mm_loadu_si128(p), hi = _mm_loadu_si128(p + 1);

@@ -54,7 +54,7 @@ ZBSHR_API(uint32_t) zbstg_sos(ZBSTG_HEAP heap, uint32_t value) {
   return previous;
 }
 
-ZBSHR_API(int32_t) zbstg_validate(ZBSTG_HEAP heap) { return 1; }
+ZBSHR_API(int32_t) zbstg_validate(ZBSTG_HEAP /*heap*/) { return 1; }
 
 // Each sub-pool contributes a record of its first 4,076 bytes; a sub-pool
 // shorter than that (a small block regrown in place) is padded with zeros.
@@ -88,31 +88,31 @@ ZBSHR_API(int32_t) zbstg_write_debug(ZBSTG_HEAP heap, uint32_t pool, const char 
   return 1;
 }
 
-ZBSHR_API(int32_t) zbstg_nextGeneration(ZBSTG_HEAP heap) { return 0; }
-ZBSHR_API(void) zbstg_dumpLeaks(ZBSTG_HEAP heap) {}
-ZBSHR_API(void) zbstg_dumpHeap(ZBSTG_HEAP heap) {}
+ZBSHR_API(int32_t) zbstg_nextGeneration(ZBSTG_HEAP /*heap*/) { return 0; }
+ZBSHR_API(void) zbstg_dumpLeaks(ZBSTG_HEAP /*heap*/) {}
+ZBSHR_API(void) zbstg_dumpHeap(ZBSTG_HEAP /*heap*/) {}
 
-ZBSHR_API(void *) zbstg_alloc_align(ZBSTG_HEAP heap, uint32_t size, uint32_t alignment,
-                                    uint32_t pool) {
+ZBSHR_API(void *) zbstg_alloc_align(ZBSTG_HEAP /*heap*/, uint32_t /*size*/, uint32_t /*alignment*/,
+                                    uint32_t /*pool*/) {
   return nullptr;
 }
-ZBSHR_API(void *) zbstg_realloc_align(ZBSTG_HEAP heap, void *block, uint32_t size,
-                                      uint32_t alignment, uint32_t pool) {
+ZBSHR_API(void *) zbstg_realloc_align(ZBSTG_HEAP /*heap*/, void */*block*/, uint32_t /*size*/,
+                                      uint32_t /*alignment*/, uint32_t /*pool*/) {
   return nullptr;
 }
 
-ZBSHR_API(void *) zbstg_dballoc(ZBSTG_HEAP heap, uint32_t size, uint32_t pool, const char *file,
-                                int32_t line) {
+ZBSHR_API(void *) zbstg_dballoc(ZBSTG_HEAP heap, uint32_t size, uint32_t pool, const char */*file*/,
+                                int32_t /*line*/) {
   return zbstg_alloc(heap, size, pool);
 }
 ZBSHR_API(void *) zbstg_dbrealloc(ZBSTG_HEAP heap, void *block, uint32_t size, uint32_t pool,
-                                  const char *file, int32_t line) {
+                                  const char */*file*/, int32_t /*line*/) {
   return zbstg_realloc(heap, block, size, pool);
 }
-ZBSHR_API(ZBSTG_HEAP) zbstg_dbbegin(uint32_t subpool_size, const char *file, int32_t line) {
+ZBSHR_API(ZBSTG_HEAP) zbstg_dbbegin(uint32_t subpool_size, const char */*file*/, int32_t /*line*/) {
   return zbstg_begin(static_cast<uint16_t>(subpool_size));
 }
 ZBSHR_API(ZBSTG_HEAP) zbstg_dbbegin_allocflags(uint32_t subpool_size, uint32_t alloc_flags,
-                                               const char *file, int32_t line) {
+                                               const char */*file*/, int32_t /*line*/) {
   return zbstg_begin_allocflags(static_cast<uint16_t>(subpool_size), alloc_flags);
 }

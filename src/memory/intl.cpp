@@ -5,6 +5,7 @@
 // only once per process, on the first call made after the module instance is
 // known. Readers go through settings() and the name accessors, which run
 // start-up first when nothing has done so yet.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -44,8 +45,9 @@ void read_field(const char* key, const char* def, char (&field)[N]) {
   buf[sizeof buf - 1] = '\0';
   const size_t len = std::strlen(buf);
   const char* use = (len == 0 || len >= N || n >= sizeof buf - 1) ? def : buf;
-  std::strncpy(field, use, N - 1);
-  field[N - 1] = '\0';
+  const size_t m = std::min(std::strlen(use), N - 1);
+  std::memset(field, 0, N);
+  std::memcpy(field, use, m);
 }
 
 // Reads a one-character separator: the first character of the value, or the
@@ -189,6 +191,6 @@ ZBSHR_API(int32_t) ZBSHR_FeatureUnsupported(void* owner) {
   }
 }
 
-ZBSHR_API(int32_t) WEP(int32_t param) { return 1; }
+ZBSHR_API(int32_t) WEP(int32_t /*param*/) { return 1; }
 
 }  // extern "C"

@@ -58,8 +58,8 @@ ZBSHR_API(char*) zbstg_strdup(ZBSTG_HEAP heap, const char* s, uint32_t pool) {
   return p;
 }
 
-ZBSHR_API(char*) zbstg_dbstrdup(ZBSTG_HEAP heap, const char* s, uint32_t pool, const char* file,
-                                int32_t line) {
+ZBSHR_API(char*) zbstg_dbstrdup(ZBSTG_HEAP heap, const char* s, uint32_t pool, const char* /*file*/,
+                                int32_t /*line*/) {
   return zbstg_strdup(heap, s, pool);
 }
 

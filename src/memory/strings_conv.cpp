@@ -183,11 +183,11 @@ ZBSHR_API(double) zbstg_strtod(const char* s, char** end) {
   return parse_double(s, end);
 }
 
-ZBSHR_API(int32_t) zbstg_strtol(const char* s, char** end, int32_t base) {
+ZBSHR_API(int32_t) zbstg_strtol(const char* s, char** /*end*/, int32_t base) {
   return parse_long(s, base);
 }
 
-ZBSHR_API(uint32_t) zbstg_strtoul(const char* s, char** end, int32_t base) {
+ZBSHR_API(uint32_t) zbstg_strtoul(const char* s, char** /*end*/, int32_t base) {
   if (s == nullptr || base < 0 || base == 1 || base > 36) return 0;
   // The magnitude saturates at 2^32 - 1; a leading minus negates it modulo
   // 2^32, as the 32-bit runtime does.

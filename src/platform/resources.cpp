@@ -82,7 +82,7 @@ constexpr auto kStub306 = MakeStub(306);
 
 }  // namespace
 
-int LoadStringA(HINSTANCE module, UINT id, char* buf, int size) {
+int LoadStringA(HINSTANCE /*module*/, UINT id, char* buf, int size) {
   if (!buf || size <= 0) return 0;
   buf[0] = '\0';
   auto it = std::lower_bound(std::begin(kStrings), std::end(kStrings), id,
@@ -95,7 +95,7 @@ int LoadStringA(HINSTANCE module, UINT id, char* buf, int size) {
   return static_cast<int>(n);
 }
 
-const void* LoadResourceData(HINSTANCE module, UINT type, UINT id, DWORD* size) {
+const void* LoadResourceData(HINSTANCE /*module*/, UINT type, UINT id, DWORD* size) {
   const void* data = nullptr;
   DWORD n = 0;
   if (type == 256 && id == 305) {

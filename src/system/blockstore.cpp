@@ -122,7 +122,7 @@ ZBSHR_API(void*) zbfstg_get(ZBFSTG handle, int32_t pos) {
   return block;
 }
 
-ZBSHR_API(int32_t) zbfstg_free(ZBFSTG store, int32_t pos) { return 1; }
+ZBSHR_API(int32_t) zbfstg_free(ZBFSTG /*store*/, int32_t /*pos*/) { return 1; }
 
 ZBSHR_API(int32_t) zbfstg_end(ZBFSTG handle) {
   if (handle == nullptr) return 0;

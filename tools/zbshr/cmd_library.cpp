@@ -338,7 +338,7 @@ int32_t ZBSHR_CALL countEntry(LMI_ENTRYINFO* i, void* ud) {
   n->second += i->size;
   return 0;
 }
-void ZBSHR_CALL countProblem(void* ctx, int32_t, const char*, const char*) {}
+void ZBSHR_CALL countProblem(void* /*ctx*/, int32_t, const char*, const char*) {}
 
 int actInfo(ZBSTG_HEAP heap, Args& a) {
   Lib lib(heap, a.lib, 1);

@@ -273,8 +273,9 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
   bool in_config = false;
   std::string path = ProfilePath(file, &in_config);
   std::lock_guard<std::mutex> lock(g_profile_mutex);
-  std::string dir = path.substr(0, path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/'));
-  if (dir.empty()) dir = path[0] == '/' ? "/" : ".";
+  const size_t slash = path.find_last_of('/');
+  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash);
+  if (dir.empty()) dir.assign(1, path[0] == '/' ? '/' : '.');
   // Deleting from a file that does not exist changes nothing and creates nothing.
   if ((!key || !value) && !posix::Exists(path)) return 1;
   if (in_config && !posix::MakeDirs(dir)) return 0;

@@ -191,7 +191,7 @@ void ResetMessageBoxScript() {
   g_script_pos = 0;
 }
 
-int MessageBoxA(HWND owner, const char* text, const char* caption, UINT style) {
+int MessageBoxA(HWND /*owner*/, const char* text, const char* caption, UINT style) {
   int answer = 0;
   if (detail::CallMessageBoxHandler(text, caption, style, &answer)) return answer;
   answer = NextScriptedAnswer();
