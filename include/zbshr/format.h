@@ -92,6 +92,15 @@ ZBSHR_API(void) shdtString(char* date_buffer, char* time_buffer);
  * @param mode SHDT_DATETIME (1), SHDT_DATE (2) or SHDT_TIME (3)
  * @return SHDT_OK or an SHDT_E_* number (SHDT_E_TEXT also for a null argument or a bad mode) */
 ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode);
+/** shdtParse with the date order given by the caller instead of the regional one: a host
+ * (or a command) that reads dates in a fixed order needs no change of the settings.
+ * @param dt the record to fill
+ * @param text the text
+ * @param mode SHDT_DATETIME (1), SHDT_DATE (2) or SHDT_TIME (3)
+ * @param order 0 month-day-year, 1 day-month-year, 2 year-month-day; -1 the regional
+ *        order ([intl] iDate); any other value is treated as 0, as a bad iDate is
+ * @return as shdtParse */
+ZBSHR_API(int32_t) zbshr_shdt_parse_order(SHDATETIME* dt, const char* text, int32_t mode, int32_t order);
 
 /* -------------------------------------------------------- display formats */
 

@@ -213,9 +213,13 @@ ZBSHR_API(void) shdtString(char* date_buffer, char* time_buffer) {
 }
 
 ZBSHR_API(int32_t) shdtParse(SHDATETIME* dt, const char* text, int32_t mode) {
+  return zbshr_shdt_parse_order(dt, text, mode, -1);
+}
+
+ZBSHR_API(int32_t) zbshr_shdt_parse_order(SHDATETIME* dt, const char* text, int32_t mode, int32_t given) {
   if (dt == nullptr || text == nullptr || mode < 1 || mode > 3) return SHDT_E_TEXT;
   // The regional date order is read only when a date field is met.
-  int order = -1;
+  int order = given < 0 ? -1 : given > 2 ? 0 : static_cast<int>(given);
   auto date_type = [&](int f) -> FieldType {
     if (order < 0) {
       order = zbshr::intl::settings().date_order;

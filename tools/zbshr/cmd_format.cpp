@@ -7,10 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -55,8 +52,8 @@ nlohmann::json record_json(const SHDATETIME& v) {
 }
 
 // Parses a date or datetime argument; prints the error and returns false.
-bool parse_arg(const char* cmd, const char* text, int32_t mode, SHDATETIME& v, int& status) {
-  int32_t e = shdtParse(&v, text, mode);
+bool parse_arg(const char* cmd, const char* text, int32_t mode, SHDATETIME& v, int& status, int order) {
+  int32_t e = zbshr_shdt_parse_order(&v, text, mode, order);
   if (e != 0) {
     status = zcli::fail(cmd, std::string("cannot read '") + text + "': " + kDateErrors[e < 9 ? e : 6]);
     return false;
@@ -64,92 +61,6 @@ bool parse_arg(const char* cmd, const char* text, int32_t mode, SHDATETIME& v, i
   if (mode == SHDT_DATE) v.hour = v.minute = v.second = 0, v.microsecond = 0;
   return true;
 }
-
-void set_env(const char* name, const char* value) {
-#ifdef _WIN32
-  _putenv_s(name, value ? value : "");
-#else
-  if (value)
-    setenv(name, value, 1);
-  else
-    unsetenv(name);
-#endif
-}
-
-// The profile text with iDate=order in its [intl] section (added when absent).
-std::string with_date_order(const std::string& text, int order) {
-  std::string out, line, section;
-  bool done = false;
-  size_t pos = 0;
-  auto flush_intl = [&] {
-    if (section == "intl" && !done) out += "iDate=" + std::to_string(order) + "\n", done = true;
-  };
-  while (pos < text.size()) {
-    size_t nl = text.find('\n', pos);
-    line = text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
-    pos = nl == std::string::npos ? text.size() : nl + 1;
-    std::string t = line;
-    while (!t.empty() && (t.back() == '\r' || t.back() == ' ')) t.pop_back();
-    if (!t.empty() && t[0] == '[' && t.back() == ']') {
-      flush_intl();
-      section = t.substr(1, t.size() - 2);
-      for (auto& c : section) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    } else if (section == "intl") {
-      std::string key = t.substr(0, t.find('='));
-      for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (key == "idate") continue;
-    }
-    out += line + "\n";
-  }
-  flush_intl();
-  if (!done) out += "[intl]\niDate=" + std::to_string(order) + "\n";
-  return out;
-}
-
-// Makes the library read the date order from a private profile folder.
-struct OrderOverride {
-  std::string dir;
-  std::string old_home;
-  bool had_home = false;
-  ~OrderOverride() {
-    if (dir.empty()) return;
-    set_env("ZBSHR_HOME", had_home ? old_home.c_str() : nullptr);
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-    zbshr_intl();
-  }
-  bool apply(int order) {
-    std::error_code ec;
-    auto base = std::filesystem::temp_directory_path(ec);
-    if (ec) return false;
-    for (int n = 0; n < 1000 && dir.empty(); ++n) {
-      auto cand = base / ("zbshr-date-" + std::to_string(std::rand()) + "-" + std::to_string(n));
-      if (std::filesystem::create_directory(cand, ec)) dir = cand.string();
-    }
-    if (dir.empty()) return false;
-    // A copy of the user's system profile with the order changed, so that
-    // the other regional settings stay as they are.
-    const std::string ini = dir + "/win.ini";
-    std::string text;
-    {
-      std::ifstream in(zcli::config_dir() + "/win.ini", std::ios::binary);
-      if (in) text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    {
-      std::ofstream out(ini, std::ios::binary);
-      out << with_date_order(text, order);
-      out.close();
-      if (!out) return false;
-    }
-    if (const char* h = std::getenv("ZBSHR_HOME")) {
-      had_home = true;
-      old_home = h;
-    }
-    set_env("ZBSHR_HOME", dir.c_str());
-    zbshr_intl();
-    return true;
-  }
-};
 
 int cmd_date(int argc, char** argv) {
   const char* cmd = "date";
@@ -178,9 +89,6 @@ int cmd_date(int argc, char** argv) {
     order = order_name == "mdy" ? 0 : order_name == "dmy" ? 1 : order_name == "ymd" ? 2 : -1;
     if (order < 0) return zcli::usage_error(cmd, "unknown order '" + order_name + "' (mdy, dmy or ymd)");
   }
-  OrderOverride override_order;
-  if (order >= 0 && !override_order.apply(order))
-    return zcli::fail(cmd, "cannot set up the date order in a temporary folder");
   std::vector<std::string> args{act};
   args.insert(args.end(), rest.begin(), rest.end());
   auto need = [&](size_t lo, size_t hi) { return args.size() - 1 >= lo && args.size() - 1 <= hi; };
@@ -197,7 +105,7 @@ int cmd_date(int argc, char** argv) {
       if (mode == 0) return zcli::usage_error(cmd, "unknown mode '" + m + "' (datetime, date or time)");
     }
     std::memset(&a, 0, sizeof a);
-    int32_t e = shdtParse(&a, args[1].c_str(), mode);
+    int32_t e = zbshr_shdt_parse_order(&a, args[1].c_str(), mode, order);
     if (e != 0)
       return zcli::fail(cmd, "cannot read '" + args[1] + "': " + kDateErrors[e < 9 ? e : 6] +
                                  " (error " + std::to_string(e) + ")");
@@ -205,14 +113,14 @@ int cmd_date(int argc, char** argv) {
     text = describe(a);
   } else if (act == "diff") {
     if (!need(2, 2)) return zcli::usage_error(cmd, "diff takes two texts");
-    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status) ||
-        !parse_arg(cmd, args[2].c_str(), SHDT_DATETIME, b, status))
+    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status, order) ||
+        !parse_arg(cmd, args[2].c_str(), SHDT_DATETIME, b, status, order))
       return status;
     j = {{"days", shdtDiffDate(&a, &b)}, {"seconds", shdtDiffTime(&a, &b)}};
     text = std::to_string(shdtDiffDate(&a, &b)) + " days, " + std::to_string(shdtDiffTime(&a, &b)) + " seconds";
   } else if (act == "dow") {
     if (!need(1, 1)) return zcli::usage_error(cmd, "dow takes one text");
-    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status)) return status;
+    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status, order)) return status;
     char name[32];
     int32_t d = shdtDayOfWeek(&a);
     shdtDayName(d, name);
@@ -226,7 +134,7 @@ int cmd_date(int argc, char** argv) {
     long long days = std::strtoll(n.c_str(), &end, 10);
     if (n.empty() || *end != '\0' || errno == ERANGE || days < INT32_MIN || days > INT32_MAX)
       return zcli::usage_error(cmd, "DAYS must be a whole number, not '" + n + "'");
-    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status)) return status;
+    if (!parse_arg(cmd, args[1].c_str(), SHDT_DATETIME, a, status, order)) return status;
     const long long year = a.year + 1900 + days / 365;
     if (year < 0 || year > 10000)
       return zcli::fail(cmd, "the result falls outside the years 1 to 9999");
@@ -238,7 +146,7 @@ int cmd_date(int argc, char** argv) {
   } else if (act == "format") {
     if (!need(1, 2)) return zcli::usage_error(cmd, "format takes MASK [TEXT]");
     if (args.size() == 3) {
-      if (!parse_arg(cmd, args[2].c_str(), SHDT_DATETIME, a, status)) return status;
+      if (!parse_arg(cmd, args[2].c_str(), SHDT_DATETIME, a, status, order)) return status;
     } else {
       shdtNow(&a);
     }
