@@ -306,6 +306,36 @@ int32_t default_width(const Column& c) {
   }
 }
 
+// How many characters a format gives a number's text (0: binary numbers).
+int number_room(const FormatFns& fmt) {
+  const std::string n = fmt.name;
+  if (n == "dif") return 15;
+  if (n == "dbase2" || n == "dbase3") return 16;
+  if (n == "excel" || n == "wk") return 0;
+  return 29;
+}
+
+// Whether the "[GENERAL]" text of a value is longer than `room`: the format
+// then writes it with fewer significant digits.
+bool number_shortened(const unsigned char* general, const Column& c, const Value& v, int room) {
+  if (room <= 0 || v.null) return false;
+  if (c.type == OSSAVE_NUMBER) {
+    char t[64];
+    return shformatDouble(t, room + 1, general, &v.number) == SHFORMAT_E_OVERFLOW;
+  }
+  if (c.type == OSSAVE_DECIMAL) {
+    char t[SHDEC_TEXT_SIZE + 8];
+    if (ConvDecimalToAscii(t, &v.dec) == nullptr) return false;
+    size_t n = std::strlen(t);
+    if (std::strchr(t, '.') != nullptr) {
+      while (n > 0 && t[n - 1] == '0') --n;
+      if (n > 0 && t[n - 1] == '.') --n;
+    }
+    return n > static_cast<size_t>(room);
+  }
+  return false;
+}
+
 struct Progress {
   bool on = false;
   long total = 0;
@@ -370,6 +400,11 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
   std::vector<Value> vals(cols.size());
   long rows = 0;
   size_t longest_text = 0;
+  const int room = number_room(fmt);
+  unsigned char general[SHFORMAT_BUFSIZE];
+  shformatCmplNumericMask(general, "[GENERAL]", sizeof general);
+  long shortened = 0;
+  std::string first_shortened;
   while (reader.next(fields, error)) {
     if (zcli::interrupted()) return zcli::fail(kCmd, "interrupted; nothing written");
     if (fields.size() == 1 && fields[0].text.empty() && !fields[0].quoted) continue;  // blank line
@@ -391,6 +426,9 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
         int32_t sc = DecimalPrecision(&vals[i].dec);
         if (sc > cols[i].scale) cols[i].scale = sc;
       }
+      if (number_shortened(general, cols[i], vals[i], room) && shortened++ == 0)
+        first_shortened = input + ":" + std::to_string(reader.line()) + ", column " + cols[i].name +
+                          ": " + fields[i].text;
     }
     ++rows;
   }
@@ -405,6 +443,14 @@ int run_export(const FormatFns& fmt, bool headings, const std::string& input,
     if (hard || !force)
       return zcli::fail(kCmd, limit + (hard ? "; nothing written" : "; nothing written (--force writes what fits)"));
     std::fprintf(stderr, "zbshr export: warning: %s\n", limit.c_str());
+  }
+  if (shortened > 0) {
+    const std::string why = std::to_string(shortened) + (shortened == 1 ? " number is" : " numbers are") +
+                            " longer than the " + std::to_string(room) + " characters " + fmt.name +
+                            " gives a number and would be written with fewer digits (first: " +
+                            first_shortened + ")";
+    if (!force) return zcli::fail(kCmd, why + "; nothing written (--force writes them shortened)");
+    std::fprintf(stderr, "zbshr export: warning: %s\n", why.c_str());
   }
   zcli::AtomicOutput target;
   if (!output.empty() && !target.prepare(output, error)) return zcli::fail(kCmd, error);
@@ -489,7 +535,7 @@ int cmd_export(int argc, char** argv) {
   bool headings = false, force = false;
   app.add_option("-f,--format", format, "the output format (below)")->required();
   app.add_flag("--headings", headings, "write the column names as a first row");
-  app.add_flag("--force", force, "write what fits when the data pass the format's limits");
+  app.add_flag("--force", force, "write what fits when the data pass the format's limits, and numbers too long for the format with fewer digits");
   app.add_option("INPUT", input, "typed CSV input ('-': standard input)")->required();
   app.add_option("OUTPUT", output, "the file to write ('-': standard output)");
   if (int rc = zcli::parse_args(app, kCmd, argc, argv); rc >= 0) return rc;
