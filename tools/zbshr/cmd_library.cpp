@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -194,94 +195,83 @@ int actCat(ZBSTG_HEAP heap, Args& a) {
       return zcli::fail(kCmd, "cannot write standard output: " + zcli::os_reason(errno));
     done += uint64_t(got);
     progress("reading " + a.entry, done, uint64_t(info.size));
-    if (got < int32_t(buf.size()) || zcli::interrupted()) break;
+    if (got < int32_t(buf.size())) break;
+    if (zcli::interrupted()) {
+      progressDone();
+      LMI_CloseEntry(lib.h);
+      return zcli::fail(kCmd, "cat " + a.entry + ": interrupted");
+    }
   }
   progressDone();
   LMI_CloseEntry(lib.h);
   return zcli::kOk;
 }
 
-// The entry is written to a hidden scratch entry first and renamed over the
-// real one only when every byte arrived: a read error, a full disk or an
-// interruption leaves the old entry (or none) and no half-written one.
+// The whole input is read before the library is opened: a read error or an
+// interruption then leaves the library untouched. Storing it is one
+// operation of the library (open, write, close the entry), which a crash
+// leaves either undone or done, never half done.
 int actPut(ZBSTG_HEAP heap, Args& a) {
   if (int rc = needName(a.entry); rc >= 0) return rc;
   std::string error;
   FILE* in = zcli::open_input(a.file, false, error);
   if (!in) return zcli::fail(kCmd, error);
+  const std::string source = a.file == "-" ? std::string("standard input") : a.file;
   uint64_t total = 0;
   if (a.file != "-") {
     std::error_code ec;
     total = std::filesystem::file_size(a.file, ec);
   }
+  std::vector<char> data;
+  std::vector<char> buf(65536);
+  const std::string reading = "reading " + source;
+  for (;;) {
+    size_t got = std::fread(buf.data(), 1, buf.size(), in);
+    data.insert(data.end(), buf.data(), buf.data() + got);
+    progress(reading, data.size(), total);
+    if (zcli::interrupted() || data.size() > size_t(INT32_MAX) || (got < buf.size() && std::ferror(in))) {
+      const int err = errno;
+      const bool broken = std::ferror(in) != 0, interrupted = zcli::interrupted();
+      progressDone();
+      zcli::close_input(in);
+      if (interrupted) return zcli::fail(kCmd, "put " + a.entry + ": interrupted, nothing stored");
+      if (broken) return zcli::fail(kCmd, "cannot read " + source + ": " + zcli::os_reason(err) + "; nothing stored");
+      return zcli::fail(kCmd, "put " + a.entry + ": " + source + " is larger than an entry can hold (2 GiB); nothing stored");
+    }
+    if (got < buf.size()) break;
+  }
+  progressDone();
+  zcli::close_input(in);
+
+  Lib lib(heap, a.lib, 2);
+  if (!lib.h) return openFail(a.lib);
+  // Keep the old entry's comment unless a new one was given.
+  LMI_ENTRYINFOEX old{};
+  bool keep = false;
+  if (!a.haveComment) {
+    Buf n(a.entry);
+    keep = LMI_EntryInfoExtended(lib.h, n, &old) == 0;
+  }
+  Buf n(a.entry);
+  int32_t rc = LMI_OpenEntry(lib.h, n, 3, a.haveComment ? a.comment.c_str() : keep ? old.comment : nullptr);
+  if (rc) return libFail(a.entry, rc);
+  const std::string writing = "writing " + a.entry;
   int result = zcli::kOk;
-  std::string scratch;
-  {
-    Lib lib(heap, a.lib, 2);
-    if (!lib.h) {
-      zcli::close_input(in);
-      return openFail(a.lib);
+  for (size_t done = 0; done < data.size();) {
+    const int32_t chunk = int32_t(std::min<size_t>(data.size() - done, size_t(1) << 20));
+    rc = LMI_WriteEntry(lib.h, data.data() + done, chunk);
+    if (rc < 0) {
+      result = libFail("write " + a.entry, rc);
+      break;
     }
-    scratch = "~put~" + a.entry;
-    Buf sn(scratch);
-    LMI_DeleteEntry(lib.h, sn);  // a leftover of an earlier failure
-    int32_t rc = LMI_OpenEntry(lib.h, sn, 3, a.haveComment ? a.comment.c_str() : nullptr);
-    if (rc) {
-      zcli::close_input(in);
-      return libFail(a.entry, rc);
-    }
-    std::vector<char> buf(65536);
-    uint64_t done = 0;
-    const std::string what = "writing " + a.entry;
-    for (;;) {
-      size_t got = std::fread(buf.data(), 1, buf.size(), in);
-      if (got > 0) {
-        rc = LMI_WriteEntry(lib.h, buf.data(), int32_t(got));
-        if (rc < 0) {
-          result = libFail("write " + a.entry, rc);
-          break;
-        }
-        done += got;
-        progress(what, done, total);
-      }
-      if (zcli::interrupted()) {
-        result = zcli::fail(kCmd, "put " + a.entry + ": interrupted, nothing stored");
-        break;
-      }
-      if (got < buf.size()) {
-        if (std::ferror(in))
-          result = zcli::fail(kCmd, "cannot read " + (a.file == "-" ? std::string("standard input") : a.file) +
-                                        ": " + zcli::os_reason(errno) + "; nothing stored");
-        break;
-      }
-    }
-    progressDone();
-    zcli::close_input(in);
-    rc = LMI_CloseEntry(lib.h);
-    if (result == zcli::kOk && rc) result = libFail("write " + a.entry, rc);
-    if (result == zcli::kOk && !a.haveComment) {
-      // Keep the old entry's comment unless a new one was given.
-      LMI_ENTRYINFOEX old{};
-      Buf n(a.entry), sn2(scratch);
-      if (LMI_EntryInfoExtended(lib.h, n, &old) == 0) LMI_ModifyEntry(lib.h, sn2, old.comment);
-    }
-    if (result == zcli::kOk) {
-      Buf n(a.entry);
-      rc = LMI_DeleteEntry(lib.h, n);
-      if (rc && rc != LMI_E_NOT_FOUND) result = libFail("replace " + a.entry, rc);
-    }
-    if (result != zcli::kOk) {
-      Buf sn2(scratch);
-      LMI_DeleteEntry(lib.h, sn2);
-    }
-    rc = lib.close();
-    if (result == zcli::kOk && rc) result = libFail("close " + a.lib, rc);
+    done += size_t(chunk);
+    progress(writing, done, data.size());
   }
-  if (result == zcli::kOk) {
-    Buf sn(scratch), n(a.entry), p(a.lib);
-    int32_t rc = LMI_MoveEntry(heap, sn, n, p, nullptr);
-    if (rc) result = libFail("store " + a.entry + " (its data is in " + scratch + ")", rc);
-  }
+  progressDone();
+  rc = LMI_CloseEntry(lib.h);
+  if (result == zcli::kOk && rc) result = libFail("write " + a.entry, rc);
+  rc = lib.close();
+  if (result == zcli::kOk && rc) result = libFail("close " + a.lib, rc);
   return result;
 }
 
