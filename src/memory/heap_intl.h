@@ -423,6 +423,8 @@ namespace zbshr::mem {
 // (`bytes` with `flags`, if there is still no handle) and locks, Cancel ends
 // `heap` (if any) and the process. Returns the locked address.
 uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags);
+// Resizes locked memory taken with ObtainLocked, through the same dialog.
+uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags);
 // calloc that runs the same dialog on failure.
 void* SideAlloc(ZBSTG_HEAP heap, size_t bytes);
 // Uninitialised memory aligned to a cache line, with the same dialog; freed
