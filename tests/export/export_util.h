@@ -1,6 +1,5 @@
-// Helpers shared by the export tests: a heap, a scratch folder, a table of
-// typed cells that any of the ten formats can be driven with, and byte
-// builders for the expected output.
+// Helpers of the export tests: the ten formats as one table of calls, typed
+// cells, a scratch folder, and little-endian byte builders.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -30,32 +28,22 @@ struct Format {
   int32_t (ZBSHR_CALL* item)(ExportState*, const void*);
   int32_t (ZBSHR_CALL* end)(ExportState*);
 };
-
-#define XT_FORMAT(f) \
-  ::xt::Format { #f, osSave##f##Begin, osSave##f##Column, osSave##f##Item, osSave##f##End }
-
-inline const Format kCsv = XT_FORMAT(Csv);
-inline const Format kText = XT_FORMAT(Text);
-inline const Format kClip = XT_FORMAT(Clip);
-inline const Format kSql = XT_FORMAT(Sql);
-inline const Format kDif = XT_FORMAT(Dif);
-inline const Format kSylk = XT_FORMAT(Sylk);
-inline const Format kExcel = XT_FORMAT(Excel);
-inline const Format kWk = XT_FORMAT(Wk);
-inline const Format kDbase2 = XT_FORMAT(Dbase2);
-inline const Format kDbase3 = XT_FORMAT(Dbase3);
+#define XT_FORMAT(f) ::xt::Format{#f, osSave##f##Begin, osSave##f##Column, osSave##f##Item, osSave##f##End}
+inline const Format kCsv = XT_FORMAT(Csv), kText = XT_FORMAT(Text), kClip = XT_FORMAT(Clip),
+                    kSql = XT_FORMAT(Sql), kDif = XT_FORMAT(Dif), kSylk = XT_FORMAT(Sylk),
+                    kExcel = XT_FORMAT(Excel), kWk = XT_FORMAT(Wk), kDbase2 = XT_FORMAT(Dbase2),
+                    kDbase3 = XT_FORMAT(Dbase3);
+inline const Format kAll[] = {kCsv, kText, kClip, kSql, kDif, kSylk, kExcel, kWk, kDbase2, kDbase3};
 
 struct Col {
   std::string name;
-  int32_t width;
-  int32_t type;
+  int32_t width, type;
 };
-
-// One cell: null, a string, a number, a decimal (from text), a date/time record.
-struct Dec {
+struct Dec {  // a decimal cell, given by its text
   std::string text;
 };
 using Cell = std::variant<std::monostate, std::string, double, Dec, SHDATETIME>;
+using Rows = std::vector<std::vector<Cell>>;
 
 inline SHDATETIME dt(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, uint32_t us = 0) {
   SHDATETIME r;
@@ -74,11 +62,7 @@ inline std::string read_file(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
-
-// Little-endian byte builders for expected output.
-inline std::string u16(uint32_t v) {
-  return std::string{static_cast<char>(v & 0xFF), static_cast<char>((v >> 8) & 0xFF)};
-}
+inline std::string u16(uint32_t v) { return {static_cast<char>(v & 0xFF), static_cast<char>((v >> 8) & 0xFF)}; }
 inline std::string u32(uint32_t v) { return u16(v & 0xFFFF) + u16(v >> 16); }
 inline std::string f64(double d) {
   uint64_t b;
@@ -86,25 +70,21 @@ inline std::string f64(double d) {
   return u32(static_cast<uint32_t>(b)) + u32(static_cast<uint32_t>(b >> 32));
 }
 inline std::string zeros(size_t n) { return std::string(n, '\0'); }
+inline uint32_t at16(const std::string& s, size_t at) {
+  return static_cast<uint8_t>(s[at]) | static_cast<uint32_t>(static_cast<uint8_t>(s[at + 1])) << 8;
+}
 
-// Shows bytes readably in failure messages.
+// Bytes shown readably in failure messages.
 inline std::string visible(const std::string& s) {
   std::string o;
   for (unsigned char c : s) {
-    if (c == '\r') o += "\\r";
-    else if (c == '\n') o += "\\n\n";
-    else if (c == '\t') o += "\\t";
-    else if (c < 32 || c > 126) {
-      char b[8];
-      std::snprintf(b, sizeof b, "\\x%02X", c);
-      o += b;
-    } else o += static_cast<char>(c);
+    char b[8];
+    std::snprintf(b, sizeof b, "\\x%02X", c);
+    o += c == '\r' ? "\\r" : c == '\n' ? "\\n\n" : c == '\t' ? "\\t" : (c < 32 || c > 126) ? b : std::string(1, static_cast<char>(c));
   }
   return o;
 }
-
-#define EXPECT_BYTES(expected, actual) \
-  EXPECT_EQ(::xt::visible(expected), ::xt::visible(actual))
+#define EXPECT_BYTES(expected, actual) EXPECT_EQ(::xt::visible(expected), ::xt::visible(actual))
 
 class ExportTest : public ::testing::Test {
  protected:
@@ -121,28 +101,24 @@ class ExportTest : public ::testing::Test {
     zbstg_end(heap_);
     std::filesystem::remove_all(dir_);
   }
-
   std::string path(const std::string& leaf) const { return (dir_ / leaf).string(); }
 
-  // Drives a whole export; returns the file's bytes (the clipboard text for
-  // Clip). Every call must succeed.
-  std::string run(const Format& f, const std::vector<Col>& cols,
-                  const std::vector<std::vector<Cell>>& rows, uint32_t options,
+  // A whole export whose every call must succeed: the file's bytes (the
+  // clipboard's text for Clip).
+  std::string run(const Format& f, const std::vector<Col>& cols, const Rows& rows, uint32_t options,
                   const std::string& leaf = "OUT.DAT", int32_t declared_rows = -1) {
     const std::string file = path(leaf);
-    const int32_t nrows = declared_rows >= 0 ? declared_rows : static_cast<int32_t>(rows.size());
-    ExportState* h = f.begin(heap_, 0, file.c_str(), nrows, static_cast<int32_t>(cols.size()),
-                             options);
+    ExportState* h = f.begin(heap_, 0, file.c_str(),
+                             declared_rows >= 0 ? declared_rows : static_cast<int32_t>(rows.size()),
+                             static_cast<int32_t>(cols.size()), options);
     EXPECT_NE(h, nullptr) << f.name;
     if (h == nullptr) return {};
     for (const Col& c : cols) EXPECT_EQ(f.column(h, c.name.c_str(), c.width, c.type), 1) << f.name;
     for (const auto& row : rows)
       for (const Cell& cell : row) EXPECT_EQ(put(f, h, cell), 1) << f.name;
     EXPECT_EQ(f.end(h), 1) << f.name;
-    if (f.item == osSaveClipItem) return clipboard();
-    return read_file(file);
+    return f.item == osSaveClipItem ? clipboard() : read_file(file);
   }
-
   static int32_t put(const Format& f, ExportState* h, const Cell& cell) {
     if (std::holds_alternative<std::monostate>(cell)) return f.item(h, nullptr);
     if (const auto* s = std::get_if<std::string>(&cell)) return f.item(h, s->c_str());
@@ -155,13 +131,15 @@ class ExportTest : public ::testing::Test {
     }
     return f.item(h, &std::get<SHDATETIME>(cell));
   }
-
   static std::string clipboard() {
-    int32_t n = zbshr_clipboard_text(nullptr, 0);
-    std::string s(static_cast<size_t>(n) + 1, '\0');
-    zbshr_clipboard_text(s.data(), static_cast<uint32_t>(s.size()));
-    s.resize(static_cast<size_t>(n));
+    std::string s(static_cast<size_t>(zbshr_clipboard_text(nullptr, 0)) + 1, '\0');
+    s.resize(static_cast<size_t>(zbshr_clipboard_text(s.data(), static_cast<uint32_t>(s.size()))));
     return s;
+  }
+  size_t live_blocks() const {
+    ZBSTG_STAT st{};
+    zbstg_stat(heap_, &st);
+    return st.live_blocks;
   }
 
   ZBSTG_HEAP heap_ = nullptr;

@@ -1,69 +1,60 @@
-// The protocol shared by every format: table names, misuse of the calls,
-// write failures, and the release of everything an export allocated.
+// What every format shares: table and field names, misuse of the calls, write
+// failures, the release of what an export allocated, and values at the edges
+// of what a format can carry.
 #include <atomic>
+#include <cfloat>
 #include <thread>
 
+#include "../format/regional.h"
 #include "export/state.h"
 #include "export_util.h"
 
 namespace xt {
 namespace {
 
-const Format kAll[] = {kCsv, kText, kClip, kSql, kDif, kSylk, kExcel, kWk, kDbase2, kDbase3};
-
-std::string table_of(const char* file) {
+TEST(ExportNames, TableFieldAndIntegerTexts) {
+  const struct {
+    uint32_t codepage;
+    const char* file;
+    std::string table;
+  } tables[] = {
+      {1252, "C:\\DATA\\ORDERS.TXT", "ORDERS"}, {1252, "C:\\A.B\\FILE", "A"},  // from the last dot back
+      {1252, "/tmp/x/orders.tar.gz", "orders"}, {1252, "D:ITEMS.DBF", "ITEMS"}, {1252, "plain", "plain"},
+      {1252, "dir/", ""}, {1252, "", ""}, {1252, nullptr, ""},
+      {932, "C:\\\x95\\X.TXT", "\x95\\X"},  // 0x95 0x5C is one character in code page 932
+      {1252, "C:\\\x95\\X.TXT", "X"},
+  };
+  for (const auto& c : tables) {
+    const uint32_t old = zbshr_set_codepage(c.codepage);
+    char out[300];
+    std::memset(out, 'Z', sizeof out);
+    zbshr::exp::derive_table_name(c.file, out);
+    zbshr_set_codepage(old);
+    EXPECT_EQ(std::string(out), c.table) << (c.file ? c.file : "(null)");
+  }
   char out[300];
-  std::memset(out, 'Z', sizeof out);
-  zbshr::exp::derive_table_name(file, out);
-  return out;
-}
-
-TEST(ExportTableName, StartsAtTheLastDotAndStopsAtTheFirst) {
-  EXPECT_EQ(table_of("C:\\DATA\\ORDERS.TXT"), "ORDERS");
-  EXPECT_EQ(table_of("C:\\OUT\\ORDERS"), "ORDERS");
-  EXPECT_EQ(table_of("C:\\A.B\\FILE"), "A");  // the scan starts at the last dot
-  EXPECT_EQ(table_of("/tmp/x/orders.tar.gz"), "orders");
-  EXPECT_EQ(table_of("D:ITEMS.DBF"), "ITEMS");
-  EXPECT_EQ(table_of("plain"), "plain");
-  EXPECT_EQ(table_of("dir/"), "");
-  EXPECT_EQ(table_of(""), "");
-  EXPECT_EQ(table_of(nullptr), "");
-  EXPECT_EQ(table_of(std::string(400, 'n').c_str()), std::string(260, 'n'));
-}
-
-TEST(ExportTableName, BackslashInsideADoubleByteCharacterIsNoSeparator) {
-  const char* name = "C:\\\x95\\X.TXT";  // 0x95 0x5C is one character in code page 932
-  uint32_t old = zbshr_set_codepage(932);
-  EXPECT_EQ(table_of(name), "\x95\\X");
-  zbshr_set_codepage(1252);
-  EXPECT_EQ(table_of(name), "X");
-  zbshr_set_codepage(old);
-}
-
-TEST(ExportFieldName, UpperCasedAndCutToTenBytes) {
-  uint8_t out[11];
-  zbshr::exp::dbase_field_name("customer_name", out);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 11), std::string("CUSTOMER_N") + '\0');
-  zbshr::exp::dbase_field_name("a\xe9z", out);  // only ASCII letters change
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(out)), "A\xe9Z");
-}
-
-TEST(ExportIntegers, FormattedAsPrintfPrecisionDoes) {
-  const int64_t values[] = {0, 1, 7, 9, 10, 99, 100, 1998, 12345, -1, -7, -10, -30867, 2147483647,
-                            -2147483648LL};
-  for (int64_t v : values) {
+  zbshr::exp::derive_table_name(std::string(400, 'n').c_str(), out);
+  EXPECT_EQ(std::string(out), std::string(260, 'n'));
+  uint8_t field[11];
+  zbshr::exp::dbase_field_name("customer_name", field);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(field), 11), std::string("CUSTOMER_N") + '\0');
+  zbshr::exp::dbase_field_name("a\xe9z", field);  // only ASCII letters change
+  EXPECT_STREQ(reinterpret_cast<char*>(field), "A\xe9Z");
+  // Integers come out as the C library's "%.*lld" writes them.
+  for (int64_t v : {0LL, 1LL, 7LL, 9LL, 10LL, 99LL, 100LL, 1998LL, 12345LL, -1LL, -7LL, -10LL, -30867LL,
+                    2147483647LL, -2147483648LL})
     for (int digits : {1, 2, 4}) {
       char want[40], got[40];
       std::snprintf(want, sizeof want, "%.*lld", digits, static_cast<long long>(v));
       *zbshr::exp::Out::format_int(got, v, digits) = '\0';
       EXPECT_STREQ(got, want) << v << " " << digits;
     }
-  }
 }
 
 using ExportProtocol = ExportTest;
 
-TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
+TEST_F(ExportProtocol, MisuseIsRefusedAndEndReleasesEverything) {
+  const size_t before = live_blocks();
   for (const Format& f : kAll) {
     SCOPED_TRACE(f.name);
     EXPECT_EQ(f.column(nullptr, "A", 1, 1), 0);
@@ -71,9 +62,15 @@ TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
     EXPECT_EQ(f.end(nullptr), 0);
     EXPECT_EQ(f.begin(nullptr, 0, path("n").c_str(), 1, 1, 0), nullptr);
     EXPECT_EQ(f.begin(heap_, 0, path("n").c_str(), 1, -1, 0), nullptr);
+    if (f.item != osSaveClipItem) {
+      EXPECT_EQ(f.begin(heap_, 0, path("no/such/dir/x").c_str(), 1, 1, 0), nullptr);
+    }
     const std::string file = path(std::string("m.") + f.name);
-    ExportState* h = f.begin(heap_, 0, file.c_str(), 1, 2, 0);
+    const uint32_t pool = zbstg_new_pool(heap_);
+    ExportState* h = f.begin(heap_, pool, file.c_str(), 1, 2, 0);
     ASSERT_NE(h, nullptr);
+    EXPECT_EQ(zbstg_get_pointer_subpool(heap_, h->block), pool);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(h) % alignof(ExportState), 0u);
     EXPECT_EQ(f.column(h, nullptr, 4, 1), 1);  // a null name is an empty name
     EXPECT_EQ(f.item(h, "early"), 0);          // not every column is declared yet
     EXPECT_EQ(f.column(h, "B", 4, 1), 1);
@@ -90,11 +87,19 @@ TEST_F(ExportProtocol, MisuseIsRefusedWithoutCrashing) {
     if (f.item != osSaveClipItem) {
       EXPECT_EQ(read_file(file).find("early"), std::string::npos);
     }
-    ExportState* none = f.begin(heap_, 0, path(std::string("z.") + f.name).c_str(), 0, 0, 0);
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(f.item(none, "v"), 0);  // no columns: nowhere to put a cell
-    EXPECT_EQ(f.end(none), 1);
+    // no columns: nowhere to put a cell; ended early, everything is freed
+    for (int stop = 0; stop < 3; ++stop) {
+      h = f.begin(heap_, 0, path(std::string("z.") + f.name).c_str(), 5, stop ? 3 : 0, OSSAVE_HEADINGS);
+      ASSERT_NE(h, nullptr);
+      if (stop == 0) {
+        EXPECT_EQ(f.item(h, "v"), 0);
+      }
+      for (int i = 0; i < (stop == 2 ? 3 : stop); ++i) f.column(h, "FIRST", 10, 1 + i % 2);
+      if (stop == 2) f.item(h, "a");
+      EXPECT_EQ(f.end(h), 1);
+    }
   }
+  EXPECT_EQ(live_blocks(), before);
 }
 
 TEST_F(ExportProtocol, OfTwoEndsRacingOnOneHandleOnlyOneRuns) {
@@ -119,45 +124,7 @@ TEST_F(ExportProtocol, OfTwoEndsRacingOnOneHandleOnlyOneRuns) {
   }
 }
 
-TEST_F(ExportProtocol, FileThatCannotBeCreatedFailsBegin) {
-  const std::string bad = path("no/such/folder/out.dat");
-  for (const Format& f : kAll) {
-    if (f.item == osSaveClipItem) continue;
-    EXPECT_EQ(f.begin(heap_, 0, bad.c_str(), 1, 1, 0), nullptr) << f.name;
-  }
-}
-
-TEST_F(ExportProtocol, EndReleasesEverythingWhateverThePointReached) {
-  ZBSTG_STAT before{}, after{};
-  zbstg_stat(heap_, &before);
-  for (const Format& f : kAll) {
-    SCOPED_TRACE(f.name);
-    const uint32_t pool = zbstg_new_pool(heap_);
-    // ended before any column, after some columns, and after some cells
-    for (int stop = 0; stop < 3; ++stop) {
-      ExportState* h = f.begin(heap_, pool, path(std::string("r.") + f.name).c_str(), 5, 3,
-                               OSSAVE_HEADINGS);
-      ASSERT_NE(h, nullptr);
-      EXPECT_EQ(zbstg_get_pointer_subpool(heap_, h->block), pool);
-      EXPECT_EQ(reinterpret_cast<uintptr_t>(h) % alignof(ExportState), 0u);
-      if (stop >= 1) {
-        f.column(h, "FIRST", 10, 1);
-        f.column(h, "SECOND", 10, 2);
-      }
-      if (stop >= 2) {
-        f.column(h, "THIRD", 10, 1);
-        double v = 1;
-        f.item(h, "a");
-        f.item(h, &v);
-      }
-      f.end(h);
-    }
-  }
-  zbstg_stat(heap_, &after);
-  EXPECT_EQ(after.live_blocks, before.live_blocks);
-}
-
-TEST_F(ExportProtocol, ShortWriteOfACellFailsTheItem) {
+TEST_F(ExportProtocol, WriteFailuresAreReported) {
   const std::string text(200, 't');
   for (const Format& f : kAll) {
     if (f.item == osSaveClipItem) continue;  // no file
@@ -173,48 +140,148 @@ TEST_F(ExportProtocol, ShortWriteOfACellFailsTheItem) {
     EXPECT_LT(written, 1000);  // the cell whose bytes met the short write said so
     f.end(h);
   }
-}
-
-TEST_F(ExportProtocol, FailedTrailerDiscardsPendingBytesAndStillFrees) {
-  ZBSTG_STAT before{}, after{};
-  zbstg_stat(heap_, &before);
+  const size_t before = live_blocks();
+  // A failed flush before the trailer: no trailer, nothing more, all freed.
   const std::string file = path("trailer.sql");
   ExportState* h = osSaveSqlBegin(heap_, 0, file.c_str(), 1, 1, 0);
   ASSERT_NE(h, nullptr);
   ASSERT_EQ(osSaveSqlColumn(h, "S", 10, 1), 1);
-  // pad the buffer to exactly full: header 22 bytes, row prefix, quotes, ");"
-  const std::string prefix = "\r\nINSERT INTO trailer VALUES (\r\n\t'";
-  const size_t used = std::string("CREATE TABLE trailer (\r\n\tS char(10));").size() +
-                      prefix.size();
-  std::string s(16284 - used - 3, 'y');
-  ASSERT_EQ(osSaveSqlItem(h, s.c_str()), 1);
-  ASSERT_EQ(std::filesystem::file_size(file), 0u);  // all still in the buffer
-  zbshr_inject_fault(2, 1, 1);  // the flush before the trailer moves half the buffer
+  const size_t used = std::string("CREATE TABLE trailer (\r\n\tS char(10));\r\nINSERT INTO trailer VALUES (\r\n\t'").size();
+  ASSERT_EQ(osSaveSqlItem(h, std::string(16284 - used - 3, 'y').c_str()), 1);  // the buffer exactly full
+  ASSERT_EQ(std::filesystem::file_size(file), 0u);
+  zbshr_inject_fault(2, 1, 1);
   EXPECT_EQ(osSaveSqlEnd(h), 0);
-  zbshr_clear_faults();
-  EXPECT_EQ(std::filesystem::file_size(file), 16284u / 2);  // no trailer, nothing more
-  zbstg_stat(heap_, &after);
-  EXPECT_EQ(after.live_blocks, before.live_blocks);
-}
-
-TEST_F(ExportProtocol, FailedFinalFlushFailsEnd) {
-  const std::string file = path("flush.csv");
-  ExportState* h = osSaveCsvBegin(heap_, 0, file.c_str(), 1, 1, 0);
+  EXPECT_EQ(std::filesystem::file_size(file), 16284u / 2);
+  // A failed final flush fails End; a failed open fails Begin.
+  h = osSaveCsvBegin(heap_, 0, path("flush.csv").c_str(), 1, 1, 0);
   ASSERT_NE(h, nullptr);
   ASSERT_EQ(osSaveCsvColumn(h, "S", 10, 1), 1);
   ASSERT_EQ(osSaveCsvItem(h, "abc"), 1);
   zbshr_inject_fault(2, 1, 1);
   EXPECT_EQ(osSaveCsvEnd(h), 0);
-}
-
-TEST_F(ExportProtocol, HeaderWriteFailureAtBeginLeavesNothingAllocated) {
-  ZBSTG_STAT before{}, after{};
-  zbstg_stat(heap_, &before);
-  zbshr_inject_fault(5, 1, 1);  // the open fails
+  zbshr_inject_fault(5, 1, 1);
   EXPECT_EQ(osSaveDifBegin(heap_, 0, path("x.dif").c_str(), 1, 1, 0), nullptr);
   zbshr_clear_faults();
-  zbstg_stat(heap_, &after);
-  EXPECT_EQ(after.live_blocks, before.live_blocks);
+  EXPECT_EQ(live_blocks(), before);
+}
+
+// ---------------------------------------------------------------- edges
+
+// How a one-column export with no headings carries the text of a number.
+std::string wrapped(const Format& f, const std::string& text) {
+  if (f.item == osSaveDifItem) return "\r\n0," + text + "\r\nV\r\n";
+  if (f.item == osSaveSqlItem) return "\r\n\t" + text + ");";
+  if (f.item == osSaveSylkItem) return ";K" + text + "\r\n";
+  if (f.item == osSaveDbase3Item || f.item == osSaveDbase2Item) return " " + std::string(16 - text.size(), ' ') + text + "\x1A";
+  return text + "\r\n";
+}
+
+TEST_F(ExportProtocol, NumbersTooLongForTheirRoomLoseDigitsNotTheValue) {
+  // From Python's "%.<k>G" (doubles) and decimal module (decimals, rounded
+  // half away from zero), the largest k that fits 15 characters for DIF, 16
+  // for a dBase field, 29 for the other formats.
+  const struct {
+    const Format* f;
+    Cell value;
+    const char* text;
+  } fits[] = {
+      {&kDif, 1.0 / 3, "0.3333333333333"}, {&kDif, -3.141592653589793, "-3.14159265359"},
+      {&kDif, 9007199254740992.0, "9.007199255E+15"}, {&kDif, DBL_MAX, "1.79769313E+308"},
+      {&kDif, 5e-324, "4.94065646E-324"}, {&kDif, -123456789012345.0, "-1.23456789E+14"},
+      {&kDif, 123456789012345.0, "123456789012345"}, {&kDif, Dec{"-0.0000000000000000000000012345"}, "-1.2345E-24"},
+      {&kDif, Dec{"123456789012345678901234"}, "1.23456789E+23"}, {&kDif, Dec{"-1234.5678901234"}, "-1234.567890123"},
+      {&kDif, Dec{"0.9999999999999999999"}, "1"}, {&kDif, Dec{"-99999999999999.95"}, "-1E+14"},
+      {&kDbase3, 1.0 / 3, "0.33333333333333"}, {&kDbase3, -3.141592653589793, "-3.1415926535898"},
+      {&kDbase2, 2.0 / 3, "0.66666666666667"},
+      {&kDbase3, DBL_MAX, "1.79769313E+308"},  // 1.797693135E+308 would read as infinity
+      {&kDbase3, Dec{"-99999999999999.95"}, "-100000000000000"},
+      {&kDbase3, Dec{"123456789012345678901234"}, "1.2345678901E+23"},
+      {&kCsv, Dec{"-0.0000000000000000000000012345"}, "-0.00000000000000000000000123"},
+      {&kSql, Dec{"-0.0000000000000000000000000001"}, "-1E-28"},
+      {&kSylk, Dec{"-0.0000000000000000000000012345"}, "-0.00000000000000000000000123"},
+      {&kSql, 3.141592653589793, "3.14159265358979"},
+  };
+  for (const auto& c : fits) {
+    const int32_t type = std::holds_alternative<Dec>(c.value) ? OSSAVE_DECIMAL : OSSAVE_NUMBER;
+    const std::string got = run(*c.f, {{"N", 10, type}}, {{c.value}}, 0, "fit.dat");
+    EXPECT_NE(got.find(wrapped(*c.f, c.text)), std::string::npos) << c.f->name << " " << c.text << "\n" << visible(got);
+  }
+}
+
+class ExportRegional : public Regional {};
+
+TEST_F(ExportRegional, SeparatorsAreTheRegionalOnes) {
+  use("sDecimal=,\nsTime=.\n");
+  ZBSTG_HEAP heap = zbstg_begin(0);
+  const std::string file = dir_ + "/sep.dif";
+  ExportState* h = osSaveDifBegin(heap, 0, file.c_str(), 2, 3, 0);
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(osSaveDifColumn(h, "N", 10, OSSAVE_NUMBER), 1);
+  ASSERT_EQ(osSaveDifColumn(h, "D", 10, OSSAVE_DECIMAL), 1);
+  ASSERT_EQ(osSaveDifColumn(h, "T", 8, OSSAVE_TIME), 1);
+  const double third = 1.0 / 3;
+  SHDEC d;
+  ASSERT_NE(ConvAsciiToDecimal(&d, "-0.0000000000000000000000012345"), nullptr);
+  const SHDATETIME t = dt(1900, 1, 1, 12, 30, 45, 1);
+  EXPECT_EQ(osSaveDifItem(h, &third), 1);
+  EXPECT_EQ(osSaveDifItem(h, &d), 1);
+  EXPECT_EQ(osSaveDifItem(h, &t), 1);  // the fraction follows the time separator
+  EXPECT_EQ(osSaveDifEnd(h), 1);
+  zbstg_end(heap);
+  const std::string got = read_file(file);
+  EXPECT_NE(got.find("0,0,3333333333333\r\nV\r\n0,-1,2345E-24\r\nV\r\n1,0\r\n\"12.30.45.000001\"\r\n"), std::string::npos)
+      << visible(got);
+}
+
+TEST_F(ExportProtocol, SixteenBitFieldsAreHeldNotWrapped) {
+  // A text is cut to what a LABEL's length field carries; the next record follows intact.
+  const std::string big(70000, 'z');
+  std::string got = run(kExcel, {{"S", 10, 1}}, {{big}, {std::string("after")}}, 0, "big.xls");
+  ASSERT_GE(got.size(), 20u + 4 + 65535);
+  EXPECT_EQ(at16(got, 22), 65535u);
+  EXPECT_EQ(static_cast<uint8_t>(got[31]), 65527u & 0xFF);
+  EXPECT_BYTES(u16(4) + u16(13) + u16(1) + u16(0) + zeros(3) + "\x05" "after" + u16(0x0A) + u16(0), got.substr(20 + 4 + 65535));
+  got = run(kWk, {{big, 10, 1}}, {{std::string("x")}}, OSSAVE_HEADINGS, "big.wks");
+  EXPECT_EQ(at16(got, 18 + 2), 65535u);
+  EXPECT_EQ(got.substr(18 + 4 + 6, 65529), std::string(65528, 'z') + '\0');
+  EXPECT_EQ(at16(got, 18 + 4 + 65535 + 2), 7u + 1);
+  for (const Format* f : {&kExcel, &kWk}) {
+    SCOPED_TRACE(f->name);
+    const bool xl = f == &kExcel;
+    // Rows past the last nameable one are refused (the heading holds row 0).
+    const std::string file = path(std::string("rows.") + f->name);
+    ExportState* h = f->begin(heap_, 0, file.c_str(), 70000, 1, OSSAVE_HEADINGS);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(f->column(h, "N", 8, OSSAVE_NUMBER), 1);
+    int32_t ok = 0;
+    for (int i = 1; i <= 65537; ++i) {
+      const double v = i;
+      ok += f->item(h, &v);
+    }
+    EXPECT_EQ(ok, 65535);
+    EXPECT_EQ(f->end(h), 1);
+    got = read_file(file);
+    EXPECT_EQ(at16(got, xl ? 14 : 16), 65535u);
+    const size_t cell = xl ? 19 : 17;
+    EXPECT_EQ(got.size(), (xl ? 20 + 13 : 18 + 12) + 65535 * cell + 4);
+    EXPECT_BYTES(xl ? u16(3) + u16(15) + u16(65535) + u16(0) + zeros(3) + f64(65535)
+                    : u16(0x0E) + u16(13) + "\x71" + u16(0) + u16(65535) + f64(65535),
+                 got.substr(got.size() - 4 - cell, cell));
+    // So are columns past the last nameable one; the next row starts at column 0.
+    const int32_t cols = 65537;
+    h = f->begin(heap_, 0, path("cols.dat").c_str(), 1, cols, OSSAVE_HEADINGS);
+    ASSERT_NE(h, nullptr);
+    ok = 0;
+    for (int32_t i = 0; i < cols; ++i) ok += f->column(h, "", 1, OSSAVE_NUMBER);
+    EXPECT_EQ(ok, cols - 1);
+    const double v = 1;
+    ok = 0;
+    for (int32_t i = 0; i < cols; ++i) ok += f->item(h, &v);
+    EXPECT_EQ(ok, cols - 1);
+    EXPECT_EQ(f->item(h, &v), 1);
+    EXPECT_EQ(f->end(h), 1);
+    EXPECT_EQ(at16(read_file(path("cols.dat")), xl ? 18 : 14), 65535u);
+  }
 }
 
 }  // namespace
