@@ -102,21 +102,31 @@ int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got) {
     int32_t rc = readNow(h, off, buf, n, &r);
     if (rc) return rc;
   } else {
-    // Writes held back in memory are laid over what the disk holds.
+    // Writes held back in memory are laid over what the disk holds; only
+    // the gaps between them are read from the disk.
     uint32_t avail = off >= h->fsize ? 0 : uint32_t(std::min<uint64_t>(n, h->fsize - off));
-    uint32_t disk = off >= h->diskSize ? 0 : uint32_t(std::min<uint64_t>(avail, h->diskSize - off));
-    if (disk) {
-      int32_t rc = readNow(h, off, buf, disk, &r);
-      if (rc) return rc;
-    }
-    std::memset(static_cast<uint8_t*>(buf) + r, 0, avail - r);
+    uint8_t* out = static_cast<uint8_t*>(buf);
+    uint64_t at = off, end = off + avail;
     auto it = h->pending.upper_bound(off);
-    if (it != h->pending.begin()) --it;
-    for (; it != h->pending.end() && it->first < off + avail; ++it) {
-      uint64_t a = std::max<uint64_t>(it->first, off);
-      uint64_t b = std::min<uint64_t>(it->first + it->second.size(), off + avail);
-      if (a < b)
-        std::memcpy(static_cast<uint8_t*>(buf) + (a - off), it->second.data() + (a - it->first), b - a);
+    if (it != h->pending.begin() && std::prev(it)->first + std::prev(it)->second.size() > off) --it;
+    while (at < end) {
+      uint64_t gapEnd = it != h->pending.end() ? std::min<uint64_t>(it->first, end) : end;
+      if (at < gapEnd) {  // not held back: the disk (zeros past its end)
+        uint32_t want = uint32_t(gapEnd - at), disk = 0;
+        if (at < h->diskSize) disk = uint32_t(std::min<uint64_t>(want, h->diskSize - at));
+        uint32_t rn = 0;
+        if (disk) {
+          int32_t rc = readNow(h, at, out + (at - off), disk, &rn);
+          if (rc) return rc;
+        }
+        if (rn < want) std::memset(out + (at - off) + rn, 0, want - rn);
+        at = gapEnd;
+        continue;
+      }
+      uint64_t b = std::min<uint64_t>(it->first + it->second.size(), end);
+      std::memcpy(out + (at - off), it->second.data() + (at - it->first), size_t(b - at));
+      at = b;
+      ++it;
     }
     r = avail;
   }
@@ -203,8 +213,10 @@ int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n) {
     std::vector<uint8_t>& v = it->second;
     uint64_t start = it->first;
     size_t before = v.size();
-    if (start + v.size() < b) v.resize(size_t(b - start));
-    std::memcpy(v.data() + (a - start), src, n);
+    // Overwrite what the range holds, append the rest (no zero fill first).
+    size_t inside = size_t(std::min<uint64_t>(start + v.size(), b) - a);
+    std::memcpy(v.data() + (a - start), src, inside);
+    v.insert(v.end(), src + inside, src + n);
     h->pendingBytes += v.size() - before;
     // Absorb the ranges the write reached.
     auto next = std::next(it);
