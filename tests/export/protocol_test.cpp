@@ -40,6 +40,12 @@ TEST(ExportNames, TableFieldAndIntegerTexts) {
   EXPECT_EQ(std::string(reinterpret_cast<char*>(field), 11), std::string("CUSTOMER_N") + '\0');
   zbshr::exp::dbase_field_name("a\xe9z", field);  // only ASCII letters change
   EXPECT_STREQ(reinterpret_cast<char*>(field), "A\xe9Z");
+  const uint32_t old = zbshr_set_codepage(932);  // the second byte of a character is kept as it is
+  zbshr::exp::dbase_field_name("ab\x82" "cdefgh\x82" "b", field);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(field), 11), std::string("AB\x82" "cDEFGH\x82") + '\0');
+  zbshr::exp::dbase_field_name("ab\x82\0zz", field);  // a lead byte last: the name ends there
+  zbshr_set_codepage(old);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(field), 11), std::string("AB\x82") + zeros(8));
   // Integers come out as the C library's "%.*lld" writes them.
   for (int64_t v : {0LL, 1LL, 7LL, 9LL, 10LL, 99LL, 100LL, 1998LL, 12345LL, -1LL, -7LL, -10LL, -30867LL,
                     2147483647LL, -2147483648LL})
