@@ -194,3 +194,23 @@ TEST_F(ExportCli, ClipGoesToTheClipboardProgram) {
 
 }  // namespace
 }  // namespace xt
+
+namespace xt {
+namespace {
+
+// The quick form of the readers' check (the ctest ExportReaders adds the
+// files past the limits, written through the shared library): every format
+// of the sample and the tricky values, read back by whichever of xlrd,
+// dbfread, sqlite3, LibreOffice and Gnumeric are installed.
+TEST_F(ExportCli, RealReadersSeeWhatWasExported) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "the readers run on the build machine";
+#endif
+  if (!std::filesystem::exists("/usr/bin/python3")) GTEST_SKIP() << "no /usr/bin/python3";
+  auto r = zbtest::run_program({"/usr/bin/python3", ZBSHR_SOURCE_DIR "/tests/export/readers.py", ZBSHR_CLI, path("readers")});
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_EQ(r.out.find("FAIL"), std::string::npos) << r.out;
+}
+
+}  // namespace
+}  // namespace xt
