@@ -38,21 +38,21 @@ void* call_flip(SHFLIPFN flip, void* p, int32_t extra) {
 
 }  // namespace
 
-void* shFlipShort(void* value) {
+ZBSHR_API(void*) shFlipShort(void* value) {
   if (!value) return nullptr;
   reverse(bytes(value), 2);
   return bytes(value) + 2;
 }
 
-void* shFlipLong(void* value) {
+ZBSHR_API(void*) shFlipLong(void* value) {
   if (!value) return nullptr;
   reverse(bytes(value), 4);
   return bytes(value) + 4;
 }
 
-void* shFlipTimeT(void* value, int32_t) { return shFlipLong(value); }
+ZBSHR_API(void*) shFlipTimeT(void* value, int32_t) { return shFlipLong(value); }
 
-void* shFlipDouble(void* value) {
+ZBSHR_API(void*) shFlipDouble(void* value) {
   if (!value) return nullptr;
   unsigned char out[8];
   for (int i = 0; i < 8; ++i) out[i] = bytes(value)[7 - i];
@@ -60,24 +60,24 @@ void* shFlipDouble(void* value) {
   return bytes(value) + 8;
 }
 
-void* shFlipSHDEC(void* value) {
+ZBSHR_API(void*) shFlipSHDEC(void* value) {
   if (!value) return nullptr;
   // Seven 16-bit words; the two bytes after them (14, 15) stay as they are.
   for (int off = 0; off <= 12; off += 2) reverse(bytes(value) + off, 2);
   return bytes(value) + 16;
 }
 
-void* shFlipDataLoop(void* value, SHFLIPFN flip, int32_t count, int32_t extra) {
+ZBSHR_API(void*) shFlipDataLoop(void* value, SHFLIPFN flip, int32_t count, int32_t extra) {
   if (!value || !flip) return value;
   for (int32_t i = 0; i < count && value; ++i) value = call_flip(flip, value, extra);
   return value;
 }
 
-void* shFlipDataLoopNative(void* value, SHFLIPFN, int32_t, int32_t) { return value; }
+ZBSHR_API(void*) shFlipDataLoopNative(void* value, SHFLIPFN, int32_t, int32_t) { return value; }
 
-int32_t shSetFlipDataNative(int32_t native) {
+ZBSHR_API(int32_t) shSetFlipDataNative(int32_t native) {
   g_native.store(native, std::memory_order_relaxed);
   return native;
 }
 
-int32_t shGetFlipDataNative(void) { return g_native.load(std::memory_order_relaxed); }
+ZBSHR_API(int32_t) shGetFlipDataNative(void) { return g_native.load(std::memory_order_relaxed); }

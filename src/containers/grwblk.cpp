@@ -28,7 +28,7 @@ char* slot(SH_GRWBLK* b, uint32_t index) {
 
 }  // namespace
 
-void sh_grwblk_init(SH_GRWBLK* block, int32_t step, int32_t item_size) {
+ZBSHR_API(void) sh_grwblk_init(SH_GRWBLK* block, int32_t step, int32_t item_size) {
   if (!block) return;
   block->data = nullptr;
   block->step = step;
@@ -37,13 +37,13 @@ void sh_grwblk_init(SH_GRWBLK* block, int32_t step, int32_t item_size) {
   block->item_size = item_size;
 }
 
-SH_GRWBLK* sh_new_grwblk(ZBSTG_HEAP heap, int32_t step, int32_t item_size, uint32_t pool) {
+ZBSHR_API(SH_GRWBLK*) sh_new_grwblk(ZBSTG_HEAP heap, int32_t step, int32_t item_size, uint32_t pool) {
   auto* block = static_cast<SH_GRWBLK*>(zbstg_alloc(heap, sizeof(SH_GRWBLK), pool));
   sh_grwblk_init(block, step, item_size);
   return block;
 }
 
-int32_t sh_add_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* item, uint32_t pool) {
+ZBSHR_API(int32_t) sh_add_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* item, uint32_t pool) {
   if (!usable(block) || block->count < 0 || block->count == INT32_MAX) return -1;
   if (!item && block->item_size > 0) return -1;
   const auto count = static_cast<uint32_t>(block->count);
@@ -57,7 +57,7 @@ int32_t sh_add_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* item, ui
   return static_cast<int32_t>(count);
 }
 
-int32_t sh_set_grwblk_item(ZBSTG_HEAP heap, SH_GRWBLK* block, int32_t index, const void* item,
+ZBSHR_API(int32_t) sh_set_grwblk_item(ZBSTG_HEAP heap, SH_GRWBLK* block, int32_t index, const void* item,
                            uint32_t pool) {
   if (!usable(block) || index < 0 || block->count < 0) return 0;
   if (!item && block->item_size > 0) return 0;
@@ -71,7 +71,7 @@ int32_t sh_set_grwblk_item(ZBSTG_HEAP heap, SH_GRWBLK* block, int32_t index, con
   return block->item_size;
 }
 
-int32_t sh_append_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* items, int32_t n,
+ZBSHR_API(int32_t) sh_append_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* items, int32_t n,
                             uint32_t pool) {
   if (!usable(block) || n < 0 || block->count < 0) return -1;
   if (static_cast<int64_t>(block->count) + n > INT32_MAX) return -1;
@@ -95,13 +95,13 @@ int32_t sh_append_to_grwblk(ZBSTG_HEAP heap, SH_GRWBLK* block, const void* items
   return static_cast<int32_t>(count);
 }
 
-void sh_grwblk_delete(ZBSTG_HEAP heap, SH_GRWBLK* block) {
+ZBSHR_API(void) sh_grwblk_delete(ZBSTG_HEAP heap, SH_GRWBLK* block) {
   if (!block) return;
   if (block->data) zbstg_free(heap, block->data);
   zbstg_free(heap, block);
 }
 
-void* sh_grwblk_close(ZBSTG_HEAP heap, SH_GRWBLK* block, int32_t* count) {
+ZBSHR_API(void*) sh_grwblk_close(ZBSTG_HEAP heap, SH_GRWBLK* block, int32_t* count) {
   if (!block) {
     if (count) *count = 0;
     return nullptr;

@@ -115,12 +115,12 @@ bool non_empty(const SHLIST* list) { return list && list->count > 0; }
 
 }  // namespace
 
-SHHASH* shhash_new(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t list_keys,
+ZBSHR_API(SHHASH*) shhash_new(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t list_keys,
                    ZBSTG_HEAP heap, uint32_t pool) {
   return shhash_new_arg(buckets, keyfn, unique, list_keys, heap, pool, 0);
 }
 
-SHHASH* shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t list_keys,
+ZBSHR_API(SHHASH*) shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int32_t list_keys,
                        ZBSTG_HEAP heap, uint32_t pool, intptr_t keyarg) {
   if (buckets < 0) buckets = 0;
   const uint64_t bytes = static_cast<uint64_t>(buckets) * sizeof(SHHASH_SLOT);
@@ -148,20 +148,20 @@ SHHASH* shhash_new_arg(int32_t buckets, SHHASH_KEYFN keyfn, int32_t unique, int3
   return t;
 }
 
-void shhash_delete(SHHASH* table) {
+ZBSHR_API(void) shhash_delete(SHHASH* table) {
   if (!table) return;
   delete_lists(table);
   if (table->buckets) zbstg_free(table->heap, table->buckets);
   zbstg_free(table->heap, table);
 }
 
-void shhash_clear(SHHASH* table) {
+ZBSHR_API(void) shhash_clear(SHHASH* table) {
   if (!table || table->item_count == 0) return;
   delete_lists(table);
   table->item_count = 0;
 }
 
-int32_t shhash_insert(SHHASH* table, void* data) {
+ZBSHR_API(int32_t) shhash_insert(SHHASH* table, void* data) {
   if (!has_buckets(table)) return 0;
   void* key = key_of(table, data);
   void* found;
@@ -178,15 +178,15 @@ int32_t shhash_insert(SHHASH* table, void* data) {
   return r;
 }
 
-void* shhash_search(SHHASH* table, const void* key) {
+ZBSHR_API(void*) shhash_search(SHHASH* table, const void* key) {
   void* data;
   find(table, key, &data);
   return data;
 }
 
-void* shhash_search_unique(SHHASH* table, const void* key) { return shhash_search(table, key); }
+ZBSHR_API(void*) shhash_search_unique(SHHASH* table, const void* key) { return shhash_search(table, key); }
 
-void* shhash_searchNext(SHHASH* table, const void* key) {
+ZBSHR_API(void*) shhash_searchNext(SHHASH* table, const void* key) {
   if (!has_buckets(table)) return nullptr;
   SHLIST* list = table->buckets[table->current].list;
   if (!list || !list->current) return nullptr;
@@ -196,13 +196,13 @@ void* shhash_searchNext(SHHASH* table, const void* key) {
   return data;
 }
 
-SHLIST* shhash_searchSlot(SHHASH* table, const void* key) {
+ZBSHR_API(SHLIST*) shhash_searchSlot(SHHASH* table, const void* key) {
   if (!has_buckets(table)) return nullptr;
   table->current = bucket_of(table, key);
   return table->buckets[table->current].list;
 }
 
-void* shhash_remove(SHHASH* table) {
+ZBSHR_API(void*) shhash_remove(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
   SHLIST* list = table->buckets[table->current].list;
   if (!list) return nullptr;
@@ -211,7 +211,7 @@ void* shhash_remove(SHHASH* table) {
   return data;
 }
 
-void* shhash_get_first(SHHASH* table) {
+ZBSHR_API(void*) shhash_get_first(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
   for (int32_t i = 0; i < table->bucket_count; ++i) {
     if (non_empty(table->buckets[i].list)) {
@@ -222,7 +222,7 @@ void* shhash_get_first(SHHASH* table) {
   return nullptr;
 }
 
-void* shhash_get_next(SHHASH* table) {
+ZBSHR_API(void*) shhash_get_next(SHHASH* table) {
   if (!has_buckets(table)) return nullptr;
   SHLIST* list = table->buckets[table->current].list;
   if (list) {
@@ -238,7 +238,7 @@ void* shhash_get_next(SHHASH* table) {
   return nullptr;
 }
 
-int32_t shhash_traversal(SHHASH* table, intptr_t param, SHLIST_VISIT visit) {
+ZBSHR_API(int32_t) shhash_traversal(SHHASH* table, intptr_t param, SHLIST_VISIT visit) {
   if (!has_buckets(table)) return 1;
   int32_t result = 1;
   for (int32_t i = 0; i < table->bucket_count; ++i) {
@@ -252,7 +252,7 @@ int32_t shhash_traversal(SHHASH* table, intptr_t param, SHLIST_VISIT visit) {
   return result;
 }
 
-SHHASH_STAT* shhash_statistics(SHHASH* table, SHHASH_STAT* stat) {
+ZBSHR_API(SHHASH_STAT*) shhash_statistics(SHHASH* table, SHHASH_STAT* stat) {
   if (!stat) return nullptr;
   stat->expected_chain = 1.0;
   stat->actual_chain = 0.0;

@@ -70,7 +70,7 @@ int32_t ZBSHR_CALLBACK compare_strings(void* a, void* b) {
 
 }  // namespace
 
-SHLIST* shlist_new(ZBSTG_HEAP heap, uint32_t pool) {
+ZBSHR_API(SHLIST*) shlist_new(ZBSTG_HEAP heap, uint32_t pool) {
   auto* list = static_cast<SHLIST*>(zbstg_alloc(heap, sizeof(SHLIST), pool));
   if (!list) return nullptr;
   list->first = list->last = list->current = nullptr;
@@ -80,34 +80,34 @@ SHLIST* shlist_new(ZBSTG_HEAP heap, uint32_t pool) {
   return list;
 }
 
-void shlist_delete(SHLIST* list) {
+ZBSHR_API(void) shlist_delete(SHLIST* list) {
   if (!list) return;
   free_nodes(list, false);
   zbstg_free(list->heap, list);
 }
 
-int32_t shlist_deleteFree(SHLIST* list) {
+ZBSHR_API(int32_t) shlist_deleteFree(SHLIST* list) {
   if (!list) return 0;
   free_nodes(list, true);
   zbstg_free(list->heap, list);
   return 0;
 }
 
-int32_t shlist_get_count(SHLIST* list) { return list ? list->count : 0; }
+ZBSHR_API(int32_t) shlist_get_count(SHLIST* list) { return list ? list->count : 0; }
 
-void* shlist_get_first(SHLIST* list) {
+ZBSHR_API(void*) shlist_get_first(SHLIST* list) {
   if (!list || !list->first) return nullptr;
   list->current = list->first;
   return list->current->data;
 }
 
-void* shlist_get_last(SHLIST* list) {
+ZBSHR_API(void*) shlist_get_last(SHLIST* list) {
   if (!list || !list->last) return nullptr;
   list->current = list->last;
   return list->current->data;
 }
 
-void* shlist_get_next(SHLIST* list) {
+ZBSHR_API(void*) shlist_get_next(SHLIST* list) {
   if (!list) return nullptr;
   if (!list->current || list->current == list->last) {
     list->current = nullptr;
@@ -117,7 +117,7 @@ void* shlist_get_next(SHLIST* list) {
   return list->current->data;
 }
 
-void* shlist_get_prev(SHLIST* list) {
+ZBSHR_API(void*) shlist_get_prev(SHLIST* list) {
   if (!list) return nullptr;
   if (!list->current || list->current == list->first) {
     list->current = nullptr;
@@ -127,27 +127,27 @@ void* shlist_get_prev(SHLIST* list) {
   return list->current->data;
 }
 
-void* shlist_get_curr(SHLIST* list) {
+ZBSHR_API(void*) shlist_get_curr(SHLIST* list) {
   return list && list->current ? list->current->data : nullptr;
 }
 
-SHLISTNODE* shlist_get_handle(SHLIST* list) { return list ? list->current : nullptr; }
+ZBSHR_API(SHLISTNODE*) shlist_get_handle(SHLIST* list) { return list ? list->current : nullptr; }
 
-SHLISTNODE* shlist_curr_node(SHLIST* list) { return list ? list->current : nullptr; }
+ZBSHR_API(SHLISTNODE*) shlist_curr_node(SHLIST* list) { return list ? list->current : nullptr; }
 
-SHLIST* shlist_set_current(SHLIST* list, SHLISTNODE* node) {
+ZBSHR_API(SHLIST*) shlist_set_current(SHLIST* list, SHLISTNODE* node) {
   if (list) list->current = node;
   return list;
 }
 
-void* shlist_update(SHLIST* list, void* data) {
+ZBSHR_API(void*) shlist_update(SHLIST* list, void* data) {
   if (!list || !list->current) return nullptr;
   void* old = list->current->data;
   list->current->data = data;
   return old;
 }
 
-int32_t shlist_putafter(SHLIST* list, SHLISTNODE* node) {
+ZBSHR_API(int32_t) shlist_putafter(SHLIST* list, SHLISTNODE* node) {
   if (!list || !node) return 0;
   SHLISTNODE* cur = list->current;
   if (!cur && list->first) {
@@ -170,18 +170,18 @@ int32_t shlist_putafter(SHLIST* list, SHLISTNODE* node) {
   return 1;
 }
 
-int32_t shlist_addafter(SHLIST* list, void* data) {
+ZBSHR_API(int32_t) shlist_addafter(SHLIST* list, void* data) {
   if (!list) return 0;
   SHLISTNODE* node = new_node(list, data);
   if (!node) return 0;
   return shlist_putafter(list, node);
 }
 
-int32_t shlist_insert_at_curr(SHLIST* list, void* data) {
+ZBSHR_API(int32_t) shlist_insert_at_curr(SHLIST* list, void* data) {
   return shlist_addafter(list, data) ? 1 : 0;
 }
 
-int32_t shlist_addbefore(SHLIST* list, void* data) {
+ZBSHR_API(int32_t) shlist_addbefore(SHLIST* list, void* data) {
   if (!list) return 0;
   SHLISTNODE* cur = list->current;
   if (!cur && list->first) return 0;
@@ -201,13 +201,13 @@ int32_t shlist_addbefore(SHLIST* list, void* data) {
   return 1;
 }
 
-int32_t shlist_insert(SHLIST* list, void* data) {
+ZBSHR_API(int32_t) shlist_insert(SHLIST* list, void* data) {
   if (!list) return 0;
   list->current = list->last;
   return shlist_addafter(list, data);
 }
 
-void* shlist_remove(SHLIST* list) {
+ZBSHR_API(void*) shlist_remove(SHLIST* list) {
   if (!list || !list->current) return nullptr;
   SHLISTNODE* node = list->current;
   void* data = node->data;
@@ -253,7 +253,7 @@ int32_t walk_list(SHLIST* list, intptr_t param, SHLIST_VISIT visit, bool* list_g
 
 }  // namespace zbshr::containers
 
-int32_t shlist_traversal(SHLIST* list, intptr_t param, SHLIST_VISIT visit) {
+ZBSHR_API(int32_t) shlist_traversal(SHLIST* list, intptr_t param, SHLIST_VISIT visit) {
   bool gone;
   return zbshr::containers::walk_list(list, param, visit, &gone);
 }
@@ -300,12 +300,12 @@ void** sort_list(SHLIST* list, int32_t flags, Sort sort) {
 
 }  // namespace
 
-void** shlist_sort(SHLIST* list, SH_COMPARE compare, int32_t flags) {
+ZBSHR_API(void**) shlist_sort(SHLIST* list, SH_COMPARE compare, int32_t flags) {
   if (!compare) compare = compare_strings;
   return sort_list(list, flags, [compare](void** a, int32_t n) { sh_heapsort(a, n, compare); });
 }
 
-void** shlist_sort_param(SHLIST* list, intptr_t param, SH_COMPARE_PARAM compare, int32_t flags) {
+ZBSHR_API(void**) shlist_sort_param(SHLIST* list, intptr_t param, SH_COMPARE_PARAM compare, int32_t flags) {
   if (!compare) {
     return sort_list(list, flags,
                      [](void** a, int32_t n) { sh_heapsort(a, n, compare_strings); });

@@ -131,34 +131,34 @@ int32_t keyword_lookup(const char* key, const SHKEYWORD* table, int32_t count,
 
 }  // namespace
 
-void sh_heapsort(void** array, int32_t count, SH_COMPARE compare) {
+ZBSHR_API(void) sh_heapsort(void** array, int32_t count, SH_COMPARE compare) {
   if (!compare) return;
   heap_sort(array, count, [compare](void* a, void* b) { return compare(a, b) < 0; });
 }
 
-void sh_hugeheapsort(void** array, int32_t count, SH_COMPARE compare) {
+ZBSHR_API(void) sh_hugeheapsort(void** array, int32_t count, SH_COMPARE compare) {
   sh_heapsort(array, count, compare);
 }
 
-void sh_heapsort_param(intptr_t param, void** array, int32_t count, SH_COMPARE_PARAM compare) {
+ZBSHR_API(void) sh_heapsort_param(intptr_t param, void** array, int32_t count, SH_COMPARE_PARAM compare) {
   if (!compare) return;
   heap_sort(array, count,
             [param, compare](void* a, void* b) { return compare(param, a, b) < 0; });
 }
 
-void sh_hugeheapsort_param(intptr_t param, void** array, int32_t count,
+ZBSHR_API(void) sh_hugeheapsort_param(intptr_t param, void** array, int32_t count,
                            SH_COMPARE_PARAM compare) {
   sh_heapsort_param(param, array, count, compare);
 }
 
-int32_t sh_binary_search(const void* key, const void* base, int32_t item_size, int32_t count,
+ZBSHR_API(int32_t) sh_binary_search(const void* key, const void* base, int32_t item_size, int32_t count,
                          SH_SEARCH_COMPARE compare) {
   bool found;
   const int32_t i = search(key, base, item_size, count, compare, &found);
   return found ? i : -1;
 }
 
-int32_t sh_bin_search(const void* key, const void* base, int32_t item_size, int32_t count,
+ZBSHR_API(int32_t) sh_bin_search(const void* key, const void* base, int32_t item_size, int32_t count,
                       SH_SEARCH_COMPARE compare, int32_t* found) {
   bool hit;
   const int32_t i = search(key, base, item_size, count, compare, &hit);
@@ -166,10 +166,10 @@ int32_t sh_bin_search(const void* key, const void* base, int32_t item_size, int3
   return i;
 }
 
-int32_t shBinSrch(const char* key, const SHKEYWORD* table, int32_t count) {
+ZBSHR_API(int32_t) shBinSrch(const char* key, const SHKEYWORD* table, int32_t count) {
   return keyword_lookup(key, table, count, keyword_compare);
 }
 
-int32_t shBinSrchi(const char* key, const SHKEYWORD* table, int32_t count) {
+ZBSHR_API(int32_t) shBinSrchi(const char* key, const SHKEYWORD* table, int32_t count) {
   return keyword_lookup(key, table, count, keyword_compare_nocase);
 }

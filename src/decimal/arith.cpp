@@ -154,7 +154,6 @@ int divide_nums(const Num& a, const Num& b, Num& q) {
 
 }  // namespace zbshr::dec
 
-extern "C" {
 
 namespace {
 
@@ -371,4 +370,3 @@ ZBSHR_API(SHDEC*) TruncateDecimal(SHDEC* result, const SHDEC* a, int32_t places)
   return set_places(result, a, places, false);
 }
 
-}  // extern "C"

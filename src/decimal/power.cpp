@@ -158,7 +158,7 @@ int power_nums(const Num& b, const Num& e, Num& r) {
 
 }  // namespace zbshr::dec
 
-extern "C" ZBSHR_API(SHDEC*) PowerDecimal(SHDEC* result, const SHDEC* base, const SHDEC* exponent) {
+ZBSHR_API(SHDEC*) PowerDecimal(SHDEC* result, const SHDEC* base, const SHDEC* exponent) {
   if (int c = check(base)) return report(c), nullptr;
   if (int c = check(exponent)) return report(c), nullptr;
   if (!result) return report(kErrNull), nullptr;

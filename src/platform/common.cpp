@@ -133,7 +133,6 @@ bool IsLeadByteIn(UINT codepage, uint8_t c) {
 
 using namespace zbshr::plat;
 
-extern "C" {
 
 ZBSHR_API(ZBSHR_MSGBOX_HANDLER) zbshr_set_msgbox_handler(ZBSHR_MSGBOX_HANDLER handler,
                                                         void* context) {
@@ -160,4 +159,3 @@ ZBSHR_API(int32_t) zbshr_clipboard_text(char* buf, uint32_t size) {
   return static_cast<int32_t>(text.size());
 }
 
-}  // extern "C"

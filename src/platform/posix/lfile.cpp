@@ -31,7 +31,6 @@ bool share_of(int32_t mode, plat::DWORD* share) {
 
 }  // namespace
 
-extern "C" {
 
 ZBSHR_API(int32_t) _lopen(const char* path, int32_t mode) {
   try {
@@ -93,4 +92,3 @@ ZBSHR_API(int32_t) _llseek(int32_t file, int32_t offset, int32_t origin) {
 
 ZBSHR_API(int32_t) _lclose(int32_t file) { return plat::CloseHandle(file) ? 0 : kError; }
 
-}  // extern "C"
