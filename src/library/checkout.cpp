@@ -159,8 +159,9 @@ ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePa
       finish(s);
       return LMI_E_IO;
     }
-    // Both records are committed together, the working library's first: a
-    // failure in either leaves neither library changed.
+    // Both records are committed together, as one change of the two libraries.
+    pairBegin(s);
+    pairBegin(w);
     int32_t rc = txBegin(s);
     if (rc == 0) {
       int32_t rw = txBegin(w);
@@ -168,12 +169,16 @@ ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePa
         rc = addRecord(s, w->path, name, user, 'd');
         if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
         rc = txEndReleasing(w, rc);
-        if (rc == 0) rc = batchCommit(w);  // with write-through off too, before the other
       } else {
         rc = rw;
       }
       rc = txEndReleasing(s, rc);
-      if (rc == 0) rc = batchCommit(s);
+    }
+    if (rc == 0) {
+      rc = pairCommit(s, w);
+    } else {
+      pairDiscard(s);
+      pairDiscard(w);
     }
     int32_t cw = finish(w), cs = finish(s);
     return rc ? rc : cw ? cw : cs;
@@ -206,7 +211,9 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
     }
     std::string other;
     char status;
-    // Both records go together, the source library's first.
+    // Both records go together, as one change of the two libraries.
+    pairBegin(s);
+    pairBegin(w);
     int32_t rc = txBegin(w);
     if (rc == 0) {
       int32_t rs = txBegin(s);
@@ -214,12 +221,16 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
         rc = dropCheckOutRecord(w, name, &other, &status);
         if (rc == 0) rc = dropCheckOutRecord(s, name, &other, &status);
         rc = txEndReleasing(s, rc);
-        if (rc == 0) rc = batchCommit(s);
       } else {
         rc = rs;
       }
       rc = txEndReleasing(w, rc);
-      if (rc == 0) rc = batchCommit(w);
+    }
+    if (rc == 0) {
+      rc = pairCommit(s, w);
+    } else {
+      pairDiscard(s);
+      pairDiscard(w);
     }
     int32_t cs = finish(s), cw = finish(w);
     return rc ? rc : cs ? cs : cw;

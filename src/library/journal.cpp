@@ -19,9 +19,11 @@
 // short by a crash was never followed by a write to the library.
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <random>
 
 #include "library/lm.h"
+#include "library/recovery.h"
 #include "zbshr/memory.h"
 
 namespace zbshr::lm {
@@ -34,6 +36,7 @@ namespace {
 
 constexpr uint32_t kJHeader = 1024;   // header block and commit-mark block
 constexpr uint32_t kMaxRecord = 65536;
+constexpr uint32_t kMaxSuperName = kBlock - 32;  // the header block holds it whole
 
 uint32_t crc32(uint32_t crc, const uint8_t* p, size_t n) {
   static uint32_t table[256];
@@ -99,16 +102,26 @@ bool rawRead(HFILE f, uint64_t off, void* buf, uint32_t n) {
 
 struct JHeader {
   uint32_t salt = 0, origLen = 0, base = 0;
+  std::string super;  // the super-journal of a change of two libraries, or empty
 };
 
 bool readHeader(HFILE j, JHeader* out) {
-  uint8_t b[24];
-  if (!rawRead(j, 0, b, sizeof b)) return false;
-  if (std::memcmp(b, "JRN*", 4) != 0 || rd32(b + 4) != 1 || crc32(0, b, 20) != rd32(b + 20))
+  uint8_t b[kBlock];
+  if (!rawRead(j, 0, b, 24)) return false;
+  uint32_t version = rd32(b + 4);
+  if (std::memcmp(b, "JRN*", 4) != 0 || (version != 1 && version != 2) ||
+      crc32(0, b, 20) != rd32(b + 20))
     return false;
   out->salt = rd32(b + 8);
   out->origLen = rd32(b + 12);
   out->base = rd32(b + 16);
+  out->super.clear();
+  if (version == 2) {  // the name of the super-journal follows, with its own check
+    if (!rawRead(j, 24, b + 24, kBlock - 24)) return false;
+    uint32_t n = rd32(b + 24);
+    if (n == 0 || n > kMaxSuperName || crc32(0, b, 28 + n) != rd32(b + 28 + n)) return false;
+    out->super.assign(reinterpret_cast<const char*>(b + 28), n);
+  }
   return true;
 }
 
@@ -132,10 +145,23 @@ uint32_t recordCrc(uint32_t salt, uint32_t off, uint32_t len, const uint8_t* dat
 // Puts the saved bytes back into `lib` and gives it its old length; with
 // `honourMark`, a committed operation is completed instead (its cut redone).
 // Returns 0, or LMI_E_IO when the library could not be written.
-int32_t applyJournal(HFILE lib, HFILE j, bool honourMark) {
+//
+// A journal that names a super-journal belongs to a change of two libraries:
+// with `resolve`, it is a committed change when the super-journal is gone
+// (only its cut is completed) and is rolled back while it exists; its name is
+// reported in *super.
+int32_t applyJournal(HFILE lib, HFILE j, bool honourMark, bool resolve = false,
+                     std::string* super = nullptr) {
   JHeader hd;
   if (!readHeader(j, &hd)) return 0;  // never completed: nothing was written in place
+  bool committed = false;
+  if (!hd.super.empty()) {
+    committed = resolve && GetFileAttributesA(hd.super.c_str()) == INVALID_FILE_ATTRIBUTES;
+    honourMark = committed;
+    if (super) *super = hd.super;
+  }
   int64_t mark = honourMark ? readMark(j, hd.salt) : -1;
+  if (committed && mark < 0) return rawSync(lib, false) ? 0 : LMI_E_IO;
   if (mark >= 0) {
     int64_t size = 0;
     if (!GetFileSizeEx(lib, &size)) return LMI_E_IO;
@@ -182,18 +208,26 @@ uint32_t nextSalt(Library* h) {
   return uint32_t(h->rng >> 16) | 1;
 }
 
+// The journal's header block (512 bytes).
 void headerBytes(Library* h, uint8_t* b) {
+  std::memset(b, 0, kBlock);
+  uint32_t n = uint32_t(h->jSuper.size());
   std::memcpy(b, "JRN*", 4);
-  wr32(b + 4, 1);
+  wr32(b + 4, n ? 2 : 1);
   wr32(b + 8, h->jSalt);
   wr32(b + 12, uint32_t(h->txOrigLen));
   wr32(b + 16, h->base);
   wr32(b + 20, crc32(0, b, 20));
+  if (n) {
+    wr32(b + 24, n);
+    std::memcpy(b + 28, h->jSuper.data(), n);
+    wr32(b + 28 + n, crc32(0, b, 28 + n));
+  }
 }
 
 // Saves in the journal the old bytes of every block the held-back writes
 // will overwrite below the operation's old end of file, then syncs it.
-int32_t saveOld(Library* h) {
+int32_t saveOld(Library* h, bool force = false) {
   std::vector<std::pair<uint32_t, uint32_t>> runs;  // [first block, end block)
   for (auto& kv : h->pending) {
     uint64_t a = kv.first, b = std::min<uint64_t>(kv.first + kv.second.size(), h->txOrigLen);
@@ -207,7 +241,7 @@ int32_t saveOld(Library* h) {
         runs.push_back({blk, blk + 1});
     }
   }
-  if (runs.empty()) return 0;
+  if (runs.empty() && (!force || h->jEnd)) return 0;
   std::vector<uint8_t> out;
   if (h->jEnd == 0) {
     h->jSalt = nextSalt(h);
@@ -262,16 +296,48 @@ bool journalIsHot(const std::string& libPath) {
   return hot;
 }
 
+// Removes a super-journal once no journal it lists still depends on it.
+static void dropSuperIfDone(const std::string& super) {
+  HFILE f = CreateFileA(super.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
+                        FILE_ATTRIBUTE_NORMAL);
+  if (f == INVALID_HANDLE) return;
+  int64_t size = 0;
+  std::vector<uint8_t> b;
+  bool ok = GetFileSizeEx(f, &size) && size >= 4 && size < 65536;
+  if (ok) {
+    b.resize(size_t(size));
+    ok = rawRead(f, 0, b.data(), uint32_t(size)) && std::memcmp(b.data(), "SJR*", 4) == 0 &&
+         b.back() == 0;
+  }
+  CloseHandle(f);
+  if (!ok) return;  // cannot tell what it covers: it stays
+  for (size_t at = 4; at < b.size();) {
+    std::string jp(reinterpret_cast<const char*>(b.data() + at));
+    at += jp.size() + 1;
+    if (GetFileAttributesA(jp.c_str()) == INVALID_FILE_ATTRIBUTES) continue;
+    HFILE j = CreateFileA(jp.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
+                          FILE_ATTRIBUTE_NORMAL);
+    if (j == INVALID_HANDLE) return;  // in use or unreadable: it may still depend on it
+    JHeader hd;
+    bool depends = readHeader(j, &hd) && hd.super == super;
+    CloseHandle(j);
+    if (depends) return;
+  }
+  DeleteFileA(super.c_str());
+}
+
 int32_t recoverJournal(const std::string& libPath, HFILE file) {
   std::string jp = journalPath(libPath);
   if (GetFileAttributesA(jp.c_str()) == INVALID_FILE_ATTRIBUTES) return 0;
   HFILE j = CreateFileA(jp.c_str(), GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL);
   if (j == INVALID_HANDLE) return LMI_E_IO;
-  int32_t rc = applyJournal(file, j, true);
+  std::string super;
+  int32_t rc = applyJournal(file, j, true, true, &super);
   if (rc == 0 && !wipeHeader(j, true)) rc = LMI_E_IO;
   CloseHandle(j);
   if (rc == 0) DeleteFileA(jp.c_str());
+  if (rc == 0 && !super.empty()) dropSuperIfDone(super);
   return rc;
 }
 
@@ -357,7 +423,7 @@ static int32_t commit(Library* h) {
   if (h->jEnd && !wipeHeader(h->jfile, wt)) {
     // Whether the journal still counts is unknown: make it whole again so
     // that the rollback which follows (here or at the next open) is certain.
-    uint8_t b[24];
+    uint8_t b[kBlock];
     headerBytes(h, b);
     if (rawWrite(h->jfile, true, 0, b, sizeof b) || (wt && !rawSync(h->jfile, true)))
       h->failed = true;
@@ -435,6 +501,138 @@ int32_t batchCommit(Library* h) {
 int32_t txEndReleasing(Library* h, int32_t rc) {
   if (rc == 0 && h->freed && h->txDepth == 1) rc = releaseTail(h);
   return txEnd(h, rc);
+}
+
+// ---- a change of two libraries as one
+
+void pairBegin(Library* h) {
+  if (h->batch || h->txDepth) return;  // already holding its changes back
+  h->txOrigLen = h->diskSize;
+  h->journaled.clear();
+  h->jEnd = 0;
+  h->jSuper.clear();
+  h->batch = true;
+}
+
+void pairDiscard(Library* h) {
+  if (!h->batch) return;
+  h->batch = false;
+  h->undo.clear();
+  h->txDepth = 1;
+  txRollback(h);  // from the disk: what went out early is rolled back too
+  h->jSuper.clear();
+}
+
+namespace {
+
+bool changed(Library* h) { return !h->pending.empty() || h->fsize != h->diskSize || h->jEnd; }
+
+// Journal (naming the super-journal) saved and synced, library written and
+// synced, the new length marked; the file is not cut yet.
+int32_t prepare(Library* h, const std::string& super) {
+  bool wt = h->writeThrough;
+  bool had = h->jEnd != 0;  // written early, without the name
+  h->jSuper = super;
+  int32_t rc = saveOld(h, true);
+  if (rc) return rc;
+  if (had) {
+    uint8_t b[kBlock];
+    headerBytes(h, b);
+    if ((rc = rawWrite(h->jfile, true, 0, b, kBlock)) != 0) return rc;
+    if (wt && !rawSync(h->jfile, true)) return LMI_E_IO;
+  }
+  if ((rc = writePending(h)) != 0) return rc;
+  if (wt && !rawSync(h->file, false)) return LMI_E_IO;
+  if (h->fsize < h->diskSize) {
+    uint8_t m[16];
+    std::memcpy(m, "CMT*", 4);
+    wr32(m + 4, h->jSalt);
+    wr32(m + 8, uint32_t(h->fsize));
+    wr32(m + 12, crc32(0, m, 12));
+    if ((rc = rawWrite(h->jfile, true, 512, m, sizeof m)) != 0) return rc;
+    if (wt && !rawSync(h->jfile, true)) return LMI_E_IO;
+  }
+  return 0;
+}
+
+// After the commit: the cut, then the journal is no longer hot. A failure
+// leaves it to the next open (the journal stays) and the handle refuses writes.
+void settle(Library* h) {
+  bool wt = h->writeThrough;
+  if (h->fsize < h->diskSize) {
+    h->pos = -1;
+    if (!rawCut(h->file, false, h->fsize) || (wt && !rawSync(h->file, false))) {
+      h->failed = true;
+      return;
+    }
+    h->diskSize = h->fsize;
+  }
+  if (!wipeHeader(h->jfile, wt)) {
+    h->failed = true;
+    return;
+  }
+  h->jEnd = 0;
+  h->journaled.clear();
+  h->jSuper.clear();
+}
+
+}  // namespace
+
+int32_t pairCommit(Library* a, Library* b) {
+  // What a close would still write (a freed tail, dirty bitmaps) belongs to the change.
+  for (Library* h : {a, b}) {
+    int32_t rc = txBegin(h);
+    if (rc == 0) {
+      if (h->freed) rc = releaseTail(h);
+      if (rc == 0) rc = flushMaps(h);
+      rc = txEnd(h, rc);
+    }
+    if (rc) {
+      pairDiscard(a);
+      pairDiscard(b);
+      return rc;
+    }
+  }
+  if (!changed(a) || !changed(b)) {  // one library alone: its own commit
+    int32_t ra = batchCommit(a), rb = batchCommit(b);
+    return ra ? ra : rb;
+  }
+  char tag[16];
+  std::snprintf(tag, sizeof tag, "-mj%08x", unsigned(nextSalt(a)));
+  std::string super = a->path + tag;
+  std::string list = std::string("SJR*") + journalPath(a->path) + '\0' + journalPath(b->path) + '\0';
+  int32_t rc = super.size() <= kMaxSuperName ? 0 : LMI_E_ARGUMENT;
+  if (rc == 0) {
+    HFILE f = CreateFileA(super.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS,
+                          FILE_ATTRIBUTE_NORMAL);
+    if (f == INVALID_HANDLE) {
+      errNoteSystem(LMI_E_IO, "create", super);
+      rc = LMI_E_IO;
+    } else {
+      rc = rawWrite(f, true, 0, list.data(), uint32_t(list.size()));
+      if (rc == 0 && a->writeThrough && !rawSync(f, true)) rc = LMI_E_IO;
+      CloseHandle(f);
+    }
+  }
+  if (rc == 0) rc = prepare(a, super);
+  if (rc == 0) rc = prepare(b, super);
+  // The commit: with the super-journal gone, both journals count as done.
+  if (rc == 0 && ((ioHook && ioHook('u', true, 0, 0) == 0) || !DeleteFileA(super.c_str())))
+    rc = LMI_E_IO;
+  if (rc) {
+    pairDiscard(a);
+    pairDiscard(b);
+    if (!a->failed && !b->failed) DeleteFileA(super.c_str());
+    return rc;
+  }
+  for (Library* h : {a, b}) {
+    h->batch = false;
+    h->undo.clear();
+    h->pending.clear();
+    h->pendingBytes = 0;
+    settle(h);
+  }
+  return 0;
 }
 
 int32_t reloadHandle(Library* h, bool keepPending) {

@@ -172,6 +172,7 @@ struct Library {
   plat::HFILE jfile = plat::INVALID_HANDLE;
   uint64_t jEnd = 0;           // journal bytes of this operation (0: header not written yet)
   uint32_t jSalt = 0;
+  std::string jSuper;          // super-journal named by the journal (a change of two libraries)
   uint64_t rng = 0;
   // With write-through off the operations of a session form one batch,
   // committed at close (or rolled back whole by the next open after a
@@ -255,6 +256,15 @@ int32_t reloadHandle(Library* h, bool keepPending = false);
 void saveUndo(Library* h, uint64_t off, uint64_t n);
 // Commits the batch of a session with write-through off (the close does it).
 int32_t batchCommit(Library* h);
+// A change of two libraries as one: both handles hold their changes back
+// (pairBegin, before their first operation); pairCommit saves both journals,
+// each naming a super-journal created first, writes and syncs both
+// libraries, and commits by deleting the super-journal; a hot journal whose
+// super-journal is gone is a committed change. On failure both are rolled
+// back; pairDiscard drops what a handle holds back.
+void pairBegin(Library* h);
+int32_t pairCommit(Library* a, Library* b);
+void pairDiscard(Library* h);
 // Closes the journal of a handle and removes it unless it must stay for a rollback.
 void closeJournal(Library* h);
 

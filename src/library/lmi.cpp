@@ -688,6 +688,11 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
         }
       }
     } else {
+      // A move changes both libraries as one.
+      if (move) {
+        pairBegin(s);
+        pairBegin(d);
+      }
       rc = openRead(s, name, sequential);
       if (rc == 0) {
         const uint8_t* r = recordPtr(s, s->eNode, s->eRec);
@@ -701,6 +706,12 @@ int32_t copyMove(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
         }
         closeEntry(s);
         if (move && rc == 0) rc = LMI_DeleteEntry(reinterpret_cast<LMI_HANDLE>(s), name);
+      }
+      if (move && rc == 0) {
+        rc = pairCommit(s, d);
+      } else if (move) {
+        pairDiscard(s);
+        pairDiscard(d);
       }
     }
     if (!same) {

@@ -107,6 +107,18 @@ std::vector<Operation> build() {
       [](CrashTest&, State& s) { s[A].entries["c05"] = s[A].entries["e05"]; });
   add("copy to another library", mixed, [](CrashTest& t) { return move(t, "e06", "e06", "b.zbl", true); },
       [](CrashTest&, State& s) { s[B].entries["e06"] = s[A].entries["e06"]; });
+  add("move to another library", mixed,
+      [](CrashTest& t) { return move(t, "e09", "moved", "b.zbl", false); },
+      [](CrashTest&, State& s) {
+        s[B].entries["moved"] = s[A].entries["e09"];
+        s[A].entries.erase("e09");
+      });
+  add("move the last entry to another library", mixed,
+      [](CrashTest& t) { return move(t, "e11", "e11", "b.zbl", false); },
+      [](CrashTest&, State& s) {
+        s[B].entries["e11"] = s[A].entries["e11"];
+        s[A].entries.erase("e11");
+      });
   add("check out", mixed,
       [](CrashTest& t) {
         return LMI_CheckOutEntry(t.heap, S("e01"), S(t.lib("a.zbl")), S(t.lib("b.zbl")), S("bob"));
@@ -152,15 +164,6 @@ std::vector<Operation> build() {
         s["c.zbl"].exists = s["c.zbl"].opens = true;
         s["c.zbl"].comment = "made";
       });
-  // Check-out commits the working library first, check-in the source library.
-  ops[10].between = [](CrashTest& t, State s) {
-    s[B].checkouts.push_back(t.lib("a.zbl") + "|e01|bob|s");
-    return s;
-  };
-  ops[11].between = [](CrashTest&, State s) {
-    s[A].checkouts.erase(s[A].checkouts.begin());
-    return s;
-  };
   return ops;
 }
 

@@ -77,13 +77,11 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
             if (WEXITSTATUS(status) == 0) continue;  // not applicable (a torn write within one block)
           }
           ++t.points;
-          int damaged = verifyAll(op);
+          int damaged = verifyAll(op, k % 2 == 1);  // either library may be opened first
           t.damaged += damaged;
           State now = snapshotAll(op);
           bool asBefore = now == before, asAfter = now == after;
-          if (op.between && now == op.between(*this, before)) {
-            ++t.between;
-          } else if (m == Mode::Fail && res != 0) {
+          if (m == Mode::Fail && res != 0) {
             if (!asBefore) ++t.failedNotBefore;
             EXPECT_TRUE(asBefore) << "change " << k << " failed, result " << res;
           } else {
@@ -99,9 +97,8 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
   }
   zbshr_lib_write_through(1);
   std::printf(
-      "crash points %d: damaged %d, neither before nor after %d, failed but changed %d, "
-      "one of two libraries changed %d\n",
-      t.points, t.damaged, t.mixed, t.failedNotBefore, t.between);
+      "crash points %d: damaged %d, neither before nor after %d, failed but changed %d\n",
+      t.points, t.damaged, t.mixed, t.failedNotBefore);
   EXPECT_GT(t.points, 300 / kEvery);
 }
 
