@@ -64,8 +64,10 @@ TEST_F(ExportCli, WritesWhatItIsGiven) {
       // "--" ends the options; a number that fits the format's room
       {{"-f", "csv", "--", "@-dash.csv", "@dash.out"}, "", "dash.out", "0.333333333333333\r\n"},
       {{"-f", "dif", "--force", "@-dash.csv", "@dash.dif"}, "", "dash.dif", ""},
+#if !defined(_WIN32)  // there the clipboard is the system's
       {{"--format", "clip", "--headings", "-"}, "s:string\r\nsay \"hi\"\r\n\"a\tb\"\r\n", "",
        "s\r\nsay \"hi\"\r\n\"a\tb\"\r\n"},
+#endif
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
