@@ -57,18 +57,12 @@ LONG_TEXT = "".join(chr(ord("a") + i % 26) for i in range(300))
 def csv_cell(ctype, v):
     if v is None:
         return ""
+    if ctype == "time":
+        return "%02d:%02d:%02d" % v[:3] + (".%06d" % v[3] if v[3] else "")
     if ctype == "string":
         return '"' + v.replace('"', '""') + '"'
-    if ctype == "number":
-        return repr(v)
-    if ctype == "decimal":
-        return v
-    if ctype == "date":
-        return v.isoformat()
-    if ctype == "time":
-        h, m, s, us = v
-        return "%02d:%02d:%02d" % (h, m, s) + (".%06d" % us if us else "")
-    return v.isoformat(sep=" ")
+    return {"number": repr, "decimal": str, "date": datetime.date.isoformat,
+            "datetime": lambda x: x.isoformat(sep=" ")}[ctype](v)
 
 
 def write_input(path, columns=None, rows=None):
@@ -143,30 +137,20 @@ def decimal_fit(text, room):
 # so that a date shown as 7/4/1998 by one reader and as 07/04/98 by another
 # compare equal, while a wrong day, a lost fraction or a changed text do not.
 
-DATE_RES = [
-    (re.compile(r"^(\d{1,2})/(\d{1,2})/(\d{4}|\d{2})$"), "mdy"),
-    (re.compile(r"^(\d{4})-(\d{1,2})-(\d{1,2})$"), "ymd"),
-    (re.compile(r"^(\d{4})/(\d{1,2})/(\d{1,2})$"), "ymd"),
-]
+DATE_RE = re.compile(r"^(?:(\d{1,2})/(\d{1,2})/(\d{4}|\d{2})|(\d{4})[-/](\d{1,2})[-/](\d{1,2}))$")
 TIME_RE = re.compile(r"^(\d{1,2}):(\d{2})(?::(\d{2}))?(?:[:.](\d{1,6}))?(?:\s*([AaPp][Mm]))?$")
 
 
-def _year(y):
-    y = int(y)
-    if y < 100:
-        y += 1900 if y >= 30 else 2000
-    return y
-
-
 def parse_date(t):
-    for rx, order in DATE_RES:
-        m = rx.match(t)
-        if m:
-            a, b, c = m.groups()
-            if order == "mdy":
-                return (_year(c), int(a), int(b))
-            return (int(a), int(b), int(c))
-    return None
+    """(y, m, d) of m/d/y (two-digit years 30-99 in the 1900s) or y-m-d."""
+    m = DATE_RE.match(t)
+    if not m:
+        return None
+    mo, d, y, y2, mo2, d2 = m.groups()
+    if y is None:
+        return (int(y2), int(mo2), int(d2))
+    y = int(y)
+    return (y + (0 if y >= 100 else 1900 if y >= 30 else 2000), int(mo), int(d))
 
 
 def parse_time(t):
@@ -174,46 +158,32 @@ def parse_time(t):
     if not m:
         return None
     h, mi, s, frac, ampm = m.groups()
-    h = int(h)
-    if ampm:
-        if ampm.lower() == "am" and h == 12:
-            h = 0
-        elif ampm.lower() == "pm" and h != 12:
-            h += 12
-    us = int((frac or "0").ljust(6, "0")) if frac else 0
-    return (h, int(mi), int(s or 0), us)
+    h = int(h) % 12 + (12 if ampm and ampm.lower() == "pm" else 0) if ampm else int(h)
+    return (h, int(mi), int(s or 0), int(frac.ljust(6, "0")) if frac else 0)
 
 
 def canon(v):
-    if v is None:
-        return None
-    if isinstance(v, bool):
-        return ("n", float(v))
-    if isinstance(v, (int, float)):
-        return ("n", float(v))
+    if v is None or isinstance(v, (bool, int, float)):
+        return None if v is None else ("n", float(v))
     if isinstance(v, datetime.datetime):
         return ("dt", (v.year, v.month, v.day, v.hour, v.minute, v.second, v.microsecond))
     if isinstance(v, datetime.date):
         return ("d", (v.year, v.month, v.day))
     t = str(v)
-    if t.strip() == "":
-        return None
     s = t.strip()
+    if s == "":
+        return None
     try:
         return ("n", float(s))
     except ValueError:
         pass
-    d = parse_date(s)
-    if d:
-        return ("d", d)
-    tm = parse_time(s)
-    if tm:
-        return ("t", tm)
+    if parse_date(s):
+        return ("d", parse_date(s))
+    if parse_time(s):
+        return ("t", parse_time(s))
     parts = s.split(" ", 1)
-    if len(parts) == 2:
-        d, tm = parse_date(parts[0]), parse_time(parts[1].strip())
-        if d and tm:
-            return ("dt", d + tm)
+    if len(parts) == 2 and parse_date(parts[0]) and parse_time(parts[1].strip()):
+        return ("dt", parse_date(parts[0]) + parse_time(parts[1].strip()))
     return ("s", t)
 
 
