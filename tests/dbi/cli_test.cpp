@@ -1,72 +1,64 @@
-// The sqlcache subcommand and the demo step, run as programs.
+// The sqlcache subcommand and the demo step, run as a program.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <string>
+#include <vector>
 
-#if defined(ZBSHR_DBI_DRIVER) && !defined(_WIN32)
-#include <sys/wait.h>
+#include "common/run_program.h"
 
+#if defined(ZBSHR_DBI_DRIVER)
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-Outcome Exec(const std::string& args, const std::string& input = "") {
-  std::string cmd = std::string("'") + ZBSHR_DBI_DRIVER + "' " + args;
-  if (!input.empty()) cmd = "printf '" + input + "' | " + cmd;
-  cmd += " 2>&1";
-  Outcome r{-1, ""};
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return r;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  const int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
+std::string NoCr(std::string s) {
+  s.erase(std::remove(s.begin(), s.end(), '\r'), s.end());
+  return s;
 }
 
-TEST(DbiCli, SqlcacheRunsTheStatements) {
-  Outcome r = Exec("sqlcache --params \"Log=1, SQLCache=1\" 'SELECT 1' ' SELECT 1' 'SELECT 2' "
-               "'SELECT 1'");
-  EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out,
-            "capacity 1\n"
-            "miss #1 SELECT 1\n"
-            "hit  #1 SELECT 1\n"
-            "miss #2 SELECT 2\n"
-            "  driver: drop statement #1 \"SELECT 1\"\n"
-            "miss #3 SELECT 1\n"
-            "  driver: drop statement #2 \"SELECT 2\"\n"
-            "1 Cache Hits,3 Cache Misses,1 entries in Cache\n"
-            "  driver: drop statement #3 \"SELECT 1\"\n");
-
-  r = Exec("sqlcache --quiet -", "SELECT a\\nSELECT b\\n  SELECT a\\n");
-  EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out, "1 Cache Hits,2 Cache Misses,2 entries in Cache\n");
-}
-
-TEST(DbiCli, UsageErrors) {
-  EXPECT_EQ(Exec("sqlcache").status, 2);
-  EXPECT_EQ(Exec("sqlcache --params").status, 2);
-  EXPECT_EQ(Exec("sqlcache --bogus 'SELECT 1'").status, 2);
-  Outcome help = Exec("sqlcache --help");
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("usage: zbshr sqlcache"), std::string::npos);
-}
-
-TEST(DbiCli, DemoStepSucceeds) {
-  Outcome r = Exec("demo");
-  EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_NE(r.out.find("statistics: 3 Cache Hits,5 Cache Misses,3 entries in Cache"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("5 prepared, 5 dropped"), std::string::npos) << r.out;
+TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
+  const struct {
+    std::vector<std::string> args;
+    std::string input;
+    int code;
+    std::string out;  // whole standard output, or a part of it when `part`
+    bool part;
+  } cases[] = {
+      {{"sqlcache", "--params", "Log=1, SQLCache=1", "SELECT 1", " SELECT 1", "SELECT 2", "SELECT 1"},
+       "", 0,
+       "capacity 1\nmiss #1 SELECT 1\nhit  #1 SELECT 1\nmiss #2 SELECT 2\n"
+       "  driver: drop statement #1 \"SELECT 1\"\nmiss #3 SELECT 1\n"
+       "  driver: drop statement #2 \"SELECT 2\"\n1 Cache Hits,3 Cache Misses,1 entries in Cache\n"
+       "  driver: drop statement #3 \"SELECT 1\"\n", false},
+      {{"sqlcache", "--quiet", "-"}, "SELECT a\nSELECT b\n  SELECT a\n", 0,
+       "1 Cache Hits,2 Cache Misses,2 entries in Cache\n", false},
+      {{"sqlcache", "-q", "--", "-"}, "SELECT a\r\n", 0, "0 Cache Hits,1 Cache Misses,1 entries in Cache\n", false},
+      {{"sqlcache", "-q", "--", "--params"}, "", 0, "0 Cache Hits,1 Cache Misses,1 entries in Cache\n", false},
+      {{"sqlcache", "-q", "-"}, "", 2, "", false},
+      {{"sqlcache"}, "", 2, "", false},
+      {{"sqlcache", "--params"}, "", 2, "", false},
+      {{"sqlcache", "--bogus", "SELECT 1"}, "", 2, "", false},
+      {{"sqlcache", "--help"}, "", 0, "usage: zbshr sqlcache", true},
+      {{"demo"}, "", 0, "statistics: 3 Cache Hits,5 Cache Misses,3 entries in Cache", true},
+      {{"demo"}, "", 0, "5 prepared, 5 dropped", true},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> argv = {ZBSHR_DBI_DRIVER};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    zbtest::RunOptions opt;
+    opt.input = c.input;
+    const zbtest::RunResult r = zbtest::run_program(argv, opt);
+    const std::string out = NoCr(r.out);
+    SCOPED_TRACE(c.args[c.args.size() - 1] + " / " + r.err);
+    EXPECT_EQ(r.code, c.code);
+    if (c.part) {
+      EXPECT_NE(out.find(c.out), std::string::npos) << out;
+    } else if (c.code == 0) {
+      EXPECT_EQ(out, c.out);
+    } else {
+      EXPECT_NE(r.err.find("zbshr sqlcache: "), std::string::npos);
+    }
+  }
 }
 
 }  // namespace
-
 #endif
