@@ -267,7 +267,11 @@ int32_t saveOld(Library* h, bool force = false) {
   if (h->jfile == INVALID_HANDLE) {
     h->jfile = CreateFileA(journalPath(h->path).c_str(), GENERIC_READ | GENERIC_WRITE, 0,
                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-    if (h->jfile == INVALID_HANDLE) return LMI_E_IO;
+    if (h->jfile == INVALID_HANDLE) {
+      // Every change needs its journal beside the library (a read-only folder refuses it).
+      errNoteSystem(LMI_E_IO, "create the rollback journal", journalPath(h->path));
+      return LMI_E_IO;
+    }
   }
   for (size_t done = 0; done < out.size();) {
     uint32_t n = uint32_t(std::min<size_t>(out.size() - done, 1u << 24));
