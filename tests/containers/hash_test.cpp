@@ -1,6 +1,10 @@
-#include <cstring>
+// Hash tables: bucket choice against an independent model (hash_model.py
+// wrote hash_vectors.txt), a multimap model, list keys, walks, statistics.
+#include <deque>
 #include <fstream>
 #include <map>
+#include <memory>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -10,269 +14,200 @@ namespace {
 
 class ContainersHash : public HeapTest {
  protected:
-  // The bucket a key falls into, as the table reports it.
   static int32_t BucketOf(SHHASH* t, const void* key) {
     shhash_searchSlot(t, key);
     return t->current;
   }
 };
 
-std::string FromHex(const std::string& hex) {
-  std::string out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
-
-// Buckets computed by an independent model (hash_model.py).
 TEST_F(ContainersHash, BucketsMatchTheModel) {
   std::ifstream in(std::string(ZBSHR_SOURCE_DIR) + "/tests/containers/hash_vectors.txt");
   ASSERT_TRUE(in) << "hash_vectors.txt missing";
   std::map<int32_t, SHHASH*> tables;
-  std::string line;
   int checked = 0;
-  while (std::getline(in, line)) {
+  for (std::string line; std::getline(in, line); ++checked) {
     std::istringstream ls(line);
     int32_t buckets = 0, expected = 0;
-    std::string hex;
+    std::string hex, key;
     ls >> buckets >> expected >> hex;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+      key.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
     SHHASH*& t = tables[buckets];
     if (!t) t = shhash_new(buckets, nullptr, 0, 0, heap_, 0);
-    const std::string key = FromHex(hex);
     EXPECT_EQ(BucketOf(t, key.c_str()), expected) << buckets << " " << hex;
-    ++checked;
   }
   EXPECT_GT(checked, 1000);
   for (auto& [n, t] : tables) shhash_delete(t);
 }
 
-TEST_F(ContainersHash, ListKeysHashLikeTheConcatenatedString) {
-  SHHASH* strings = shhash_new(1000003, nullptr, 0, 0, heap_, 0);
-  SHHASH* lists = shhash_new(1000003, nullptr, 0, 1, heap_, 0);
-  SHLIST* key = shlist_new(heap_, 0);
-  shlist_insert(key, S("a"));
-  shlist_insert(key, S("bc"));
-  shlist_insert(key, S("\xe9z"));
-  EXPECT_EQ(BucketOf(lists, key), BucketOf(strings, "abc\xe9z"));
-  EXPECT_EQ(V(key->current), nullptr);  // hashing clears the key list's position
-  EXPECT_NE(BucketOf(strings, "ab"), BucketOf(strings, "ba"));
-  shlist_delete(key);
-  shhash_delete(strings);
-  shhash_delete(lists);
-}
-
-TEST_F(ContainersHash, UniqueTableRefusesADuplicate) {
-  SHHASH* t = shhash_new(101, nullptr, 1, 0, heap_, 0);
-  char copy[] = "key";
-  EXPECT_EQ(shhash_insert(t, S("key")), 1);
-  EXPECT_EQ(shhash_insert(t, copy), 2);  // equal text, another pointer
-  EXPECT_EQ(shhash_insert(t, S("Key")), 1);  // case counts
-  EXPECT_EQ(t->item_count, 2);
-  shhash_delete(t);
-}
-
 struct Rec {
   const char* name;
-  int id;
 };
-void* ZBSHR_CALLBACK RecName(void* data) { return const_cast<char*>(static_cast<Rec*>(data)->name); }
-void* RecNameArg(intptr_t arg, void* data) {
+void* ZBSHR_CALLBACK RecName(void* data) { return S(static_cast<Rec*>(data)->name); }
+void* ZBSHR_CALLBACK RecNameArg(intptr_t arg, void* data) {
   ++*reinterpret_cast<int*>(arg);
   return RecName(data);
 }
-
-TEST_F(ContainersHash, DuplicatesSearchNextAndRemove) {
-  Rec recs[] = {{"x", 1}, {"y", 2}, {"x", 3}, {"x", 4}};
-  // One bucket: every key collides, so the chain order is observable.
-  SHHASH* t = shhash_new(1, RecName, 0, 0, heap_, 0);
-  for (Rec& r : recs) EXPECT_EQ(shhash_insert(t, &r), 1);
-  EXPECT_EQ(t->item_count, 4);
-
-  EXPECT_EQ(shhash_search(t, "x"), &recs[0]);
-  EXPECT_EQ(shhash_searchNext(t, "x"), &recs[2]);
-  EXPECT_EQ(shhash_searchNext(t, "x"), &recs[3]);
-  EXPECT_EQ(shhash_searchNext(t, "x"), nullptr);
-  EXPECT_EQ(shhash_searchNext(t, "x"), nullptr);
-  EXPECT_EQ(shhash_search_unique(t, "y"), &recs[1]);
-
-  // Remove right after a failed search removes nothing.
-  EXPECT_EQ(shhash_search(t, "nope"), nullptr);
-  EXPECT_EQ(shhash_remove(t), nullptr);
-  EXPECT_EQ(t->item_count, 4);
-
-  // Remove the second "x": the current position is the match.
-  shhash_search(t, "x");
-  EXPECT_EQ(shhash_searchNext(t, "x"), &recs[2]);
-  EXPECT_EQ(shhash_remove(t), &recs[2]);
-  EXPECT_EQ(t->item_count, 3);
-  EXPECT_EQ(shhash_search(t, "x"), &recs[0]);
-  EXPECT_EQ(shhash_searchNext(t, "x"), &recs[3]);
-  shhash_delete(t);
+SHHASH_KEYFN AsKeyFn(SHHASH_KEYFN_ARG f) {
+  return reinterpret_cast<SHHASH_KEYFN>(reinterpret_cast<void (*)()>(f));
 }
 
-TEST_F(ContainersHash, KeyFunctionWithArgument) {
-  Rec recs[] = {{"alpha", 1}, {"beta", 2}};
+// Random inserts, searches, searchNext walks and removals against a multimap
+// (per key, the items in insertion order), through the three kinds of key.
+TEST_F(ContainersHash, OperationsAgainstAMultimap) {
+  std::mt19937 rng(99);
+  const uint32_t base = live();
+  std::vector<std::string> keys;
+  for (int i = 0; i < 60; ++i) keys.push_back("k" + std::to_string(i * i % 37) + "\xc3" + char('a' + i % 5));
   int calls = 0;
-  SHHASH* t = shhash_new_arg(13, reinterpret_cast<SHHASH_KEYFN>(reinterpret_cast<void (*)()>(RecNameArg)), 1, 0, heap_, 0,
-                             reinterpret_cast<intptr_t>(&calls));
-  EXPECT_EQ(shhash_insert(t, &recs[0]), 1);
-  EXPECT_EQ(shhash_insert(t, &recs[1]), 1);
-  EXPECT_GE(calls, 2);
-  EXPECT_EQ(shhash_search(t, "beta"), &recs[1]);
-  EXPECT_EQ(shhash_search(t, "gamma"), nullptr);
-  shhash_delete(t);
+  for (int kind = 0; kind < 6; ++kind) {
+    const int unique = kind % 2;
+    const int32_t buckets = kind < 2 ? 1 : kind < 4 ? 3 : 64;
+    SHHASH* t = kind < 2 ? shhash_new(buckets, nullptr, unique, 0, heap_, 0)
+                : kind < 4 ? shhash_new(buckets, RecName, unique, 0, heap_, 0)
+                           : shhash_new_arg(buckets, AsKeyFn(RecNameArg), unique, 0, heap_, 0,
+                                            reinterpret_cast<intptr_t>(&calls));
+    std::map<std::string, std::deque<void*>> model;
+    std::vector<std::unique_ptr<Rec>> recs;
+    int items = 0;
+    for (int step = 0; step < 2500; ++step) {
+      const std::string& k = keys[rng() % keys.size()];
+      auto& q = model[k];
+      if (rng() % 3) {
+        recs.push_back(std::make_unique<Rec>(Rec{k.c_str()}));
+        void* data = kind < 2 ? S(k.c_str()) : recs.back().get();
+        const int32_t want = unique && !q.empty() ? 2 : 1;
+        ASSERT_EQ(shhash_insert(t, data), want) << step;
+        if (want == 1) q.push_back(data), ++items;
+        continue;
+      }
+      ASSERT_EQ(shhash_search(t, k.c_str()), q.empty() ? nullptr : q.front()) << step;
+      for (size_t i = 1; i < q.size(); ++i) ASSERT_EQ(shhash_searchNext(t, k.c_str()), q[i]);
+      if (!q.empty() && rng() % 2) {  // remove the last equal item
+        ASSERT_EQ(shhash_remove(t), q.back());
+        q.pop_back();
+        --items;
+      } else {
+        ASSERT_EQ(shhash_searchNext(t, k.c_str()), nullptr);
+        ASSERT_EQ(shhash_remove(t), nullptr);  // nothing at a failed search
+      }
+      ASSERT_EQ(t->item_count, items);
+    }
+    std::multiset<std::string> seen, want;
+    for (void* d = shhash_get_first(t); d; d = shhash_get_next(t))
+      seen.insert(kind < 2 ? static_cast<char*>(d) : static_cast<Rec*>(d)->name);
+    for (auto& [k, q] : model)
+      for (size_t i = 0; i < q.size(); ++i) want.insert(k);
+    EXPECT_EQ(seen, want);
+    EXPECT_EQ(shhash_search_unique(t, keys[0].c_str()), model[keys[0]].empty() ? nullptr : model[keys[0]].front());
+    shhash_delete(t);
+  }
+  EXPECT_GT(calls, 1000);
+  EXPECT_EQ(live(), base);
 }
 
-TEST_F(ContainersHash, ListKeyTable) {
-  // Items are lists of strings; the key is the list itself.
-  SHHASH* t = shhash_new(17, nullptr, 1, 1, heap_, 0);
+TEST_F(ContainersHash, ListKeys) {
   auto make = [&](std::initializer_list<const char*> parts) {
     SHLIST* l = shlist_new(heap_, 0);
     for (const char* p : parts) shlist_insert(l, S(p));
     return l;
   };
+  SHHASH* strings = shhash_new(1000003, nullptr, 0, 0, heap_, 0);
+  SHHASH* t = shhash_new(1000003, nullptr, 1, 1, heap_, 0);
   SHLIST* ab = make({"a", "b"});
-  SHLIST* abc = make({"ab", "c"});
+  SHLIST* key = make({"a", "bc", "\xe9z"});
+  EXPECT_EQ(BucketOf(t, key), BucketOf(strings, "abc\xe9z"));  // hashed as the concatenation
+  EXPECT_EQ(V(key->current), nullptr);
   EXPECT_EQ(shhash_insert(t, ab), 1);
-  EXPECT_EQ(shhash_insert(t, abc), 1);
   SHLIST* probe = make({"a", "b"});
+  SHLIST* joined = make({"ab"});  // same hash, not an equal key
+  SHLIST* longer = make({"a", "b", ""});
+  SHLIST* shorter = make({"a"});
   EXPECT_EQ(shhash_search(t, probe), ab);
   EXPECT_EQ(shhash_insert(t, probe), 2);
-  SHLIST* joined = make({"ab"});  // same hash as a, b; not an equal key
-  EXPECT_EQ(shhash_search(t, joined), nullptr);
-  SHLIST* longer = make({"a", "b", ""});
-  EXPECT_EQ(shhash_search(t, longer), nullptr);
-  for (SHLIST* l : {ab, abc, probe, joined, longer}) shlist_delete(l);
+  for (SHLIST* other : {joined, longer, shorter}) EXPECT_EQ(shhash_search(t, other), nullptr);
+  for (SHLIST* l : {ab, key, probe, joined, longer, shorter}) shlist_delete(l);
   shhash_delete(t);
+  shhash_delete(strings);
 }
 
-TEST_F(ContainersHash, IterationVisitsEveryItemOnceInBucketOrder) {
-  SHHASH* t = shhash_new(7, nullptr, 0, 0, heap_, 0);
-  SHHASH* probe = shhash_new(7, nullptr, 0, 0, heap_, 0);  // bucket look-ups only
-  std::vector<std::string> keys;
-  for (int i = 0; i < 50; ++i) keys.push_back("k" + std::to_string(i));
-  for (auto& k : keys) shhash_insert(t, k.data());
-  std::multiset<std::string> seen;
-  int32_t last_bucket = -1;
-  for (void* d = shhash_get_first(t); d; d = shhash_get_next(t)) {
-    seen.insert(static_cast<char*>(d));
-    EXPECT_GE(V(t->current), last_bucket);
-    EXPECT_EQ(BucketOf(probe, d), V(t->current));
-    last_bucket = t->current;
-  }
-  EXPECT_EQ(seen, std::multiset<std::string>(keys.begin(), keys.end()));
-  EXPECT_EQ(shhash_get_next(t), nullptr);
-  shhash_delete(t);
-  shhash_delete(probe);
-  EXPECT_EQ(shhash_get_first(nullptr), nullptr);
-}
-
-int32_t ZBSHR_CALLBACK CountUntil(void* data, intptr_t param) {
-  auto* n = reinterpret_cast<int*>(param);
-  return ++*n == 5 ? 0 : 42;
-}
-
-TEST_F(ContainersHash, TraversalStatisticsClearAndLeaks) {
-  const uint32_t base = live();
-  SHHASH* t = shhash_new(10, nullptr, 0, 0, heap_, 4);
-  int n = 0;
-  EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&n), CountUntil), 1);
-  const char* keys[] = {"a", "b", "c", "d", "e"};
-  for (const char* k : keys) shhash_insert(t, S(k));
-  SHHASH_STAT st{};
-  EXPECT_EQ(shhash_statistics(t, &st), &st);
-  EXPECT_DOUBLE_EQ(st.expected_chain, 1.0);  // 5 / 10, raised to 1.0
-  // a..e are single bytes 0x61..0x65: buckets 7, 8, 9, 0, 1 of 10.
-  EXPECT_DOUBLE_EQ(st.actual_chain, 1.0);
-  EXPECT_EQ(st.longest_chain, 1);
-  EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&n), CountUntil), 0);
-  EXPECT_EQ(n, 5);
-  n = 0;
-  shhash_insert(t, S("e"));  // a second "e" makes a chain of two
-  EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&n), CountUntil), 0);
-  shhash_statistics(t, &st);
-  EXPECT_EQ(st.longest_chain, 2);
-  EXPECT_DOUBLE_EQ(st.actual_chain, 6.0 / 5.0);
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, t->buckets), 4u);
-
-  shhash_clear(t);
-  EXPECT_EQ(t->item_count, 0);
-  EXPECT_EQ(shhash_search(t, "a"), nullptr);
-  EXPECT_EQ(shhash_get_first(t), nullptr);
-  shhash_statistics(t, &st);
-  EXPECT_DOUBLE_EQ(st.actual_chain, 0.0);
-  EXPECT_EQ(st.longest_chain, 0);
-  EXPECT_EQ(shhash_insert(t, S("a")), 1);  // still usable
-  EXPECT_EQ(shhash_search(t, "a"), S("a"));
-  shhash_delete(t);
-  EXPECT_EQ(live(), base);
-
-  // Many items, fewer buckets: the expected chain is items / buckets.
-  t = shhash_new(8, nullptr, 0, 0, heap_, 0);
-  std::vector<std::string> ks;
-  for (int i = 0; i < 100; ++i) ks.push_back(std::to_string(i * 7919));
-  for (auto& k : ks) shhash_insert(t, k.data());
-  shhash_statistics(t, &st);
-  EXPECT_DOUBLE_EQ(st.expected_chain, 12.5);
-  shhash_delete(t);
-  EXPECT_EQ(live(), base);
-}
-
-// Clearing or deleting the table inside the walk ends it; removing items
-// does not disturb it.
 struct TableChanger {
   SHHASH* table;
-  int action;  // 0 remove the visited item, 1 clear and insert, 2 delete
+  int action;  // 0 count to 5, 1 remove the visited item, 2 clear and insert, 3 delete
   int calls;
 };
-
 int32_t ZBSHR_CALLBACK ChangeTable(void* data, intptr_t param) {
   auto* c = reinterpret_cast<TableChanger*>(param);
   ++c->calls;
-  if (c->action == 0) {
-    if (shhash_search(c->table, data)) shhash_remove(c->table);
-  } else if (c->action == 1) {
+  if (c->action == 0) return c->calls == 5 ? 0 : 42;
+  if (c->action == 1 && shhash_search(c->table, data)) shhash_remove(c->table);
+  if (c->action == 2) {
     shhash_clear(c->table);
-    shhash_insert(c->table, S("z"));  // bucket 2 of 3, after the walked bucket 0
-  } else {
+    shhash_insert(c->table, S("z"));  // a later bucket than the one walked
+  }
+  if (c->action == 3) {
     shhash_delete(c->table);
     c->table = nullptr;
   }
   return 1;
 }
 
-TEST_F(ContainersHash, TraversalSurvivesClearAndDeleteInTheCallback) {
+TEST_F(ContainersHash, TraversalStatisticsClear) {
   const uint32_t base = live();
-  for (int action = 0; action < 3; ++action) {
-    SHHASH* t = shhash_new(3, nullptr, 0, 0, heap_, 0);
+  const struct {
+    int action, calls, result, left;
+  } cases[] = {{0, 5, 0, 7}, {1, 7, 1, 0}, {2, 1, 1, 1}, {3, 1, 1, -1}};
+  for (const auto& c : cases) {
+    SHHASH* t = shhash_new(3, nullptr, 0, 0, heap_, 4);
+    TableChanger ch{t, c.action, 0};
+    EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&ch), ChangeTable), 1);  // empty
     for (const char* k : {"a", "b", "c", "d", "e", "f", "g"}) shhash_insert(t, S(k));
-    TableChanger c{t, action, 0};
-    EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&c), ChangeTable), 1);
-    EXPECT_EQ(c.calls, action == 0 ? 7 : 1) << action;
-    if (c.table) {
-      EXPECT_EQ(c.table->item_count, action == 1 ? 1 : 0);
-      EXPECT_EQ(shhash_insert(c.table, S("z")), 1);  // still usable
-      shhash_delete(c.table);
+    EXPECT_EQ(shhash_traversal(t, reinterpret_cast<intptr_t>(&ch), ChangeTable), c.result);
+    EXPECT_EQ(ch.calls, c.calls) << c.action;
+    if (ch.table) {
+      EXPECT_EQ(ch.table->item_count, c.left);
+      EXPECT_EQ(zbstg_get_pointer_subpool(heap_, V(ch.table->buckets)), 4u);
+      shhash_delete(ch.table);
     }
-    EXPECT_EQ(live(), base) << action;
+    EXPECT_EQ(live(), base) << c.action;
   }
-}
-
-TEST_F(ContainersHash, DegenerateTables) {
-  SHHASH* t = shhash_new(0, nullptr, 0, 0, heap_, 0);
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(shhash_insert(t, S("a")), 0);
-  EXPECT_EQ(shhash_search(t, "a"), nullptr);
-  EXPECT_EQ(shhash_searchSlot(t, "a"), nullptr);
-  EXPECT_EQ(shhash_remove(t), nullptr);
+  // a..e are single bytes 0x61..0x65: buckets 7, 8, 9, 0, 1 of 10.
+  const struct {
+    int32_t buckets;
+    const char* keys;
+    double expected, actual;
+    int32_t longest;
+  } stats[] = {{10, "", 1.0, 0.0, 0}, {10, "abcde", 1.0, 1.0, 1}, {10, "abcdee", 1.0, 1.2, 2},
+               {2, "abcde", 2.5, 2.5, 3}, {4, "abcdefgh", 2.0, 2.0, 2}, {0, "ab", 1.0, 0.0, 0}};
+  for (const auto& s : stats) {
+    SHHASH* t = shhash_new(s.buckets, nullptr, 0, 0, heap_, 0);
+    std::vector<std::string> ks;
+    ks.reserve(16);
+    for (const char* k = s.keys; *k; ++k) ks.emplace_back(1, *k);
+    for (auto& k : ks) EXPECT_EQ(shhash_insert(t, k.data()), s.buckets ? 1 : 0);
+    SHHASH_STAT st{};
+    EXPECT_EQ(shhash_statistics(t, &st), &st);
+    EXPECT_DOUBLE_EQ(st.expected_chain, s.expected) << s.keys;
+    EXPECT_DOUBLE_EQ(st.actual_chain, s.actual) << s.keys;
+    EXPECT_EQ(st.longest_chain, s.longest) << s.keys;
+    shhash_clear(t);
+    EXPECT_EQ(t->item_count, 0);
+    EXPECT_EQ(shhash_get_first(t), nullptr);
+    shhash_statistics(t, &st);
+    EXPECT_EQ(st.longest_chain, 0);
+    EXPECT_EQ(shhash_insert(t, S("a")), s.buckets ? 1 : 0);  // still usable
+    EXPECT_EQ(shhash_search(t, "a"), s.buckets ? S("a") : nullptr);
+    shhash_delete(t);
+  }
   SHHASH_STAT st{};
-  shhash_statistics(t, &st);
+  shhash_statistics(nullptr, &st);
   EXPECT_DOUBLE_EQ(st.expected_chain, 1.0);
-  shhash_delete(t);
+  EXPECT_EQ(shhash_statistics(nullptr, nullptr), nullptr);
   EXPECT_EQ(shhash_insert(nullptr, S("a")), 0);
   EXPECT_EQ(shhash_search(nullptr, "a"), nullptr);
+  EXPECT_EQ(shhash_get_first(nullptr), nullptr);
   shhash_delete(nullptr);
+  EXPECT_EQ(live(), base);
 }
 
 }  // namespace

@@ -23,19 +23,18 @@ class HeapTest : public ::testing::Test {
   ZBSTG_HEAP heap_ = nullptr;
 };
 
-// The list and table records are packed to 4 bytes; assertions take their
-// pointer fields by value.
 template <class T>
-T V(T x) {
+T V(T x) {  // records are packed to 4 bytes: take pointer fields by value
   return x;
 }
-
 inline void* S(const char* s) { return const_cast<char*>(s); }
+inline void* P(intptr_t v) { return reinterpret_cast<void*>(v); }
+inline intptr_t I(const void* p) { return reinterpret_cast<intptr_t>(p); }
+using Strings = std::vector<std::string>;
 
-// Walks the ring from `first`, checking every link and the ends, and returns
-// the data as strings. Fails the test when the ring is inconsistent.
-inline std::vector<std::string> Contents(const SHLIST* list) {
-  std::vector<std::string> out;
+// The data of a list from first to last, after checking every link of the ring.
+inline Strings Contents(const SHLIST* list) {
+  Strings out;
   if (list->count == 0) {
     EXPECT_EQ(V(list->first), nullptr);
     EXPECT_EQ(V(list->last), nullptr);
@@ -43,18 +42,11 @@ inline std::vector<std::string> Contents(const SHLIST* list) {
     return out;
   }
   EXPECT_EQ(V(list->first->prev), V(list->last));
-  EXPECT_EQ(V(list->last->next), V(list->first));
   const SHLISTNODE* n = list->first;
-  for (int32_t i = 0; i < list->count; ++i) {
+  for (int32_t i = 0; i < list->count; ++i, n = n->next) {
     EXPECT_EQ(V(n->next->prev), n);
-    EXPECT_EQ(V(n->prev->next), n);
     out.emplace_back(n->data ? static_cast<const char*>(n->data) : "<null>");
-    if (i + 1 == list->count) {
-      EXPECT_EQ(n, V(list->last));
-    }
-    n = n->next;
   }
+  EXPECT_EQ(n, V(list->first));  // the ring closes after count nodes
   return out;
 }
-
-using Strings = std::vector<std::string>;

@@ -1,4 +1,6 @@
+// Lists: cursor rules against a model, walks that change the list, sorting.
 #include <cstring>
+#include <random>
 
 #include "helpers.h"
 #include "platform/platform.h"
@@ -12,206 +14,125 @@ class ContainersList : public HeapTest {
     for (const char* s : items) EXPECT_EQ(shlist_insert(l, S(s)), 1);
     return l;
   }
-  static std::string Cur(SHLIST* l) {
-    void* d = shlist_get_curr(l);
-    return d ? static_cast<const char*>(d) : "<none>";
-  }
 };
 
-TEST_F(ContainersList, AddAfterAndBeforeOnANewList) {
-  SHLIST* l = shlist_new(heap_, 0);
-  EXPECT_EQ(shlist_get_count(l), 0);
-  EXPECT_EQ(shlist_get_first(l), nullptr);
-  EXPECT_EQ(shlist_addafter(l, S("a")), 1);
-  EXPECT_EQ(V(l->first), V(l->last));
-  EXPECT_EQ(V(l->current), V(l->first));
-  EXPECT_EQ(V(l->first->next), V(l->first));
-  EXPECT_EQ(V(l->first->prev), V(l->first));
-  shlist_delete(l);
-
-  l = shlist_new(heap_, 0);
-  EXPECT_EQ(shlist_addbefore(l, S("b")), 1);
-  EXPECT_EQ(Contents(l), Strings({"b"}));
-  EXPECT_EQ(Cur(l), "b");
-  EXPECT_EQ(shlist_addbefore(l, S("a")), 1);  // before the first: becomes first
-  EXPECT_EQ(Contents(l), Strings({"a", "b"}));
-  EXPECT_EQ(V(l->first), V(l->current));
-  shlist_delete(l);
-}
-
-TEST_F(ContainersList, CursorWalkAndEnds) {
-  SHLIST* l = Make({"a", "b", "c"});
-  EXPECT_EQ(Cur(l), "c");  // an append leaves the new node current
-  EXPECT_STREQ(static_cast<char*>(shlist_get_first(l)), "a");
-  EXPECT_STREQ(static_cast<char*>(shlist_get_next(l)), "b");
-  EXPECT_STREQ(static_cast<char*>(shlist_get_next(l)), "c");
-  EXPECT_EQ(shlist_get_next(l), nullptr);  // past the end: position cleared
-  EXPECT_EQ(shlist_get_handle(l), nullptr);
-  EXPECT_EQ(shlist_get_next(l), nullptr);  // and no wrap-around afterwards
-  EXPECT_EQ(shlist_get_prev(l), nullptr);
-
-  EXPECT_STREQ(static_cast<char*>(shlist_get_last(l)), "c");
-  EXPECT_STREQ(static_cast<char*>(shlist_get_prev(l)), "b");
-  EXPECT_STREQ(static_cast<char*>(shlist_get_prev(l)), "a");
-  EXPECT_EQ(shlist_get_prev(l), nullptr);
-  EXPECT_EQ(shlist_curr_node(l), nullptr);
-
-  // With no current position in a non-empty list nothing can be added.
-  const uint32_t before = live();
-  EXPECT_EQ(shlist_addafter(l, S("x")), 0);
-  EXPECT_EQ(shlist_insert_at_curr(l, S("x")), 0);
-  EXPECT_EQ(shlist_addbefore(l, S("x")), 0);
-  EXPECT_EQ(live(), before);  // the node made for addafter was freed again
-  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
-  EXPECT_EQ(shlist_update(l, S("x")), nullptr);
-  EXPECT_EQ(shlist_remove(l), nullptr);
-  EXPECT_EQ(shlist_get_count(l), 3);
-  shlist_delete(l);
-}
-
-TEST_F(ContainersList, InsertInTheMiddleMovesCurrentButNotTheEnds) {
-  SHLIST* l = Make({"a", "c"});
-  shlist_get_first(l);
-  EXPECT_EQ(shlist_addafter(l, S("b")), 1);
-  EXPECT_EQ(Cur(l), "b");
-  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
-  EXPECT_STREQ(static_cast<char*>(l->last->data), "c");
-
-  shlist_get_last(l);
-  EXPECT_EQ(shlist_addafter(l, S("d")), 1);  // after the last: becomes last
-  EXPECT_EQ(V(l->last), V(l->current));
-  shlist_get_last(l);
-  EXPECT_EQ(shlist_addbefore(l, S("c2")), 1);
-  EXPECT_EQ(Contents(l), Strings({"a", "b", "c", "c2", "d"}));
-  EXPECT_EQ(Cur(l), "c2");
-  EXPECT_EQ(shlist_get_count(l), 5);
-  shlist_delete(l);
-}
-
-TEST_F(ContainersList, RemoveChoosesTheNewPositionAsymmetrically) {
-  SHLIST* l = Make({"a", "b", "c", "d"});
-  // Middle: the next node becomes current.
-  shlist_get_first(l);
-  shlist_get_next(l);
-  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "b");
-  EXPECT_EQ(Cur(l), "c");
-  EXPECT_EQ(Contents(l), Strings({"a", "c", "d"}));
-  // First: the next node becomes first and current.
-  shlist_get_first(l);
-  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "a");
-  EXPECT_EQ(Cur(l), "c");
-  EXPECT_EQ(V(l->first), V(l->current));
-  // Last: the previous node becomes last and there is no current node.
-  shlist_get_last(l);
-  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "d");
-  EXPECT_EQ(V(l->current), nullptr);
-  EXPECT_EQ(shlist_get_next(l), nullptr);
-  EXPECT_EQ(Contents(l), Strings({"c"}));
-  // Only node: the list is empty.
-  shlist_get_first(l);
-  EXPECT_STREQ(static_cast<char*>(shlist_remove(l)), "c");
-  EXPECT_EQ(Contents(l), Strings{});
-  // An empty list accepts a new node again.
-  EXPECT_EQ(shlist_addafter(l, S("z")), 1);
-  EXPECT_EQ(Contents(l), Strings({"z"}));
-  shlist_delete(l);
-}
-
-TEST_F(ContainersList, UpdateSetCurrentAndPutAfter) {
-  SHLIST* l = Make({"a", "b", "c"});
-  shlist_get_first(l);
-  SHLISTNODE* first = shlist_get_handle(l);
-  shlist_get_last(l);
-  EXPECT_EQ(shlist_set_current(l, first), l);
-  EXPECT_STREQ(static_cast<char*>(shlist_update(l, S("A"))), "a");
-  EXPECT_EQ(Contents(l), Strings({"A", "b", "c"}));
-
-  auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
-  node->data = S("a2");
-  EXPECT_EQ(shlist_putafter(l, node), 1);
-  EXPECT_EQ(shlist_get_handle(l), node);
-  EXPECT_EQ(Contents(l), Strings({"A", "a2", "b", "c"}));
-
-  // A node that cannot be linked is freed by the list.
-  shlist_set_current(l, nullptr);
-  const uint32_t before = live();
-  node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
-  node->data = S("lost");
-  EXPECT_EQ(shlist_putafter(l, node), 0);
-  EXPECT_EQ(live(), before);
-  EXPECT_EQ(shlist_get_count(l), 4);
-  shlist_delete(l);
-}
-
-TEST_F(ContainersList, NullHandleIsTolerated) {
+// Random operations against a vector and the index of the current item.
+TEST_F(ContainersList, OperationsFollowTheCursorRules) {
+  std::mt19937 rng(2026);
+  const uint32_t base = live();
+  for (int round = 0; round < 40; ++round) {
+    SHLIST* l = shlist_new(heap_, 0);
+    std::vector<intptr_t> m;
+    int cur = -1;
+    intptr_t next_value = 1;
+    for (int step = 0; step < 300; ++step) {
+      const int op = static_cast<int>(rng() % 12), n = static_cast<int>(m.size());
+      const intptr_t v = next_value++;
+      intptr_t want = 0, got = 0;
+      switch (op) {
+        case 0:
+          if (n) cur = 0, want = m[0];
+          got = I(shlist_get_first(l));
+          break;
+        case 1:
+          if (n) cur = n - 1, want = m[cur];
+          got = I(shlist_get_last(l));
+          break;
+        case 2:
+          if (cur < 0 || cur == n - 1) cur = -1;
+          else want = m[++cur];
+          got = I(shlist_get_next(l));
+          break;
+        case 3:
+          if (cur <= 0) cur = -1;
+          else want = m[--cur];
+          got = I(shlist_get_prev(l));
+          break;
+        case 4: case 5: case 6: case 7: {  // addafter, insert_at_curr, insert, putafter
+          if (op == 6) cur = n - 1;
+          want = !(n && cur < 0);
+          if (want) m.insert(m.begin() + ++cur, v);
+          const uint32_t before = live();
+          if (op == 7) {
+            auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
+            node->data = P(v);
+            got = shlist_putafter(l, node);
+          } else {
+            got = op == 4 ? shlist_addafter(l, P(v)) : op == 5 ? shlist_insert_at_curr(l, P(v))
+                                                              : shlist_insert(l, P(v));
+          }
+          ASSERT_EQ(live(), before + static_cast<uint32_t>(want));  // a refused node is freed
+          break;
+        }
+        case 8:
+          want = !(n && cur < 0);
+          if (want) m.insert(m.begin() + (cur < 0 ? cur = 0 : cur), v);
+          got = shlist_addbefore(l, P(v));
+          break;
+        case 9:
+          if (cur >= 0) want = m[cur], m[cur] = v;
+          got = I(shlist_update(l, P(v)));
+          break;
+        default:
+          if (cur >= 0) {
+            want = m[cur];
+            m.erase(m.begin() + cur);
+            if (cur == n - 1) cur = -1;  // removing the last leaves no position
+          }
+          got = I(shlist_remove(l));
+      }
+      ASSERT_EQ(got, want) << "round " << round << " step " << step << " op " << op;
+      ASSERT_EQ(shlist_get_count(l), static_cast<int32_t>(m.size()));
+      ASSERT_EQ(I(shlist_get_curr(l)), cur < 0 ? 0 : m[cur]);
+      ASSERT_EQ(shlist_get_handle(l), shlist_curr_node(l));
+      ASSERT_EQ(I(V(l->current)), I(shlist_get_handle(l)));
+      const SHLISTNODE* node = l->last;  // the ring read backwards matches
+      for (int i = static_cast<int>(m.size()) - 1; i >= 0; --i, node = node->prev)
+        ASSERT_EQ(I(node->data), m[i]);
+      ASSERT_TRUE(m.empty() || node == V(l->last));
+      if (step % 50 == 0 && !m.empty()) {  // a saved position can be restored
+        shlist_get_first(l);
+        SHLISTNODE* first = shlist_get_handle(l);
+        shlist_get_last(l);
+        EXPECT_EQ(shlist_set_current(l, first), l);
+        ASSERT_EQ(I(shlist_get_curr(l)), m[0]);
+        cur = 0;
+      }
+    }
+    shlist_delete(l);
+  }
+  EXPECT_EQ(live(), base);
   EXPECT_EQ(shlist_get_count(nullptr), 0);
   EXPECT_EQ(shlist_get_first(nullptr), nullptr);
-  EXPECT_EQ(shlist_get_last(nullptr), nullptr);
-  EXPECT_EQ(shlist_get_next(nullptr), nullptr);
+  EXPECT_EQ(shlist_get_handle(nullptr), nullptr);
   EXPECT_EQ(shlist_insert(nullptr, S("a")), 0);
-  EXPECT_EQ(shlist_addafter(nullptr, S("a")), 0);
   EXPECT_EQ(shlist_addbefore(nullptr, S("a")), 0);
-  EXPECT_EQ(shlist_remove(nullptr), nullptr);
   EXPECT_EQ(shlist_sort(nullptr, nullptr, 0), nullptr);
   EXPECT_EQ(shlist_traversal(nullptr, 0, nullptr), 1);
   shlist_delete(nullptr);
 }
 
-struct Visit {
-  std::vector<std::string> seen;
-  std::string stop_at;
-};
-
-int32_t ZBSHR_CALLBACK Visitor(void* data, intptr_t param) {
-  auto* v = reinterpret_cast<Visit*>(param);
-  v->seen.emplace_back(static_cast<const char*>(data));
-  return v->seen.back() == v->stop_at ? 0 : static_cast<int32_t>(v->seen.size()) + 10;
-}
-
-TEST_F(ContainersList, TraversalStopsAtZeroAndKeepsThePosition) {
-  SHLIST* l = Make({"a", "b", "c"});
-  shlist_get_first(l);
-  shlist_get_next(l);
-  SHLISTNODE* pos = shlist_get_handle(l);
-
-  Visit all;
-  EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&all), Visitor), 13);
-  EXPECT_EQ(all.seen, Strings({"a", "b", "c"}));
-  Visit some{{}, "b"};
-  EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&some), Visitor), 0);
-  EXPECT_EQ(some.seen, Strings({"a", "b"}));
-  EXPECT_EQ(shlist_get_handle(l), pos);
-
-  SHLIST* empty = shlist_new(heap_, 0);
-  Visit none;
-  EXPECT_EQ(shlist_traversal(empty, reinterpret_cast<intptr_t>(&none), Visitor), 1);
-  EXPECT_TRUE(none.seen.empty());
-  shlist_delete(empty);
-  shlist_delete(l);
-}
-
-// A callback that changes the list it is walking: the walk never visits a
-// node that is gone, and never touches a list that was deleted.
+// A callback that changes the list it walks: the walk never visits a node
+// that is gone, and never touches a list that was deleted.
 struct Changer {
   SHLIST* list;
   std::string action;
   Strings seen;
 };
 
-bool MoveTo(SHLIST* l, const std::string& item) {
-  for (void* d = shlist_get_first(l); d; d = shlist_get_next(l))
-    if (item == static_cast<const char*>(d)) return true;
-  return false;
-}
-
 int32_t ZBSHR_CALLBACK Change(void* data, intptr_t param) {
   auto* c = reinterpret_cast<Changer*>(param);
   c->seen.emplace_back(static_cast<const char*>(data));
   const std::string& a = c->action;
+  auto move_to_self = [&] {
+    for (void* d = shlist_get_first(c->list); d; d = shlist_get_next(c->list))
+      if (c->seen.back() == static_cast<const char*>(d)) return true;
+    return false;
+  };
   if (a == "remove-next") {
-    if (MoveTo(c->list, c->seen.back()) && shlist_get_next(c->list)) shlist_remove(c->list);
+    if (move_to_self() && shlist_get_next(c->list)) shlist_remove(c->list);
   } else if (a == "remove-self") {
-    if (MoveTo(c->list, c->seen.back())) shlist_remove(c->list);
+    if (move_to_self()) shlist_remove(c->list);
   } else if (a == "remove-last") {
     shlist_get_last(c->list);
     shlist_remove(c->list);
@@ -224,22 +145,27 @@ int32_t ZBSHR_CALLBACK Change(void* data, intptr_t param) {
   } else if (a == "delete") {
     shlist_delete(c->list);
     c->list = nullptr;
+  } else if (a.size() == 1 && c->seen.back() == a) {
+    return 0;  // stop here
   }
-  return 7;
+  return static_cast<int32_t>(c->seen.size()) + 10;
 }
 
-TEST_F(ContainersList, TraversalSurvivesChangesMadeByTheCallback) {
+TEST_F(ContainersList, TraversalVisitsInOrderAndSurvivesChanges) {
   const struct {
     const char* action;
     Strings seen, left;
+    int32_t result;
   } cases[] = {
-      {"remove-next", {"a", "c", "e", "g"}, {"a", "c", "e", "g"}},
-      {"remove-self", {"a", "b", "c", "d", "e", "f", "g", "h"}, {}},
-      {"remove-last", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}},
-      {"empty", {"a"}, {}},
-      {"sort-empty", {"a"}, {}},
-      {"sort-rebuild", {"a"}, {"a", "b", "c", "d", "e", "f", "g", "h"}},
-      {"delete", {"a"}, {}},
+      {"none", {"a", "b", "c", "d", "e", "f", "g", "h"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 18},
+      {"c", {"a", "b", "c"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 0},
+      {"remove-next", {"a", "c", "e", "g"}, {"a", "c", "e", "g"}, 14},
+      {"remove-self", {"a", "b", "c", "d", "e", "f", "g", "h"}, {}, 18},
+      {"remove-last", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}, 14},
+      {"empty", {"a"}, {}, 11},
+      {"sort-empty", {"a"}, {}, 11},
+      {"sort-rebuild", {"a"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 11},
+      {"delete", {"a"}, {}, 11},
   };
   const uint32_t base = live();
   for (const auto& tc : cases) {
@@ -248,108 +174,89 @@ TEST_F(ContainersList, TraversalSurvivesChangesMadeByTheCallback) {
       shlist_get_first(l);
       shlist_addbefore(l, S(s));
     }
+    shlist_get_next(l);
+    SHLISTNODE* pos = shlist_get_handle(l);
     Changer c{l, tc.action, {}};
-    EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&c), Change), 7) << tc.action;
+    EXPECT_EQ(shlist_traversal(l, reinterpret_cast<intptr_t>(&c), Change), tc.result) << tc.action;
     EXPECT_EQ(c.seen, tc.seen) << tc.action;
     if (c.list) {
       EXPECT_EQ(Contents(c.list), tc.left) << tc.action;
+      const bool untouched = tc.action == std::string("none") || tc.action == std::string("c");
+      EXPECT_TRUE(!untouched || shlist_get_handle(l) == pos) << tc.action;
       shlist_delete(c.list);
     }
     EXPECT_EQ(live(), base) << tc.action;
   }
+  SHLIST* empty = shlist_new(heap_, 0);
+  Changer none{empty, "none", {}};
+  EXPECT_EQ(shlist_traversal(empty, reinterpret_cast<intptr_t>(&none), Change), 1);
+  EXPECT_TRUE(none.seen.empty());
+  shlist_delete(empty);
 }
 
 int32_t ZBSHR_CALLBACK ByLength(void* a, void* b) {
   return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) -
          static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
 }
-
 int32_t ZBSHR_CALLBACK Descending(intptr_t param, void* a, void* b) {
   ++*reinterpret_cast<int*>(param);
   return std::strcmp(static_cast<char*>(b), static_cast<char*>(a));
 }
-
-// Heap blocks are 4-byte aligned: read the returned array by copy.
-const char* At(void** a, int i) {
-  void* p;
-  std::memcpy(&p, reinterpret_cast<char*>(a) + i * sizeof(void*), sizeof p);
-  return static_cast<const char*>(p);
-}
-
-Strings ArrayStrings(void** a, int n) {
+Strings ArrayStrings(void** a, int n) {  // heap blocks are 4-byte aligned: copy out
   Strings out;
-  for (int i = 0; i < n; ++i) out.emplace_back(At(a, i));
+  for (int i = 0; i < n; ++i) {
+    void* p;
+    std::memcpy(&p, reinterpret_cast<char*>(a) + i * sizeof(void*), sizeof p);
+    out.emplace_back(static_cast<const char*>(p));
+  }
   return out;
 }
 
-TEST_F(ContainersList, SortFlags) {
+TEST_F(ContainersList, SortFlagsAndPools) {
   const uint32_t base = live();
-  // 1 | 2: the list is rebuilt in order and no array comes back.
-  SHLIST* l = Make({"b", "a", "c"});
-  EXPECT_EQ(shlist_sort(l, nullptr, SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY), nullptr);
-  EXPECT_EQ(Contents(l), Strings({"a", "b", "c"}));
-  EXPECT_EQ(Cur(l), "c");
-  shlist_delete(l);
-
-  // 0: the list is unchanged; the sorted array belongs to the caller.
-  l = Make({"ccc", "a", "bb"}, 9);
-  void** arr = shlist_sort(l, ByLength, 0);
-  ASSERT_NE(arr, nullptr);
-  EXPECT_EQ(ArrayStrings(arr, 3), Strings({"a", "bb", "ccc"}));
-  EXPECT_EQ(Contents(l), Strings({"ccc", "a", "bb"}));
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, arr), 9u);  // the list's pool
-  zbstg_free(heap_, arr);
-
-  // 4: the list is emptied, the data are only in the array.
-  arr = shlist_sort(l, ByLength, SHLIST_SORT_EMPTY);
-  ASSERT_NE(arr, nullptr);
-  EXPECT_EQ(ArrayStrings(arr, 3), Strings({"a", "bb", "ccc"}));
-  EXPECT_EQ(Contents(l), Strings{});
-  zbstg_free(heap_, arr);
-  EXPECT_EQ(shlist_sort(l, ByLength, 0), nullptr);  // empty list
-  shlist_delete(l);
-
-  // 1 with a parameter: list rebuilt and array returned.
-  l = Make({"m", "z", "a", "q"});
+  const Strings input = {"ccc", "a", "bb", "dddd"}, sorted = {"a", "bb", "ccc", "dddd"};
+  const struct {
+    int32_t flags;
+    Strings left;
+    bool array;
+  } cases[] = {{0, input, true}, {SHLIST_SORT_REBUILD, sorted, true},
+               {SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY, sorted, false},
+               {SHLIST_SORT_EMPTY, {}, true}, {SHLIST_SORT_NOARRAY, input, false}};
+  for (const auto& c : cases) {
+    SHLIST* l = Make({"ccc", "a", "bb", "dddd"}, 9);
+    void** arr = shlist_sort(l, ByLength, c.flags);
+    EXPECT_EQ(arr != nullptr, c.array) << c.flags;
+    if (arr) {
+      EXPECT_EQ(ArrayStrings(arr, 4), sorted) << c.flags;
+      EXPECT_EQ(zbstg_get_pointer_subpool(heap_, arr), 9u);  // the list's pool
+      zbstg_free(heap_, arr);
+    }
+    EXPECT_EQ(Contents(l), c.left) << c.flags;
+    EXPECT_STREQ(c.left.empty() ? "" : static_cast<char*>(shlist_get_curr(l)), c.left.empty() ? "" : "dddd");
+    arr = shlist_sort(l, ByLength, SHLIST_SORT_EMPTY);
+    EXPECT_EQ(arr == nullptr, c.left.empty());
+    zbstg_free(heap_, arr);
+    shlist_delete(l);
+  }
+  SHLIST* l = Make({"m", "z", "a", "q"}, 7);
   int calls = 0;
-  arr = shlist_sort_param(l, reinterpret_cast<intptr_t>(&calls), Descending, SHLIST_SORT_REBUILD);
-  ASSERT_NE(arr, nullptr);
+  void** arr = shlist_sort_param(l, reinterpret_cast<intptr_t>(&calls), Descending, SHLIST_SORT_REBUILD);
   EXPECT_GT(calls, 0);
   EXPECT_EQ(ArrayStrings(arr, 4), Strings({"z", "q", "m", "a"}));
   EXPECT_EQ(Contents(l), Strings({"z", "q", "m", "a"}));
+  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, V(l->first)), 7u);
   zbstg_free(heap_, arr);
   shlist_delete(l);
-  EXPECT_EQ(live(), base);
-}
-
-TEST_F(ContainersList, NullComparisonUsesTheSystemCollation) {
-  SHLIST* l = Make({"beta", "Alpha", "alpha", "Beta", "gamma", "10", "9", "", "_x"});
-  void** arr = shlist_sort(l, nullptr, 0);
-  ASSERT_NE(arr, nullptr);
-  for (int i = 0; i + 1 < 9; ++i) {
-    EXPECT_LE(zbshr::plat::lstrcmpA(At(arr, i), At(arr, i + 1)), 0) << i;
-  }
+  // A null comparison sorts in the system's collation order.
+  l = Make({"beta", "Alpha", "alpha", "Beta", "gamma", "10", "9", "", "_x"});
+  arr = shlist_sort(l, nullptr, 0);
+  const Strings got = ArrayStrings(arr, 9);
+  for (int i = 0; i + 1 < 9; ++i) EXPECT_LE(zbshr::plat::lstrcmpA(got[i].c_str(), got[i + 1].c_str()), 0) << i;
   zbstg_free(heap_, arr);
   shlist_delete(l);
-}
-
-TEST_F(ContainersList, NodesLiveInTheListsPoolAndAreAllFreed) {
-  const uint32_t base = live();
-  SHLIST* l = Make({"a", "b"}, 7);
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, l), 7u);
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, l->first), 7u);
-  for (int i = 0; i < 1000; ++i) shlist_insert(l, S("x"));
-  EXPECT_EQ(live(), base + 1003);
-  shlist_delete(l);
-  EXPECT_EQ(live(), base);
-
-  // deleteFree also frees the data, in the list's heap.
+  // deleteFree frees the data too, in the list's heap.
   l = shlist_new(heap_, 3);
-  for (int i = 0; i < 10; ++i) {
-    char* s = static_cast<char*>(zbstg_alloc(heap_, 8, 3));
-    std::strcpy(s, "data");
-    shlist_insert(l, s);
-  }
+  for (int i = 0; i < 10; ++i) shlist_insert(l, zbstg_alloc(heap_, 8, 3));
   EXPECT_EQ(live(), base + 21);
   EXPECT_EQ(shlist_deleteFree(l), 0);
   EXPECT_EQ(live(), base);

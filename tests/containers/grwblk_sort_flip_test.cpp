@@ -1,0 +1,189 @@
+// Growable blocks, heap sort, binary searches and byte-order flipping.
+#include <algorithm>
+#include <cstring>
+#include <random>
+
+#include "helpers.h"
+
+namespace {
+
+class ContainersGrow : public HeapTest {};
+
+// Appends, adds and sets checked against a model of the growth arithmetic
+// (unsigned 32-bit: a shrinking append wraps) and of the bytes.
+TEST_F(ContainersGrow, MatchesAModelOfTheArithmetic) {
+  std::mt19937 rng(7);
+  const uint32_t base = live();
+  for (int round = 0; round < 300; ++round) {
+    const int32_t step = 1 + static_cast<int32_t>(rng() % 17), size = 1 + round % 3;
+    SH_GRWBLK* b = sh_new_grwblk(heap_, step, size, 5);
+    uint32_t cap = 0, count = 0;
+    std::string bytes;
+    for (int k = 0; k < 8; ++k) {
+      const int op = static_cast<int>(rng() % 3);
+      const uint32_t n = op == 0 ? rng() % 40 : 1;
+      const std::string items(n * size, static_cast<char>('a' + k));
+      if (op == 0) {
+        const uint32_t d = count - cap + n;
+        if (d != 0) cap = (d / step + 1) * step + cap;
+        ASSERT_EQ(sh_append_to_grwblk(heap_, b, items.data(), static_cast<int32_t>(n), 5),
+                  static_cast<int32_t>(count));
+        bytes += items;
+        count += n;
+      } else if (op == 1) {
+        if (count >= cap) cap += step;
+        ASSERT_EQ(sh_add_to_grwblk(heap_, b, items.data(), 5), static_cast<int32_t>(count));
+        bytes += items;
+        ++count;
+      } else {
+        const uint32_t at = rng() % (cap + 3);
+        if (at >= cap) cap = at + step;
+        ASSERT_EQ(sh_set_grwblk_item(heap_, b, static_cast<int32_t>(at), items.data(), 5), size);
+        if (at >= count) bytes.resize((at + 1) * size), count = at + 1;
+        bytes.replace(at * size, size, items);
+      }
+      ASSERT_EQ(static_cast<uint32_t>(b->capacity), cap) << round << " " << k;
+      ASSERT_EQ(static_cast<uint32_t>(b->count), count);
+      if (count) {
+        ASSERT_GE(zbstg_size(heap_, b->data), cap * size);
+        ASSERT_EQ(zbstg_get_pointer_subpool(heap_, b->data), 5u);
+        for (uint32_t i = 0; i < bytes.size(); ++i) {  // unset gaps hold anything
+          ASSERT_TRUE(!bytes[i] || static_cast<char*>(b->data)[i] == bytes[i]) << i;
+        }
+      }
+    }
+    int32_t closed = -1;
+    void* data = sh_grwblk_close(heap_, b, &closed);
+    EXPECT_EQ(closed, static_cast<int32_t>(count));
+    zbstg_free(heap_, data);
+  }
+  EXPECT_EQ(live(), base);
+  SH_GRWBLK b;  // a zero step or a negative index is refused
+  sh_grwblk_init(&b, 0, 4);
+  int32_t v = 1;
+  EXPECT_EQ(sh_add_to_grwblk(heap_, &b, &v, 0), -1);
+  EXPECT_EQ(sh_append_to_grwblk(heap_, &b, &v, 1, 0), -1);
+  EXPECT_EQ(sh_set_grwblk_item(heap_, &b, 0, &v, 0), 0);
+  EXPECT_EQ(V(b.data), nullptr);
+  sh_grwblk_init(&b, 2, 4);
+  EXPECT_EQ(sh_set_grwblk_item(heap_, &b, -1, &v, 0), 0);
+  EXPECT_EQ(b.count, 0);
+}
+
+int32_t ZBSHR_CALLBACK CmpInt(void* a, void* b) { return I(a) < I(b) ? -1 : I(a) > I(b); }
+int32_t ZBSHR_CALLBACK CmpMod(intptr_t m, void* a, void* b) {
+  return I(a) % m < I(b) % m ? -1 : I(a) % m > I(b) % m;
+}
+
+TEST(ContainersSort, AllFourSortsMatchStdSort) {
+  std::mt19937 rng(42);
+  for (int n : {0, 1, 2, 3, 4, 5, 7, 8, 16, 17, 100, 1000, 4097}) {
+    for (int range : {3, 1000000, -1, -2}) {  // -1 ascending input, -2 descending
+      std::vector<void*> a(n);
+      for (int i = 0; i < n; ++i) a[i] = P(range == -1 ? i : range == -2 ? n - i : rng() % range);
+      for (int which = 0; which < 4; ++which) {
+        std::vector<void*> got = a, want = a;
+        const intptr_t m = which < 2 ? 0 : 1000;
+        std::stable_sort(want.begin(), want.end(), [&](void* x, void* y) {
+          return m ? CmpMod(m, x, y) < 0 : CmpInt(x, y) < 0;
+        });
+        if (which == 0) sh_heapsort(got.data(), n, CmpInt);
+        if (which == 1) sh_hugeheapsort(got.data(), n, CmpInt);
+        if (which == 2) sh_heapsort_param(m, got.data(), n, CmpMod);
+        if (which == 3) sh_hugeheapsort_param(m, got.data(), n, CmpMod);
+        for (int i = 0; i < n; ++i) ASSERT_EQ(I(got[i]) % 1000, I(want[i]) % 1000) << n << " " << which;
+        std::sort(got.begin(), got.end()), std::sort(want.begin(), want.end());
+        ASSERT_EQ(got, want);  // a permutation
+      }
+    }
+  }
+}
+
+int32_t ZBSHR_CALLBACK CmpKey(const void* key, const void* item) {
+  const int32_t k = *static_cast<const int32_t*>(key), v = *static_cast<const int32_t*>(item);
+  return k < v ? -1 : k > v;
+}
+
+TEST(ContainersSort, BinarySearchesAndKeywords) {
+  const int32_t items[] = {10, 20, 30, 40, 50, 60, 70};
+  for (int32_t n = -1; n <= 7; ++n) {
+    for (int32_t key = 5; key <= 75; ++key) {
+      const int32_t hit = (key % 10 == 0 && key / 10 <= n) ? key / 10 - 1 : -1;
+      EXPECT_EQ(sh_binary_search(&key, items, 4, n, CmpKey), hit) << n << " " << key;
+      int32_t found = 7;
+      const int32_t r = sh_bin_search(&key, items, 4, n, CmpKey, &found);
+      EXPECT_EQ(found, hit >= 0 ? 1 : 0);
+      // On a miss: the last item that sorts before the key.
+      EXPECT_EQ(r, hit >= 0 ? hit : std::lower_bound(items, items + std::max(n, 0), key) - items - 1);
+    }
+  }
+  const int32_t k = 30;
+  EXPECT_EQ(sh_binary_search(&k, items, 4, 7, nullptr), -1);
+  EXPECT_EQ(sh_binary_search(&k, nullptr, 4, 7, CmpKey), -1);
+  const SHKEYWORD exact[] = {{"AND", 1}, {"OR", 2}, {"and", 3}, {"not", 4}, {"or", 5}, {"z", 6}, {"\xe9t\xe9", 7}};
+  const SHKEYWORD nocase[] = {{"Between", 10}, {"from", 11}, {"IN", 12}, {"select", 13}, {"WHERE", 14}};
+  const struct {
+    const char* key;
+    int32_t exact, nocase;
+  } cases[] = {{"AND", 1, -1}, {"and", 3, -1}, {"or", 5, -1}, {"Or", -1, -1}, {"an", -1, -1},
+               {"andx", -1, -1}, {"z", 6, -1}, {"\xe9t\xe9", 7, -1}, {"BETWEEN", -1, 10},
+               {"In", -1, 12}, {"where", -1, 14}, {"Select", -1, 13}, {"sel", -1, -1},
+               {"from", -1, 11}, {"fromm", -1, -1}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(shBinSrch(c.key, exact, 7), c.exact) << c.key;
+    EXPECT_EQ(shBinSrchi(c.key, nocase, 5), c.nocase) << c.key;
+  }
+  EXPECT_EQ(shBinSrch("and", exact, 0), -1);
+  EXPECT_EQ(shBinSrchi(nullptr, nocase, 5), -1);
+}
+
+using Bytes = std::vector<unsigned char>;
+void* ZBSHR_CALLBACK Flip3(void* p, int32_t extra) {
+  auto* b = static_cast<unsigned char*>(p);
+  std::swap(b[0], b[2]);
+  b[1] = static_cast<unsigned char>(b[1] + extra);
+  return b + 3;
+}
+
+TEST(ContainersFlip, EachFlipAndTheLoop) {
+  Bytes b(18);
+  auto fill = [&] {
+    for (int i = 0; i < 18; ++i) b[i] = static_cast<unsigned char>(i + 1);
+    return b.data();
+  };
+  EXPECT_EQ(shFlipShort(fill()), b.data() + 2);
+  EXPECT_EQ(b, Bytes({2, 1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18}));
+  EXPECT_EQ(shFlipLong(fill()), b.data() + 4);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 5), Bytes({4, 3, 2, 1, 5}));
+  EXPECT_EQ(shFlipTimeT(fill(), 1234), b.data() + 4);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 5), Bytes({4, 3, 2, 1, 5}));
+  EXPECT_EQ(shFlipDouble(fill()), b.data() + 8);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 9), Bytes({8, 7, 6, 5, 4, 3, 2, 1, 9}));
+  EXPECT_EQ(shFlipSHDEC(fill()), b.data() + 16);  // seven words; bytes 14, 15 left alone
+  EXPECT_EQ(b, Bytes({2, 1, 4, 3, 6, 5, 8, 7, 10, 9, 12, 11, 14, 13, 15, 16, 17, 18}));
+  unsigned char be[8] = {0x3F, 0xF8, 0, 0, 0, 0, 0, 0};  // 1.5, big-endian
+  shFlipDouble(be);
+  double d;
+  std::memcpy(&d, be, 8);
+  EXPECT_EQ(d, 1.5);
+  for (auto f : {shFlipShort, shFlipLong, shFlipDouble, shFlipSHDEC}) EXPECT_EQ(f(nullptr), nullptr);
+
+  auto* short_fn = reinterpret_cast<SHFLIPFN>(reinterpret_cast<void (*)()>(&shFlipShort));
+  EXPECT_EQ(shFlipDataLoop(fill(), short_fn, 4, 0), b.data() + 8);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 9), Bytes({2, 1, 4, 3, 6, 5, 8, 7, 9}));
+  EXPECT_EQ(shFlipDataLoop(fill(), Flip3, 3, 10), b.data() + 9);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 10), Bytes({3, 12, 1, 6, 15, 4, 9, 18, 7, 10}));
+  fill();
+  EXPECT_EQ(shFlipDataLoop(nullptr, Flip3, 3, 0), nullptr);
+  EXPECT_EQ(shFlipDataLoop(b.data(), Flip3, 0, 0), b.data());
+  EXPECT_EQ(shFlipDataLoop(b.data(), Flip3, -2, 0), b.data());
+  EXPECT_EQ(shFlipDataLoop(b.data(), nullptr, 2, 0), b.data());
+  EXPECT_EQ(shFlipDataLoopNative(b.data(), Flip3, 3, 0), b.data());
+  EXPECT_EQ(b[0], 1);  // untouched
+  EXPECT_EQ(shGetFlipDataNative(), 0);  // the flag is only stored
+  EXPECT_EQ(shSetFlipDataNative(5), 5);
+  EXPECT_EQ(shGetFlipDataNative(), 5);
+  EXPECT_EQ(shSetFlipDataNative(0), 0);
+}
+
+}  // namespace
