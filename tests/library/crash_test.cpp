@@ -173,6 +173,29 @@ TEST_F(Crash, AReaderRollsBackAHotJournalOrRefuses) {
   EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
 }
 
+// Where no journal can be made beside the library (a read-only folder; here
+// the journal's name leads into a folder that does not exist), a change
+// fails, changes nothing and says why.
+TEST_F(Crash, AChangeWithoutAJournalFailsAndSaysWhy) {
+  std::string lib = path("ro.zbl");
+  S p(lib);
+  ASSERT_EQ(LMI_CreateLibrary(heap, p, nullptr), 0);
+  ASSERT_EQ(putIn("ro.zbl", "x", pattern(2000, 1)), 0);
+  LibState before = snapshot(lib);
+  fs::create_symlink(path("no-such-folder") + "/j", lib + "-journal");
+  LMI_HANDLE h = open(lib, 2);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(put(h, "x", pattern(10, 2)), LMI_E_IO);
+  char why[512];
+  EXPECT_EQ(zbshr_lib_last_error(why, sizeof why), LMI_E_IO);
+  EXPECT_NE(std::string(why).find("rollback journal"), std::string::npos) << why;
+  EXPECT_EQ(get(h, "x"), pattern(2000, 1));
+  LMI_CloseLibrary(h);
+  fs::remove(lib + "-journal");
+  EXPECT_EQ(snapshot(lib), before);
+  EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
+}
+
 // A child process does random operations and is killed at a random moment;
 // the library must then hold the state after the last operation it finished
 // or the one after that.
