@@ -73,3 +73,18 @@ TEST(DecimalCli, BatchAnswersEveryLine) {
             "{\"line\":2,\"status\":\"usage\",\"text\":\"empty line\"}\n"
             "{\"code\":-309,\"line\":3,\"status\":\"err\"}\n");
 }
+
+// A quick run of the differential model (Python's decimal module against the
+// driver's batch mode): a few thousand random cases of every operation. The
+// full run is the DecimalDifferential test.
+TEST(DecimalDifferential, QuickRunAgreesWithPythonDecimal) {
+#ifndef ZBSHR_TEST_PYTHON3
+  GTEST_SKIP() << "no python3 in this build";
+#else
+  const std::string script = std::string(ZBSHR_SOURCE_DIR) + "/tests/decimal/diff_decimal.py";
+  zbtest::RunResult r = zbtest::run_program({ZBSHR_TEST_PYTHON3, script, ZBSHR_DEC_DRIVER, "2000", "7"});
+  if (r.code == -1) GTEST_SKIP() << "python3 cannot be started";
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find(" 0 mismatches"), std::string::npos) << r.out;
+#endif
+}
