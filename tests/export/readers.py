@@ -604,6 +604,12 @@ def main():
         print(__doc__)
         return 2
     zbshr, work = sys.argv[1], sys.argv[2]
+    # A Windows build runs under Wine through a launcher script (run-*.sh):
+    # it is given the files by their Windows names (drive Z: is the root).
+    under_wine = os.path.basename(zbshr).startswith("run-") and zbshr.endswith(".sh")
+
+    def native(path):
+        return "Z:" + os.path.abspath(path).replace("/", "\\") if under_wine else path
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     src, tricky, long_src = (os.path.join(work, n) for n in ("sample.csv", "tricky.csv", "long.csv"))
@@ -619,7 +625,8 @@ def main():
     for key, fmt, source, extra in jobs + [("excel_long", "excel", long_src, [])]:
         files[key] = os.path.join(work, "out_%s.%s" % (key, exts[fmt]))
         heads = ["--headings"] if fmt != "dbase3" and key != "excel_long" else []
-        p = subprocess.run([zbshr, "export", "--format", fmt] + heads + extra + [source, files[key]],
+        args = heads + extra + [native(source), native(files[key])]
+        p = subprocess.run([zbshr, "export", "--format", fmt] + args,
                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
         if p.returncode != 0:
             print("FAIL zbshr export --format %s %s: %s" % (fmt, source, p.stdout.decode(errors="replace")))
