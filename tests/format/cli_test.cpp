@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -56,8 +57,13 @@ TEST_F(FormatCli, Match) {
       {{"match", "ab"}, std::string("ab\0ab\0xab", 9), 0, "3\n", ""},  // past NUL bytes
       {{"match", "--json", "b"}, "abab", 0, "{\"matches\":2,\"pattern\":\"b\"}\n", ""},
       {{"match", "zz"}, "abab", 1, "0\n", ""},  // nothing found, like grep
-      {{"match", "a", dir}, "", 1, "", "Is a directory"},
-      {{"match", "a", "/nonexistent/file"}, "", 1, "", "No such file or directory"},
+      // The system's reason follows "cannot open": its wording is the platform's.
+      {{"match", "a", dir}, "", 1, "", "cannot open "},
+      {{"match", "a", "/nonexistent/file"}, "", 1, "", "cannot open /nonexistent/file"},
+      {{"match", "a", "--", "-x"}, "", 1, "", "cannot open -x"},  // after "--", a name
+      {{"match", "a", "--", "-"}, "ab", 0, "1\n", ""},             // "-" is standard input
+      {{"match", "a", "f1", "f2"}, "", 2, "", "not expected: f2"},
+      {{"match", "--bogus", "a"}, "", 2, "", "not expected: --bogus"},
       {{"match", "*a"}, "x", 2, "", "nothing to repeat"},
       {{"match", "[abc"}, "x", 2, "", "unterminated"},
       {{"match"}, "", 2, "", "PATTERN"},
@@ -72,6 +78,9 @@ TEST_F(FormatCli, Date) {
       {{"date", "--order", "dmy", "parse", "15 Mar. 1998"}, "", 0, "1998-03-15 00:00:00.000000...", ""},
       {{"date", "parse", "5/1/2024", "--order", "dmy"}, "", 0, "2024-01-05...", ""},
       {{"date", "parse", "2024/5/1", "--order", "ymd", "--json"}, "", 0, "{\"day\":...", ""},
+      {{"date", "--order", "ymd", "parse", "01/02/03"}, "", 0, "2001-02-03 00:00:00...", ""},
+      {{"date"}, "", 2, "", "ACTION is required"},
+      {{"date", "diff", "1/1/2000"}, "", 2, "", "diff takes two texts"},
       {{"date", "parse", "2000-02-30", "date"}, "", 1, "", "the day is wrong"},
       {{"date", "parse", "not a date"}, "", 1, "", "not a date or time"},
       {{"date", "diff", "1/1/2000", "12/31/1999"}, "", 0, "1 days, 0 seconds\n", ""},

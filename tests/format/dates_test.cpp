@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -105,34 +104,14 @@ TEST(FormatDates, EveryDayAgreesWithPython) {
   }
 }
 
-TEST(FormatDates, RandomPairsAgreeWithPython) {
-  const auto& days = python_days();
-  if (days.empty()) GTEST_SKIP() << "python3 is not available";
-  std::mt19937 rng(20260101);
-  std::uniform_int_distribution<size_t> pick(0, days.size() - 1);
-  for (int i = 0; i < 200000; ++i) {
-    const PyDay& a = days[pick(rng)];
-    const PyDay& b = days[pick(rng)];
-    const SHDATETIME ta = make(a.y, a.m, a.d, 1, 2, 3, 4);
-    const SHDATETIME tb = make(b.y, b.m, b.d, 5, 6, 7, 8);
-    ASSERT_EQ(shdtDiffDate(&ta, &tb), a.ordinal - b.ordinal);
-    SHDATETIME r{};
-    shdtRelativeDate(&r, &tb, static_cast<int32_t>(a.ordinal - b.ordinal));
-    ASSERT_TRUE(same_date(r, a.y, a.m, a.d));
-    // Time fields are copied from the source.
-    ASSERT_EQ(r.hour, 5);
-    ASSERT_EQ(r.minute, 6);
-    ASSERT_EQ(r.second, 7);
-    ASSERT_EQ(r.microsecond, 8u);
-  }
-}
-
 TEST(FormatDates, ArithmeticEdgeCases) {
   SHDATETIME a = make(2000, 1, 1), b = make(1999, 12, 31), r{};
   EXPECT_EQ(shdtDiffDate(&a, &b), 1);
   EXPECT_EQ(shdtDiffDate(&b, &a), -1);
+  b = make(1999, 12, 31, 5, 6, 7, 8);
   shdtRelativeDate(&r, &b, 1);
   EXPECT_TRUE(same_date(r, 2000, 1, 1));
+  EXPECT_TRUE(r.hour == 5 && r.minute == 6 && r.second == 7 && r.microsecond == 8u);
   a = make(2000, 3, 1);
   shdtRelativeDate(&r, &a, -1);
   EXPECT_TRUE(same_date(r, 2000, 2, 29));
@@ -344,6 +323,26 @@ TEST_F(FormatParse, DayMonthYearOrder) {
   EXPECT_EQ(parse("Mar 15 1998", SHDT_DATE).code, SHDT_E_TEXT);
   // A 4-digit first field still switches to year-month-day.
   EXPECT_TRUE(is(parse("1999-12-31", SHDT_DATETIME), 1999, 12, 31, 0, 0, 0));
+}
+
+// The order given per call wins over the regional one; -1 follows it, and
+// any other value reads as month-day-year.
+TEST_F(FormatParse, OrderGivenPerCall) {
+  use("iDate=1\n");
+  const struct {
+    int32_t order;
+    int y, m, d;
+  } rows[] = {{0, 2003, 1, 2}, {1, 2003, 2, 1}, {2, 2001, 2, 3}, {-1, 2003, 2, 1}, {7, 2003, 1, 2}};
+  for (const auto& r : rows) {
+    Parsed p{};
+    std::memset(&p.v, 0x77, sizeof p.v);
+    p.code = zbshr_shdt_parse_order(&p.v, "01/02/03", SHDT_DATETIME, r.order);
+    EXPECT_TRUE(is(p, r.y, r.m, r.d, 0, 0, 0)) << r.order;
+  }
+  SHDATETIME v{};
+  EXPECT_EQ(zbshr_shdt_parse_order(&v, "12/31/1999", SHDT_DATE, 1), SHDT_E_MONTH);
+  EXPECT_EQ(zbshr_shdt_parse_order(&v, "1/2/03", SHDT_DATE, 2), SHDT_E_YEAR);
+  EXPECT_EQ(zbshr_shdt_parse_order(nullptr, "1/2/03", SHDT_DATE, 0), SHDT_E_TEXT);
 }
 
 TEST_F(FormatParse, YearMonthDayOrder) {

@@ -131,28 +131,17 @@ TEST(FormatPatternCompile, BufferSizeIsExact) {
   for (int i = 8; i < 16; ++i) EXPECT_EQ(buf[i], 0xEE);
 }
 
+// The common cases are compared with a plain backtracking matcher on random
+// patterns below; these are the ones it does not draw.
 TEST(FormatPatternMatch, Counts) {
   EXPECT_EQ(count("a*", "bbb"), 1);  // the empty match at the start, then stop
-  EXPECT_EQ(count("ab", "abab"), 2);
   EXPECT_EQ(count("[a-c]+", "xabcx"), 1);
-  EXPECT_EQ(count("^a", "aaa"), 1);
-  EXPECT_EQ(count("a", "aaa"), 3);
-  EXPECT_EQ(count("a", ""), 0);
-  EXPECT_EQ(count("a*", ""), 0);
   EXPECT_EQ(count("x.*y", "axbyxcyd"), 1);   // greedy to the last y
   EXPECT_EQ(count("x.*y", "xbx"), 0);
-  EXPECT_EQ(count("a?b", "abbxab"), 3);
-  EXPECT_EQ(count("a$", "aaa"), 1);
   EXPECT_EQ(count("$", "abc"), 0);         // no start position at the end
-  EXPECT_EQ(count(".", "abc"), 3);
-  EXPECT_EQ(count("[^a]", "abcab"), 3);
   EXPECT_EQ(count("[]", "abc"), 0);        // an empty set never matches
   EXPECT_EQ(count("[^]", "abc"), 3);       // an empty negated set always does
   EXPECT_EQ(count("a+a", "a"), 1);         // PLUS may give back its one match
-  EXPECT_EQ(count("a+a", "aaaa"), 1);
-  EXPECT_EQ(count("b*c", "abbbcbc"), 2);
-  EXPECT_EQ(count("\\.", "a.b.c"), 2);
-  EXPECT_EQ(count("a^", "aa"), 0);
   EXPECT_EQ(count("abcdefghijklmnopqrst", "xxabcdefghijklmnopqrstabcdefghijklmnopqrs"), 1);
   EXPECT_EQ(count("a*b*c*d*e*f*g*h*i*j*k*l*m*n*x", "abcdefghijklmnx--ax"), 2);
 }
