@@ -691,11 +691,17 @@ static int32_t finalWrites(Library* h) {
   return 0;
 }
 
+// The trailer is back on the file: what kept its base goes.
+static void trailerBack(Library* h) {
+  if (h->trailer && h->mode != 1 && !h->failed) DeleteFileA(trailerKeeperPath(h->path).c_str());
+}
+
 int32_t closeLibrary(Library* h) {
   if (h->kept_by_session) return 0;
   if (h->mode != 1) {
     int32_t rc = finalWrites(h);
     if (rc != 0) return rc;
+    trailerBack(h);
   }
   closeJournal(h);
   if (!CloseHandle(h->file)) return LMI_E_IO;
@@ -706,6 +712,7 @@ int32_t closeLibrary(Library* h) {
 int32_t closeLibraryAlways(Library* h) {
   if (!h || h->kept_by_session) return 0;
   int32_t rc = h->mode != 1 ? finalWrites(h) : 0;
+  if (rc == 0) trailerBack(h);
   if (rc && h->txDepth) txRollback(h);
   closeJournal(h);
   if (!CloseHandle(h->file) && rc == 0) rc = LMI_E_IO;

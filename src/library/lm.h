@@ -189,6 +189,7 @@ void lowerInPlace(char* s);
 std::string fullPath(const char* path);
 bool isExecutableOrLibrary(const std::string& path);
 bool isExecutable(const std::string& path);
+inline std::string trailerKeeperPath(const std::string& path) { return path + "-trailer"; }
 int32_t now32();
 bool writeThroughSetting();
 void setWriteThrough(bool on);

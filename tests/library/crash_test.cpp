@@ -196,6 +196,48 @@ TEST_F(Crash, AChangeWithoutAJournalFailsAndSaysWhy) {
   EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
 }
 
+// A library inside an executable has its trailer off the file while open for
+// writing; a writer killed then leaves it to the next open to put back.
+TEST_F(Crash, AnExecutableKilledWhileOpenForWritingGetsItsTrailerBack) {
+  std::vector<uint8_t> exe(1536, 0x90), lib = slurp(create("inner.zbl"));
+  uint32_t base = uint32_t(exe.size());
+  exe.insert(exe.end(), lib.begin(), lib.end());
+  std::vector<uint8_t> tr(512, 0);
+  std::memcpy(tr.data(), "TRL*", 4);
+  tr[4] = uint8_t(base), tr[5] = uint8_t(base >> 8);
+  exe.insert(exe.end(), tr.begin(), tr.end());
+  std::string p = path("app.exe");
+  spit(p, exe);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    LMI_HANDLE h = open(p, 2);
+    if (!h || put(h, "w_main", pattern(900, 3)) != 0) _exit(1);
+    _exit(77);  // no close
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_EQ(WEXITSTATUS(status), 77);
+  std::vector<uint8_t> left = slurp(p);
+  ASSERT_NE(std::string(left.end() - 512, left.end() - 508), "TRL*");
+  std::vector<uint8_t> keeper = slurp(p + "-trailer");
+  for (int mode : {1, 2}) {  // a reader puts it back as well as a writer
+    SCOPED_TRACE(mode);
+    spit(p, left);
+    spit(p + "-trailer", keeper);
+    LMI_HANDLE h = open(p, mode);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(get(h, "w_main"), pattern(900, 3));
+    EXPECT_EQ(LMI_CloseLibrary(h), 0);
+    std::vector<uint8_t> now = slurp(p);
+    ASSERT_EQ(now.size(), left.size() + 512);
+    EXPECT_EQ(std::string(now.end() - 512, now.end() - 508), "TRL*");
+    EXPECT_EQ(le32(now, now.size() - 508), base);
+    EXPECT_FALSE(fs::exists(p + "-trailer"));
+    EXPECT_EQ(zbshr_lib_verify(p.c_str(), nullptr, nullptr), 0);
+  }
+}
+
 // A child process does random operations and is killed at a random moment;
 // the library must then hold the state after the last operation it finished
 // or the one after that.
