@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#if !defined(_WIN32)
 #include <sys/wait.h>
+#endif
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -108,36 +110,30 @@ TEST_F(HeapOutOfMemory, LargeSubpoolFallsBackToFourKilobytes) {
   zbstg_end(h);
 }
 
-static int ExitsNonZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) != 0; }
-
+// Cancel (answered by the handler, or scripted through ZBSHR_MSGBOX) ends
+// the process with a message. Under Windows a death test re-runs the whole
+// program, whose exit status the emulated loader does not hand back.
 TEST_F(HeapOutOfMemory, CancelEndsTheProcess) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "death tests need the POSIX process model";
+#else
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        g_box = BoxLog{};
-        g_box.retries = 2;
-        zbshr_set_msgbox_handler(Answer, nullptr);
-        ZBSTG_HEAP h = zbstg_begin(0);
-        zbstg_alloc(h, 8, 0);
-        zbshr_inject_fault(kGlobalAlloc, 1, 1000);
-        zbstg_alloc(h, 70000, 0);
-        std::exit(g_box.calls == 3 ? 0 : 1);  // not reached
-      },
-      ExitsNonZero, "Insufficient memory to continue\\.");
-}
-
-TEST_F(HeapOutOfMemory, ScriptedAnswersRetryThenCancel) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        zbshr_set_msgbox_handler(nullptr, nullptr);
-        setenv("ZBSHR_MSGBOX", "retry,retry,cancel", 1);
-        ZBSTG_HEAP h = zbstg_begin(0);
-        zbshr_inject_fault(kGlobalAlloc, 2, 1000);
-        zbstg_alloc(h, 8, 0);
-        std::exit(0);  // not reached
-      },
-      ExitsNonZero, "Insufficient memory to continue\\.");
+  auto exits_non_zero = [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) != 0; };
+  for (bool scripted : {false, true}) {
+    EXPECT_EXIT(
+        {
+          g_box = BoxLog{};
+          g_box.retries = 2;
+          zbshr_set_msgbox_handler(scripted ? nullptr : Answer, nullptr);
+          if (scripted) setenv("ZBSHR_MSGBOX", "retry,retry,cancel", 1);
+          ZBSTG_HEAP h = zbstg_begin(0);
+          zbshr_inject_fault(kGlobalAlloc, 1, 1000);
+          zbstg_alloc(h, 70000, 0);
+          std::exit(0);  // not reached
+        },
+        exits_non_zero, "Insufficient memory to continue\\.");
+  }
+#endif
 }
 
 // ---------------------------------------------------------------- debug image
