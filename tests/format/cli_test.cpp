@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <unistd.h>
 
 #include "common/run_program.h"
 
@@ -106,3 +107,23 @@ TEST_F(FormatCli, Date) {
 }  // namespace
 
 #endif  // ZBSHR_CLI
+
+// Masks both languages share, rendered by the library (format_table) and by
+// LibreOffice headless from an .xlsx workbook, compared cell by cell.
+TEST(FormatDifferential, LibreOfficeShowsTheSameText) {
+#if !defined(ZBSHR_TEST_PYTHON3) || !defined(ZBSHR_FORMAT_TABLE)
+  GTEST_SKIP() << "no python3 or format_table in this build";
+#else
+  const std::filesystem::path work =
+      std::filesystem::temp_directory_path() / ("zbshr-lo-" + std::to_string(::getpid()));
+  const std::string script = std::string(ZBSHR_SOURCE_DIR) + "/tests/format/differential/libreoffice_diff.py";
+  zbtest::RunOptions o;
+  o.env = {"HOME=" + (work / "home").string()};
+  auto r = zbtest::run_program({ZBSHR_TEST_PYTHON3, script, ZBSHR_FORMAT_TABLE, work.string()}, o);
+  std::error_code ec;
+  std::filesystem::remove_all(work, ec);
+  if (r.code == 77 || r.code == -1) GTEST_SKIP() << "LibreOffice or python3 is not available";
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find(" 0 failed"), std::string::npos) << r.out;
+#endif
+}

@@ -71,20 +71,16 @@ SHDATETIME sample() {  // Thursday 2 January 2003, 14:05:09.123456
 
 using FormatDisplay = Regional;
 
+// Random doubles through "[GENERAL]" and "#,##0.00" are compared with Python
+// at the end of this file; these are the cases it does not draw.
 TEST_F(FormatDisplay, GeneralNumbers) {
   EXPECT_EQ(num("[GENERAL]", 0.0), "0");
   EXPECT_EQ(num("[GENERAL]", -0.0), "0");
-  EXPECT_EQ(num("[GENERAL]", -2.0), "-2");
-  EXPECT_EQ(num("[GENERAL]", 0.1 + 0.2), "0.3");
-  EXPECT_EQ(num("[GENERAL]", 1e15), "1E+15");
-  EXPECT_EQ(num("[GENERAL]", -1.5e-7), "-1.5E-07");
   EXPECT_EQ(num("", 42.25), "42.25");  // an empty mask is the general form
   EXPECT_EQ(num("[general] kg", 3.0), "3 kg");
 }
 
 TEST_F(FormatDisplay, NumericMasks) {
-  EXPECT_EQ(num("#,##0.00", 1234567.891), "1,234,567.89");
-  EXPECT_EQ(num("#,##0.00", -1234.5), "-1,234.50");
   EXPECT_EQ(num("#,##0.00", 0.0), "0.00");
   EXPECT_EQ(num("#,##0", 999.5), "1,000");
   EXPECT_EQ(num("0.00", 0.005), "0.01");   // halves round away from zero
