@@ -605,8 +605,16 @@ int32_t pairCommit(Library* a, Library* b) {
   std::snprintf(tag, sizeof tag, "-mj%08x", unsigned(nextSalt(a)));
   std::string super = a->path + tag;
   std::string list = std::string("SJR*") + journalPath(a->path) + '\0' + journalPath(b->path) + '\0';
-  int32_t rc = super.size() <= kMaxSuperName ? 0 : LMI_E_ARGUMENT;
-  if (rc == 0) {
+  if (super.size() > kMaxSuperName) {  // too long a path to name: one after the other
+    int32_t ra = batchCommit(a);
+    if (ra) {
+      pairDiscard(b);
+      return ra;
+    }
+    return batchCommit(b);
+  }
+  int32_t rc = 0;
+  {
     HFILE f = CreateFileA(super.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS,
                           FILE_ATTRIBUTE_NORMAL);
     if (f == INVALID_HANDLE) {
