@@ -135,6 +135,10 @@ TEST(Files, ReadWriteSeekAndHandles) {
     EXPECT_EQ(GetLastError(), c.error) << c.h;
   }
   EXPECT_FALSE(SetEndOfFile(ro));
+  for (HFILE h : {2, -5, 0x7FFFFFF0}) {  // never opened here (2 is standard error): left alone
+    EXPECT_FALSE(CloseHandle(h)) << h;
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << h;
+  }
   EXPECT_EQ(GetFileSize(-5, nullptr), INVALID_FILE_SIZE);
   CloseHandle(ro);
   CloseHandle(wo);
@@ -389,6 +393,12 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_EQ(std::string(name), s.path("ab1A2B.TMP"));
   EXPECT_FALSE(std::filesystem::exists(name));
   EXPECT_EQ(GetTempFileNameA(s.path("missing").c_str(), "x", 0, name), 0u);
+  char long_name[300];  // the name with its terminator must fit 260 bytes
+  const std::string deep = "/" + std::string(247, 'd');  // + "/ab1A2B.TMP": 259 characters
+  EXPECT_EQ(GetTempFileNameA(deep.c_str(), "ab", 0x1A2B, long_name), 0x1A2Bu);
+  EXPECT_EQ(std::strlen(long_name), 259u);
+  EXPECT_EQ(GetTempFileNameA((deep + "d").c_str(), "ab", 0x1A2B, long_name), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_BUFFER_OVERFLOW);
   const std::string old = getenv("TMPDIR") ? getenv("TMPDIR") : "";
   setenv("TMPDIR", s.dir().c_str(), 1);
   char buf[4096];

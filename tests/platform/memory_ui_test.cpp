@@ -93,6 +93,20 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   ClearFaults();
 }
 
+TEST(ClassicFiles, CreationTakesTheAttributesZeroToSeven) {
+  zbshr_test::Scratch s;
+  const std::string p = s.path("c.bin");
+  for (int32_t attribute : {-1, 8}) {  // normal, or read-only, hidden and system combined
+    EXPECT_EQ(_lcreat(p.c_str(), attribute), -1) << attribute;
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << attribute;
+  }
+  for (int32_t attribute : {0, 6}) {
+    const int32_t f = _lcreat(p.c_str(), attribute);
+    EXPECT_NE(f, -1) << attribute;
+    EXPECT_EQ(::_lclose(f), 0);
+  }
+}
+
 TEST(LastError, IsPerThread) {
   SetLastError(1234);
   DWORD other = 0;
