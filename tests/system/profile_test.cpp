@@ -1,15 +1,8 @@
 // Profile files and the start-up path, under a scratch configuration folder
 // and a stand-in host program path.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
-#include <string>
 
-#include "zbshr/system.h"
+#include "sys_fixture.h"
 
 // The system profile's file name in ZBSHR_HOME: Windows maps any file named
 // win.ini onto the registry, so the library's sandbox uses another name there.
@@ -22,15 +15,10 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string Slurp(const fs::path& p) {
-  std::ifstream f(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-void Spill(const fs::path& p, const std::string& s) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary | std::ios::trunc) << s;
-}
+using systest::lf;
+using systest::slashes;
+using systest::slurp;
+using systest::spill;
 
 class ProfileTest : public ::testing::Test {
  protected:
@@ -41,47 +29,43 @@ class ProfileTest : public ::testing::Test {
     hostdir_ = root_ / "Program Files" / "host";
     fs::create_directories(home_);
     fs::create_directories(hostdir_);
-    old_home_ = getenv_or("ZBSHR_HOME");
-    old_prog_ = getenv_or("ZBSHR_HOST_PROGRAM");
+    for (int i = 0; i < 2; ++i) {
+      const char* v = std::getenv(kVars[i]);
+      saved_[i] = v ? std::string(1, '=') + v : std::string();
+    }
     setenv("ZBSHR_HOME", home_.string().c_str(), 1);
     SetHost("zb050.exe");
   }
   void TearDown() override {
-    restore("ZBSHR_HOME", old_home_);
-    restore("ZBSHR_HOST_PROGRAM", old_prog_);
+    for (int i = 0; i < 2; ++i) {
+      if (saved_[i].empty())
+        unsetenv(kVars[i]);
+      else
+        setenv(kVars[i], saved_[i].c_str() + 1, 1);
+    }
     std::error_code ec;
     fs::remove_all(root_, ec);
   }
   void SetHost(const std::string& program) {
     setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1);
   }
-  static std::string getenv_or(const char* n) {
-    const char* v = std::getenv(n);
-    return v ? std::string(1, '\1') + v : std::string();
-  }
-  static void restore(const char* n, const std::string& v) {
-    if (v.empty())
-      unsetenv(n);
-    else
-      setenv(n, v.c_str() + 1, 1);
-  }
+  void SystemProfile(const std::string& text) { spill(home_ / ZBTEST_SYSTEM_PROFILE, text); }
+  // The start-up path with separators shown as '/'.
   std::string InitPath(int size = 300, const char* file = nullptr) {
     std::string buf(static_cast<size_t>(size), 'x');
-    char* r = OS_UtilGetInitPath(buf.data(), size, file);
-    EXPECT_EQ(r, buf.data());
-    return buf.c_str();
+    EXPECT_EQ(OS_UtilGetInitPath(buf.data(), size, file), buf.data());
+    return slashes(buf.c_str());
   }
+  std::string S(const fs::path& p) const { return slashes(p.string()); }
 
+  static constexpr const char* kVars[2] = {"ZBSHR_HOME", "ZBSHR_HOST_PROGRAM"};
   fs::path root_, home_, hostdir_;
-  std::string old_home_, old_prog_;
+  std::string saved_[2];
 };
 
 TEST_F(ProfileTest, RecognisesHostsByProgramName) {
-  char sn[8], prod[32], folder[300];
-  struct Case {
-    const char* program;
-    const char* short_name;
-    const char* product;
+  const struct {
+    const char *program, *short_name, *product;
   } cases[] = {
       {"zb050.exe", "zb", "Quillbrander"},  {"ZB050.EXE", "zb", "Quillbrander"},
       {"zb050", "zb", "Quillbrander"},      {"kw050.exe", "kw", "Kestrel Reports"},
@@ -89,116 +73,105 @@ TEST_F(ProfileTest, RecognisesHostsByProgramName) {
       {"other-tool", "zb", "Quillbrander"},
   };
   for (const auto& c : cases) {
+    char sn[8], prod[32], folder[300];
     SetHost(c.program);
     OS_UtilGetHostInfo(sn, sizeof sn, prod, sizeof prod, folder, sizeof folder);
     EXPECT_STREQ(sn, c.short_name) << c.program;
     EXPECT_STREQ(prod, c.product) << c.program;
-    EXPECT_EQ(std::string(folder), hostdir_.string()) << c.program;
+    EXPECT_EQ(slashes(folder), S(hostdir_)) << c.program;
   }
 }
 
-TEST_F(ProfileTest, DefaultsToHostFolderAndItsProfile) {
-  EXPECT_EQ(InitPath(), hostdir_.string() + "/");
+TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfile) {
+  EXPECT_EQ(InitPath(), S(hostdir_) + "/");
+  EXPECT_EQ(InitPath(300, "a.txt"), S(hostdir_ / "a.txt"));
   char file[300];
   OS_UtilGetProfileFile(file, sizeof file, 0);
-  EXPECT_EQ(std::string(file), (hostdir_ / "zb.ini").string());
-  EXPECT_EQ(InitPath(300, "a.txt"), (hostdir_ / "a.txt").string());
+  EXPECT_EQ(slashes(file), S(hostdir_ / "zb.ini"));
+  // {system profile, start-up path}: "InitPath" applies only while
+  // "InitPath050" is absent or empty; no separator is added after a drive.
+  const struct {
+    const char *profile, *path;
+  } cases[] = {
+      {"[Quillbrander]\nInitPath=/srv/old\n", "/srv/old/"},
+      {"[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n", "/srv/new/"},
+      {"[Quillbrander]\nInitPath050=\nInitPath=C:\n", "C:"},
+  };
+  for (const auto& c : cases) {
+    SystemProfile(c.profile);
+    EXPECT_EQ(InitPath(), c.path) << c.profile;
+  }
+  SetHost("dv050.exe");  // other hosts read their own product's section
+  EXPECT_EQ(InitPath(), S(hostdir_) + "/");
 }
 
-TEST_F(ProfileTest, SystemProfileFallbacksInOrder) {
-  // "InitPath" applies only while "InitPath050" is absent or empty.
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath=/srv/old\n");
-  EXPECT_EQ(InitPath(), "/srv/old/");
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n");
-  EXPECT_EQ(InitPath(), "/srv/new/");
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=\nInitPath=C:\n");
-  EXPECT_EQ(InitPath(), "C:");  // no separator after a drive
-  // Other hosts read their own product section.
-  SetHost("dv050.exe");
-  EXPECT_EQ(InitPath(), hostdir_.string() + "/");
+// The path is read into the caller's size less one, so a stored value is cut
+// or refused early enough for its separator (and the file name) to fit.
+TEST_F(ProfileTest, InitPathBoundaries) {
+  SystemProfile("[Quillbrander]\nInitPath050=/abcdefghij\n");  // 12 with separator
+  EXPECT_EQ(InitPath(25, "file.ini"), "file.ini");  // 12 + 8 + 4 reaches size - 1
+  EXPECT_EQ(InitPath(26, "file.ini"), "/abcdefghij/file.ini");
+  const std::string value = "/0123456789abcdefghijklmnopqrstuvwxyz";
+  SystemProfile("[Quillbrander]\nInitPath050=" + value + "\n");
+  EXPECT_EQ(InitPath(20), value.substr(0, 18) + "/");
+  EXPECT_EQ(InitPath(4), "/0/");
+  EXPECT_EQ(InitPath(2), "");  // a one-byte buffer holds no character
+  // A stored value that needs the whole buffer does not fit in it: the system
+  // profile applies instead. One byte more and it is read.
+  fs::path cfg = root_ / "cfg";
+  spill(cfg / "zb.ini", "");
+  ASSERT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
+  const int n = static_cast<int>(cfg.string().size());
+  EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
+  EXPECT_EQ(InitPath(n + 2), S(cfg) + "/");
 }
 
 TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   fs::path cfg = root_ / "cfg";
   fs::create_directories(cfg);
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=/srv/new\n");
+  SystemProfile("[Quillbrander]\nInitPath050=/srv/new\n");
   EXPECT_EQ(OS_UtilPutInitPath(cfg.string().c_str()), 0);  // no zb.ini there yet
   EXPECT_EQ(InitPath(), "/srv/new/");
-  Spill(cfg / "zb.ini", "[app]\ncolor=blue\n");
-  std::string padded = "   " + cfg.string() + "   ";
-  EXPECT_NE(OS_UtilPutInitPath(padded.c_str()), 0);
-  EXPECT_EQ(InitPath(), cfg.string() + "/");
-  // The registry value keeps the trimmed path with its terminator.
-  std::string reg = Slurp(home_ / "registry.dat");
+  spill(cfg / "zb.ini", "[app]\ncolor=blue\n");
+  EXPECT_NE(OS_UtilPutInitPath(("   " + cfg.string() + "   ").c_str()), 0);
+  EXPECT_EQ(InitPath(), S(cfg) + "/");
+  // The stored value keeps the trimmed path with its terminator.
+  std::string reg = slurp(home_ / "registry.dat");
   EXPECT_NE(reg.find("Software\\Harrowvane\\Quillbrander\\5.0]"), std::string::npos) << reg;
   EXPECT_NE(reg.find("\\x00\""), std::string::npos) << reg;
   char buf[64];
   EXPECT_EQ(OS_UtilGetProfStr("APP", "COLOR", "none", buf, sizeof buf), 4);
   EXPECT_STREQ(buf, "blue");
-  // An empty path removes the stored value: the system profile applies again.
-  EXPECT_NE(OS_UtilPutInitPath("  "), 0);
+  EXPECT_NE(OS_UtilPutInitPath("  "), 0);  // empty: the system profile applies again
   EXPECT_EQ(InitPath(), "/srv/new/");
-}
-
-TEST_F(ProfileTest, GetInitPathReplacesWhatWouldNotFit) {
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=/abcdefghij\n");  // 12 with separator
-  // 12 + 8 + 4 = 24 reaches size - 1 = 24: the file name alone.
-  EXPECT_EQ(InitPath(25, "file.ini"), "file.ini");
-  EXPECT_EQ(InitPath(26, "file.ini"), "/abcdefghij/file.ini");
-}
-
-// The init path is read into the caller's size less one, so a stored value is
-// cut or refused early enough for its separator to fit.
-TEST_F(ProfileTest, InitPathKeepsRoomForItsSeparator) {
-  const std::string value = "/0123456789abcdefghijklmnopqrstuvwxyz";
-  Spill(home_ / ZBTEST_SYSTEM_PROFILE, "[Quillbrander]\nInitPath050=" + value + "\n");
-  EXPECT_EQ(InitPath(20), value.substr(0, 18) + "/");
-  EXPECT_EQ(InitPath(4), "/0/");
-  EXPECT_EQ(InitPath(2), "");  // a one-byte buffer holds no character
-
-  // A registry value that needs the whole buffer does not fit in it: the
-  // system profile applies instead. One byte more and it is read.
-  fs::path cfg = root_ / "cfg";
-  Spill(cfg / "zb.ini", "");
-  ASSERT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
-  const int n = static_cast<int>(cfg.string().size());
-  EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
-  EXPECT_EQ(InitPath(n + 2), cfg.string() + "/");
-}
-
-TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
-  EXPECT_EQ(OS_UtilGetProfInt("s", "n", 42), 42);
-  // No profile file anywhere: the write lands in the host folder.
-  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);
-  EXPECT_EQ(Slurp(hostdir_ / "zb.ini"), "[Settings]\nCount=17\n");
-  EXPECT_EQ(OS_UtilGetProfInt("settings", "count", 0), 17);
-  char buf[8];
-  EXPECT_EQ(OS_UtilGetProfStr("Settings", "missing", "default-text", buf, sizeof buf), 7);
-  EXPECT_STREQ(buf, "default");
-}
-
-TEST_F(ProfileTest, WriteToMissingProfileDropsStoredInitPath) {
-  fs::path cfg = root_ / "cfg";
-  Spill(cfg / "zb.ini", "");
+  fs::remove(home_ / ZBTEST_SYSTEM_PROFILE);
+  // A write while the stored folder has lost its profile drops the stored path.
   ASSERT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
   fs::remove(cfg / "zb.ini");
   EXPECT_NE(OS_UtilPutProfStr("a", "b", "c"), 0);
   EXPECT_TRUE(fs::exists(hostdir_ / "zb.ini"));
-  EXPECT_EQ(InitPath(), hostdir_.string() + "/");  // the stored path is gone
+  EXPECT_EQ(InitPath(), S(hostdir_) + "/");
 }
 
-// A host known by its bare program name has no folder: its profile is written
-// where it is read (the configuration folder), not at the filesystem root.
-TEST_F(ProfileTest, HostWithoutAFolderWritesWhereItReads) {
+TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
+  EXPECT_EQ(OS_UtilGetProfInt("s", "n", 42), 42);
+  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);  // lands in the host folder
+  EXPECT_EQ(lf(slurp(hostdir_ / "zb.ini")), "[Settings]\nCount=17\n");
+  EXPECT_EQ(OS_UtilGetProfInt("settings", "count", 0), 17);
+  char buf[8];
+  EXPECT_EQ(OS_UtilGetProfStr("Settings", "missing", "default-text", buf, sizeof buf), 7);
+  EXPECT_STREQ(buf, "default");
+  // A host known by its bare program name has no folder: its profile is
+  // written where it is read (the configuration folder).
   setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
   char pf[300];
   EXPECT_EQ(OS_UtilGetProfileFile(pf, sizeof pf, 1), 6);
   EXPECT_STREQ(pf, "kw.ini");
   EXPECT_NE(OS_UtilPutProfStr("Run", "Mode", "fast"), 0);
-  EXPECT_EQ(Slurp(home_ / "kw.ini"), "[Run]\nMode=fast\n");
-  char buf[16];
-  EXPECT_EQ(OS_UtilGetProfStr("run", "mode", "", buf, sizeof buf), 4);
-  EXPECT_STREQ(buf, "fast");
+  EXPECT_EQ(lf(slurp(home_ / "kw.ini")), "[Run]\nMode=fast\n");
+  char mode[16];
+  EXPECT_EQ(OS_UtilGetProfStr("run", "mode", "", mode, sizeof mode), 4);
+  EXPECT_STREQ(mode, "fast");
 }
 
 TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
@@ -212,12 +185,12 @@ TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
   EXPECT_EQ(OS_NetworkPutProfStr("s", "k", "v"), 0);
 
   fs::path shared = root_ / "net" / "shared.ini";
-  Spill(shared, "[Team]\nSize=0x10\n");
-  Spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
+  spill(shared, "[Team]\nSize=0x10\n");
+  spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
   EXPECT_EQ(OS_NetworkSharedProfileAccessible(), static_cast<int32_t>(shared.string().size()));
   EXPECT_EQ(OS_NetworkGetProfInt("team", "size", 0), 16);
   EXPECT_NE(OS_NetworkPutProfStr("Team", "Lead", "Ann"), 0);
-  EXPECT_EQ(Slurp(shared), "[Team]\nSize=0x10\nLead=Ann\n");
+  EXPECT_EQ(lf(slurp(shared)), "[Team]\nSize=0x10\nLead=Ann\n");
   char big[16];
   EXPECT_EQ(OS_NetworkGetProfStr("Team", "Lead", "", big, sizeof big), 3);
   EXPECT_STREQ(big, "Ann");

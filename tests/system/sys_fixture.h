@@ -1,17 +1,18 @@
-// Shared helpers of the system-family tests: a scratch folder per test and
-// whole-file reads that do not go through the library.
+// Shared helpers of the system-family tests: a scratch folder per test, whole
+// file reads and writes that do not go through the library, and paths and
+// text compared the same way on every system.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <vector>
 #include <string>
+#include <vector>
 
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
@@ -24,10 +25,19 @@ inline std::string slurp(const fs::path& p) {
   std::ifstream f(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
-
 inline void spill(const fs::path& p, const std::string& bytes) {
-  std::ofstream f(p, std::ios::binary | std::ios::trunc);
-  f << bytes;
+  if (p.has_parent_path()) fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary | std::ios::trunc) << bytes;
+}
+// '/' for every separator, so a path reads the same on Windows.
+inline std::string slashes(std::string s) {
+  std::replace(s.begin(), s.end(), '\\', '/');
+  return s;
+}
+// Line ends as LF (a program's text output on Windows ends lines in CRLF).
+inline std::string lf(std::string s) {
+  s.erase(std::remove(s.begin(), s.end(), '\r'), s.end());
+  return s;
 }
 
 // A fresh folder under the temporary folder, made the current folder for the
@@ -36,8 +46,7 @@ class ScratchTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::random_device rd;
-    dir_ = fs::temp_directory_path() /
-           ("zbshr-sys-" + std::to_string(rd()) + "-" + std::to_string(rd()));
+    dir_ = fs::temp_directory_path() / ("zbshr-sys-" + std::to_string(rd()) + "-" + std::to_string(rd()));
     fs::create_directories(dir_);
     old_cwd_ = fs::current_path();
     fs::current_path(dir_);
@@ -49,10 +58,7 @@ class ScratchTest : public ::testing::Test {
     std::error_code ec;
     fs::remove_all(dir_, ec);
   }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-
-  fs::path dir_;
-  fs::path old_cwd_;
+  fs::path dir_, old_cwd_;
   ZBSTG_HEAP heap_ = nullptr;
 };
 
