@@ -96,7 +96,9 @@ TEST_F(HomeTest, WritingKeepsEverythingElse) {
   ZBTEST_POSIX_ONLY("the POSIX profile writer (Windows writes CRLF)");
   s_.write("w.ini", "; header comment\n[one]\na=1\n; about b\nb = 2\n\n[two]\nc=3\n");
   const std::string f = s_.path("w.ini");
+  std::filesystem::permissions(f, std::filesystem::perms(0640));  // kept through the replace
   EXPECT_TRUE(WritePrivateProfileStringA("ONE", "B", "22", f.c_str()));
+  EXPECT_EQ(std::filesystem::status(f).permissions(), std::filesystem::perms(0640));
   EXPECT_TRUE(WritePrivateProfileStringA("one", "new", "n", f.c_str()));
   EXPECT_TRUE(WritePrivateProfileStringA("three", "d", "4", f.c_str()));
   EXPECT_EQ(s_.read("w.ini"), "; header comment\n[one]\na=1\n; about b\nb=22\nnew=n\n\n[two]\nc=3\n[three]\nd=4\n");
