@@ -67,7 +67,16 @@ TEST_F(ContainersGrow, MatchesAModelOfTheArithmetic) {
   EXPECT_EQ(V(b.data), nullptr);
   sh_grwblk_init(&b, 2, 4);
   EXPECT_EQ(sh_set_grwblk_item(heap_, &b, -1, &v, 0), 0);
+  EXPECT_EQ(sh_add_to_grwblk(heap_, &b, nullptr, 0), -1);  // no item to copy
+  EXPECT_EQ(sh_set_grwblk_item(heap_, &b, 0, nullptr, 0), 0);
+  EXPECT_EQ(sh_append_to_grwblk(heap_, &b, nullptr, 1, 0), -1);
   EXPECT_EQ(b.count, 0);
+  EXPECT_EQ(sh_append_to_grwblk(heap_, &b, nullptr, 0, 0), 0);  // nothing to copy
+  sh_grwblk_init(&b, 2, 0);  // items of no bytes need no source
+  EXPECT_EQ(sh_add_to_grwblk(heap_, &b, nullptr, 0), 0);
+  EXPECT_EQ(sh_set_grwblk_item(heap_, &b, 3, nullptr, 0), 0);
+  EXPECT_EQ(b.count, 4);
+  zbstg_free(heap_, b.data);
 }
 
 int32_t ZBSHR_CALLBACK CmpInt(void* a, void* b) { return I(a) < I(b) ? -1 : I(a) > I(b); }

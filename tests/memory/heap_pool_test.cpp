@@ -227,3 +227,19 @@ TEST(HeapPools, SubpoolSizeFollowsTheLiveBlockCount) {
   EXPECT_EQ(st.subpool_bytes, 16384u * (fours + eights + sixteens));
   zbstg_end(h);
 }
+
+TEST(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
+  ZBSTG_HEAP h = zbstg_begin(0);
+  std::vector<uint32_t*> blocks;
+  for (uint32_t i = 0; i < 4500; ++i) {  // one sub-pool each
+    blocks.push_back(static_cast<uint32_t*>(zbstg_alloc(h, 4000, 6)));
+    *blocks.back() = i;
+  }
+  for (uint32_t i = 0; i < blocks.size(); ++i) {
+    ASSERT_EQ(zbstg_get_pointer_subpool(h, blocks[i]), 6u) << i;
+    ASSERT_EQ(*blocks[i], i);
+  }
+  for (uint32_t* p : blocks) zbstg_free(h, p);
+  EXPECT_EQ(Stat(h).live_blocks, 0u);
+  zbstg_end(h);
+}
