@@ -243,3 +243,21 @@ TEST(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
   EXPECT_EQ(Stat(h).live_blocks, 0u);
   zbstg_end(h);
 }
+
+// The size of a new sub-pool at exactly 100,000 and 200,000 live blocks: the
+// heap is filled with small blocks, every other one of the last 400 freed (no
+// sub-pool empties, no hole is large), then a block of 4,076 needs a new one.
+TEST(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
+  const uint32_t cases[][2] = {{99999, 4096}, {100000, 8192}, {199999, 8192}, {200000, 16384}};
+  for (const auto& c : cases) {
+    ZBSTG_HEAP h = zbstg_begin(0);
+    std::vector<void*> blocks(c[0] + 200);
+    for (void*& p : blocks) p = zbstg_alloc(h, 4, 0);
+    for (uint32_t i = 0; i < 400; i += 2) zbstg_free(h, blocks[c[0] - 200 + i]);
+    ASSERT_EQ(Stat(h).live_blocks, c[0]);
+    void* p = zbstg_alloc(h, 4076, 0);
+    EXPECT_EQ(Offset(p), 8u);
+    EXPECT_EQ(FreeList(Subpool(p)).back().second + 4090, c[1]) << c[0];
+    zbstg_end(h);
+  }
+}
