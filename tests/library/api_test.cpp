@@ -23,6 +23,15 @@ TEST_F(Api, OpenLibraryRefusesBadArguments) {
   EXPECT_EQ(zbshr::lm::H(h)->readAhead, 64000);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
   EXPECT_EQ(LMI_CloseLibrary(nullptr), LMI_E_NULL_HANDLE);
+  // Deleting: only a library is deleted.
+  EXPECT_EQ(LMI_DeleteLibrary(nullptr, s), LMI_E_NULL_HEAP);
+  EXPECT_EQ(LMI_DeleteLibrary(heap, nullptr), LMI_E_ARGUMENT);
+  EXPECT_EQ(LMI_DeleteLibrary(heap, s), 0);
+  EXPECT_FALSE(fs::exists(p));
+  spit(path("junk.zbl"), std::vector<uint8_t>(4096, 7));
+  S j(path("junk.zbl"));
+  EXPECT_EQ(LMI_DeleteLibrary(heap, j), LMI_E_IO);
+  EXPECT_TRUE(fs::exists(path("junk.zbl")));
 }
 
 TEST_F(Api, PathsAreFoldedAndResolvedWithoutRegardToCase) {
@@ -151,7 +160,7 @@ TEST_F(Api, ListingFollowsDirectoryOrder) {
 // During a walk the handle counts as busy.
 LMI_HANDLE g_h;
 int32_t g_inner;
-int32_t ZBSHR_CALL probe(LMI_ENTRYINFO* info, void*) {
+int32_t ZBSHR_CALL probe(LMI_ENTRYINFO*, void*) {
   char n[] = "a";
   g_inner = LMI_OpenEntry(g_h, n, 1, nullptr);
   return 0;
@@ -256,6 +265,13 @@ TEST_F(Api, MoveRenamesInPlaceAndBetweenLibraries) {
   ASSERT_EQ(LMI_EntryInfoExtended(h, uno, &ex), 0);
   EXPECT_STREQ(ex.comment, "c1");
   LMI_CloseLibrary(h);
+  h = open(a, 2);  // a new comment keeps the data
+  EXPECT_EQ(LMI_ModifyEntry(h, uno, nullptr), LMI_E_NULL_INFO);
+  ASSERT_EQ(LMI_ModifyEntry(h, uno, "a newer comment"), 0);
+  ASSERT_EQ(LMI_EntryInfoExtended(h, uno, &ex), 0);
+  EXPECT_STREQ(ex.comment, "a newer comment");
+  EXPECT_EQ(get(h, "uno"), pattern(3000, 2));
+  LMI_CloseLibrary(h);
   // Renaming onto an existing name drops that entry's old data.
   S n2("uno"), onto("two"), s2(a);
   ASSERT_EQ(LMI_MoveEntry(heap, n2, onto, s2, nullptr), 0);
@@ -277,35 +293,13 @@ TEST_F(Api, MoveRenamesInPlaceAndBetweenLibraries) {
   EXPECT_TRUE(verifyFile(b).empty());
 }
 
-TEST_F(Api, ModifyEntryRewritesTheComment) {
-  std::string a = create("a.zbl");
-  LMI_HANDLE h = open(a, 2);
-  ASSERT_EQ(put(h, "e", pattern(1234, 9), "old"), 0);
-  S e("e");
-  EXPECT_EQ(LMI_ModifyEntry(h, e, nullptr), LMI_E_NULL_INFO);
-  ASSERT_EQ(LMI_ModifyEntry(h, e, "a newer comment"), 0);
-  LMI_ENTRYINFOEX ex;
-  ASSERT_EQ(LMI_EntryInfoExtended(h, e, &ex), 0);
-  EXPECT_STREQ(ex.comment, "a newer comment");
-  EXPECT_EQ(get(h, "e"), pattern(1234, 9));
-  EXPECT_TRUE(problems(h).empty());
-  LMI_CloseLibrary(h);
-}
-
-TEST_F(Api, DeleteLibrary) {
-  std::string a = create("a.zbl");
-  S p(a);
-  EXPECT_EQ(LMI_DeleteLibrary(nullptr, p), LMI_E_NULL_HEAP);
-  EXPECT_EQ(LMI_DeleteLibrary(heap, nullptr), LMI_E_ARGUMENT);
-  EXPECT_EQ(LMI_DeleteLibrary(heap, p), 0);
-  EXPECT_FALSE(fs::exists(a));
-  spit(path("junk.zbl"), std::vector<uint8_t>(4096, 7));
-  S j(path("junk.zbl"));
-  EXPECT_EQ(LMI_DeleteLibrary(heap, j), LMI_E_IO);
-  EXPECT_TRUE(fs::exists(path("junk.zbl")));
-}
-
 // ---------------------------------------------------------------- check-out records
+
+// A path with '/' separators in lower case: Windows may store either form.
+std::string norm(std::string p) {
+  for (auto& c : p) c = c == '\\' ? '/' : char(std::tolower(static_cast<unsigned char>(c)));
+  return p;
+}
 
 struct Rec {
   std::string other, name, user;
@@ -329,12 +323,12 @@ TEST_F(Api, CheckOutAndInRestoresBothLists) {
   S sp(shared);
   ASSERT_EQ(LMI_ListCheckOutEntries(heap, sp, collectRec, &recs), 0);
   ASSERT_EQ(recs.size(), 1u);
-  EXPECT_EQ(recs[0].other, work);
+  EXPECT_EQ(norm(recs[0].other), norm(work));
   EXPECT_EQ(recs[0].name, "w_main");
   EXPECT_EQ(recs[0].user, "Alice");
   EXPECT_EQ(recs[0].status, 'd');
   auto b = slurp(shared);
-  std::string expectList = work + '\0' + "w_main" + '\0' + "Alice" + '\0' + "d";
+  std::string expectList = recs[0].other + '\0' + "w_main" + '\0' + "Alice" + '\0' + "d";
   ASSERT_EQ(le32(b, 288), expectList.size());
   uint32_t first = le32(b, 284);
   EXPECT_EQ(str(b, first + 10, expectList.size()), expectList);
@@ -344,20 +338,20 @@ TEST_F(Api, CheckOutAndInRestoresBothLists) {
   S wn("w_main");
   EXPECT_EQ(LMI_IsEntryCheckedOut(h, wn, u, &st, other), LMI_E_CHECKED_OUT);
   EXPECT_EQ(st, 's');
-  EXPECT_STREQ(other, shared.c_str());
+  EXPECT_EQ(norm(other), norm(shared));
   EXPECT_STREQ(u, "Alice");
   LMI_LIBRARYINFO li;
   ASSERT_EQ(LMI_LibraryInformation(h, &li), 0);
   std::vector<char> raw(size_t(li.checkOutLength));
   ASSERT_EQ(LMI_GetCheckOutEntries(h, raw.data()), 0);
   EXPECT_EQ(std::string(raw.begin(), raw.end()),
-            shared + '\0' + "w_main" + '\0' + "Alice" + '\0' + "s");
+            std::string(other) + '\0' + "w_main" + '\0' + "Alice" + '\0' + "s");
   LMI_CloseLibrary(h);
 
   char srcOut[300];
   S n2("w_main"), w2(work);
   ASSERT_EQ(LMI_CheckInEntry(heap, n2, w2, srcOut), 0);
-  EXPECT_STREQ(srcOut, shared.c_str());
+  EXPECT_EQ(norm(srcOut), norm(shared));
   auto after = slurp(shared);
   EXPECT_EQ(le32(after, 284), 0u);
   EXPECT_EQ(le32(after, 288), 0u);

@@ -7,6 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#ifndef _WIN32
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+extern char** environ;
+#endif
 
 #include "helpers.h"
 // After the library's own headers: on Windows it brings in <windows.h>,
@@ -161,6 +168,77 @@ TEST_F(Cli, BadInputsFailWithTheReasonAndChangeNothing) {
   EXPECT_EQ(last.out, "original");
   EXPECT_EQ(lib({"verify", "@p.zbl"}), 0) << what();
 }
+
+// Every action on a library that is missing, a folder or not a library fails
+// with one line saying why, and creates nothing.
+TEST_F(Cli, EveryActionRefusesABadLibrary) {
+  fs::create_directories(path("adir"));
+  spit(path("text.zbl"), std::vector<uint8_t>(4096, 'x'));
+  ASSERT_EQ(lib({"create", "@w.zbl"}), 0);
+  const std::vector<std::vector<std::string>> actions = {
+      {"ls", "L"}, {"cat", "L", "e"}, {"put", "L", "e", "-"}, {"rm", "L", "e"}, {"cp", "L", "e", "f"},
+      {"mv", "L", "e", "f"}, {"cp", "L", "e", "--to", "@w.zbl"}, {"comment", "L", "e", "t"}, {"info", "L"},
+      {"checkout", "L", "e", "@w.zbl", "u"}, {"checkin", "L", "e"}, {"register", "L", "e"},
+      {"unregister", "L", "e"}, {"checkouts", "L"}, {"verify", "L"}, {"repair", "L"}, {"compact", "L"},
+      {"salvage", "L", "@new.zbl"}};
+  // A folder is tried with the actions that only read: one opened for
+  // writing is retried for seconds as if it were busy.
+  for (const std::string b : {"@missing.zbl", "@text.zbl", "@adir"}) {
+    for (auto args : actions) {
+      if (b == "@adir" && !(args[0] == "ls" || args[0] == "cat" || args[0] == "info" || args[0] == "verify")) continue;
+      if (args[0] == "salvage" && b == "@text.zbl") continue;  // salvage reads what it can
+      std::replace(args.begin(), args.end(), std::string("L"), b);
+      SCOPED_TRACE(testing::PrintToString(args));
+      EXPECT_EQ(lib(args, "data"), 1) << what();
+      EXPECT_EQ(std::count(last.err.begin(), last.err.end(), '\n'), 1) << what();
+      EXPECT_LE(std::count(last.out.begin(), last.out.end(), '\n'), 1) << what();  // a heading at most
+    }
+  }
+  EXPECT_FALSE(fs::exists(path("missing.zbl")));
+  EXPECT_FALSE(fs::exists(path("new.zbl")));
+  EXPECT_EQ(slurp(path("text.zbl")), std::vector<uint8_t>(4096, 'x'));
+  EXPECT_TRUE(fs::is_empty(path("adir")));
+}
+
+#ifndef _WIN32
+// A put interrupted while it reads its input stores nothing: the library
+// keeps the old entry whole and checks clean, and no file is left beside it.
+TEST_F(Cli, InterruptedPutStoresNothing) {
+  ASSERT_EQ(lib({"create", "@i.zbl"}), 0);
+  ASSERT_EQ(lib({"put", "@i.zbl", "e", "-"}, "old data"), 0);
+  signal(SIGPIPE, SIG_IGN);  // a child that ends early makes write() fail, not this program
+  for (int sig : {SIGINT, SIGTERM}) {
+    int in[2];
+    ASSERT_EQ(pipe(in), 0);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+    posix_spawn_file_actions_addclose(&fa, in[1]);
+    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    std::string exe = ZBSHR_CLI, l = path("i.zbl");
+    std::vector<char*> argv{exe.data(), const_cast<char*>("lib"), const_cast<char*>("put"), l.data(),
+                            const_cast<char*>("e"), const_cast<char*>("-"), nullptr};
+    pid_t pid;
+    ASSERT_EQ(posix_spawn(&pid, exe.c_str(), &fa, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&fa);
+    close(in[0]);
+    const std::string chunk(1 << 16, 'n');
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(write(in[1], chunk.data(), chunk.size()), ssize_t(chunk.size())) << sig;
+    kill(pid, sig);  // the program is still waiting for the rest of its input
+    (void)!write(in[1], chunk.data(), chunk.size());  // fails once the program has stopped
+    close(in[1]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + sig) << status;
+    ASSERT_EQ(lib({"cat", "@i.zbl", "e"}), 0);
+    EXPECT_EQ(last.out, "old data");
+    EXPECT_EQ(lib({"verify", "@i.zbl"}), 0) << what();
+    std::vector<std::string> files;
+    for (auto& f : fs::directory_iterator(dir)) files.push_back(f.path().filename().string());
+    EXPECT_EQ(files, std::vector<std::string>{"i.zbl"});
+  }
+}
+#endif
 
 TEST_F(Cli, DamageIsReportedAndSalvaged) {
   const std::string data = pattern(20000, 5);

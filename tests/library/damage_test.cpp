@@ -61,35 +61,40 @@ class Damage : public LibTest {
   }
 };
 
-TEST_F(Damage, CycleInADataChain) {
-  build();
-  patch32(4096 + 512 + 4, 4096);  // block 9 points back to block 8
-  EXPECT_EQ(readA(), LMI_E_DAMAGED);
-  auto before = slurp(lib);
-  EXPECT_EQ(deleteA(), LMI_E_DAMAGED);
-  EXPECT_EQ(slurp(lib), before);  // nothing was freed
-  expectBReadable();
-}
-
-TEST_F(Damage, OffsetsOutsideTheFileOrInsideTheFixedArea) {
-  build();
-  for (uint32_t bad : {0x7FFFFE00u, 1024u, 4096u + 100u, uint32_t(bytes.size())}) {
-    patch32(recA + 8, bad);
-    EXPECT_EQ(readA(), LMI_E_DAMAGED) << bad;
-    EXPECT_EQ(deleteA(), LMI_E_DAMAGED) << bad;
+// Damage in the record or chain of "a": reading and deleting "a" fail, a
+// failed delete frees nothing, and "b" stays readable.
+TEST_F(Damage, BrokenChainsAreRefusedAndNothingIsFreed) {
+  constexpr size_t kA = 1024 + 32;  // the record of "a"
+  const struct {
+    const char* what;
+    size_t at;
+    uint32_t value;
+    int width;
+  } cases[] = {
+      {"data chain cycle: block 9 back to 8", 4096 + 512 + 4, 4096, 4},
+      {"first block far outside the file", kA + 8, 0x7FFFFE00u, 4},
+      {"first block inside the fixed area", kA + 8, 1024, 4},
+      {"first block not on a block boundary", kA + 8, 4096 + 100, 4},
+      {"first block at the end of the file", kA + 8, 0, 4},
+      {"length larger than the file", kA + 12, 0x7FFFFFF0u, 4},
+      {"comment longer than the data", kA + 20, 2000, 2},
+      {"blocks in use marked free", 521, 0, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    build();
+    const uint32_t v = c.value ? c.value : uint32_t(bytes.size());
+    for (int i = 0; i < c.width; ++i) bytes[c.at + size_t(i)] = uint8_t(v >> (8 * i));
+    spit(lib, bytes);
+    if (c.at != 521) {
+      EXPECT_EQ(readA(), LMI_E_DAMAGED);  // those blocks still read
+    }
+    if (c.at != kA + 20) {
+      EXPECT_EQ(deleteA(), LMI_E_DAMAGED);
+      EXPECT_EQ(slurp(lib), bytes);
+    }
     expectBReadable();
   }
-}
-
-TEST_F(Damage, LengthLargerThanTheFile) {
-  build();
-  patch32(recA + 12, 0x7FFFFFF0u);
-  EXPECT_EQ(readA(), LMI_E_DAMAGED);
-  EXPECT_EQ(deleteA(), LMI_E_DAMAGED);
-  patch32(recA + 12, 1300);
-  patch16(recA + 20, 2000);  // comment longer than the data
-  EXPECT_EQ(readA(), LMI_E_DAMAGED);
-  expectBReadable();
 }
 
 TEST_F(Damage, RecordRunningPastItsNode) {
@@ -105,11 +110,8 @@ TEST_F(Damage, RecordRunningPastItsNode) {
 TEST_F(Damage, CyclesInTheNodeTree) {
   build();
   // A child pointer to the root (inside the fixed area) and one to itself.
-  LMI_HANDLE h = open(lib, 2);
-  std::string big = std::string(3000, 'q');
-  ASSERT_EQ(LMI_CloseLibrary(h), 0);
   patch32(1024 + 12, 1024);
-  h = open(lib, 1);
+  LMI_HANDLE h = open(lib, 1);
   S z("zzz");
   EXPECT_EQ(LMI_EntryExists(h, z), LMI_E_DAMAGED);
   S a("a");
@@ -163,13 +165,6 @@ TEST_F(Damage, TruncatedAndForeignFilesDoNotOpen) {
   // Cut inside the data: the entries that lie there fail, nothing crashes.
   spit(lib, std::vector<uint8_t>(bytes.begin(), bytes.begin() + 4096 + 512));
   EXPECT_EQ(readA(), LMI_E_DAMAGED);
-}
-
-TEST_F(Damage, BlocksMarkedFreeAreNeverFreedTwice) {
-  build();
-  bytes[521] = 0;  // blocks 8..15 marked free while "a" and "b" use them
-  spit(lib, bytes);
-  EXPECT_EQ(deleteA(), LMI_E_DAMAGED);
 }
 
 // ---------------------------------------------------------------- disk errors
