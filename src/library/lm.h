@@ -190,6 +190,11 @@ std::string fullPath(const char* path);
 bool isExecutableOrLibrary(const std::string& path);
 bool isExecutable(const std::string& path);
 inline std::string trailerKeeperPath(const std::string& path) { return path + "-trailer"; }
+// Writes (and syncs) the keeper of an executable's library base; false on failure.
+bool keepTrailerBase(const std::string& full, uint32_t base);
+// Puts back the trailer of an executable whose writer ended without its close
+// (`f` open for writing); false when that was needed and failed.
+bool restoreTrailer(plat::HFILE f, const std::string& full);
 int32_t now32();
 bool writeThroughSetting();
 void setWriteThrough(bool on);
