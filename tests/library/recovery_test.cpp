@@ -462,6 +462,35 @@ TEST_F(Recovery, CompactRefusesADamagedLibraryAndLeavesItAsItWas) {
   EXPECT_NE(std::string(text).find("salvage"), std::string::npos) << text;
 }
 
+// A comment length is checked against both the 255-byte limit and the
+// entry's own length, each at its boundary.
+TEST_F(Recovery, VerifyChecksTheCommentLength) {
+  std::string lib = create("v.zbl");
+  LMI_HANDLE h = open(lib, 2);
+  ASSERT_EQ(put(h, "e", std::string(300, 'd'), "c"), 0);
+  ASSERT_EQ(put(h, "f", "12345", "c"), 0);
+  ASSERT_EQ(LMI_CloseLibrary(h), 0);
+  const auto bytes = slurp(lib);
+  const uint32_t recE = 1024 + 32, recF = recE + 24 + 2;
+  ASSERT_EQ(str(bytes, recF + 24, 2), std::string("f\0", 2));
+  const uint32_t lenF = le32(bytes, recF + 12);
+  // {record, comment length, problems}
+  const struct {
+    uint32_t rec, clen;
+    int32_t problems;
+  } cases[] = {{recE, 255, 0}, {recE, 256, 1}, {recF, lenF, 0}, {recF, lenF + 1, 1}};
+  for (const auto& c : cases) {
+    auto b = bytes;
+    b[c.rec + 20] = uint8_t(c.clen);
+    b[c.rec + 21] = uint8_t(c.clen >> 8);
+    spit(lib, b);
+    EXPECT_EQ(verifyPath(lib), c.problems) << c.rec << " " << c.clen;
+    if (c.problems) {
+      EXPECT_NE(found[0].text.find("comment length " + std::to_string(c.clen)), std::string::npos) << found[0].text;
+    }
+  }
+}
+
 TEST_F(Recovery, LastErrorTellsWhyACallFailed) {
   std::string lib = create("e.zbl");
   spit(path("text.zbl"), std::vector<uint8_t>(4096, 'x'));
