@@ -272,6 +272,8 @@ TEST_F(Api, MoveRenamesInPlaceAndBetweenLibraries) {
   EXPECT_STREQ(ex.comment, "a newer comment");
   EXPECT_EQ(get(h, "uno"), pattern(3000, 2));
   LMI_CloseLibrary(h);
+  S miss("missing"), nn2("x"), s4(a);
+  EXPECT_EQ(LMI_MoveEntry(heap, miss, nn2, s4, nullptr), LMI_E_NOT_FOUND);
   // Renaming onto an existing name drops that entry's old data.
   S n2("uno"), onto("two"), s2(a);
   ASSERT_EQ(LMI_MoveEntry(heap, n2, onto, s2, nullptr), 0);

@@ -489,6 +489,32 @@ TEST_F(Recovery, VerifyChecksTheCommentLength) {
       EXPECT_NE(found[0].text.find("comment length " + std::to_string(c.clen)), std::string::npos) << found[0].text;
     }
   }
+  auto b = bytes;  // each byte of a record's signature counts
+  ASSERT_EQ(str(b, recF, 4), "ENT*");
+  b[recF + 3] = '?';
+  spit(lib, b);
+  EXPECT_GE(verifyPath(lib), 1);
+}
+
+// The checker keeps the first 200 problem texts of a badly damaged library.
+TEST_F(Recovery, VerifyKeepsAtMost200Problems) {
+  std::string lib = create("m.zbl");
+  fill(lib, 260);
+  auto bytes = slurp(lib);
+  std::vector<uint32_t> nodes{1024};
+  int damaged = 0;
+  while (!nodes.empty()) {  // every record gets an impossible comment length
+    uint32_t n = nodes.back();
+    nodes.pop_back();
+    for (uint32_t p = n + 32; p < n + 32 + 3040 - le16(bytes, n + 16); p += 24 + le16(bytes, p + 22), ++damaged)
+      bytes[p + 21] = 0x7F;
+    for (uint32_t f : {4u, 12u})
+      if (le32(bytes, n + f)) nodes.push_back(le32(bytes, n + f));
+  }
+  ASSERT_EQ(damaged, 260);
+  spit(lib, bytes);
+  EXPECT_EQ(verifyFile(lib).size(), 200u);
+  EXPECT_GE(verifyPath(lib), 260);
 }
 
 TEST_F(Recovery, LastErrorTellsWhyACallFailed) {
