@@ -439,6 +439,11 @@ TEST(Files, MoveReplacesInOneStep) {
   EXPECT_FALSE(std::filesystem::exists(s.path("new.txt")));
   EXPECT_TRUE(MoveFileExA(s.path("old.txt").c_str(), s.path("moved.txt").c_str(), 0));
   EXPECT_EQ(s.read("moved.txt"), "new");
+  HFILE open = CreateFileA(s.path("moved.txt").c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);
+  EXPECT_FALSE(MoveFileExA(s.path("moved.txt").c_str(), s.path("x.txt").c_str(), 0));  // no FILE_SHARE_DELETE
+  EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+  CloseHandle(open);
+  EXPECT_EQ(s.read("moved.txt"), "new");
   EXPECT_FALSE(MoveFileExA(s.path("gone.txt").c_str(), s.path("x.txt").c_str(), 0));
   EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 }
