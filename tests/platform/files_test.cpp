@@ -422,6 +422,7 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_EQ(std::strlen(buf), n - 1);
   HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name too
   EXPECT_EQ(GetModuleHandleA(std::filesystem::canonical("/proc/self/exe").filename().string().c_str()), self);
+  EXPECT_EQ(GetModuleFileNameOfA(self, buf, sizeof buf), n);
   EXPECT_EQ(GetModuleFileNameOfA(self, buf, n + 1), n);
   EXPECT_EQ(GetModuleFileNameOfA(self, buf, n), n - 1);  // cut and terminated
   EXPECT_EQ(std::strlen(buf), n - 1);
