@@ -297,7 +297,7 @@ TEST_F(Dbi, CacheSizeParameterAndSetup) {
       {"Host='a,SQLCache=9', SQLCache=4", 4}, {"SQLCache=1, SQLCache=2", 2}, {"'SQLCache'=6", 6},
       {"SQLCache=+8", 8}, {"SQLCache=0", 0}, {"SQLCache=007", 7}, {"SQLCache=2147483647", 2147483647},
       {"\tA='No',\r\n SQLCache=11\r\n", 11}, {"SQLCache='12", 12}, {"", -1}, {"SQLCache", -1},
-      {"SQLCacheSize=5", -1}, {"MySQLCache=5", -1}, {"XQLCache=5", -1},
+      {"SQLCacheSize=5", -1}, {"MySQLCache=5", -1}, {"XQLCache=5", -1}, {"X='a''',SQLCache=4", 4},
       {"SQLCachX=5", -1}, {"SQLCache=", -1}, {"SQLCache=+", -1},
       {"SQLCache=-1", -1}, {"SQLCache=2147483648", -1}, {"SQLCache=99999999999999999999", -1},
       {"SQLCache=1 0", -1}, {"SQLCache=1.5", -1}, {"SQLCache=ten", -1}, {"SQLCache=9:", -1},
