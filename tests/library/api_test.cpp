@@ -129,12 +129,12 @@ TEST_F(Api, ListingFollowsDirectoryOrder) {
   // Fill the root, then add one name above and one below its range.
   std::vector<std::string> rootNames;
   for (int i = 0;; ++i) {
-    std::string name = "m" + std::to_string(500 - i) + std::string(60, 'x');
+    std::string name = std::string("m").append(std::to_string(500 - i)).append(60, 'x');
     ASSERT_EQ(put(h, name, std::string(size_t(i), 'd')), 0);
     rootNames.push_back(name);
     if (zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) < 24 + 65) break;
   }
-  std::string above = "z" + std::string(63, 'z'), below = "a" + std::string(63, 'a');
+  std::string above(64, 'z'), below(64, 'a');
   ASSERT_EQ(put(h, above, ""), 0);
   ASSERT_EQ(put(h, below, ""), 0);
   Listed l;
@@ -224,10 +224,10 @@ TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   std::string a = create("a.zbl"), b = create("b.zbl");
   LMI_HANDLE h = open(a, 2);
   for (int i = 0;; ++i) {
-    ASSERT_EQ(put(h, "m" + std::to_string(100 + i) + std::string(50, 'x'), ""), 0);
+    ASSERT_EQ(put(h, std::string("m").append(std::to_string(100 + i)).append(50, 'x'), ""), 0);
     if (zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) < 24 + 56) break;
   }
-  std::string high = "z" + std::string(53, 'z');
+  std::string high(54, 'z');
   ASSERT_EQ(put(h, high, "payload"), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   // Rename the child's only record to a name inside the root's range.

@@ -120,7 +120,7 @@ TEST_F(Damage, CyclesInTheNodeTree) {
   // A real child node whose right pointer is itself.
   build();
   h = open(lib, 2);
-  for (int i = 0; i < 80; ++i) ASSERT_EQ(put(h, "n" + std::to_string(100 + i) + std::string(30, 'x'), ""), 0);
+  for (int i = 0; i < 80; ++i) ASSERT_EQ(put(h, std::string("n").append(std::to_string(100 + i)).append(30, 'x'), ""), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   bytes = slurp(lib);
   uint32_t right = le32(bytes, 1024 + 12);

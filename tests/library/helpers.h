@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cctype>
 #include <cstring>
 #include <filesystem>
@@ -53,6 +54,18 @@ inline const std::string& runTag() {
   return tag;
 }
 
+// Where the tests make their libraries: a memory file system when there is
+// one, since every change ends with syncs that a disk makes slow (the crash
+// tests end processes instead of relying on the disk). ZBSHR_TEST_ON_DISK=1
+// keeps them in the temporary folder.
+inline fs::path scratchRoot() {
+#ifndef _WIN32
+  std::error_code ec;
+  if (!std::getenv("ZBSHR_TEST_ON_DISK") && fs::is_directory("/dev/shm", ec)) return "/dev/shm";
+#endif
+  return fs::temp_directory_path();
+}
+
 class LibTest : public ::testing::Test {
  protected:
   ZBSTG_HEAP heap = nullptr;
@@ -61,7 +74,7 @@ class LibTest : public ::testing::Test {
   void SetUp() override {
     heap = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir = (fs::temp_directory_path() / "zbshr-lib-tests" /
+    dir = (scratchRoot() / "zbshr-lib-tests" /
            (std::string(info->test_suite_name()) + "." + info->name() + "-" + runTag()))
               .string();
     // Library paths are folded to lower case; keep the folder lower case too.
