@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <random>
@@ -59,8 +61,11 @@ class Dbi : public ::testing::Test {
   static Strings Available(const DBI_SQLCACHE* cache) {
     Strings out;
     const SHLISTNODE* n = cache->entries->first;
-    for (int32_t i = 0; i < cache->entries->count; ++i, n = n->next)
-      out.emplace_back(static_cast<const DBI_SQLCACHE_ENTRY*>(n->data)->text);
+    for (int32_t i = 0; i < cache->entries->count; ++i, n = n->next) {
+      const char* text;  // the record may sit at any 4-byte boundary
+      std::memcpy(&text, static_cast<const char*>(n->data) + offsetof(DBI_SQLCACHE_ENTRY, text), sizeof text);
+      out.emplace_back(text);
+    }
     return out;
   }
   ZBSTG_HEAP heap_ = nullptr;
