@@ -21,6 +21,13 @@ inline int parse_args(CLI::App& app, const char* cmd, int argc, char** argv) {
   app.get_formatter()->label("Usage", "usage");
   if (app.get_option_no_throw("-q") == nullptr && app.get_option_no_throw("--quiet") == nullptr)
     app.add_flag("-q,--quiet", quiet, "show no progress");
+  // "/name" is a path, not an option, on every system (CLI11 takes it for an
+  // option on Windows unless told otherwise).
+  auto posix_style = [](CLI::App* a, auto& self) -> void {
+    a->allow_windows_style_options(false);
+    for (CLI::App* sub : a->get_subcommands({})) self(sub, self);
+  };
+  posix_style(&app, posix_style);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

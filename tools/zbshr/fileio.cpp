@@ -61,9 +61,16 @@ std::string os_reason(int err) {
 
 bool same_file(const std::string& a, const std::string& b) {
   if (a == "-" || b == "-") return false;
+#ifdef _WIN32
+  // The C runtime's stat gives no file number there: ask the file system.
+  std::error_code ec;
+  const bool same = std::filesystem::equivalent(a, b, ec);
+  return !ec && same;
+#else
   struct stat sa {}, sb {};
   if (::stat(a.c_str(), &sa) != 0 || ::stat(b.c_str(), &sb) != 0) return false;
   return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+#endif
 }
 
 FILE* open_input(const std::string& path, bool seekable, std::string& error) {
