@@ -632,7 +632,7 @@ def main():
             print("FAIL zbshr export --format %s %s: %s" % (fmt, source, p.stdout.decode(errors="replace")))
             return 1
     res = Result()
-    if len(sys.argv) == 4:
+    if len(sys.argv) == 4 and sys.argv[3]:
         write_limit_files(sys.argv[3], work, files, res)
     else:
         res.skip("limits", "no library given")
