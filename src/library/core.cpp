@@ -301,6 +301,28 @@ void destroy(Library* h) {
   zbstg_free(heap, raw);
 }
 
+// Runs `fix` on the library with write access before anything is read: a
+// reader's handle `f` is closed, the file reopened for writing, fixed, and
+// reopened as the reader asked. False (and `f` closed) when that fails.
+template <class Fix>
+bool fixWithWriteAccess(HFILE& f, const std::string& full, int32_t mode, DWORD access, Fix fix) {
+  HFILE w = f;
+  if (mode == 1) {
+    CloseHandle(f);
+    w = CreateFileA(full.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING,
+                    FILE_ATTRIBUTE_NORMAL);
+    if (w == INVALID_HANDLE) return false;
+  }
+  const bool ok = fix(w);
+  if (!ok || mode == 1) CloseHandle(w);
+  if (!ok) return false;
+  if (mode == 1) {
+    f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+    if (f == INVALID_HANDLE) return false;
+  }
+  return true;
+}
+
 Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead) {
   if (!heap || !path) return nullptr;
   if (readAhead != 0 && readAhead < 512) return nullptr;
@@ -328,39 +350,13 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
   // rolled back before anything is read. Holding the file (with the sharing
   // mode above) means no writer is running. A reader needs write access for
   // the rollback; without it the open is refused.
-  if (journalIsHot(full)) {
-    HFILE w = f;
-    if (mode == 1) {
-      CloseHandle(f);
-      w = CreateFileA(full.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING,
-                      FILE_ATTRIBUTE_NORMAL);
-      if (w == INVALID_HANDLE) return nullptr;
-    }
-    int32_t rc = recoverJournal(full, w);
-    if (rc || mode == 1) CloseHandle(w);
-    if (rc) return nullptr;
-    if (mode == 1) {
-      f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
-      if (f == INVALID_HANDLE) return nullptr;
-    }
-  }
+  if (journalIsHot(full) &&
+      !fixWithWriteAccess(f, full, mode, access, [&](HFILE w) { return recoverJournal(full, w) == 0; }))
+    return nullptr;
   if (isExecutableOrLibrary(full) &&
-      GetFileAttributesA(trailerKeeperPath(full).c_str()) != INVALID_FILE_ATTRIBUTES) {
-    HFILE w = f;
-    if (mode == 1) {
-      CloseHandle(f);
-      w = CreateFileA(full.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING,
-                      FILE_ATTRIBUTE_NORMAL);
-      if (w == INVALID_HANDLE) return nullptr;
-    }
-    bool ok = restoreTrailer(w, full);
-    if (!ok || mode == 1) CloseHandle(w);
-    if (!ok) return nullptr;
-    if (mode == 1) {
-      f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
-      if (f == INVALID_HANDLE) return nullptr;
-    }
-  }
+      GetFileAttributesA(trailerKeeperPath(full).c_str()) != INVALID_FILE_ATTRIBUTES &&
+      !fixWithWriteAccess(f, full, mode, access, [&](HFILE w) { return restoreTrailer(w, full); }))
+    return nullptr;
 
   // Heap blocks are 4-byte aligned; the handle needs the alignment of its members.
   void* mem = zbstg_alloc(heap, uint32_t(sizeof(Library) + alignof(Library)), 0);
