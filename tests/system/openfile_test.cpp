@@ -131,7 +131,11 @@ TEST_F(OpenFile, BareNameFoundInTheSystemFolder) {
   OSOFSTRUCT of;
   int32_t h = osOpenFile(name.c_str(), &of, OF_READ);
   ASSERT_NE(h, -1);
-  EXPECT_EQ(lower(fs::weakly_canonical(of.szPathName)), lower(fs::weakly_canonical(sysdir / name)));
+  // The full name found (on Windows with the drive the folder's name leaves out).
+  const std::string found = lower(of.szPathName);
+  const std::string want = lower(sysdir / name);
+  EXPECT_TRUE(found.size() >= want.size() && found.compare(found.size() - want.size(), want.size(), want) == 0)
+      << found << " vs " << want;
   char buf[32] = {};
   EXPECT_EQ(plat::_lread(h, buf, sizeof buf - 1), 22);
   EXPECT_STREQ(buf, "from the system folder");

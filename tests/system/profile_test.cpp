@@ -2,6 +2,7 @@
 // and a stand-in host program path.
 #include <cstdlib>
 
+#include "platform/platform.h"
 #include "sys_fixture.h"
 
 // The system profile's file name in ZBSHR_HOME: Windows maps any file named
@@ -135,10 +136,20 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   spill(cfg / "zb.ini", "[app]\ncolor=blue\n");
   EXPECT_NE(OS_UtilPutInitPath(("   " + cfg.string() + "   ").c_str()), 0);
   EXPECT_EQ(InitPath(), S(cfg) + "/");
-  // The stored value keeps the trimmed path with its terminator.
-  std::string reg = slurp(home_ / "registry.dat");
-  EXPECT_NE(reg.find("Software\\Harrowvane\\Quillbrander\\5.0]"), std::string::npos) << reg;
-  EXPECT_NE(reg.find("\\x00\""), std::string::npos) << reg;
+  // The stored value is the trimmed path with its terminator, under the
+  // product's key of the user's registry.
+  namespace plat = zbshr::plat;
+  plat::HKEY key = nullptr;
+  ASSERT_EQ(plat::RegOpenKeyExA(plat::HKEY_CURRENT_USER, "Software\\Harrowvane\\Quillbrander\\5.0", 0,
+                                plat::KEY_READ, &key), plat::ERROR_SUCCESS);
+  char stored[300] = {};
+  plat::DWORD type = 0, size = sizeof stored;
+  EXPECT_EQ(plat::RegQueryValueExA(key, "InitPath", nullptr, &type, reinterpret_cast<uint8_t*>(stored), &size),
+            plat::ERROR_SUCCESS);
+  plat::RegCloseKey(key);
+  EXPECT_EQ(type, plat::REG_SZ);
+  EXPECT_EQ(slashes(stored), slashes(cfg.string()));
+  EXPECT_EQ(size, std::strlen(stored) + 1);
   char buf[64];
   EXPECT_EQ(OS_UtilGetProfStr("APP", "COLOR", "none", buf, sizeof buf), 4);
   EXPECT_STREQ(buf, "blue");

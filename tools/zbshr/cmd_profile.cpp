@@ -23,11 +23,13 @@ namespace {
 // configuration folder, so that its profile is read from and written to
 // $ZBSHR_HOME (never beside the zbshr program, which may be read-only).
 void place_host() {
-#if !defined(_WIN32)
   if (const char* h = std::getenv("ZBSHR_HOST_PROGRAM"); h && *h) return;
   const std::string dir = zcli::config_dir();
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
+#if defined(_WIN32)
+  _putenv_s("ZBSHR_HOST_PROGRAM", (dir + "\\zb050.exe").c_str());
+#else
   setenv("ZBSHR_HOST_PROGRAM", (dir + "/zb050").c_str(), 1);
 #endif
 }

@@ -46,6 +46,9 @@ void install_interrupt_handlers() {
 
 std::string config_dir() {
   if (const char* h = std::getenv("ZBSHR_HOME"); h && *h) return h;
+#ifdef _WIN32
+  if (const char* a = std::getenv("APPDATA"); a && *a) return std::string(a) + "\\zbshr";
+#endif
   if (const char* x = std::getenv("XDG_CONFIG_HOME"); x && *x) return std::string(x) + "/zbshr";
   const char* home = std::getenv("HOME");
   return std::string(home && *home ? home : ".") + "/.config/zbshr";
@@ -154,7 +157,7 @@ bool AtomicOutput::prepare(const std::string& target, std::string& error) {
   if (base.empty()) base = "zbshr-out";
   if (rename_) {
     dir = fs::path(target).parent_path().string();
-    if (dir.empty()) dir = ".";
+    if (dir.empty()) dir.push_back('.');
   } else {
     std::error_code ec;
     dir = fs::temp_directory_path(ec).string();

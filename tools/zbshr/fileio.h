@@ -16,8 +16,9 @@ namespace zcli {
 // in cli.h.
 void install_interrupt_handlers();
 
-// The folder where the library keeps its configuration (POSIX): $ZBSHR_HOME,
-// else $XDG_CONFIG_HOME/zbshr, else ~/.config/zbshr.
+// The folder where the library keeps its configuration: $ZBSHR_HOME, else
+// %APPDATA%\zbshr on Windows, else $XDG_CONFIG_HOME/zbshr, else
+// ~/.config/zbshr.
 std::string config_dir();
 
 // The operating system's text for errno value `err` ("Permission denied").

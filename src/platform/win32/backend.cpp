@@ -171,11 +171,6 @@ BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
   return 1;
 }
 
-DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
-                  char** file_part) {
-  return win32::Kept(static_cast<DWORD>(::SearchPathA(path, file, ext, size, buf, file_part)));
-}
-
 DWORD GetFullPathNameA(const char* name, DWORD size, char* buf, char** file_part) {
   DWORD r = win32::Kept(static_cast<DWORD>(::GetFullPathNameA(name, size, buf, file_part)));
   // A full path too long for the system is a buffer that cannot hold it

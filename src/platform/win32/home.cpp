@@ -184,6 +184,20 @@ BOOL WriteProfileStringA(const char* section, const char* key, const char* value
   return WritePrivateProfileStringA(section, key, value, nullptr);
 }
 
+// The default search ends in the private folder when there is one: it stands
+// for the Windows folder there, as it does for the system profile.
+DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
+                  char** file_part) {
+  DWORD r = win32::Kept(static_cast<DWORD>(::SearchPathA(path, file, ext, size, buf, file_part)));
+  const std::string home = Home();
+  if (r != 0 || path != nullptr || home.empty() || !file || !*file) return r;
+  const DWORD error = GetLastError();
+  DWORD in_home = static_cast<DWORD>(::SearchPathA(home.c_str(), file, ext, size, buf, file_part));
+  if (in_home != 0) return win32::Kept(in_home);
+  SetLastError(error);
+  return 0;
+}
+
 std::string ConfigDir() {
   std::string home = Home();
   if (!home.empty()) return home;
