@@ -230,11 +230,11 @@ TEST(HeapShareable, HandleBeforeTheBlock) {
   EXPECT_EQ(zbstg_dde_lock(handle), p);
   zbstg_dde_unlock(handle);
   EXPECT_EQ(p[99], 7);
+  // A failed lock gives the slot width, not null.
+  zbshr_inject_fault(kGlobalLock, 1, 1);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(zbstg_dde_lock(handle)), sizeof(void*));
   zbstg_dde_free(p);
   zbstg_dde_free(nullptr);
-  // A failed lock gives the slot width, not null.
-  int dummy = 0;
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(zbstg_dde_lock(&dummy)), sizeof(void*));
   zbshr_inject_fault(kGlobalLock, 1, 1);
   EXPECT_EQ(zbstg_dde_alloc(10), nullptr);
   zbshr_clear_faults();

@@ -369,8 +369,10 @@ int actCheckout(ZBSTG_HEAP heap, Args& a) {
     char st;
     int32_t rc = LMI_IsEntryCheckedOut(lib.h, n, nullptr, &st, nullptr);
     if (rc == LMI_E_CHECKED_OUT) return libFail(a.entry, rc);
+    LMI_ENTRYINFO info;
+    if (LMI_EntryInformation(lib.h, n, &info) == 0)
+      announce("checking out " + a.entry + " (" + std::to_string(info.size) + " bytes) into " + a.to);
   }
-  announce("checking out " + a.entry + " into " + a.to);
   Buf n(a.entry), src(a.lib), work(a.to);
   int32_t rc = LMI_CopyEntry(heap, n, nullptr, src, work);
   if (rc) return libFail("copy " + a.entry, rc);
@@ -392,8 +394,10 @@ int actCheckin(ZBSTG_HEAP heap, Args& a) {
     if (rc != LMI_E_CHECKED_OUT || st != 's')
       return zcli::fail(kCmd, a.entry + " is not checked out into " + a.lib);
     source = other.data();
+    LMI_ENTRYINFO info;
+    if (LMI_EntryInformation(lib.h, n, &info) == 0)
+      announce("checking in " + a.entry + " (" + std::to_string(info.size) + " bytes) to " + source);
   }
-  announce("checking in " + a.entry + " to " + source);
   Buf n(a.entry), work(a.lib), src(source);
   int32_t rc = LMI_CopyEntry(heap, n, nullptr, work, src);
   if (rc) return libFail("copy back " + a.entry, rc);
