@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 #include <functional>
 #include <vector>
 
@@ -41,33 +42,21 @@ TEST(HeapPools, PoolNumbers) {
 
 TEST(HeapPools, FreePoolKeepsOtherPools) {
   ZBSTG_HEAP h = zbstg_begin(0);
-  std::vector<char*> two, three;
-  for (int i = 0; i < 500; ++i) {
-    char* a = static_cast<char*>(zbstg_alloc(h, 10 + i % 50, 2));
-    char* b = static_cast<char*>(zbstg_alloc(h, 10 + i % 50, 3));
-    std::memset(a, 'a', 10);
-    std::memset(b, static_cast<char>(i), 10);
-    two.push_back(a);
-    three.push_back(b);
+  std::vector<uint8_t*> three;
+  for (uint8_t i = 0; i < 250; ++i) {
+    Fill(zbstg_alloc(h, 10 + i % 50, 2), 10, 0);
+    Fill(three.emplace_back(static_cast<uint8_t*>(zbstg_alloc(h, 10 + i % 50, 3))), 10, i);
   }
-  EXPECT_EQ(Stat(h).live_blocks, 1000u);
   zbstg_free_pool(h, 2);
-  EXPECT_EQ(Stat(h).live_blocks, 500u);
-  for (int i = 0; i < 500; ++i) {
-    for (int k = 0; k < 10; ++k) ASSERT_EQ(three[i][k], static_cast<char>(i));
-    EXPECT_EQ(zbstg_get_pointer_subpool(h, three[i]), 3u);
-  }
-  // The number can be used again; pools without a table are left alone.
+  EXPECT_EQ(Stat(h).live_blocks, 250u);
+  for (uint8_t i = 0; i < 250; ++i)
+    ASSERT_TRUE(Intact(three[i], 10, i) && zbstg_get_pointer_subpool(h, three[i]) == 3) << int(i);
+  // The number can be used again; pools without a table are left alone; 0
+  // means the default pool.
   void* again = zbstg_alloc(h, 8, 2);
   EXPECT_EQ(zbstg_get_pointer_subpool(h, again), 2u);
-  zbstg_free_pool(h, 55);
-  zbstg_free_pool(h, 3);
-  zbstg_free_pool(h, 3);
-  EXPECT_EQ(Stat(h).live_blocks, 1u);
-  // Pool 0 means the default pool.
-  void* d = zbstg_alloc(h, 8, 1);
-  EXPECT_NE(d, nullptr);
-  zbstg_free_pool(h, 0);
+  zbstg_alloc(h, 8, 1);
+  for (uint32_t pool : {55u, 3u, 3u, 0u}) zbstg_free_pool(h, pool);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   zbstg_free(h, again);
   EXPECT_EQ(Stat(h).live_blocks, 0u);
@@ -106,99 +95,69 @@ TEST(HeapPools, StatisticsOfASmallHeap) {
 
 TEST(HeapPools, DirectoryGrowsPastOneHundredPools) {
   ZBSTG_HEAP h = zbstg_begin(0);
-  std::vector<void*> blocks;
-  for (uint32_t pool = 10; pool < 160; ++pool) {
-    auto* p = static_cast<uint32_t*>(zbstg_alloc(h, 4, pool));
-    *p = pool;
-    blocks.push_back(p);
+  std::vector<uint32_t*> blocks;
+  // 150 sub-pools and tables and a directory of 200 entries, then 210 and 300.
+  for (uint32_t pool = 10; pool < 220; ++pool) {
+    *blocks.emplace_back(static_cast<uint32_t*>(zbstg_alloc(h, 4, pool))) = pool;
+    EXPECT_TRUE(pool != 159 || Stat(h).system_bytes == 150u * (4096 + 2424) + (16 + 8 * 200));
   }
-  ZBSTG_STAT st = Stat(h);
-  EXPECT_EQ(st.live_blocks, 150u);
-  // 150 sub-pools and tables, and the grown directory of 200 entries.
-  EXPECT_EQ(st.system_bytes, 150u * (4096 + 2424) + (16 + 8 * 200));
-  for (uint32_t i = 0; i < blocks.size(); ++i) {
-    EXPECT_EQ(zbstg_get_pointer_subpool(h, blocks[i]), 10 + i);
-    EXPECT_EQ(*static_cast<uint32_t*>(blocks[i]), 10 + i);
-  }
-  // Grow once more: 300 entries.
-  for (uint32_t pool = 160; pool < 220; ++pool) zbstg_alloc(h, 4, pool);
   EXPECT_EQ(Stat(h).system_bytes, 210u * (4096 + 2424) + (16 + 8 * 300));
+  for (uint32_t* p : blocks) ASSERT_EQ(std::make_pair(zbstg_get_pointer_subpool(h, p), *p), std::make_pair(*p, *p));
   for (uint32_t pool = 10; pool < 220; ++pool) zbstg_free_pool(h, pool);
-  st = Stat(h);
-  EXPECT_EQ(st.live_blocks, 0u);
-  EXPECT_EQ(st.system_bytes, 16u + 8 * 300);
+  EXPECT_EQ(Stat(h).live_blocks, 0u);
+  EXPECT_EQ(Stat(h).system_bytes, 16u + 8 * 300);
   zbstg_end(h);
 }
 
 TEST(HeapPools, TableGrowsPastTwoHundredSubpools) {
   ZBSTG_HEAP h = zbstg_begin(0);
   std::vector<uint8_t*> blocks;
-  for (int i = 0; i < 201; ++i) {
-    auto* p = static_cast<uint8_t*>(zbstg_alloc(h, 4000, 0));
-    std::memset(p, i, 4000);
-    blocks.push_back(p);
-  }
-  ZBSTG_STAT st = Stat(h);
-  EXPECT_EQ(st.live_blocks, 201u);
-  EXPECT_EQ(st.system_bytes, 201u * 4096 + (24 + 12 * 400));
-  EXPECT_EQ(st.free_bytes, 201u * 82);
-  for (int i = 0; i < 201; ++i)
-    for (int k = 0; k < 4000; k += 499) ASSERT_EQ(blocks[i][k], static_cast<uint8_t>(i));
+  for (int i = 0; i < 201; ++i) Fill(blocks.emplace_back(static_cast<uint8_t*>(zbstg_alloc(h, 4000, 0))), 4000, i);
+  EXPECT_EQ(Stat(h).system_bytes, 201u * 4096 + (24 + 12 * 400));
+  EXPECT_EQ(Stat(h).free_bytes, 201u * 82);
+  for (int i = 0; i < 201; ++i) ASSERT_TRUE(Intact(blocks[i], 4000, i));
   // The last-used sub-pool (entry 200) takes a block that fits its 82 bytes.
-  void* small = zbstg_alloc(h, 60, 0);
-  EXPECT_EQ(Subpool(small), Subpool(blocks[200]));
+  EXPECT_EQ(Subpool(zbstg_alloc(h, 60, 0)), Subpool(blocks[200]));
   // Entry 0 released (kept as the spare); a block that fits nowhere goes to
   // a new sub-pool: the spare, in the first empty entry.
   const uint8_t* first = Subpool(blocks[0]);
   zbstg_free(h, blocks[0]);
   EXPECT_EQ(Stat(h).system_bytes, 200u * 4096 + (24 + 12 * 400));
-  void* again = zbstg_alloc(h, 100, 0);
-  EXPECT_EQ(Subpool(again), first);
+  EXPECT_EQ(Subpool(zbstg_alloc(h, 100, 0)), first);
   // Freeing the whole pool leaves only the spare, which statistics do not see.
   zbstg_free_pool(h, 0);
-  st = Stat(h);
-  EXPECT_EQ(st.system_bytes, 0u);
-  EXPECT_EQ(st.live_blocks, 0u);
+  EXPECT_EQ(Stat(h).system_bytes, 0u);
+  EXPECT_EQ(Stat(h).live_blocks, 0u);
   zbstg_end(h);
 }
 
 TEST(HeapPools, SpareSubpool) {
   ZBSTG_HEAP h = zbstg_begin(0);
   void* a = zbstg_alloc(h, 16, 0);
-  void* b = zbstg_alloc(h, 16, 0);
   const uint8_t* sp = Subpool(a);
   zbstg_free(h, a);
-  zbstg_free(h, b);
   EXPECT_EQ(Stat(h).system_bytes, 2424u);
   // Reused for the next small sub-pool, of another pool too, freshly set up.
   void* c = zbstg_alloc(h, 16, 9);
-  EXPECT_EQ(Subpool(c), sp);
-  EXPECT_EQ(Offset(c), 8u);
-  EXPECT_EQ(L(sp, 0), 9u);
+  EXPECT_EQ(std::make_tuple(Subpool(c), Offset(c), L(sp, 0)), std::make_tuple(sp, 8u, 9u));
   zbstg_free(h, c);
   // A block of 4,086 or more does not take the spare.
-  void* big = zbstg_alloc(h, 4084, 0);
-  EXPECT_NE(Subpool(big), sp);
+  EXPECT_NE(Subpool(zbstg_alloc(h, 4084, 0)), sp);
   // A sub-pool of 4,098..4,196 bytes is kept as the spare when there is none;
   // reused, it is set up as a 4,096-byte sub-pool though it keeps its size.
   void* odd = zbstg_alloc(h, 4100, 4);  // b = 4,104: a sub-pool of 4,114
   const uint8_t* oddsp = Subpool(odd);
-  void* take = zbstg_alloc(h, 16, 5);   // takes the 4 KB spare
-  EXPECT_EQ(Subpool(take), sp);
+  EXPECT_EQ(Subpool(zbstg_alloc(h, 16, 5)), sp);  // takes the 4 KB spare
   zbstg_free(h, odd);                    // now the 4,114-byte one is the spare
   void* d = zbstg_alloc(h, 16, 6);
   EXPECT_EQ(Subpool(d), oddsp);
   EXPECT_EQ(FreeList(oddsp).back().second, 4086u - 20);
-  ZBSTG_STAT st = Stat(h);
-  EXPECT_EQ(st.system_bytes, 4098u + 4096u + 4114u + 5 * 2424u);
+  EXPECT_EQ(Stat(h).system_bytes, 4098u + 4096u + 4114u + 5 * 2424u);
   // A sub-pool above 4,196 bytes is never kept.
   void* e = zbstg_alloc(h, 5000, 7);
-  const uint8_t* esp = Subpool(e);
   zbstg_free(h, d);  // spare again: the 4,114 one
   zbstg_free(h, e);
-  void* f = zbstg_alloc(h, 16, 8);
-  EXPECT_EQ(Subpool(f), oddsp);
-  EXPECT_NE(Subpool(f), esp);
+  EXPECT_EQ(Subpool(zbstg_alloc(h, 16, 8)), oddsp);
   zbstg_end(h);
 }
 
