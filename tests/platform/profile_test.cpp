@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/platform.h"
@@ -53,11 +54,7 @@ TEST_F(HomeTest, ReadingRules) {
   s_.write("a.ini", kIni);
   const std::string f = s_.path("a.ini");
   using namespace std::string_literals;
-  const struct {
-    const char *sec, *key, *def;
-    DWORD size;
-    std::string want;  // the count's bytes and the terminator
-  } cases[] = {
+  const struct { const char *sec, *key, *def; DWORD size; std::string want; } cases[] = {  // want: the count's bytes and the terminator
       {"general", "NAME", "d", 256, "Alpha Beta\0"s},
       {"GENERAL", "quoted", "d", 256, "  padded  \0"s},
       {"General", "single", "d", 256, "x\0"s},
@@ -76,17 +73,10 @@ TEST_F(HomeTest, ReadingRules) {
       {nullptr, nullptr, "", 2, "\0"s},
       {"none", nullptr, "", 256, "\0"s},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.sec ? c.sec : "-") + "/" + (c.key ? c.key : "-") + "/" + std::to_string(c.size));
-    std::string got = Get(c.sec, c.key, c.def, f, c.size);
-    EXPECT_EQ(got, c.want);
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(Get(c.sec, c.key, c.def, f, c.size), c.want) << (c.sec ? c.sec : "-") << "/" << (c.key ? c.key : "-") << "/" << c.size;
   EXPECT_EQ(Get("General", "x", "def", s_.path("missing.ini")), std::string("def", 4));
-  const struct {
-    const char* key;
-    int32_t def;
-    UINT want;
-  } ints[] = {{"dec", 9, 55}, {"neg", 9, static_cast<UINT>(-12)}, {"hex", 9, 31}, {"plus", 9, 7},
+  const struct { const char* key; int32_t def; UINT want; } ints[] = {{"dec", 9, 55}, {"neg", 9, static_cast<UINT>(-12)}, {"hex", 9, 31}, {"plus", 9, 7},
               {"none", 9, 0}, {"big", 9, 4294967295u}, {"missing", -3, static_cast<UINT>(-3)}};
   for (const auto& c : ints) EXPECT_EQ(GetPrivateProfileIntA("numbers", c.key, c.def, f.c_str()), c.want) << c.key;
   EXPECT_EQ(GetPrivateProfileIntA("general", "empty", 42, f.c_str()), 42u);
@@ -99,13 +89,11 @@ TEST_F(HomeTest, WritingKeepsEverythingElse) {
   std::filesystem::permissions(f, std::filesystem::perms(0640));  // kept through the replace
   EXPECT_TRUE(WritePrivateProfileStringA("ONE", "B", "22", f.c_str()));
   EXPECT_EQ(std::filesystem::status(f).permissions(), std::filesystem::perms(0640));
-  EXPECT_TRUE(WritePrivateProfileStringA("one", "new", "n", f.c_str()));
-  EXPECT_TRUE(WritePrivateProfileStringA("three", "d", "4", f.c_str()));
+  EXPECT_TRUE(WritePrivateProfileStringA("one", "new", "n", f.c_str()) && WritePrivateProfileStringA("three", "d", "4", f.c_str()));
   EXPECT_EQ(s_.read("w.ini"), "; header comment\n[one]\na=1\n; about b\nb=22\nnew=n\n\n[two]\nc=3\n[three]\nd=4\n");
   // A null value deletes the key, a null key the section.
-  EXPECT_TRUE(WritePrivateProfileStringA("one", "a", nullptr, f.c_str()));
-  EXPECT_TRUE(WritePrivateProfileStringA("TWO", nullptr, nullptr, f.c_str()));
-  EXPECT_TRUE(WritePrivateProfileStringA("two", "zz", nullptr, f.c_str()));  // nothing to delete
+  EXPECT_TRUE(WritePrivateProfileStringA("one", "a", nullptr, f.c_str()) && WritePrivateProfileStringA("TWO", nullptr, nullptr, f.c_str()) &&
+              WritePrivateProfileStringA("two", "zz", nullptr, f.c_str()));  // the last: nothing to delete
   EXPECT_EQ(s_.read("w.ini"), "; header comment\n[one]\n; about b\nb=22\nnew=n\n\n[three]\nd=4\n");
   EXPECT_FALSE(WritePrivateProfileStringA(nullptr, "k", "v", f.c_str()));
   EXPECT_TRUE(WritePrivateProfileStringA(nullptr, nullptr, nullptr, f.c_str()));
@@ -113,8 +101,8 @@ TEST_F(HomeTest, WritingKeepsEverythingElse) {
   EXPECT_TRUE(WritePrivateProfileStringA("s", "k", "v", s_.path("new.ini").c_str()));
   EXPECT_EQ(s_.read("new.ini"), "[s]\nk=v\n");
   s_.write("crlf.ini", "[s]\r\nk=v");
-  EXPECT_TRUE(WritePrivateProfileStringA("s", "k2", "w", s_.path("crlf.ini").c_str()));
-  EXPECT_TRUE(WritePrivateProfileStringA("t", "x", "y", s_.path("crlf.ini").c_str()));
+  EXPECT_TRUE(WritePrivateProfileStringA("s", "k2", "w", s_.path("crlf.ini").c_str()) &&
+              WritePrivateProfileStringA("t", "x", "y", s_.path("crlf.ini").c_str()));
   EXPECT_EQ(s_.read("crlf.ini"), "[s]\r\nk=v\r\nk2=w\r\n[t]\r\nx=y\r\n");
   // Deleting from a missing file creates nothing; a missing folder fails.
   EXPECT_TRUE(WritePrivateProfileStringA("s", "k", nullptr, s_.path("none.ini").c_str()));
@@ -137,8 +125,7 @@ TEST_F(HomeTest, RelativeNamesAndTheSystemProfileLiveInTheConfigurationFolder) {
   EXPECT_TRUE(WriteProfileStringA("intl", "sDecimal", ",,"));
   EXPECT_EQ(s_.read("home/win.ini"), "[intl]\nsDecimal=,,\n");
   EXPECT_EQ(GetProfileStringA("INTL", "sdecimal", ".", buf, sizeof buf), 2u);
-  EXPECT_STREQ(buf, ",,");
-  EXPECT_EQ(GetProfileIntA("intl", "iCurrDigits", 2), 2u);
+  EXPECT_EQ(std::string(buf) + std::to_string(GetProfileIntA("intl", "iCurrDigits", 2)), ",,2");
   EXPECT_TRUE(WritePrivateProfileStringA("a", "b", "c", "App.INI"));
   EXPECT_EQ(s_.read("home/App.INI"), "[a]\nb=c\n");
   EXPECT_EQ(GetPrivateProfileStringA("a", "b", "", buf, sizeof buf, "APP.ini"), 1u);  // any case
@@ -146,18 +133,17 @@ TEST_F(HomeTest, RelativeNamesAndTheSystemProfileLiveInTheConfigurationFolder) {
 
 TEST(ConfigFolder, FallsBackToXdgThenHome) {
   ZBTEST_POSIX_ONLY("the XDG and HOME fallbacks are POSIX's");
-  const char* v = std::getenv("ZBSHR_HOME");
-  const std::string saved = v ? v : "";
-  const char* x = std::getenv("XDG_CONFIG_HOME");
-  const std::string saved_xdg = x ? x : "";
-  setenv("ZBSHR_HOME", "/tmp/zb-home///", 1);
-  EXPECT_EQ(ConfigDir(), "/tmp/zb-home");
-  unsetenv("ZBSHR_HOME");
-  setenv("XDG_CONFIG_HOME", "/tmp/xdg", 1);
-  EXPECT_EQ(ConfigDir(), "/tmp/xdg/zbshr");
-  unsetenv("XDG_CONFIG_HOME");
-  EXPECT_EQ(ConfigDir(), std::string(std::getenv("HOME")) + "/.config/zbshr");
-  if (!saved_xdg.empty()) setenv("XDG_CONFIG_HOME", saved_xdg.c_str(), 1);
+  const char *v = std::getenv("ZBSHR_HOME"), *x = std::getenv("XDG_CONFIG_HOME");
+  const std::string saved = v ? v : "", saved_xdg = x ? x : "";
+  const struct { const char *home, *xdg; std::string want; } rows[] = {
+      {"/tmp/zb-home///", "/tmp/xdg", "/tmp/zb-home"}, {nullptr, "/tmp/xdg", "/tmp/xdg/zbshr"},
+      {nullptr, nullptr, std::string(std::getenv("HOME")) + "/.config/zbshr"}};
+  for (const auto& r : rows) {
+    r.home ? setenv("ZBSHR_HOME", r.home, 1) : unsetenv("ZBSHR_HOME");
+    r.xdg ? setenv("XDG_CONFIG_HOME", r.xdg, 1) : unsetenv("XDG_CONFIG_HOME");
+    EXPECT_EQ(ConfigDir(), r.want);
+  }
+  if (x) setenv("XDG_CONFIG_HOME", saved_xdg.c_str(), 1);
   if (v) setenv("ZBSHR_HOME", saved.c_str(), 1);
 }
 
@@ -170,21 +156,15 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   EXPECT_EQ(disp, 1u);  // created
   const char path[] = "/opt/tool/";
   const uint8_t bin[] = {0, 1, 0xFF, '"', '\\', '\n'};
-  ASSERT_EQ(RegSetValueExA(k, "InitPath", 0, REG_SZ, reinterpret_cast<const uint8_t*>(path), sizeof path), ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(k, "Short", 0, REG_SZ, reinterpret_cast<const uint8_t*>("ab"), 2), ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(k, "Blob", 0, REG_BINARY, bin, sizeof bin), ERROR_SUCCESS);
-  ASSERT_EQ(RegFlushKey(k), ERROR_SUCCESS);
-  EXPECT_EQ(RegCloseKey(k), ERROR_SUCCESS);
+  ASSERT_EQ(std::vector<LONG>({RegSetValueExA(k, "InitPath", 0, REG_SZ, reinterpret_cast<const uint8_t*>(path), sizeof path),
+                                RegSetValueExA(k, "Short", 0, REG_SZ, reinterpret_cast<const uint8_t*>("ab"), 2),
+                                RegSetValueExA(k, "Blob", 0, REG_BINARY, bin, sizeof bin), RegFlushKey(k), RegCloseKey(k)}),
+            std::vector<LONG>(5, ERROR_SUCCESS));
   // Reopened with other case and the other separator.
   HKEY r = nullptr;
   ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "software/EXAMPLE/tool", 0, KEY_READ, &r), ERROR_SUCCESS);
-  const struct {
-    const char* name;
-    DWORD size;  // of the buffer
-    LONG result;
-    DWORD type;
-    std::string data;  // with the size returned
-  } reads[] = {
+  // size: of the buffer; data: with the size returned
+  const struct { const char* name; DWORD size; LONG result; DWORD type; std::string data; } reads[] = {
       {"initpath", 64, ERROR_SUCCESS, REG_SZ, std::string(path, sizeof path)},
       {"InitPath", 3, ERROR_MORE_DATA, REG_SZ, std::string(sizeof path, '?')},
       {"Short", 64, ERROR_SUCCESS, REG_SZ, std::string("ab", 3)},  // terminated though given without
@@ -196,32 +176,27 @@ TEST_F(HomeTest, RegistryRoundTrip) {
     DWORD type = 0, size = c.size;
     EXPECT_EQ(RegQueryValueExA(r, c.name, nullptr, &type, buf, &size), c.result) << c.name;
     if (c.result == ERROR_FILE_NOT_FOUND) continue;
-    EXPECT_EQ(type, c.type) << c.name;
-    ASSERT_EQ(size, c.data.size()) << c.name;
-    if (c.result == ERROR_SUCCESS) {
-      EXPECT_EQ(std::string(reinterpret_cast<char*>(buf), size), c.data) << c.name;
-    }
+    ASSERT_EQ(std::make_pair(type, size), std::make_pair(c.type, static_cast<DWORD>(c.data.size()))) << c.name;
+    EXPECT_TRUE(c.result != ERROR_SUCCESS || std::string(reinterpret_cast<char*>(buf), size) == c.data) << c.name;
   }
   DWORD size = 0;
   EXPECT_EQ(RegQueryValueExA(r, "InitPath", nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
   EXPECT_EQ(size, sizeof path);
-  EXPECT_EQ(RegSetValueExA(r, "x", 0, REG_SZ, bin, 1), ERROR_ACCESS_DENIED);  // opened for reading
-  EXPECT_EQ(RegCloseKey(r), ERROR_SUCCESS);
-  EXPECT_EQ(RegCloseKey(r), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(std::vector<LONG>({RegSetValueExA(r, "x", 0, REG_SZ, bin, 1), RegCloseKey(r), RegCloseKey(r)}),  // opened for reading
+            std::vector<LONG>({ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_INVALID_HANDLE}));
   // Parents exist implicitly; missing keys do not.
   ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &r), ERROR_SUCCESS);
   RegCloseKey(r);
-  EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Other", 0, KEY_READ, &r), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, KEY_READ, &r), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(std::vector<LONG>({RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Other", 0, KEY_READ, &r),
+                               RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, KEY_READ, &r)}),
+            std::vector<LONG>(2, ERROR_FILE_NOT_FOUND));
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "SOFTWARE\\example\\TOOL", 0, nullptr, 0, KEY_WRITE, nullptr, &k, &disp),
             ERROR_SUCCESS);
   EXPECT_EQ(disp, 2u);  // opened existing
-  EXPECT_EQ(RegDeleteValueA(k, "SHORT"), ERROR_SUCCESS);
-  EXPECT_EQ(RegDeleteValueA(k, "Short"), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(std::vector<LONG>({RegDeleteValueA(k, "SHORT"), RegDeleteValueA(k, "Short")}), std::vector<LONG>({ERROR_SUCCESS, ERROR_FILE_NOT_FOUND}));
   RegCloseKey(k);
-  for (const char* bad : {"Soft]ware", "Soft\nware", "Soft\rware"}) {  // would break the file's lines
+  for (const char* bad : {"Soft]ware", "Soft\nware", "Soft\rware"})  // would break the file's lines
     EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, bad, 0, nullptr, 0, KEY_WRITE, nullptr, &k, &disp), ERROR_INVALID_PARAMETER);
-  }
   int bogus = 0;
   EXPECT_EQ(RegQueryValueExA(&bogus, "x", nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_HANDLE);
   // The file alone carries the data: a hand-edited file is read back.
@@ -236,9 +211,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   DWORD type = 0;
   size = sizeof buf;
   ASSERT_EQ(RegQueryValueExA(r, nullptr, nullptr, &type, buf, &size), ERROR_SUCCESS);
-  EXPECT_EQ(type, REG_DWORD);
-  EXPECT_EQ(size, 4u);
-  EXPECT_EQ(buf[0], 42);
+  EXPECT_EQ(std::make_tuple(type, size, buf[0]), std::make_tuple(REG_DWORD, 4u, uint8_t{42}));
   RegCloseKey(r);
 }
 
@@ -251,16 +224,13 @@ TEST(Clipboard, KeepsTheTextAndPipesItToACommand) {
   // A command that reads nothing must not kill the process.
   for (auto [command, data] : {std::pair{cmd.c_str(), std::string(text)}, {"exit 0", big}}) {
     setenv("ZBSHR_CLIPBOARD_CMD", command, 1);
-    EXPECT_FALSE(EmptyClipboard());  // not open
-    ASSERT_TRUE(OpenClipboard(nullptr));
-    EXPECT_FALSE(OpenClipboard(nullptr));
-    EXPECT_TRUE(EmptyClipboard());
+    EXPECT_EQ(std::vector<BOOL>({EmptyClipboard(), OpenClipboard(nullptr), OpenClipboard(nullptr), EmptyClipboard()}),
+              std::vector<BOOL>({0, 1, 0, 1}));  // emptying needs it open
     HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE | GMEM_DDESHARE, data.size() + 1);
     std::memcpy(GlobalLock(h), data.c_str(), data.size() + 1);
     GlobalUnlock(h);
     EXPECT_EQ(SetClipboardData(CF_TEXT, h), h);
-    EXPECT_TRUE(CloseClipboard());
-    EXPECT_FALSE(CloseClipboard());
+    EXPECT_EQ(std::vector<BOOL>({CloseClipboard(), CloseClipboard()}), std::vector<BOOL>({1, 0}));
     unsetenv("ZBSHR_CLIPBOARD_CMD");
     EXPECT_EQ(zbshr_clipboard_text(nullptr, 0), static_cast<int32_t>(data.size()));
   }
