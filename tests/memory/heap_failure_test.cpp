@@ -11,6 +11,7 @@
 #endif
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -50,30 +51,29 @@ constexpr int kGlobalAlloc = 0, kGlobalLock = 1, kWrite = 2;
 
 }  // namespace
 
-TEST_F(HeapOutOfMemory, RetryAfterAFailedSubpoolAllocation) {
+// Each row arms a fault, answers Retry `retries` times and runs one call on
+// a heap holding one small block: the call succeeds after the boxes asked.
+TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
   ZBSTG_HEAP h = zbstg_begin(0);
-  g_box.retries = 1;
-  // The first allocation makes the pool's table (1st GlobalAlloc), then the
-  // sub-pool (2nd), which fails once.
-  zbshr_inject_fault(kGlobalAlloc, 2, 1);
-  auto* p = static_cast<uint8_t*>(zbstg_alloc(h, 100, 0));
-  ASSERT_NE(p, nullptr);
-  std::memset(p, 1, 100);
-  EXPECT_EQ(g_box.seen, "Out of Memory||8213;");  // MB_SYSTEMMODAL | MB_ICONHAND | MB_RETRYCANCEL
-  EXPECT_EQ(Stat(h).system_bytes, 4096u + 2424u);
-  zbstg_end(h);
-}
-
-TEST_F(HeapOutOfMemory, RetryAfterFailedLocksAndLargeBlocks) {
-  ZBSTG_HEAP h = zbstg_begin(0);
-  zbstg_alloc(h, 8, 0);
-  g_box.retries = 3;
-  zbshr_inject_fault(kGlobalLock, 1, 2);  // the large block's lock fails twice
-  void* big = zbstg_alloc(h, 100000, 0);
-  EXPECT_EQ(std::make_pair(zbstg_size(h, big), g_box.calls), std::make_pair(100000u, 2));
-  zbshr_inject_fault(kGlobalAlloc, 1, 1);  // growing the large block fails once
-  big = zbstg_realloc(h, big, 200000, 0);
-  EXPECT_EQ(std::make_pair(zbstg_size(h, big), g_box.calls), std::make_pair(200000u, 3));
+  void* big = nullptr;
+  const struct { int fault, at, count, retries; std::function<void*()> call; uint32_t size, boxes; } rows[] = {
+      // The first allocation makes the pool's table (1st GlobalAlloc), then the sub-pool (2nd).
+      {kGlobalAlloc, 2, 1, 1, [&] { return zbstg_alloc(h, 100, 0); }, 100, 1},
+      {kGlobalLock, 1, 2, 3, [&] { return big = zbstg_alloc(h, 100000, 0); }, 100000, 2},  // a large block's lock
+      {kGlobalAlloc, 1, 1, 3, [&] { return zbstg_realloc(h, big, 200000, 0); }, 200000, 1},  // growing it
+  };
+  for (const auto& r : rows) {
+    g_box = BoxLog{0, r.retries, ""};
+    zbshr_inject_fault(r.fault, r.at, r.count);
+    void* p = r.call();
+    ASSERT_NE(p, nullptr);
+    std::memset(p, 1, r.size);
+    EXPECT_EQ(zbstg_size(h, p), r.size);
+    std::string want;
+    for (uint32_t i = 0; i < r.boxes; ++i) want += "Out of Memory||8213;";  // MB_SYSTEMMODAL | MB_ICONHAND | MB_RETRYCANCEL
+    EXPECT_EQ(g_box.seen, want);
+    EXPECT_TRUE(r.size != 100 || Stat(h).system_bytes == 4096u + 2424u);
+  }
   zbstg_end(h);
 }
 
