@@ -8,7 +8,7 @@
 
 namespace {
 
-class ContainersGrow : public HeapTest {};
+using ContainersGrow = HeapTest;
 
 // Appends, adds and sets checked against a model of the growth arithmetic
 // (unsigned 32-bit: a shrinking append wraps) and of the bytes.
@@ -21,37 +21,24 @@ TEST_F(ContainersGrow, MatchesAModelOfTheArithmetic) {
     uint32_t cap = 0, count = 0;
     std::string bytes;
     for (int k = 0; k < 8; ++k) {
-      const int op = static_cast<int>(rng() % 3);
-      const uint32_t n = op == 0 ? rng() % 40 : 1;
+      const int op = static_cast<int>(rng() % 3);  // append n items, add one, set one at any index
+      const uint32_t n = op == 0 ? rng() % 40 : 1, at = op == 2 ? rng() % (cap + 3) : count, d = count - cap + n;
       const std::string items(n * size, static_cast<char>('a' + k));
-      if (op == 0) {
-        const uint32_t d = count - cap + n;
-        if (d != 0) cap = (d / step + 1) * step + cap;
-        ASSERT_EQ(sh_append_to_grwblk(heap_, b, items.data(), static_cast<int32_t>(n), 5),
-                  static_cast<int32_t>(count));
-        bytes += items;
-        count += n;
-      } else if (op == 1) {
-        if (count >= cap) cap += step;
-        ASSERT_EQ(sh_add_to_grwblk(heap_, b, items.data(), 5), static_cast<int32_t>(count));
-        bytes += items;
-        ++count;
-      } else {
-        const uint32_t at = rng() % (cap + 3);
-        if (at >= cap) cap = at + step;
-        ASSERT_EQ(sh_set_grwblk_item(heap_, b, static_cast<int32_t>(at), items.data(), 5), size);
-        if (at >= count) bytes.resize((at + 1) * size), count = at + 1;
-        bytes.replace(at * size, size, items);
-      }
-      ASSERT_EQ(static_cast<uint32_t>(b->capacity), cap) << round << " " << k;
-      ASSERT_EQ(static_cast<uint32_t>(b->count), count);
-      if (count) {
-        ASSERT_GE(zbstg_size(heap_, b->data), cap * size);
-        ASSERT_EQ(zbstg_get_pointer_subpool(heap_, b->data), 5u);
-        for (uint32_t i = 0; i < bytes.size(); ++i) {  // unset gaps hold anything
-          ASSERT_TRUE(!bytes[i] || static_cast<char*>(b->data)[i] == bytes[i]) << i;
-        }
-      }
+      if (op == 0 && d != 0) cap += (d / step + 1) * step;
+      if (op == 1 && count >= cap) cap += step;
+      if (op == 2 && at >= cap) cap = at + step;
+      const int32_t got = op == 0 ? sh_append_to_grwblk(heap_, b, items.data(), static_cast<int32_t>(n), 5)
+                          : op == 1 ? sh_add_to_grwblk(heap_, b, items.data(), 5)
+                                    : sh_set_grwblk_item(heap_, b, static_cast<int32_t>(at), items.data(), 5);
+      ASSERT_EQ(got, op == 2 ? size : static_cast<int32_t>(count));
+      if (at + n > count) bytes.resize((at + n) * size), count = at + n;
+      bytes.replace(at * size, n * size, items);
+      ASSERT_EQ(std::make_pair(static_cast<uint32_t>(b->capacity), static_cast<uint32_t>(b->count)), std::make_pair(cap, count)) << round << " " << k;
+      if (!count) continue;
+      ASSERT_GE(zbstg_size(heap_, b->data), cap * size);
+      ASSERT_EQ(zbstg_get_pointer_subpool(heap_, b->data), 5u);
+      for (uint32_t i = 0; i < bytes.size(); ++i)  // unset gaps hold anything
+        ASSERT_TRUE(!bytes[i] || static_cast<char*>(b->data)[i] == bytes[i]) << i;
     }
     int32_t closed = -1;
     void* data = sh_grwblk_close(heap_, b, &closed);
