@@ -270,7 +270,7 @@ TEST(StrHuge, BulkOperations) {
   EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000),
             static_cast<signed char>(dst[150000]) - static_cast<signed char>(src[150000]));
   const char* s = "hello world";
-  auto at = [&](const char* p) { return p ? p - s : -1; };
+  auto at = [&](const char* p) { return p ? static_cast<long>(p - s) : -1L; };
   EXPECT_EQ(std::vector<long>({at(zbstg_huge_strstr(s, "")), at(zbstg_huge_strstr(s, "o w")), at(zbstg_huge_strstr(s, "worlds")),
                                at(zbstg_huge_strstr(s, "d")), at(zbstg_huge_strchr(s, 'o')), at(zbstg_huge_strchr(s, 'd')),
                                at(zbstg_huge_strchr(s, 0)), at(zbstg_huge_strchr(s, 'z')), long(zbstg_huge_strlen(s))}),
