@@ -434,16 +434,16 @@ TEST(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
 
 // Statistics read the free lists from the sub-pool bytes: a damaged list (a
 // link back to itself, or past the sub-pool) is followed no further; a link
-// to the last 4 bytes is still read (a "block" of 5 there).
+// to the last 4 bytes is still read (a "block" of 5 there, linking back).
 TEST(HeapPools, StatisticsStopAtADamagedFreeList) {
   ZBSTG_HEAP h = zbstg_begin(0);
   auto* sp = const_cast<uint8_t*>(Subpool(zbstg_alloc(h, 16, 0)));  // free: 4,066 at 28
   ASSERT_EQ(FreeList(sp), (FL{{28, 4066}}));
-  sp[4092] = 5, sp[4093] = sp[4094] = sp[4095] = 0;
+  sp[4092] = 5, sp[4093] = 0, sp[4094] = 3, sp[4095] = 0;
   for (uint16_t next : {28, 4093, 4094, 4092}) {
     sp[30] = static_cast<uint8_t>(next), sp[31] = static_cast<uint8_t>(next >> 8);
     EXPECT_EQ(Stat(h).free_bytes, 4066u + 5 * (next == 4092)) << next;
   }
-  sp[30] = sp[31] = sp[4092] = 0;
+  sp[30] = sp[31] = sp[4092] = sp[4094] = 0;
   zbstg_end(h);
 }
