@@ -10,9 +10,18 @@
 
 using namespace heaptest;
 
-// Block and sub-pool geometry: sizes, offsets, lost bytes, large blocks.
-TEST(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
+// A fresh heap per case.
+class HeapCase : public ::testing::Test {
+ protected:
+  ~HeapCase() override { zbstg_end(h); }
   ZBSTG_HEAP h = zbstg_begin(0);
+};
+using HeapGeometry = HeapCase;
+using HeapPools = HeapCase;
+using HeapRealloc = HeapCase;
+
+// Block and sub-pool geometry: sizes, offsets, lost bytes, large blocks.
+TEST_F(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
   // A fresh 4 KB sub-pool has one free block of 4,086 bytes; a block of 4,084
   // takes it whole and the 2 bytes left over are lost.
   void* a = zbstg_alloc(h, 4080, 0);
@@ -29,12 +38,11 @@ TEST(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
   EXPECT_EQ(FreeList(Subpool(b)), (FL{{8 + 4 + 2004, 2076}}));
   zbstg_free(h, c);  // merges with the block after it
   EXPECT_EQ(FreeList(Subpool(b)), (FL{{12, 2004 + 2076}}));
-  zbstg_end(h);
 }
 
 // Where a request lands, by size: (offset, recorded size, size answered,
 // first free, system bytes of the heap afterwards).
-TEST(HeapGeometry, SmallLargeAndOwnSubpoolBoundaries) {
+TEST_F(HeapGeometry, SmallLargeAndOwnSubpoolBoundaries) {
   const struct { uint32_t n, off, block, size, first_free, sys; } rows[] = {
       {63996, 8, 64000, 63996, 0, 64010 + 2424},   // the largest small block: a sub-pool of b + 10
       {63997, 16, 64001, 63997, 0, 64013 + 2424},  // large: its own record of 16 bytes
@@ -60,7 +68,7 @@ TEST(HeapGeometry, SmallLargeAndOwnSubpoolBoundaries) {
   }
 }
 
-TEST(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
+TEST_F(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
   // The size given to zbstg_begin (only its low 16 bits for the debug form)
   // is replaced by 4,096 when the first sub-pool is made, whatever it was.
   for (uint32_t size : {6u, 100u, 0u, 30000u, 0x10000u}) {
@@ -77,7 +85,7 @@ TEST(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
 }
 
 // Services kept for their callers: fixed answers, the debug forms as the plain ones.
-TEST(HeapGeometry, SmallStatusServices) {
+TEST_F(HeapGeometry, SmallStatusServices) {
   ZBSTG_HEAP h = zbstg_dbbegin_allocflags(0, 0x42, __FILE__, __LINE__);
   zbstg_dumpLeaks(h);
   zbstg_dumpHeap(h);
@@ -93,8 +101,7 @@ TEST(HeapGeometry, SmallStatusServices) {
   zbstg_end(h);
 }
 
-TEST(HeapGeometry, StaleAndForeignPointersAreIgnored) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapGeometry, StaleAndForeignPointersAreIgnored) {
   void* a = zbstg_alloc(h, 16, 9);
   void* b = zbstg_alloc(h, 16, 9);
   void* c = zbstg_alloc(h, 16, 9);
@@ -118,22 +125,18 @@ TEST(HeapGeometry, StaleAndForeignPointersAreIgnored) {
   EXPECT_EQ(zbstg_realloc(h, fake + 12, 40, 0), nullptr);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   EXPECT_EQ(zbstg_size(h, keep), 16u);
-  zbstg_end(h);
 }
 
 // zbstg_realloc in all its cases.
-TEST(HeapRealloc, NullPointerAllocates) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, NullPointerAllocates) {
   void* p = zbstg_realloc(h, nullptr, 5, 0);
   void* q = zbstg_realloc(h, nullptr, 70000, 6);
   EXPECT_EQ(FL({{zbstg_size(h, p), zbstg_get_pointer_subpool(h, p)}, {zbstg_size(h, q), zbstg_get_pointer_subpool(h, q)}}),
             FL({{8, 1}, {70000, 6}}));
   EXPECT_EQ(zbstg_new_pool(h), 7u);
-  zbstg_end(h);
 }
 
-TEST(HeapRealloc, ShrinkInPlace) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, ShrinkInPlace) {
   void* x = zbstg_alloc(h, 1000, 0);  // 1,004 at 8
   void* y = zbstg_alloc(h, 8, 0);     // at 1,012: nothing free touches x
   const uint8_t* sp = Subpool(x);
@@ -155,11 +158,9 @@ TEST(HeapRealloc, ShrinkInPlace) {
   EXPECT_EQ(FreeList(sp), (FL{{108, 904}, {1024, 4086 - 1016}}));
   EXPECT_TRUE(Intact(x, 96, 1));
   zbstg_free(h, y);
-  zbstg_end(h);
 }
 
-TEST(HeapRealloc, GrowInPlace) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, GrowInPlace) {
   void* a = zbstg_alloc(h, 100, 0);  // 104 at 8, 112, 216
   void* b = zbstg_alloc(h, 100, 0);
   zbstg_alloc(h, 100, 0);
@@ -184,26 +185,22 @@ TEST(HeapRealloc, GrowInPlace) {
   EXPECT_EQ(zbstg_size(h, moved), 4084u);
   EXPECT_TRUE(Intact(moved, 4082, 9));
   EXPECT_EQ(Stat(h).live_blocks, 4u);
-  zbstg_end(h);
 }
 
-TEST(HeapRealloc, StaleLargestFreeGivesNull) {
+TEST_F(HeapRealloc, StaleLargestFreeGivesNull) {
   // In-place growth does not lower the entry's largest-free value, so a later
   // allocation may pick the sub-pool, find no fitting block and return null.
-  ZBSTG_HEAP h = zbstg_begin(0);
   void* x = zbstg_alloc(h, 8, 0);
   EXPECT_EQ(zbstg_realloc(h, x, 4000, 0), x);
   EXPECT_EQ(FreeList(Subpool(x)), (FL{{4012, 82}}));
   EXPECT_EQ(zbstg_alloc(h, 1000, 0), nullptr);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   EXPECT_NE(zbstg_alloc(h, 1000, 2), nullptr);  // another pool works
-  zbstg_end(h);
 }
 
 // Each row reallocates the block the previous row left: expected offset (0:
 // not checked), size asked for, recorded block size, system bytes after.
-TEST(HeapRealloc, SoleBlocksAndChangesOfClass) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, SoleBlocksAndChangesOfClass) {
   const struct { uint32_t n, size, sys; bool moves; } rows[] = {
       {6000, 6000, 6012 + 2424, false},       // a sole block regrows its sub-pool
       {4997, 5000, 5012 + 2424, false},       // and shrinks it
@@ -232,11 +229,9 @@ TEST(HeapRealloc, SoleBlocksAndChangesOfClass) {
   void* e = zbstg_realloc(h, d, 4000, 0);
   EXPECT_NE(e, d);
   EXPECT_EQ(zbstg_size(h, e), 4000u);
-  zbstg_end(h);
 }
 
-TEST(HeapRealloc, AnotherPoolMovesTheBlock) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, AnotherPoolMovesTheBlock) {
   for (uint32_t n : {40u, 80000u}) {  // small, then large
     void* a = zbstg_alloc(h, n, 2);
     zbstg_alloc(h, 40, 2);
@@ -250,11 +245,9 @@ TEST(HeapRealloc, AnotherPoolMovesTheBlock) {
   }
   EXPECT_EQ(zbstg_new_pool(h), 4u);
   EXPECT_EQ(Stat(h).live_blocks, 2u);
-  zbstg_end(h);
 }
 
-TEST(HeapRealloc, StringFlag) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapRealloc, StringFlag) {
   void* a = zbstg_alloc(h, 20, 0);
   void* other = zbstg_alloc(h, 20, 0);
   static_cast<uint8_t*>(a)[-1] |= 0x80;  // the string-length flag
@@ -266,13 +259,11 @@ TEST(HeapRealloc, StringFlag) {
   zbstg_free(h, a);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   EXPECT_EQ(FreeList(Subpool(other)).front(), (std::pair<uint32_t, uint32_t>(8, 24)));
-  zbstg_end(h);
 }
 
 // Pools, the pool directory, sub-pool tables, the spare sub-pool and the
 // statistics.
-TEST(HeapPools, PoolNumbers) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, PoolNumbers) {
   EXPECT_EQ(zbstg_new_pool(h), 2u);
   EXPECT_EQ(zbstg_new_pool(h), 3u);
   zbstg_alloc(h, 4, 7);
@@ -297,11 +288,9 @@ TEST(HeapPools, PoolNumbers) {
   zbstg_alloc(h, 4, 0xFFFFFFFFu);
   EXPECT_EQ(zbstg_new_pool(h), 0u);
   EXPECT_EQ(zbstg_new_pool(h), 1u);
-  zbstg_end(h);
 }
 
-TEST(HeapPools, FreePoolKeepsOtherPools) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, FreePoolKeepsOtherPools) {
   std::vector<uint8_t*> three;
   for (uint8_t i = 0; i < 250; ++i) {
     Fill(zbstg_alloc(h, 10 + i % 50, 2), 10, 0);
@@ -320,13 +309,11 @@ TEST(HeapPools, FreePoolKeepsOtherPools) {
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   zbstg_free(h, again);
   EXPECT_EQ(Stat(h).live_blocks, 0u);
-  zbstg_end(h);
 }
 
 // Each row changes the heap, then reads every statistic: (live, sub-pool,
 // total = system = the answer, free, used bytes).
-TEST(HeapPools, StatisticsOfASmallHeap) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, StatisticsOfASmallHeap) {
   void* l = nullptr;
   const struct {
     std::function<void()> step;
@@ -350,11 +337,9 @@ TEST(HeapPools, StatisticsOfASmallHeap) {
               std::vector<uint32_t>({r.live, r.subpool, r.sys, r.sys, r.sys, r.free, r.used}))
         << &r - rows;
   }
-  zbstg_end(h);
 }
 
-TEST(HeapPools, DirectoryGrowsPastOneHundredPools) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, DirectoryGrowsPastOneHundredPools) {
   std::vector<uint32_t*> blocks;
   // 150 sub-pools and tables and a directory of 200 entries, then 210 and 300.
   for (uint32_t pool = 10; pool < 220; ++pool) {
@@ -366,24 +351,20 @@ TEST(HeapPools, DirectoryGrowsPastOneHundredPools) {
   for (uint32_t pool = 10; pool < 220; ++pool) zbstg_free_pool(h, pool);
   EXPECT_EQ(Stat(h).live_blocks, 0u);
   EXPECT_EQ(Stat(h).system_bytes, 16u + 8 * 300);
-  zbstg_end(h);
 }
 
 // Placement in a table of many sub-pools is the selection model's; here the
 // table's own bytes and what the spare does across pools.
-TEST(HeapPools, TableGrowsPastTwoHundredSubpools) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, TableGrowsPastTwoHundredSubpools) {
   std::vector<uint8_t*> blocks;
   for (int i = 0; i < 201; ++i) Fill(blocks.emplace_back(static_cast<uint8_t*>(zbstg_alloc(h, 4000, 0))), 4000, i);
   EXPECT_EQ(std::make_pair(Stat(h).system_bytes, Stat(h).free_bytes), std::make_pair(201u * 4096 + (24 + 12 * 400), 201u * 82));
   for (int i = 0; i < 201; ++i) ASSERT_TRUE(Intact(blocks[i], 4000, i));
   zbstg_free_pool(h, 0);  // leaves only the spare, which statistics do not see
   EXPECT_EQ(std::make_pair(Stat(h).system_bytes, Stat(h).live_blocks), std::make_pair(0u, 0u));
-  zbstg_end(h);
 }
 
-TEST(HeapPools, SpareSubpool) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, SpareSubpool) {
   void* a = zbstg_alloc(h, 16, 0);
   const uint8_t* sp = Subpool(a);
   zbstg_free(h, a);
@@ -400,24 +381,21 @@ TEST(HeapPools, SpareSubpool) {
   EXPECT_EQ(Subpool(d), oddsp);
   EXPECT_EQ(FreeList(oddsp).back().second, 4086u - 20);
   EXPECT_EQ(Stat(h).system_bytes, 4096u + 4114u + 4 * 2424u);  // pools 0, 4, 6 and 9 keep tables
-  zbstg_end(h);
 }
 
-TEST(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
   std::vector<uint32_t*> blocks;
   for (uint32_t i = 0; i < 4500; ++i) *blocks.emplace_back(static_cast<uint32_t*>(zbstg_alloc(h, 4000, 6))) = i;
   for (uint32_t i = 0; i < blocks.size(); ++i)
     ASSERT_EQ(std::make_pair(zbstg_get_pointer_subpool(h, blocks[i]), *blocks[i]), std::make_pair(6u, i)) << i;
   for (uint32_t* p : blocks) zbstg_free(h, p);
   EXPECT_EQ(Stat(h).live_blocks, 0u);
-  zbstg_end(h);
 }
 
 // The size of a new sub-pool at exactly 100,000 and 200,000 live blocks: the
 // heap is filled with small blocks, every other one of the last 400 freed (no
 // sub-pool empties, no hole is large), then a block of 4,076 needs a new one.
-TEST(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
+TEST_F(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
   const uint32_t cases[][2] = {{99999, 4096}, {100000, 8192}, {199999, 8192}, {200000, 16384}};
   for (const auto& c : cases) {
     ZBSTG_HEAP h = zbstg_begin(0);
@@ -435,8 +413,7 @@ TEST(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
 // Statistics read the free lists from the sub-pool bytes: a damaged list (a
 // link back to itself, or past the sub-pool) is followed no further; a link
 // to the last 4 bytes is still read (a "block" of 5 there, linking back).
-TEST(HeapPools, StatisticsStopAtADamagedFreeList) {
-  ZBSTG_HEAP h = zbstg_begin(0);
+TEST_F(HeapPools, StatisticsStopAtADamagedFreeList) {
   auto* sp = const_cast<uint8_t*>(Subpool(zbstg_alloc(h, 16, 0)));  // free: 4,066 at 28
   ASSERT_EQ(FreeList(sp), (FL{{28, 4066}}));
   sp[4092] = 5, sp[4093] = 0, sp[4094] = 3, sp[4095] = 0;
@@ -445,5 +422,4 @@ TEST(HeapPools, StatisticsStopAtADamagedFreeList) {
     EXPECT_EQ(Stat(h).free_bytes, 4066u + 5 * (next == 4092)) << next;
   }
   sp[30] = sp[31] = sp[4092] = sp[4094] = 0;
-  zbstg_end(h);
 }
