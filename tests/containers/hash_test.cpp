@@ -15,10 +15,7 @@ namespace {
 
 class ContainersHash : public HeapTest {
  protected:
-  static int32_t BucketOf(SHHASH* t, const void* key) {
-    shhash_searchSlot(t, key);
-    return t->current;
-  }
+  static int32_t BucketOf(SHHASH* t, const void* key) { return shhash_searchSlot(t, key), t->current; }
 };
 
 TEST_F(ContainersHash, BucketsMatchTheModel) {
@@ -81,14 +78,10 @@ TEST_F(ContainersHash, OperationsAgainstAMultimap) {
       }
       ASSERT_EQ(shhash_search(t, k.c_str()), q.empty() ? nullptr : q.front()) << step;
       for (size_t i = 1; i < q.size(); ++i) ASSERT_EQ(shhash_searchNext(t, k.c_str()), q[i]);
-      if (!q.empty() && rng() % 2) {  // remove the last equal item
-        ASSERT_EQ(shhash_remove(t), q.back());
-        q.pop_back();
-        --items;
-      } else {
-        ASSERT_EQ(shhash_searchNext(t, k.c_str()), nullptr);
-        ASSERT_EQ(shhash_remove(t), nullptr);  // nothing at a failed search
-      }
+      const bool remove = !q.empty() && rng() % 2;  // the last equal item, or nothing after a failed search
+      ASSERT_TRUE(remove || !shhash_searchNext(t, k.c_str()));
+      ASSERT_EQ(shhash_remove(t), remove ? q.back() : nullptr);
+      if (remove) q.pop_back(), --items;
       ASSERT_EQ(t->item_count, items);
     }
     std::multiset<std::string> seen, want;
@@ -126,24 +119,17 @@ TEST_F(ContainersHash, ListKeys) {
   shhash_delete(strings);
 }
 
-struct TableChanger {
+struct TableChanger {  // action: 0 count to 5, 1 remove the visited item, 2 clear and insert, 3 delete
   SHHASH* table;
-  int action;  // 0 count to 5, 1 remove the visited item, 2 clear and insert, 3 delete
-  int calls;
+  int action, calls;
 };
 int32_t ZBSHR_CALLBACK ChangeTable(void* data, intptr_t param) {
   auto* c = reinterpret_cast<TableChanger*>(param);
   ++c->calls;
   if (c->action == 0) return c->calls == 5 ? 0 : 42;
   if (c->action == 1 && shhash_search(c->table, data)) shhash_remove(c->table);
-  if (c->action == 2) {
-    shhash_clear(c->table);
-    shhash_insert(c->table, S("z"));  // a later bucket than the one walked
-  }
-  if (c->action == 3) {
-    shhash_delete(c->table);
-    c->table = nullptr;
-  }
+  if (c->action == 2) shhash_clear(c->table), shhash_insert(c->table, S("z"));  // a later bucket than the one walked
+  if (c->action == 3) shhash_delete(c->table), c->table = nullptr;
   return 1;
 }
 
