@@ -1,22 +1,11 @@
-// Runs a program from an argument vector (no shell, no quoting), feeds it
-// optional standard input bytes, and captures its standard output, standard
-// error and exit code. Header-only, for the tests that drive the zbshr program.
-//
-//   zbtest::RunResult r = zbtest::run_program({ZBSHR_CLI, "dec", "add", "1", "2"});
-//   EXPECT_EQ(r.code, 0);
-//   EXPECT_EQ(r.out, "3\n");
-//
-// code is the exit status, or 128 + the signal number when the program was
-// killed by a signal (as a POSIX shell reports it), or -1 when it could not be
-// started. Options: stdin bytes, extra environment entries ("NAME=value",
-// added to or replacing the inherited ones), and a signal to send once the
-// child has written a given text on standard error (to test interruption).
+// Runs a program from an argument vector (no shell), feeds it standard input
+// and captures its outputs and exit code: the exit status, 128 + the signal
+// number if it was killed (as a POSIX shell reports it), -1 if it never ran.
 #pragma once
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #if defined(_WIN32)
@@ -40,14 +29,12 @@ namespace zbtest {
 
 struct RunResult {
   int code = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 struct RunOptions {
   std::string input;                 // bytes given on standard input
   std::vector<std::string> env;      // "NAME=value" added to the environment
-  std::string cwd;                   // working folder ("" = inherited)
   int signal_on_err_text = 0;        // POSIX: signal to send ...
   std::string err_text_trigger;      // ... once standard error contains this
 };
@@ -56,12 +43,13 @@ struct RunOptions {
 
 inline RunResult run_program(const std::vector<std::string>& args, const RunOptions& opt = {}) {
   RunResult r;
-  if (args.empty()) return r;
-  int in_p[2], out_p[2], err_p[2];
-  if (pipe(in_p) != 0) return r;
-  if (pipe(out_p) != 0) { close(in_p[0]); close(in_p[1]); return r; }
-  if (pipe(err_p) != 0) {
-    close(in_p[0]); close(in_p[1]); close(out_p[0]); close(out_p[1]);
+  int in_p[2] = {-1, -1}, out_p[2] = {-1, -1}, err_p[2] = {-1, -1};
+  auto close_all = [&] {
+    for (int fd : {in_p[0], in_p[1], out_p[0], out_p[1], err_p[0], err_p[1]})
+      if (fd >= 0) close(fd);
+  };
+  if (args.empty() || pipe(in_p) != 0 || pipe(out_p) != 0 || pipe(err_p) != 0) {
+    close_all();
     return r;
   }
   posix_spawn_file_actions_t fa;
@@ -71,78 +59,52 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
   posix_spawn_file_actions_adddup2(&fa, err_p[1], 2);
   for (int fd : {in_p[0], in_p[1], out_p[0], out_p[1], err_p[0], err_p[1]})
     posix_spawn_file_actions_addclose(&fa, fd);
-  std::string saved_cwd;
-  if (!opt.cwd.empty()) {
-    char buf[4096];
-    if (getcwd(buf, sizeof buf)) saved_cwd = buf;
-  }
-
-  std::vector<std::string> envs;
+  std::vector<std::string> envs;  // the inherited entries not replaced by opt.env, then opt.env
   for (char** e = environ; e && *e; ++e) {
     std::string s = *e;
     bool replaced = false;
     for (const auto& add : opt.env) {
-      auto eq = add.find('=');
-      if (eq != std::string::npos && s.compare(0, eq + 1, add, 0, eq + 1) == 0) replaced = true;
+      std::size_t n = add.find('=');
+      replaced |= n != std::string::npos && s.compare(0, n + 1, add, 0, n + 1) == 0;
     }
     if (!replaced) envs.push_back(s);
   }
-  for (const auto& add : opt.env) envs.push_back(add);
-  std::vector<char*> envp;
-  for (auto& s : envs) envp.push_back(s.data());
-  envp.push_back(nullptr);
+  envs.insert(envs.end(), opt.env.begin(), opt.env.end());
   std::vector<std::string> argcopy(args);
-  std::vector<char*> argv;
+  std::vector<char*> envp, argv;
+  for (auto& s : envs) envp.push_back(s.data());
   for (auto& s : argcopy) argv.push_back(s.data());
+  envp.push_back(nullptr);
   argv.push_back(nullptr);
-
-  // posix_spawn has no portable "change folder" action before glibc 2.29's
-  // _np extension, so the parent changes folder around the spawn.
-  if (!opt.cwd.empty() && chdir(opt.cwd.c_str()) != 0) {
-    posix_spawn_file_actions_destroy(&fa);
-    for (int fd : {in_p[0], in_p[1], out_p[0], out_p[1], err_p[0], err_p[1]}) close(fd);
-    return r;
-  }
   pid_t pid = -1;
   int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp.data());
-  if (!saved_cwd.empty() && chdir(saved_cwd.c_str()) != 0) { /* keep going */ }
   posix_spawn_file_actions_destroy(&fa);
-  close(in_p[0]);
-  close(out_p[1]);
-  close(err_p[1]);
+  for (int* fd : {&in_p[0], &out_p[1], &err_p[1]}) close(*fd), *fd = -1;
   if (rc != 0) {
-    close(in_p[1]); close(out_p[0]); close(err_p[0]);
+    close_all();
     return r;
   }
   // Feed standard input and drain both outputs together so that no pipe fills.
-  int in_fd = in_p[1];
+  int& in_fd = in_p[1];
   std::size_t in_pos = 0;
-  if (opt.input.empty()) { close(in_fd); in_fd = -1; }
+  if (opt.input.empty()) close(in_fd), in_fd = -1;
   else fcntl(in_fd, F_SETFL, fcntl(in_fd, F_GETFL) | O_NONBLOCK);
-  bool out_open = true, err_open = true, signalled = false;
+  bool signalled = false;
   void (*old_pipe)(int) = signal(SIGPIPE, SIG_IGN);
-  while (out_open || err_open) {
-    pollfd fds[3];
-    int n = 0, i_out = -1, i_err = -1, i_in = -1;
-    if (out_open) { fds[n] = {out_p[0], POLLIN, 0}; i_out = n++; }
-    if (err_open) { fds[n] = {err_p[0], POLLIN, 0}; i_err = n++; }
-    if (in_fd >= 0) { fds[n] = {in_fd, POLLOUT, 0}; i_in = n++; }
-    if (poll(fds, n, -1) < 0) break;
+  while (out_p[0] >= 0 || err_p[0] >= 0) {
+    pollfd fds[3] = {{out_p[0], POLLIN, 0}, {err_p[0], POLLIN, 0}, {in_fd, POLLOUT, 0}};
+    if (poll(fds, 3, -1) < 0) break;  // negative descriptors are skipped by poll
     char buf[65536];
-    if (i_out >= 0 && fds[i_out].revents) {
-      ssize_t k = read(out_p[0], buf, sizeof buf);
-      if (k > 0) r.out.append(buf, static_cast<std::size_t>(k));
-      else out_open = false;
+    for (int i = 0; i < 2; ++i) {
+      if (!fds[i].revents) continue;
+      ssize_t k = read(fds[i].fd, buf, sizeof buf);
+      if (k > 0) (i ? r.err : r.out).append(buf, static_cast<std::size_t>(k));
+      else close(fds[i].fd), (i ? err_p[0] : out_p[0]) = -1;
     }
-    if (i_err >= 0 && fds[i_err].revents) {
-      ssize_t k = read(err_p[0], buf, sizeof buf);
-      if (k > 0) r.err.append(buf, static_cast<std::size_t>(k));
-      else err_open = false;
-    }
-    if (i_in >= 0 && fds[i_in].revents) {
+    if (fds[2].revents) {
       ssize_t k = write(in_fd, opt.input.data() + in_pos, opt.input.size() - in_pos);
       if (k > 0) in_pos += static_cast<std::size_t>(k);
-      if (k < 0 || in_pos == opt.input.size()) { close(in_fd); in_fd = -1; }
+      if (k < 0 || in_pos == opt.input.size()) close(in_fd), in_fd = -1;
     }
     if (opt.signal_on_err_text && !signalled && !opt.err_text_trigger.empty() &&
         r.err.find(opt.err_text_trigger) != std::string::npos) {
@@ -150,14 +112,11 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
       signalled = true;
     }
   }
-  if (in_fd >= 0) close(in_fd);
-  close(out_p[0]);
-  close(err_p[0]);
+  close_all();
   signal(SIGPIPE, old_pipe);
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
+  while (waitpid(pid, &status, 0) < 0)
     if (errno != EINTR) return r;
-  }
   if (WIFEXITED(status)) r.code = WEXITSTATUS(status);
   else if (WIFSIGNALED(status)) r.code = 128 + WTERMSIG(status);
   return r;
@@ -165,17 +124,13 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
 
 #else  // _WIN32
 
-// Windows: builds a command line with the C runtime's quoting rules and runs it
-// through CreateProcessW with redirected handles and an environment block of
-// its own (the test's environment is left alone). Standard input is fed and
-// standard error drained by helper threads while standard output is read, so
-// that no pipe fills. The program's text output has CRLF line ends, which are
-// given back as LF; the signal options have no Windows counterpart.
+// Windows: the C runtime's quoting rules, CreateProcessW with an environment
+// block of its own, helper threads for standard input and error so that no
+// pipe fills, CRLF given back as LF; the signal options have no counterpart.
 inline std::wstring zbtest_widen(const std::string& s) {
-  if (s.empty()) return std::wstring();
-  int n = MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-  std::wstring w(static_cast<std::size_t>(n), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(), n);
+  std::wstring w(s.size(), L'\0');  // UTF-8 never needs more UTF-16 units than bytes
+  w.resize(static_cast<std::size_t>(
+      MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(), static_cast<int>(w.size()))));
   return w;
 }
 inline std::wstring zbtest_quote(const std::wstring& a) {
@@ -184,50 +139,40 @@ inline std::wstring zbtest_quote(const std::wstring& a) {
   std::size_t bs = 0;
   for (wchar_t c : a) {
     if (c == L'\\') { ++bs; continue; }
-    if (c == L'"') q.append(bs * 2 + 1, L'\\');
-    else q.append(bs, L'\\');
+    q.append(c == L'"' ? bs * 2 + 1 : bs, L'\\');
     bs = 0;
     q.push_back(c);
   }
   q.append(bs * 2, L'\\');
-  q.push_back(L'"');
-  return q;
+  return q + L"\"";
 }
-// The inherited environment with the given "NAME=value" entries added or
-// replacing (names compared without regard to case, as Windows does).
+// The inherited environment with the "NAME=value" entries added or replacing
+// (names compared without regard to case, as Windows does).
 inline std::wstring zbtest_environment(const std::vector<std::string>& extra) {
   std::vector<std::wstring> vars;
   if (wchar_t* block = GetEnvironmentStringsW()) {
     for (const wchar_t* p = block; *p; p += wcslen(p) + 1) vars.emplace_back(p);
     FreeEnvironmentStringsW(block);
   }
-  auto name_of = [](const std::wstring& v) {
-    std::size_t eq = v.find(L'=', v.empty() || v[0] != L'=' ? 0 : 1);
-    std::wstring n = v.substr(0, eq);
-    for (auto& c : n) c = static_cast<wchar_t>(towupper(c));
-    return n;
+  auto name_of = [](std::wstring v) {
+    v.resize(std::min(v.size(), v.find(L'=', v.empty() || v[0] != L'=' ? 0 : 1)));
+    for (auto& c : v) c = static_cast<wchar_t>(towupper(c));
+    return v;
   };
   for (const auto& e : extra) {
     std::wstring w = zbtest_widen(e);
-    std::wstring n = name_of(w);
-    bool replaced = false;
-    for (auto& v : vars) {
-      if (name_of(v) == n) { v = w; replaced = true; }
-    }
-    if (!replaced) vars.push_back(w);
+    auto it = std::find_if(vars.begin(), vars.end(), [&](const std::wstring& v) { return name_of(v) == name_of(w); });
+    if (it != vars.end()) *it = w;
+    else vars.push_back(w);
   }
   std::wstring block;
-  for (const auto& v : vars) { block += v; block.push_back(L'\0'); }
-  block.push_back(L'\0');
-  return block;
+  for (const auto& v : vars) block += v + L'\0';
+  return block + L'\0';
 }
-inline std::string zbtest_lf(std::string s) {
+inline std::string zbtest_lf(const std::string& s) {
   std::string out;
-  out.reserve(s.size());
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '\r' && i + 1 < s.size() && s[i + 1] == '\n') continue;
-    out.push_back(s[i]);
-  }
+  for (std::size_t i = 0; i < s.size(); ++i)
+    if (s[i] != '\r' || i + 1 == s.size() || s[i + 1] != '\n') out.push_back(s[i]);
   return out;
 }
 inline RunResult run_program(const std::vector<std::string>& args, const RunOptions& opt = {}) {
@@ -239,35 +184,24 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
     cmd += zbtest_quote(zbtest_widen(a));
   }
   SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-  HANDLE in_r, in_w, out_r, out_w, err_r, err_w;
-  if (!CreatePipe(&in_r, &in_w, &sa, 0)) return r;
-  if (!CreatePipe(&out_r, &out_w, &sa, 0)) {
-    CloseHandle(in_r); CloseHandle(in_w);
+  HANDLE in_r = nullptr, in_w = nullptr, out_r = nullptr, out_w = nullptr, err_r = nullptr, err_w = nullptr;
+  if (!CreatePipe(&in_r, &in_w, &sa, 0) || !CreatePipe(&out_r, &out_w, &sa, 0) || !CreatePipe(&err_r, &err_w, &sa, 0)) {
+    for (HANDLE h : {in_r, in_w, out_r, out_w, err_r, err_w})
+      if (h) CloseHandle(h);
     return r;
   }
-  if (!CreatePipe(&err_r, &err_w, &sa, 0)) {
-    CloseHandle(in_r); CloseHandle(in_w); CloseHandle(out_r); CloseHandle(out_w);
-    return r;
-  }
-  SetHandleInformation(in_w, HANDLE_FLAG_INHERIT, 0);
-  SetHandleInformation(out_r, HANDLE_FLAG_INHERIT, 0);
-  SetHandleInformation(err_r, HANDLE_FLAG_INHERIT, 0);
+  for (HANDLE h : {in_w, out_r, err_r}) SetHandleInformation(h, HANDLE_FLAG_INHERIT, 0);
   std::wstring env = zbtest_environment(opt.env);
   STARTUPINFOW si{};
   si.cb = sizeof si;
   si.dwFlags = STARTF_USESTDHANDLES;
-  si.hStdInput = in_r;
-  si.hStdOutput = out_w;
-  si.hStdError = err_w;
+  std::tie(si.hStdInput, si.hStdOutput, si.hStdError) = std::tie(in_r, out_w, err_w);
   PROCESS_INFORMATION pi{};
-  std::wstring wcwd = zbtest_widen(opt.cwd);
   BOOL ok = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                           env.data(), opt.cwd.empty() ? nullptr : wcwd.c_str(), &si, &pi);
-  CloseHandle(in_r);
-  CloseHandle(out_w);
-  CloseHandle(err_w);
+                           env.data(), nullptr, &si, &pi);
+  for (HANDLE h : {in_r, out_w, err_w}) CloseHandle(h);
   if (!ok) {
-    CloseHandle(in_w); CloseHandle(out_r); CloseHandle(err_r);
+    for (HANDLE h : {in_w, out_r, err_r}) CloseHandle(h);
     return r;
   }
   std::thread feeder([&] {
@@ -294,13 +228,8 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
   WaitForSingleObject(pi.hProcess, INFINITE);
   DWORD code = 0;
   GetExitCodeProcess(pi.hProcess, &code);
-  r.code = static_cast<int>(code);
-  r.out = zbtest_lf(std::move(r.out));
-  r.err = zbtest_lf(std::move(err));
-  CloseHandle(pi.hProcess);
-  CloseHandle(pi.hThread);
-  CloseHandle(out_r);
-  CloseHandle(err_r);
+  r = {static_cast<int>(code), zbtest_lf(r.out), zbtest_lf(err)};
+  for (HANDLE h : {pi.hProcess, pi.hThread, out_r, err_r}) CloseHandle(h);
   return r;
 }
 

@@ -1,10 +1,7 @@
 #!/usr/bin/python3
-"""Independent model of the hash-table bucket choice.
-
-Writes hash_vectors.txt: one line per case, "<buckets> <bucket> <hex of key>".
-The hash rotates a signed 32-bit value left by one bit and XORs it with each
-byte taken as a signed char; the bucket is |h| mod buckets.
-"""
+"""Writes hash_vectors.txt ("<buckets> <bucket> <hex of key>" per line): the
+hash rotates a signed 32-bit value left by one bit and XORs each byte as a
+signed char; the bucket is |h| mod buckets."""
 import os
 import random
 

@@ -23,10 +23,7 @@ class HeapTest : public ::testing::Test {
   ZBSTG_HEAP heap_ = nullptr;
 };
 
-template <class T>
-T V(T x) {  // records are packed to 4 bytes: take pointer fields by value
-  return x;
-}
+template <class T> T V(T x) { return x; }  // records are packed to 4 bytes: take pointer fields by value
 inline void* S(const char* s) { return const_cast<char*>(s); }
 inline void* P(intptr_t v) { return reinterpret_cast<void*>(v); }
 inline intptr_t I(const void* p) { return reinterpret_cast<intptr_t>(p); }
@@ -36,9 +33,7 @@ using Strings = std::vector<std::string>;
 inline Strings Contents(const SHLIST* list) {
   Strings out;
   if (list->count == 0) {
-    EXPECT_EQ(V(list->first), nullptr);
-    EXPECT_EQ(V(list->last), nullptr);
-    EXPECT_EQ(V(list->current), nullptr);
+    EXPECT_TRUE(!V(list->first) && !V(list->last) && !V(list->current));
     return out;
   }
   EXPECT_EQ(V(list->first->prev), V(list->last));

@@ -30,62 +30,37 @@ TEST_F(ContainersList, OperationsFollowTheCursorRules) {
       const intptr_t v = next_value++;
       intptr_t want = 0, got = 0;
       switch (op) {
-        case 0:
-          if (n) cur = 0, want = m[0];
-          got = I(shlist_get_first(l));
-          break;
-        case 1:
-          if (n) cur = n - 1, want = m[cur];
-          got = I(shlist_get_last(l));
-          break;
-        case 2:
-          if (cur < 0 || cur == n - 1) cur = -1;
-          else want = m[++cur];
-          got = I(shlist_get_next(l));
-          break;
-        case 3:
-          if (cur <= 0) cur = -1;
-          else want = m[--cur];
-          got = I(shlist_get_prev(l));
-          break;
+        case 0: if (n) cur = 0, want = m[0];
+          got = I(shlist_get_first(l)); break;
+        case 1: if (n) cur = n - 1, want = m[cur];
+          got = I(shlist_get_last(l)); break;
+        case 2: if (cur < 0 || cur == n - 1) cur = -1; else want = m[++cur];
+          got = I(shlist_get_next(l)); break;
+        case 3: if (cur <= 0) cur = -1; else want = m[--cur];
+          got = I(shlist_get_prev(l)); break;
         case 4: case 5: case 6: case 7: {  // addafter, insert_at_curr, insert, putafter
           if (op == 6) cur = n - 1;
-          want = !(n && cur < 0);
-          if (want) m.insert(m.begin() + ++cur, v);
+          if ((want = !(n && cur < 0))) m.insert(m.begin() + ++cur, v);
           const uint32_t before = live();
-          if (op == 7) {
-            auto* node = static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0));
-            node->data = P(v);
-            got = shlist_putafter(l, node);
-          } else {
-            got = op == 4 ? shlist_addafter(l, P(v)) : op == 5 ? shlist_insert_at_curr(l, P(v))
-                                                              : shlist_insert(l, P(v));
-          }
+          auto* node = op == 7 ? static_cast<SHLISTNODE*>(zbstg_alloc(heap_, sizeof(SHLISTNODE), 0)) : nullptr;
+          if (node) node->data = P(v);
+          got = op == 4 ? shlist_addafter(l, P(v)) : op == 5 ? shlist_insert_at_curr(l, P(v))
+                : op == 6 ? shlist_insert(l, P(v)) : shlist_putafter(l, node);
           ASSERT_EQ(live(), before + static_cast<uint32_t>(want));  // a refused node is freed
           break;
         }
-        case 8:
-          want = !(n && cur < 0);
-          if (want) m.insert(m.begin() + (cur < 0 ? cur = 0 : cur), v);
-          got = shlist_addbefore(l, P(v));
-          break;
-        case 9:
-          if (cur >= 0) want = m[cur], m[cur] = v;
-          got = I(shlist_update(l, P(v)));
-          break;
+        case 8: if ((want = !(n && cur < 0))) m.insert(m.begin() + (cur < 0 ? cur = 0 : cur), v);
+          got = shlist_addbefore(l, P(v)); break;
+        case 9: if (cur >= 0) want = m[cur], m[cur] = v;
+          got = I(shlist_update(l, P(v))); break;
         default:
-          if (cur >= 0) {
-            want = m[cur];
-            m.erase(m.begin() + cur);
-            if (cur == n - 1) cur = -1;  // removing the last leaves no position
-          }
+          if (cur >= 0) want = m[cur], m.erase(m.begin() + cur), cur = cur == n - 1 ? -1 : cur;  // removing the last leaves no position
           got = I(shlist_remove(l));
       }
       ASSERT_EQ(got, want) << "round " << round << " step " << step << " op " << op;
       ASSERT_EQ(shlist_get_count(l), static_cast<int32_t>(m.size()));
       ASSERT_EQ(I(shlist_get_curr(l)), cur < 0 ? 0 : m[cur]);
-      ASSERT_EQ(shlist_get_handle(l), shlist_curr_node(l));
-      ASSERT_EQ(I(V(l->current)), I(shlist_get_handle(l)));
+      ASSERT_TRUE(shlist_get_handle(l) == shlist_curr_node(l) && shlist_get_handle(l) == V(l->current));
       const SHLISTNODE* node = l->last;  // the ring read backwards matches
       for (int i = static_cast<int>(m.size()) - 1; i >= 0; --i, node = node->prev)
         ASSERT_EQ(I(node->data), m[i]);
@@ -102,12 +77,8 @@ TEST_F(ContainersList, OperationsFollowTheCursorRules) {
     shlist_delete(l);
   }
   EXPECT_EQ(live(), base);
-  EXPECT_EQ(shlist_get_count(nullptr), 0);
-  EXPECT_EQ(shlist_get_first(nullptr), nullptr);
-  EXPECT_EQ(shlist_get_handle(nullptr), nullptr);
-  EXPECT_EQ(shlist_insert(nullptr, S("a")), 0);
-  EXPECT_EQ(shlist_addbefore(nullptr, S("a")), 0);
-  EXPECT_EQ(shlist_sort(nullptr, nullptr, 0), nullptr);
+  EXPECT_TRUE(!shlist_get_count(nullptr) && !shlist_get_first(nullptr) && !shlist_get_handle(nullptr) &&
+              !shlist_insert(nullptr, S("a")) && !shlist_addbefore(nullptr, S("a")) && !shlist_sort(nullptr, nullptr, 0));
   EXPECT_EQ(shlist_traversal(nullptr, 0, nullptr), 1);
   shlist_delete(nullptr);
 }
@@ -124,56 +95,30 @@ int32_t ZBSHR_CALLBACK Change(void* data, intptr_t param) {
   auto* c = reinterpret_cast<Changer*>(param);
   c->seen.emplace_back(static_cast<const char*>(data));
   const std::string& a = c->action;
-  auto move_to_self = [&] {
-    for (void* d = shlist_get_first(c->list); d; d = shlist_get_next(c->list))
-      if (c->seen.back() == static_cast<const char*>(d)) return true;
-    return false;
-  };
-  if (a == "remove-next") {
-    if (move_to_self() && shlist_get_next(c->list)) shlist_remove(c->list);
-  } else if (a == "remove-self") {
-    if (move_to_self()) shlist_remove(c->list);
-  } else if (a == "remove-last") {
-    shlist_get_last(c->list);
-    shlist_remove(c->list);
-  } else if (a == "empty") {
-    while (shlist_get_first(c->list)) shlist_remove(c->list);
-  } else if (a == "sort-empty") {
-    shlist_sort(c->list, nullptr, SHLIST_SORT_EMPTY | SHLIST_SORT_NOARRAY);
-  } else if (a == "sort-rebuild") {
-    shlist_sort(c->list, nullptr, SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY);
-  } else if (a == "delete") {
-    shlist_delete(c->list);
-    c->list = nullptr;
-  } else if (a.size() == 1 && c->seen.back() == a) {
-    return 0;  // stop here
-  }
-  return static_cast<int32_t>(c->seen.size()) + 10;
+  bool at_self = false;  // the remove actions move the list's position to the visited item
+  for (void* d = a.rfind("remove-", 0) ? nullptr : shlist_get_first(c->list); d && !(at_self = c->seen.back() == static_cast<const char*>(d));)
+    d = shlist_get_next(c->list);
+  if (a == "remove-next" && at_self && shlist_get_next(c->list)) shlist_remove(c->list);
+  if (a == "remove-self" && at_self) shlist_remove(c->list);
+  if (a == "remove-last" && shlist_get_last(c->list)) shlist_remove(c->list);
+  while (a == "empty" && shlist_get_first(c->list)) shlist_remove(c->list);
+  if (a.rfind("sort-", 0) == 0)
+    shlist_sort(c->list, nullptr, (a == "sort-empty" ? SHLIST_SORT_EMPTY : SHLIST_SORT_REBUILD) | SHLIST_SORT_NOARRAY);
+  if (a == "delete") shlist_delete(c->list), c->list = nullptr;
+  return a == c->seen.back() ? 0 : static_cast<int32_t>(c->seen.size()) + 10;  // action "c": stop at c
 }
 
 TEST_F(ContainersList, TraversalVisitsInOrderAndSurvivesChanges) {
-  const struct {
-    const char* action;
-    Strings seen, left;
-    int32_t result;
-  } cases[] = {
-      {"none", {"a", "b", "c", "d", "e", "f", "g", "h"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 18},
-      {"c", {"a", "b", "c"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 0},
-      {"remove-next", {"a", "c", "e", "g"}, {"a", "c", "e", "g"}, 14},
-      {"remove-self", {"a", "b", "c", "d", "e", "f", "g", "h"}, {}, 18},
-      {"remove-last", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}, 14},
-      {"empty", {"a"}, {}, 11},
-      {"sort-empty", {"a"}, {}, 11},
-      {"sort-rebuild", {"a"}, {"a", "b", "c", "d", "e", "f", "g", "h"}, 11},
-      {"delete", {"a"}, {}, 11},
+  const Strings all = {"a", "b", "c", "d", "e", "f", "g", "h"};
+  const struct { const char* action; Strings seen, left; int32_t result; } cases[] = {
+      {"none", all, all, 18}, {"c", {"a", "b", "c"}, all, 0}, {"remove-next", {"a", "c", "e", "g"}, {"a", "c", "e", "g"}, 14},
+      {"remove-self", all, {}, 18}, {"remove-last", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}, 14}, {"empty", {"a"}, {}, 11},
+      {"sort-empty", {"a"}, {}, 11}, {"sort-rebuild", {"a"}, all, 11}, {"delete", {"a"}, {}, 11},
   };
   const uint32_t base = live();
   for (const auto& tc : cases) {
     SHLIST* l = Make({"e", "f", "g", "h"});
-    for (const char* s : {"d", "c", "b", "a"}) {
-      shlist_get_first(l);
-      shlist_addbefore(l, S(s));
-    }
+    for (const char* s : {"d", "c", "b", "a"}) shlist_get_first(l), shlist_addbefore(l, S(s));
     shlist_get_next(l);
     SHLISTNODE* pos = shlist_get_handle(l);
     Changer c{l, tc.action, {}};
@@ -195,8 +140,7 @@ TEST_F(ContainersList, TraversalVisitsInOrderAndSurvivesChanges) {
 }
 
 int32_t ZBSHR_CALLBACK ByLength(void* a, void* b) {
-  return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) -
-         static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
+  return static_cast<int32_t>(std::strlen(static_cast<char*>(a))) - static_cast<int32_t>(std::strlen(static_cast<char*>(b)));
 }
 int32_t ZBSHR_CALLBACK Descending(intptr_t param, void* a, void* b) {
   ++*reinterpret_cast<int*>(param);
@@ -215,11 +159,7 @@ Strings ArrayStrings(void** a, int n) {  // heap blocks are 4-byte aligned: copy
 TEST_F(ContainersList, SortFlagsAndPools) {
   const uint32_t base = live();
   const Strings input = {"ccc", "a", "bb", "dddd"}, sorted = {"a", "bb", "ccc", "dddd"};
-  const struct {
-    int32_t flags;
-    Strings left;
-    bool array;
-  } cases[] = {{0, input, true}, {SHLIST_SORT_REBUILD, sorted, true},
+  const struct { int32_t flags; Strings left; bool array; } cases[] = {{0, input, true}, {SHLIST_SORT_REBUILD, sorted, true},
                {SHLIST_SORT_REBUILD | SHLIST_SORT_NOARRAY, sorted, false},
                {SHLIST_SORT_EMPTY, {}, true}, {SHLIST_SORT_NOARRAY, input, false}};
   for (const auto& c : cases) {

@@ -1,7 +1,6 @@
 // The `zbshr mem` subcommand, run as a separate program.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -13,17 +12,11 @@
 TEST(HeapCli, StatisticsAndErrors) {
   const std::string dir = std::filesystem::temp_directory_path().string();
   const std::string img = (std::filesystem::temp_directory_path() / "zbshr_mem_cli.img").string();
-  const struct {
-    std::string args;
-    int code;
-    std::vector<std::string> parts;  // each must appear in standard error + output
-  } cases[] = {
+  const struct { std::string args; int code; std::vector<std::string> parts; } cases[] = {  // parts: in stderr + stdout
       // Two blocks of 12 bytes in one 4 KB sub-pool plus its table of 2,424.
-      {"mem --count 2 --size 5", 0, {"live blocks              2", "total bytes           6520",
-                                     "free bytes            4062"}},
+      {"mem --count 2 --size 5", 0, {"live blocks              2", "total bytes           6520", "free bytes            4062"}},
       // 3 x 70,016 + 2,424; no small sub-pool was made, so the size is still 4,088.
-      {"mem --count 3 --size 70000 --free 100", 0,
-       {"total bytes         212472", "sub-pool bytes       12264", "after freeing 3 of them"}},
+      {"mem --count 3 --size 70000 --free 100", 0, {"total bytes         212472", "sub-pool bytes       12264", "after freeing 3 of them"}},
       {"mem --count 0", 0, {"live blocks              0"}},
       {"mem --count 1 --image " + img, 0, {"live blocks              1"}},
       {"mem --help", 0, {"usage: zbshr mem"}},

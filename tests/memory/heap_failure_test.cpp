@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <unistd.h>
 #if !defined(_WIN32)
@@ -10,6 +11,7 @@
 #endif
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -22,24 +24,15 @@ using namespace heaptest;
 namespace {
 
 struct BoxLog {
-  int calls = 0;
-  int retries = 0;  // answers Retry this many times, then Cancel
-  std::vector<std::string> texts;
-  std::vector<uint32_t> styles;
-  bool caption_null = true;
+  int calls = 0, retries = 0;  // answers Retry this many times, then Cancel
+  std::string seen;            // "text|caption|style" of each box, caption null or empty
 };
 BoxLog g_box;
 
 int32_t ZBSHR_CALL Answer(void*, const char* text, const char* caption, uint32_t style) {
   ++g_box.calls;
-  g_box.texts.push_back(text ? text : "(null)");
-  g_box.styles.push_back(style);
-  if (caption && *caption) g_box.caption_null = false;  // no caption: null or empty
-  if (g_box.retries > 0) {
-    --g_box.retries;
-    return 4;  // Retry
-  }
-  return 2;  // Cancel
+  g_box.seen += std::string(text ? text : "(null)") + "|" + (caption ? caption : "") + "|" + std::to_string(style) + ";";
+  return g_box.retries-- > 0 ? 4 : 2;  // Retry : Cancel
 }
 
 class HeapOutOfMemory : public ::testing::Test {
@@ -58,38 +51,29 @@ constexpr int kGlobalAlloc = 0, kGlobalLock = 1, kWrite = 2;
 
 }  // namespace
 
-TEST_F(HeapOutOfMemory, RetryAfterAFailedSubpoolAllocation) {
+// Each row arms a fault, answers Retry `retries` times and runs one call on
+// a heap holding one small block: the call succeeds after the boxes asked.
+TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
   ZBSTG_HEAP h = zbstg_begin(0);
-  g_box.retries = 1;
-  // The first allocation makes the pool's table (1st GlobalAlloc), then the
-  // sub-pool (2nd), which fails once.
-  zbshr_inject_fault(kGlobalAlloc, 2, 1);
-  auto* p = static_cast<uint8_t*>(zbstg_alloc(h, 100, 0));
-  ASSERT_NE(p, nullptr);
-  std::memset(p, 1, 100);
-  EXPECT_EQ(g_box.calls, 1);
-  ASSERT_EQ(g_box.texts.size(), 1u);
-  EXPECT_EQ(g_box.texts[0], "Out of Memory");
-  EXPECT_EQ(g_box.styles[0], 0x2015u);
-  EXPECT_TRUE(g_box.caption_null);
-  EXPECT_EQ(Stat(h).system_bytes, 4096u + 2424u);
-  zbstg_end(h);
-}
-
-TEST_F(HeapOutOfMemory, RetryAfterFailedLocksAndLargeBlocks) {
-  ZBSTG_HEAP h = zbstg_begin(0);
-  zbstg_alloc(h, 8, 0);
-  g_box.retries = 3;
-  zbshr_inject_fault(kGlobalLock, 1, 2);  // the large block's lock fails twice
-  void* big = zbstg_alloc(h, 100000, 0);
-  ASSERT_NE(big, nullptr);
-  EXPECT_EQ(zbstg_size(h, big), 100000u);
-  EXPECT_EQ(g_box.calls, 2);
-  zbshr_inject_fault(kGlobalAlloc, 1, 1);  // growing the large block fails once
-  void* bigger = zbstg_realloc(h, big, 200000, 0);
-  ASSERT_NE(bigger, nullptr);
-  EXPECT_EQ(zbstg_size(h, bigger), 200000u);
-  EXPECT_EQ(g_box.calls, 3);
+  void* big = nullptr;
+  const struct { int fault, at, count, retries; std::function<void*()> call; uint32_t size, boxes; } rows[] = {
+      // The first allocation makes the pool's table (1st GlobalAlloc), then the sub-pool (2nd).
+      {kGlobalAlloc, 2, 1, 1, [&] { return zbstg_alloc(h, 100, 0); }, 100, 1},
+      {kGlobalLock, 1, 2, 3, [&] { return big = zbstg_alloc(h, 100000, 0); }, 100000, 2},  // a large block's lock
+      {kGlobalAlloc, 1, 1, 3, [&] { return zbstg_realloc(h, big, 200000, 0); }, 200000, 1},  // growing it
+  };
+  for (const auto& r : rows) {
+    g_box = BoxLog{0, r.retries, ""};
+    zbshr_inject_fault(r.fault, r.at, r.count);
+    void* p = r.call();
+    ASSERT_NE(p, nullptr);
+    std::memset(p, 1, r.size);
+    EXPECT_EQ(zbstg_size(h, p), r.size);
+    std::string want;
+    for (uint32_t i = 0; i < r.boxes; ++i) want += "Out of Memory||8213;";  // MB_SYSTEMMODAL | MB_ICONHAND | MB_RETRYCANCEL
+    EXPECT_EQ(g_box.seen, want);
+    EXPECT_TRUE(r.size != 100 || Stat(h).system_bytes == 4096u + 2424u);
+  }
   zbstg_end(h);
 }
 
@@ -99,14 +83,13 @@ TEST_F(HeapOutOfMemory, LargeSubpoolFallsBackToFourKilobytes) {
   // The next GlobalAlloc is the next new sub-pool (8 KB): it fails, and the
   // heap retries once with 4 KB, without asking.
   zbshr_inject_fault(kGlobalAlloc, 1, 1);
-  void* p;
-  do p = zbstg_alloc(h, 4, 0);
-  while (Offset(p) != 8);
-  EXPECT_EQ(FreeList(Subpool(p)).at(0).second + 18, 4096u);
+  for (uint32_t size : {4096u, 8192u}) {
+    void* p;
+    do p = zbstg_alloc(h, 4, 0);
+    while (Offset(p) != 8);
+    EXPECT_EQ(FreeList(Subpool(p)).at(0).second + 18, size);
+  }
   EXPECT_EQ(g_box.calls, 0);
-  do p = zbstg_alloc(h, 4, 0);
-  while (Offset(p) != 8);
-  EXPECT_EQ(FreeList(Subpool(p)).at(0).second + 18, 8192u);
   zbstg_end(h);
 }
 
@@ -136,87 +119,62 @@ TEST_F(HeapOutOfMemory, CancelEndsTheProcess) {
 #endif
 }
 
-// ---------------------------------------------------------------- debug image
-
 namespace {
 
-std::filesystem::path Scratch(const char* name) {
-  auto dir = std::filesystem::temp_directory_path() /
-             ("zbshr_heap_" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
-  return dir / name;
-}
-
-std::vector<uint8_t> ReadAll(const std::filesystem::path& p) {
-  std::ifstream f(p, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+std::vector<uint8_t> WriteImage(ZBSTG_HEAP h, uint32_t pool, bool* ok) {
+  const auto file = std::filesystem::temp_directory_path() / ("zbshr_heap_" + std::to_string(::getpid()) + ".img");
+  *ok = zbstg_write_debug(h, pool, file.string().c_str()) == 1;
+  std::ifstream f(file, std::ios::binary);
+  std::vector<uint8_t> img{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+  f.close();
+  std::filesystem::remove(file);
+  return img;
 }
 
 }  // namespace
 
+// The image is one record of 4,076 bytes per sub-pool, in directory order.
 TEST(HeapDebugImage, WritesSubpoolsInDirectoryOrder) {
   ZBSTG_HEAP h = zbstg_begin(0);
   for (int i = 0; i < 3; ++i) zbstg_alloc(h, 4000, 5);  // three sub-pools
   zbstg_alloc(h, 10, 6);
-  void* l = zbstg_alloc(h, 70000, 7);
-  std::memset(l, 0xEE, 70000);
-  auto file = Scratch("all.img");
-  ASSERT_EQ(zbstg_write_debug(h, 0, file.string().c_str()), 1);
-  auto img = ReadAll(file);
-  ASSERT_EQ(img.size(), 5u * 4076);
-  const uint32_t pools[] = {5, 5, 5, 6, 7};
-  for (int r = 0; r < 5; ++r) EXPECT_EQ(L(img.data(), r * 4076), pools[r]) << r;
-  EXPECT_EQ(W(img.data(), 4 * 4076 + 12), 64001u);
-  EXPECT_EQ(img[4 * 4076 + 16], 0xEE);
-
-  ASSERT_EQ(zbstg_write_debug(h, 6, file.string().c_str()), 1);
-  img = ReadAll(file);
-  ASSERT_EQ(img.size(), 4076u);
-  EXPECT_EQ(L(img.data(), 0), 6u);
-  EXPECT_EQ(W(img.data(), 8), 16u);  // the block of 10 bytes
-
+  std::memset(zbstg_alloc(h, 70000, 7), 0xEE, 70000);
+  const struct { uint32_t pool, write_fault; std::vector<uint32_t> pools; size_t size; } rows[] = {
+      {0, 0, {5, 5, 5, 6, 7}, 5 * 4076},
+      {6, 0, {6}, 4076},
+      {0, 2, {5, 5, 6, 7}, 4 * 4076 - 2038},  // the second record is written by half and its pool stops
+  };
+  bool ok = false;
+  for (const auto& r : rows) {
+    if (r.write_fault) zbshr_inject_fault(kWrite, r.write_fault, 1);
+    auto img = WriteImage(h, r.pool, &ok);
+    zbshr_clear_faults();
+    EXPECT_TRUE(ok);
+    ASSERT_EQ(img.size(), r.size) << r.pool;
+    for (size_t i = 0, at = 0; i < r.pools.size(); at += i == 1 && r.write_fault ? 2038 : 4076, ++i)
+      EXPECT_EQ(L(img.data(), at), r.pools[i]) << r.pool << " record " << i;
+    EXPECT_TRUE(r.pool != 6 || W(img.data(), 8) == 16u);  // the block of 10 bytes
+  }
+  auto img = WriteImage(h, 0, &ok);
+  EXPECT_EQ(W(img.data(), 4 * 4076 + 12), 64001u);  // the large block's record
+  EXPECT_EQ(img.at(4 * 4076 + 16), 0xEE);
   // A freed directory entry is reused by the next new pool.
   zbstg_free_pool(h, 5);
   zbstg_alloc(h, 10, 9);
-  ASSERT_EQ(zbstg_write_debug(h, 0, file.string().c_str()), 1);
-  img = ReadAll(file);
+  img = WriteImage(h, 0, &ok);
   ASSERT_EQ(img.size(), 3u * 4076);
-  EXPECT_EQ(L(img.data(), 0), 9u);
-  EXPECT_EQ(L(img.data(), 4076), 6u);
-
-  EXPECT_EQ(zbstg_write_debug(h, 0, (Scratch("x").string() + "/no/such/dir/f.img").c_str()), 0);
+  EXPECT_EQ(std::make_pair(L(img.data(), 0), L(img.data(), 4076)), std::make_pair(9u, 6u));
+  EXPECT_EQ(zbstg_write_debug(h, 0, "/nonexistent-zbshr/no/such/dir/f.img"), 0);
   zbstg_end(h);
-  std::filesystem::remove_all(file.parent_path());
-}
-
-TEST(HeapDebugImage, ShortWriteStopsThatPool) {
-  ZBSTG_HEAP h = zbstg_begin(0);
-  for (int i = 0; i < 3; ++i) zbstg_alloc(h, 4000, 5);
-  zbstg_alloc(h, 10, 6);
-  auto file = Scratch("short.img");
-  zbshr_inject_fault(kWrite, 2, 1);  // the second record is written by half
-  ASSERT_EQ(zbstg_write_debug(h, 0, file.string().c_str()), 1);
-  zbshr_clear_faults();
-  auto img = ReadAll(file);
-  ASSERT_EQ(img.size(), 4076u + 2038u + 4076u);
-  EXPECT_EQ(L(img.data(), 4076 + 2038), 6u);
-  zbstg_end(h);
-  std::filesystem::remove_all(file.parent_path());
-}
-
-TEST(HeapDebugImage, ShortSubpoolIsPaddedWithZeros) {
-  ZBSTG_HEAP h = zbstg_begin(0);
-  void* a = zbstg_alloc(h, 5000, 0);
-  a = zbstg_realloc(h, a, 100, 0);  // sole block: its sub-pool shrinks to 112 bytes
+  // A sub-pool shorter than a record is padded with zeros.
+  h = zbstg_begin(0);
+  void* a = zbstg_realloc(h, zbstg_alloc(h, 5000, 0), 100, 0);  // sole block: its sub-pool shrinks to 112 bytes
   std::memset(a, 0x5A, 100);
-  auto file = Scratch("pad.img");
-  ASSERT_EQ(zbstg_write_debug(h, 1, file.string().c_str()), 1);
-  auto img = ReadAll(file);
+  img = WriteImage(h, 1, &ok);
   ASSERT_EQ(img.size(), 4076u);
   EXPECT_EQ(img[111], 0x5A);
-  for (size_t i = 112; i < img.size(); ++i) ASSERT_EQ(img[i], 0) << i;
+  EXPECT_EQ(std::count(img.begin() + 112, img.end(), 0), 4076 - 112);
   zbstg_end(h);
-  std::filesystem::remove_all(file.parent_path());
 }
 
 // ---------------------------------------------------------------- shareable memory

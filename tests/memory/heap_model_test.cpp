@@ -1,55 +1,42 @@
-// Randomised run against a simple model: every live block keeps its bytes,
-// blocks never overlap, sizes and pools are as predicted, the live count is
-// right.
+// The heap against models: random contents, sizes and pools; the placement
+// of every block; the vector searches against plain loops.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <random>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "heap_testutil.h"
+#include "memory/heap_intl.h"
 
 using namespace heaptest;
+using namespace zbshr::mem;
 
+// Randomised run against a simple model: every live block keeps its bytes,
+// blocks never overlap, sizes and pools are as predicted, the live count is
+// right.
 namespace {
 
 struct Live {
-  uint32_t n;     // bytes the caller asked for (and filled)
-  uint32_t pool;
+  uint32_t n, pool;  // bytes asked for (and filled), pool
   uint8_t seed;
 };
-
 uint32_t Round4(uint32_t n) { return (n + 3) & ~3u; }
-
-void Fill(void* p, uint32_t n, uint8_t seed) {
-  auto* b = static_cast<uint8_t*>(p);
-  for (uint32_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed ^ (i * 131));
-}
-bool Intact(const void* p, uint32_t n, uint8_t seed) {
-  auto* b = static_cast<const uint8_t*>(p);
-  for (uint32_t i = 0; i < n; ++i)
-    if (b[i] != static_cast<uint8_t>(seed ^ (i * 131))) return false;
-  return true;
-}
-
 class HeapModel : public ::testing::TestWithParam<uint32_t> {};
 
 }  // namespace
 
 TEST_P(HeapModel, RandomOperations) {
   std::mt19937 rng(GetParam());
-  auto pick = [&](uint32_t lo, uint32_t hi) {
-    return std::uniform_int_distribution<uint32_t>(lo, hi)(rng);
-  };
+  auto pick = [&](uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(rng); };
   auto size = [&]() -> uint32_t {
     uint32_t r = pick(0, 999);
-    if (r < 850) return pick(0, 300);
-    if (r < 980) return pick(301, 6000);
-    if (r < 990) return pick(63990, 64004);
-    return pick(64005, 150000);
+    return r < 850 ? pick(0, 300) : r < 980 ? pick(301, 6000) : r < 990 ? pick(63990, 64004) : pick(64005, 150000);
   };
   ZBSTG_HEAP h = zbstg_begin(0);
   std::map<uint8_t*, Live> live;
@@ -57,21 +44,14 @@ TEST_P(HeapModel, RandomOperations) {
   // Pools in which a block grew in place: only there can a stale largest-free
   // value make an allocation find no room and return null.
   std::set<uint32_t> grown;
-  int allocs = 0, nulls = 0;
+  int allocs = 0;
   auto forget = [&](uint8_t* p) {
     live.erase(p);
     order.erase(std::find(order.begin(), order.end(), p));
   };
-  auto check_size = [&](uint8_t* p, uint32_t n, bool exact) {
-    uint32_t s = zbstg_size(h, p);
-    if (BlockSize(p) == 64001) {
-      ASSERT_EQ(s, n);
-    } else if (exact) {
-      ASSERT_EQ(s, Round4(n));
-    } else {
-      ASSERT_GE(s, Round4(n));
-      ASSERT_LE(s, Round4(n) + 4);
-    }
+  auto check_size = [&](uint8_t* p, uint32_t n, bool exact) {  // large blocks keep n exactly
+    uint32_t s = zbstg_size(h, p), want = BlockSize(p) == 64001 ? n : Round4(n);
+    ASSERT_TRUE(s == want || (!exact && BlockSize(p) != 64001 && s > want && s <= want + 4)) << s << " for " << n;
   };
 
   for (int step = 0; step < 20000; ++step) {
@@ -82,16 +62,14 @@ TEST_P(HeapModel, RandomOperations) {
       auto* p = static_cast<uint8_t*>(zbstg_alloc(h, n, pool));
       ++allocs;
       if (!p) {
-        ++nulls;
         ASSERT_EQ(grown.count(pool ? pool : 1), 1u) << "step " << step;
         continue;
       }
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 4, 0u);
       ASSERT_EQ(live.count(p), 0u);
       check_size(p, n, true);
-      uint8_t seed = static_cast<uint8_t>(pick(0, 255));
-      Fill(p, n, seed);
-      live[p] = {n, pool ? pool : 1, seed};
+      live[p] = {n, pool ? pool : 1, static_cast<uint8_t>(pick(0, 255))};
+      Fill(p, n, live[p].seed);
       order.push_back(p);
     } else if (op < 80) {
       uint8_t* p = order[pick(0, static_cast<uint32_t>(order.size() - 1))];
@@ -109,7 +87,6 @@ TEST_P(HeapModel, RandomOperations) {
       uint32_t old_size = zbstg_size(h, p);
       auto* q = static_cast<uint8_t*>(zbstg_realloc(h, p, n, pool));
       if (!q) {
-        ++nulls;
         ASSERT_EQ(grown.count(target), 1u) << "step " << step;
         continue;  // the old block is kept
       }
@@ -122,20 +99,16 @@ TEST_P(HeapModel, RandomOperations) {
         check_size(q, old_large ? n : Round4(n), true);
       }
       forget(p);
-      uint8_t seed = static_cast<uint8_t>(pick(0, 255));
-      Fill(q, n, seed);
-      live[q] = {n, target, seed};
+      live[q] = {n, target, static_cast<uint8_t>(pick(0, 255))};
+      Fill(q, n, live[q].seed);
       order.push_back(q);
     } else {
       uint32_t pool = pick(2, 4);
       zbstg_free_pool(h, pool);
       for (auto it = live.begin(); it != live.end();) {
-        if (it->second.pool == pool) {
-          order.erase(std::find(order.begin(), order.end(), it->first));
-          it = live.erase(it);
-        } else {
-          ++it;
-        }
+        auto next = std::next(it);
+        if (it->second.pool == pool) forget(it->first);
+        it = next;
       }
     }
     ASSERT_EQ(Stat(h).live_blocks, live.size()) << "step " << step;
@@ -176,3 +149,190 @@ TEST_P(HeapModel, RandomOperations) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, HeapModel, ::testing::Values(1u, 2u, 3u, 20261122u));
+
+// Block placement checked against a plain model of the allocation rules: the
+// model keeps its own sub-pool table (largest-free values, last-used entry,
+// first empty entry, the spare) and predicts, for every allocation, the
+// sub-pool and the offset of the block, walking the free list in the
+// sub-pool bytes itself. Enough blocks stay live to need several hundred
+// sub-pools, so the table searches run over more than 256 entries.
+namespace {
+
+struct Entry {
+  const uint8_t* sp = nullptr;
+  uint32_t bytes = 0;    // size the sub-pool was made with
+  uint32_t largest = 0;  // the heap's largest-free value for it
+};
+
+struct Model {
+  std::vector<Entry> table;
+  std::unordered_map<const uint8_t*, size_t> index;
+  int64_t last_used = -1;
+  uint32_t subpool_size = 4088;
+  bool spare = false;
+
+  static uint32_t LargestFree(const uint8_t* sp) {
+    uint32_t m = 0;
+    for (auto& [off, size] : FreeList(sp)) m = std::max(m, size);
+    return m;
+  }
+  // Offset and size of the first free block of at least b bytes; 0 when none.
+  static std::pair<uint32_t, uint32_t> FirstFit(const uint8_t* sp, uint32_t b) {
+    for (auto& [off, size] : FreeList(sp))
+      if (size >= b) return {off, size};
+    return {0, 0};
+  }
+};
+
+}  // namespace
+
+TEST(HeapSelection, PlacementFollowsTheTableAndFreeListRules) {
+  for (uint32_t seed : {1u, 2u, 3u}) {
+    std::mt19937 rng(seed);
+    auto pick = [&](uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(rng); };
+    ZBSTG_HEAP h = zbstg_begin(0);
+    Model m;
+    std::vector<uint8_t*> live;
+    const uint32_t target = seed == 1 ? 9000 : 3000;
+    for (int step = 0; step < 40000; ++step) {
+      bool alloc = live.empty() || (live.size() < target ? pick(0, 9) < 7 : pick(0, 9) < 3);
+      if (alloc) {
+        uint32_t r = pick(0, 999);
+        uint32_t n = r < 950 ? pick(0, 300) : r < 995 ? pick(301, 4077) : pick(4078, 5000);
+        uint32_t b = ((n + 3) & ~3u) + 4;
+        int64_t idx = -1;
+        if (b < m.subpool_size - 10) {
+          if (m.last_used >= 0 && m.table[m.last_used].largest >= b) idx = m.last_used;
+          for (size_t i = 0; idx < 0 && i < m.table.size(); ++i)
+            if (m.table[i].sp && m.table[i].largest >= b) idx = static_cast<int64_t>(i);
+        }
+        std::pair<uint32_t, uint32_t> fit{0, 0};
+        if (idx >= 0) {
+          fit = Model::FirstFit(m.table[idx].sp, b);
+          ASSERT_NE(fit.first, 0u) << "the largest-free value promised room";
+        }
+        auto* p = static_cast<uint8_t*>(zbstg_alloc(h, n, 0));
+        ASSERT_NE(p, nullptr) << "seed " << seed << " step " << step;
+        const uint8_t* sp = Subpool(p);
+        ASSERT_EQ(BlockSize(p), b);
+        if (idx >= 0) {
+          ASSERT_EQ(sp, m.table[idx].sp) << "seed " << seed << " step " << step << " b " << b;
+          ASSERT_EQ(Offset(p), fit.first) << "seed " << seed << " step " << step;
+        } else {
+          ASSERT_EQ(m.index.count(sp), 0u) << "expected a new sub-pool, step " << step;
+          ASSERT_EQ(Offset(p), 8u);
+          const uint32_t bytes = 4086 <= b ? b + 10 : 4096;  // a spare is taken only when it fits
+          if (b < 4086) m.spare = false;
+          m.subpool_size = 4096;
+          size_t slot = 0;
+          while (slot < m.table.size() && m.table[slot].sp) ++slot;
+          if (slot == m.table.size()) m.table.emplace_back();
+          m.table[slot] = {sp, bytes, bytes - 10};
+          m.index[sp] = slot;
+          idx = static_cast<int64_t>(slot);
+          fit = {8, bytes - 10};
+        }
+        m.last_used = idx;
+        // Taking the block that set the largest-free value makes the heap
+        // look for the new largest.
+        if (fit.second >= m.table[idx].largest) m.table[idx].largest = Model::LargestFree(sp);
+        live.push_back(p);
+        continue;
+      }
+      size_t k = pick(0, static_cast<uint32_t>(live.size() - 1));
+      uint8_t* p = live[k];
+      live[k] = live.back();
+      live.pop_back();
+      const uint8_t* sp = Subpool(p);
+      size_t i = m.index.at(sp);
+      uint32_t off = Offset(p);
+      bool last = BlockCount(sp) == 1;
+      zbstg_free(h, p);
+      Entry& e = m.table[i];
+      if (last) {
+        // The sub-pool was released (its bytes may be gone: read nothing).
+        if (!m.spare && e.bytes >= 4096 && e.bytes <= 4196) m.spare = true;
+        m.index.erase(sp);
+        e = Entry{};
+        continue;
+      }
+      for (auto& [foff, fsize] : FreeList(sp))
+        if (foff <= off && off < foff + fsize && fsize > e.largest) e.largest = fsize;
+    }
+    EXPECT_TRUE(seed != 1 || m.table.size() > 300u) << "the large run must fill more than 256 entries";
+    zbstg_end(h);
+  }
+}
+
+// The 16-lane searches behind the free-list mirror and the sub-pool table
+// index: the vector form must agree with the plain loops on every input,
+// including values at the top of the unsigned range.
+TEST(HeapLanes, AtLeastAndMaxAgreeWithPlainLoops) {
+  std::mt19937 rng(7);
+  const uint16_t edges[] = {0, 1, 3, 4, 0x7FFF, 0x8000, 0x8001, 0xFFFE, 0xFFFF, 64000, 4086};
+  uint16_t p[16];
+  for (int round = 0; round < 20000; ++round) {
+    for (auto& x : p) x = (rng() & 3) ? static_cast<uint16_t>(rng()) : edges[rng() % std::size(edges)];
+    const uint16_t v = (round & 1) ? static_cast<uint16_t>(rng()) : edges[rng() % std::size(edges)];
+    const uint32_t skip = rng() % 16;
+    uint32_t want = 0;
+    uint16_t mx = 0, mx_other = 0;
+    for (uint32_t i = 0; i < 16; ++i) {
+      want |= (p[i] >= v) << i;
+      mx = std::max(mx, p[i]);
+      if (i != skip) mx_other = std::max(mx_other, p[i]);
+    }
+    ASSERT_EQ(std::vector<uint32_t>({lanes_plain::AtLeast(p, v), lanes::AtLeast(p, v), lanes_plain::Max(p), lanes::Max(p),
+                                     lanes_plain::MaxExcept(p, skip), lanes::MaxExcept(p, skip)}),
+              std::vector<uint32_t>({want, want, mx, mx, mx_other, mx_other}));
+  }
+}
+
+TEST(HeapLanes, MirrorSearchesSkipPadding) {
+  // A mirror of 20 free blocks (offset 8 + 40 i, size 12 + i) spans two runs
+  // of 16; the padding after the last entry must never be found.
+  ZBSTG_HEAP h = zbstg_begin(0);
+  Mirror m;
+  MirrorInit(h, &m, 8, 12);
+  for (uint32_t i = 1; i < 20; ++i) MirrorInsert(h, &m, i, 8 + 40 * i, 12 + i);
+  ASSERT_EQ(m.n, 20u);
+  ASSERT_GE(m.cap, 32u);
+  auto answers = [&] {
+    return std::vector<uint32_t>({m.LowerBound(8), m.LowerBound(9), m.LowerBound(8 + 40 * 19), m.LowerBound(8 + 40 * 19 + 1),
+                                  m.LowerBound(0xFFFE), m.FirstFit(12), m.FirstFit(30), m.FirstFit(31), m.FirstFit(32),
+                                  m.Largest(), m.LargestExcept(19), m.LargestExcept(3)});
+  };
+  EXPECT_EQ(answers(), std::vector<uint32_t>({0, 1, 19, 20, 20, 0, 18, 19, 20, 31, 30, 31}));
+  m.Remove(19);
+  EXPECT_EQ(answers(), std::vector<uint32_t>({0, 1, 19, 19, 19, 0, 18, 19, 19, 30, 30, 30}));
+  m.Remove(0);
+  EXPECT_EQ(std::vector<uint32_t>({m.Off(0), m.Size(0), m.LowerBound(8)}), std::vector<uint32_t>({48, 13, 0}));
+  MirrorFree(&m);
+  zbstg_end(h);
+}
+
+TEST(HeapLanes, ShiftsAgreeWithPlainMoves) {
+  // Every insertion and removal point in arrays of one to four runs, with the
+  // words after the used ones holding the padding value.
+  std::mt19937 rng(11);
+  for (uint32_t cap : {16u, 32u, 64u})
+    for (uint16_t pad : {uint16_t{0}, uint16_t{0xFFFF}})
+      for (uint32_t n = 0; n < cap; ++n)
+        for (uint32_t k = 0; k <= n; ++k) {
+          std::vector<uint16_t> base(cap, pad);
+          for (uint32_t i = 0; i < n; ++i) base[i] = static_cast<uint16_t>(rng());
+          auto a = base, b = base;
+          lanes_plain::ShiftUp(a.data(), k, n, cap);
+          lanes::ShiftUp(b.data(), k, n, cap);
+          ASSERT_EQ(a, b) << "up cap " << cap << " n " << n << " k " << k;
+          for (uint32_t i = k; i < n; ++i) ASSERT_EQ(a[i + 1], base[i]);
+          if (k == n) continue;
+          // Removal: words after the last (n - 1) are padding; the last is left for the caller.
+          a = b = base;
+          lanes_plain::ShiftDown(a.data(), k, n - 1, cap);
+          lanes::ShiftDown(b.data(), k, n - 1, cap);
+          a[n - 1] = b[n - 1] = 0;
+          ASSERT_EQ(a, b) << "down cap " << cap << " n " << n << " k " << k;
+          for (uint32_t i = k; i + 1 < n; ++i) ASSERT_EQ(a[i], base[i + 1]);
+        }
+}

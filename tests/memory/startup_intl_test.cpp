@@ -1,24 +1,15 @@
 // Start-up state, the regional settings read from [intl] and the name tables.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
+#include <tuple>
 
 #include "memory/intl.h"
 #include "platform/platform.h"
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
-
-// The system profile's name in ZBSHR_HOME: Windows maps any file named
-// win.ini onto the registry, so the library's sandbox uses another name there.
-#if defined(_WIN32)
-#define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
-#else
-#define ZBTEST_SYSTEM_PROFILE "win.ini"
-#endif
 
 namespace {
 
@@ -31,17 +22,25 @@ std::string Describe(const intl::Settings& s) {
          s.short_date + "|" + s.long_date + "|" + s.am + "|" + s.pm;
 }
 
-// Rows run in order on one scratch profile (never a real user's); each
-// rereads the settings, and the name tables stay those of the first call.
+// Each row writes its keys through the system profile of the scratch
+// configuration folder (never a real user's) and rereads the settings; the
+// name tables stay those of the first call.
+void WriteSystemProfile(const std::string& text) {
+  for (const char* section : {"intl", "other"}) zbshr::plat::WriteProfileStringA(section, nullptr, nullptr);
+  std::istringstream in(text);
+  std::string section;
+  for (std::string line; std::getline(in, line);)
+    if (line[0] == '[') section = line.substr(1, line.size() - 2);
+    else zbshr::plat::WriteProfileStringA(section.c_str(), line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str());
+}
+
 TEST(Intl, SettingsFromTheProfile) {
   const char* home = std::getenv("ZBSHR_HOME");
   if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
-  const std::string dir = zbshr::plat::ConfigDir(), ini = dir + "/" ZBTEST_SYSTEM_PROFILE;
-  std::filesystem::create_directories(dir);
   const std::string defaults = ".|,|$|0200|:|M/d/yyyy|dddd, MMMM dd, yyyy|AM|PM";
   const struct {
     const char* name;
-    std::string profile;  // empty: no file
+    std::string profile;
     std::string want;
   } cases[] = {
       {"no profile", "", defaults},
@@ -61,14 +60,13 @@ TEST(Intl, SettingsFromTheProfile) {
   };
   const char* january = nullptr;
   for (const auto& c : cases) {
-    std::remove(ini.c_str());
-    if (!c.profile.empty()) std::ofstream(ini, std::ios::binary) << c.profile;
+    WriteSystemProfile(c.profile);
     zbshr_intl();
     EXPECT_EQ(Describe(intl::settings()), c.want) << c.name;
     if (!january) january = intl::month_long(0);
     EXPECT_EQ(intl::month_long(0), january) << c.name;
   }
-  std::remove(ini.c_str());
+  WriteSystemProfile("");
   zbshr_intl();
 }
 
@@ -94,7 +92,7 @@ struct BoxSeen {
   std::string text, caption;
   uint32_t style = 0;
   int calls = 0;
-};
+};  // the last box seen
 
 int32_t ZBSHR_CALL RecordBox(void* ctx, const char* text, const char* caption, uint32_t style) {
   auto* seen = static_cast<BoxSeen*>(ctx);
@@ -107,14 +105,11 @@ TEST(Startup, FeatureUnsupportedNotice) {
   ZBSHR_MSGBOX_HANDLER old = zbshr_set_msgbox_handler(RecordBox, &seen);
   const int32_t answer = ZBSHR_FeatureUnsupported(nullptr);
   zbshr_set_msgbox_handler(old, nullptr);
-  EXPECT_EQ(answer, 1);
-  EXPECT_EQ(seen.calls, 1);
-  EXPECT_EQ(seen.caption, "Release 5.0");
-  EXPECT_EQ(seen.style, 16u);
   char expect[300];
   zbshr::plat::LoadStringA(zbshr::plat::ModuleInstance(), 108, expect, sizeof expect);
-  EXPECT_FALSE(seen.text.empty());
-  EXPECT_EQ(seen.text, expect);
+  EXPECT_NE(seen.text, "");
+  EXPECT_EQ(std::make_tuple(answer, seen.calls, seen.caption, seen.style, seen.text),
+            std::make_tuple(1, 1, std::string("Release 5.0"), 16u, std::string(expect)));
 }
 
 }  // namespace

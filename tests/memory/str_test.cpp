@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 
+#include "heap_testutil.h"
 #include "platform/platform.h"
 #include "zbshr/memory.h"
 
@@ -23,11 +24,6 @@ class StrHeap : public ::testing::Test {
   ZBSTG_HEAP heap_ = nullptr;
 };
 
-uint16_t WordAt(const void* p) {
-  auto* b = static_cast<const unsigned char*>(p);
-  return static_cast<uint16_t>(b[0] | (b[1] << 8));
-}
-
 struct CodePage {  // restores the single-byte code page however a test ends
   explicit CodePage(uint32_t cp) { zbshr::plat::SetACP(cp); }
   ~CodePage() { zbshr::plat::SetACP(1252); }
@@ -36,45 +32,36 @@ struct CodePage {  // restores the single-byte code page however a test ends
 TEST_F(StrHeap, AllocStringStrdupAndLengths) {
   // n + 2 bytes asked: a flagged block whose last word is n; from n + 2 =
   // 63,997 on, a plain block of n + 1 bytes.
-  const struct {
-    uint32_t n, size;
-    bool flagged;
-    int32_t len;
-  } cases[] = {{10, 12, true, 9}, {0, 4, true, -1}, {63994, 63996, true, 63993}, {63995, 63996, false, 3}};
+  const struct { uint32_t n, size; bool flagged; int32_t len; } cases[] = {{10, 12, true, 9}, {0, 4, true, -1}, {63994, 63996, true, 63993}, {63995, 63996, false, 3}};
   for (const auto& c : cases) {
     auto* p = static_cast<char*>(zbstg_allocstring(heap_, c.n, 0));
     ASSERT_NE(p, nullptr);
     std::memcpy(p, "xyz", c.flagged ? std::min<uint32_t>(c.n, 2) : 4);  // read only when plain
     EXPECT_EQ(zbstg_size(heap_, p), c.size) << c.n;
-    EXPECT_EQ((WordAt(p - 2) & 0x8000) != 0, c.flagged) << c.n;
-    EXPECT_EQ(c.flagged ? WordAt(p + c.size - 2) : c.n, c.n);
+    EXPECT_EQ((heaptest::W(p, -2) & 0x8000) != 0, c.flagged) << c.n;
+    EXPECT_EQ(c.flagged ? heaptest::W(p, c.size - 2) : c.n, c.n);
     EXPECT_EQ(zbstg_allocstringlen(p), c.len) << c.n;
     zbstg_free(heap_, p);
   }
   EXPECT_EQ(zbstg_allocstring(heap_, static_cast<uint32_t>(-1), 0), nullptr);
+  // A plain block answers its strlen; pool 0 is the default pool.
   char* p = zbstg_strdup(heap_, "pooled text", 7);
-  EXPECT_STREQ(p, "pooled text");
-  EXPECT_EQ(zbstg_allocstringlen(p), 11);  // a plain block answers its strlen
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, p), 7u);
-  EXPECT_EQ(zbstg_size(heap_, p), 12u);
   char* d = zbstg_dbstrdup(heap_, "", 0, "file.c", 12);
-  EXPECT_STREQ(d, "");
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, d), 1u);  // the default pool
+  EXPECT_EQ(std::string(p) + "|" + d, "pooled text|");
+  EXPECT_EQ(std::vector<uint32_t>({static_cast<uint32_t>(zbstg_allocstringlen(p)), zbstg_get_pointer_subpool(heap_, p),
+                                   zbstg_size(heap_, p), zbstg_get_pointer_subpool(heap_, d)}),
+            std::vector<uint32_t>({11, 7, 12, 1}));
   EXPECT_EQ(zbstg_strdup(heap_, nullptr, 0), nullptr);
 }
 
 // Each row appends to the same builder: (kind, text length, capacity after).
 TEST_F(StrHeap, BuildersGrowByTheirRules) {
-  const struct {
-    char kind;  // 's' str_build, 'c' str_build_char
-    int len;
-    int32_t cap;
-  } steps[] = {
-      {'s', 10, 522},                            // 10 + 512
-      {'s', 511, 522},                           // room for the text and its terminator
-      {'s', 1, 1035},                            // one byte short: 522 + 512 + 1
-      {'s', 1100, 1035 + 512 + 1100},            // a quarter of 1,035 is under 512
-      {'s', 1100, 2647 + 2647 * 25 / 100 + 1100},  // past 2,048 the quarter wins
+  const struct { int len; int32_t cap; } steps[] = {
+      {10, 522},                            // 10 + 512
+      {511, 522},                           // room for the text and its terminator
+      {1, 1035},                            // one byte short: 522 + 512 + 1
+      {1100, 1035 + 512 + 1100},            // a quarter of 1,035 is under 512
+      {1100, 2647 + 2647 * 25 / 100 + 1100},  // past 2,048 the quarter wins
   };
   char* buf = nullptr;
   int32_t cap = 0, used = 0;
@@ -83,19 +70,19 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
     const std::string piece(s.len, static_cast<char>('a' + expect.size() % 26));
     zbstg_str_build(heap_, 0, &buf, &cap, &used, piece.c_str());
     expect += piece;
-    EXPECT_EQ(cap, s.cap);
-    EXPECT_EQ(used, static_cast<int32_t>(expect.size()));
+    EXPECT_EQ(std::make_pair(cap, used), std::make_pair(s.cap, static_cast<int32_t>(expect.size())));
   }
   EXPECT_EQ(std::string(buf), expect);
   zbstg_free(heap_, buf);
   buf = nullptr, cap = 0, used = 0;
+  expect.clear();
   for (int i = 0; i < 502; ++i) {  // grows by 501 when one byte or less is left
+    expect += static_cast<char>('a' + i % 26);
     zbstg_str_build_char(heap_, 3, &buf, &cap, &used, static_cast<char>('a' + i % 26));
     EXPECT_EQ(cap, i < 500 ? 501 : 1002) << i;
   }
-  EXPECT_EQ(used, 502);
-  EXPECT_EQ(buf[502], '\0');
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, buf), 3u);
+  EXPECT_EQ(std::string(buf), expect);
+  EXPECT_EQ(std::make_pair(used, zbstg_get_pointer_subpool(heap_, buf)), std::make_pair(502, 3u));
   zbstg_free(heap_, buf);
   // A null buffer that claims room or text is refused by all three.
   const int32_t claims[][2] = {{100, 0}, {100, 5}, {0, 5}};
@@ -127,12 +114,7 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
 }
 
 TEST(StrEdit, RemoveTrimWordCap) {
-  const struct {
-    char op;  // 'r' remove, 't' trim, 'w' wordcap, 'j' wordcap in code page 932
-    char c;
-    const char* in;
-    const char* out;
-  } cases[] = {
+  const struct { char op, c; const char* in; const char* out; } cases[] = {  // op: 'r' remove, 't' trim, 'w' wordcap, 'j' wordcap in 932
       {'r', ',', "a,b,,c,", "abc"}, {'r', 'x', "", ""}, {'t', ' ', "abc  ", "abc"},
       {'t', ' ', "  abc", "  abc"}, {'t', 'x', "xxxx", ""},
       {'w', 0, "hello-WORLD foo_bar", "Hello World Foo Bar"},
@@ -155,9 +137,7 @@ TEST(StrEdit, RemoveTrimWordCap) {
 
 // The rows agree with Python's upper() and lower() on the cp1252 text.
 TEST(StrChars, CaseAndCollation) {
-  const struct {
-    unsigned char in, upper, lower;
-  } cases[] = {{'a', 'A', 'a'}, {'Z', 'Z', 'z'}, {'1', '1', '1'}, {0xE9, 0xC9, 0xE9},
+  const struct { unsigned char in, upper, lower; } cases[] = {{'a', 'A', 'a'}, {'Z', 'Z', 'z'}, {'1', '1', '1'}, {0xE9, 0xC9, 0xE9},
                {0xC9, 0xC9, 0xE9}, {0xF7, 0xF7, 0xF7}, {0xD7, 0xD7, 0xD7}, {0xFF, 0x9F, 0xFF},
                {'`', '`', '`'}, {'{', '{', '{'}, {'@', '@', '@'}, {'[', '[', '['}, {'z', 'Z', 'z'},
                {'A', 'A', 'a'}, {0xDF, 0xDF, 0xDF}, {0xE0, 0xC0, 0xE0}, {0xFE, 0xDE, 0xFE},
@@ -168,24 +148,18 @@ TEST(StrChars, CaseAndCollation) {
     EXPECT_EQ(static_cast<unsigned char>(zbstg_ansitoupper(static_cast<char>(c.in))), c.upper) << int(c.in);
     EXPECT_EQ(static_cast<unsigned char>(zbstg_ansitolower(static_cast<char>(c.in))), c.lower) << int(c.in);
   }
-  EXPECT_LT(zbstg_lchrcmp('a', 'b'), 0);
-  EXPECT_GT(zbstg_lchrcmp('b', 'a'), 0);
-  EXPECT_EQ(zbstg_lchrcmp('q', 'q'), 0);
-  EXPECT_NE(zbstg_lchrcmp('a', 'A'), 0);
-  EXPECT_EQ(zbstg_lchrcmpi('a', 'A'), 0);
-  EXPECT_LT(zbstg_lchrcmpi('a', 'B'), 0);
+  auto sign = [](int v) { return (v > 0) - (v < 0); };
+  EXPECT_EQ(std::vector<int>({sign(zbstg_lchrcmp('a', 'b')), sign(zbstg_lchrcmp('b', 'a')), sign(zbstg_lchrcmp('q', 'q')),
+                              zbstg_lchrcmp('a', 'A') != 0, sign(zbstg_lchrcmpi('a', 'A')), sign(zbstg_lchrcmpi('a', 'B'))}),
+            std::vector<int>({-1, 1, 0, 1, 0, -1}));
   CodePage cp(932);
   EXPECT_EQ(static_cast<unsigned char>(zbstg_ansitoupper('\xE9')), 0xE9);
   EXPECT_EQ(zbstg_ansitoupper('b'), 'B');
 }
 
 TEST(StrConv, IntegerConversions) {
-  const struct {
-    char fn;  // 'u' atou, 'U' atoul, 'i' atoi, 'l' atol, or the base of strtol ('s') / strtoul ('S')
-    int base;
-    const char* text;
-    int64_t want;
-  } cases[] = {
+  // fn: 'u' atou, 'U' atoul, 'i' atoi, 'l' atol, 's' strtol, 'S' strtoul
+  const struct { char fn; int base; const char* text; int64_t want; } cases[] = {
       {'u', 0, "  42abc", 42}, {'u', 0, "-5", 0}, {'u', 0, "+5", 0}, {'u', 0, "\t\n\v\f\r 7", 7},
       {'u', 0, "", 0}, {'u', 0, "4294967295", 4294967295}, {'u', 0, "4294967296", 0},
       {'u', 0, "12 34", 12}, {'U', 0, "4294967297x", 1},
@@ -216,12 +190,7 @@ TEST(StrConv, IntegerConversions) {
 TEST(StrConv, StrtodAndAtof) {
   const double inf = HUGE_VAL;
   const std::string many = "1" + std::string(400, '0'), tiny = "0." + std::string(400, '0') + "1";
-  const struct {
-    std::string text;
-    double want;
-    int end;
-    bool erange;
-  } cases[] = {
+  const struct { std::string text; double want; int end; bool erange; } cases[] = {
       {"3.75rest", 3.75, 4, false}, {"  \t\n-2.5e3xyz", -2500, 10, false}, {"+.5", 0.5, 3, false},
       {"5.", 5, 2, false}, {".", 0, 0, false}, {"-", 0, 0, false}, {"+-1", 0, 0, false},
       {"--5", 0, 0, false}, {"e5", 0, 0, false}, {"1e", 1, 1, false}, {"1e+", 1, 1, false},
@@ -269,24 +238,15 @@ TEST(StrConv, StrtodIgnoresTheHostLocale) {
   char* end = nullptr;
   const double a = zbstg_atof("1.5"), b = zbstg_strtod("3.25x", &end), c = zbstg_atof("1,5");
   std::setlocale(LC_NUMERIC, "C");
-  EXPECT_EQ(a, 1.5);
-  EXPECT_EQ(b, 3.25);
-  EXPECT_STREQ(end, "x");
-  EXPECT_EQ(c, 1.0);
+  EXPECT_EQ(std::vector<double>({a, b, c, static_cast<double>(*end)}), std::vector<double>({1.5, 3.25, 1.0, 'x'}));
 }
 
 TEST(StrHuge, BulkOperations) {
   const unsigned char a[] = {1, 2, 0x80}, b[] = {1, 2, 0x01}, c[] = {0x01}, d[] = {0xFF};
-  EXPECT_EQ(zbstg_huge_memcmp(a, b, 3), -129);  // signed char difference
-  EXPECT_EQ(zbstg_huge_memcmp(b, a, 3), 129);
-  EXPECT_EQ(zbstg_huge_memcmp(c, d, 1), 2);
-  EXPECT_EQ(zbstg_huge_memcmp(a, b, 2), 0);
-  EXPECT_EQ(zbstg_huge_memcmp(a, b, 0), 0);
-  const struct {
-    char op;  // 'c' memcpy, 'm' memmove, 's' memset, 'n' strncpy
-    int dst, src, n;
-    std::string want;
-  } cases[] = {
+  EXPECT_EQ(std::vector<int>({zbstg_huge_memcmp(a, b, 3), zbstg_huge_memcmp(b, a, 3), zbstg_huge_memcmp(c, d, 1),
+                              zbstg_huge_memcmp(a, b, 2), zbstg_huge_memcmp(a, b, 0)}),
+            std::vector<int>({-129, 129, 2, 0, 0}));  // signed char differences
+  const struct { char op; int dst, src, n; std::string want; } cases[] = {  // op: memcpy, memmove, memset, strncpy
       {'c', 1, 0, 5, "aaaaaa"}, {'c', 0, 2, 4, "cdefef"}, {'m', 1, 0, 5, "aabcde"},
       {'m', 0, 1, 5, "bcdeff"}, {'s', 2, 0x17A, 3, "abzzzf"}, {'n', 0, 0, 3, std::string("abc\0ef", 6)},
       {'n', 0, 0, 0, std::string("\0bcdef", 6)}, {'n', 0, 4, 5, std::string("ef\0\0\0f", 6)},
@@ -310,15 +270,11 @@ TEST(StrHuge, BulkOperations) {
   EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000),
             static_cast<signed char>(dst[150000]) - static_cast<signed char>(src[150000]));
   const char* s = "hello world";
-  EXPECT_EQ(zbstg_huge_strstr(s, ""), s);
-  EXPECT_EQ(zbstg_huge_strstr(s, "o w"), s + 4);
-  EXPECT_EQ(zbstg_huge_strstr(s, "worlds"), nullptr);
-  EXPECT_EQ(zbstg_huge_strstr(s, "d"), s + 10);
-  EXPECT_EQ(zbstg_huge_strchr(s, 'o'), s + 4);
-  EXPECT_EQ(zbstg_huge_strchr(s, 'd'), s + 10);
-  EXPECT_EQ(zbstg_huge_strchr(s, 0), nullptr);
-  EXPECT_EQ(zbstg_huge_strchr(s, 'z'), nullptr);
-  EXPECT_EQ(zbstg_huge_strlen(s), 11u);
+  auto at = [&](const char* p) { return p ? static_cast<long>(p - s) : -1L; };
+  EXPECT_EQ(std::vector<long>({at(zbstg_huge_strstr(s, "")), at(zbstg_huge_strstr(s, "o w")), at(zbstg_huge_strstr(s, "worlds")),
+                               at(zbstg_huge_strstr(s, "d")), at(zbstg_huge_strchr(s, 'o')), at(zbstg_huge_strchr(s, 'd')),
+                               at(zbstg_huge_strchr(s, 0)), at(zbstg_huge_strchr(s, 'z')), long(zbstg_huge_strlen(s))}),
+            std::vector<long>({0, 4, -1, 10, 4, 10, -1, -1, 11}));
   char copy[16];
   EXPECT_EQ(zbstg_huge_strcpy(copy, s), copy);
   EXPECT_STREQ(copy, s);

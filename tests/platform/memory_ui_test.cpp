@@ -15,40 +15,31 @@
 #include "zbshr/system.h"
 
 using namespace zbshr::plat;
+using Strings = std::vector<std::string>;
 
 namespace {
 
 TEST(GlobalMemory, SizesContentsLocksAndStaleHandles) {
+  auto bytes = [](HGLOBAL h) { return std::string(static_cast<char*>(GlobalLock(h)), GlobalSize(h)); };
   HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, 1000);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(GlobalSize(h), 1000u);
-  auto* p = static_cast<unsigned char*>(GlobalLock(h));
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(p), 1000), std::string(1000, '\0'));
-  std::memset(p, 0xAB, 1000);
-  // Growing with zero-fill keeps the old bytes and clears the new ones.
+  EXPECT_EQ(bytes(h), std::string(1000, '\0'));
+  std::memset(GlobalLock(h), 0xAB, 1000);
+  // Growing with zero-fill keeps the old bytes and clears the new ones; a
+  // change of flags only keeps size and bytes.
   HGLOBAL h2 = GlobalReAlloc(h, 5000, GMEM_MOVEABLE | GMEM_ZEROINIT);
-  ASSERT_NE(h2, nullptr);
-  EXPECT_EQ(GlobalSize(h2), 5000u);
-  p = static_cast<unsigned char*>(GlobalLock(h2));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(p), 5000), std::string(1000, '\xAB') + std::string(4000, '\0'));
-  ASSERT_EQ(GlobalReAlloc(h2, 0, GMEM_MODIFY | GMEM_MOVEABLE), h2);  // flags only: size and bytes kept
-  EXPECT_EQ(GlobalSize(h2), 5000u);
-  EXPECT_EQ(static_cast<unsigned char*>(GlobalLock(h2))[999], 0xAB);
+  EXPECT_EQ(bytes(h2), std::string(1000, '\xAB') + std::string(4000, '\0'));
+  ASSERT_EQ(GlobalReAlloc(h2, 0, GMEM_MODIFY | GMEM_MOVEABLE), h2);
+  EXPECT_EQ(bytes(h2), std::string(1000, '\xAB') + std::string(4000, '\0'));
   ASSERT_NE(GlobalReAlloc(h2, 10, GMEM_MOVEABLE), nullptr);
   EXPECT_EQ(GlobalSize(h2), 10u);
   EXPECT_EQ(GlobalFree(h2), nullptr);
   // The lock count decides what unlocking answers.
   h = GlobalAlloc(GMEM_MOVEABLE, 16);
-  ASSERT_NE(GlobalLock(h), nullptr);
-  ASSERT_NE(GlobalLock(h), nullptr);
-  EXPECT_EQ(GlobalUnlock(h), 1);
-  EXPECT_EQ(GlobalUnlock(h), 0);
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  GlobalLock(h), GlobalLock(h);
+  EXPECT_EQ(std::vector<int>({GlobalUnlock(h), GlobalUnlock(h), static_cast<int>(GetLastError())}), std::vector<int>({1, 0, 0}));
   GlobalFree(h);
   int not_a_handle = 0;
-  EXPECT_EQ(GlobalReAlloc(&not_a_handle, 10, 0), nullptr);
-  EXPECT_EQ(GlobalFree(nullptr), nullptr);
+  EXPECT_TRUE(!GlobalReAlloc(&not_a_handle, 10, 0) && !GlobalFree(nullptr));
 }
 
 TEST(GlobalMemory, ZeroSizeAndFreedHandles) {
@@ -58,8 +49,7 @@ TEST(GlobalMemory, ZeroSizeAndFreedHandles) {
   EXPECT_EQ(GlobalSize(h), 0u);
   EXPECT_NE(GlobalLock(h), nullptr);
   EXPECT_EQ(GlobalFree(h), nullptr);
-  EXPECT_EQ(GlobalLock(h), nullptr);  // refused, not followed
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(zbshr_test::WithError(GlobalLock(h)), std::make_pair(static_cast<void*>(nullptr), ERROR_INVALID_HANDLE));  // refused, not followed
   EXPECT_EQ(GlobalSize(h), 0u);
   EXPECT_EQ(GlobalFree(h), h);
 }
@@ -69,12 +59,9 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   HGLOBAL a = GlobalAlloc(0, 8);        // 1st: fine
   HGLOBAL b = GlobalAlloc(0, 8);        // 2nd: fails
   HGLOBAL c = GlobalReAlloc(a, 16, 0);  // 3rd (reallocation counts): fails
-  HGLOBAL d = GlobalAlloc(0, 8);        // 4th: fine again
-  EXPECT_NE(a, nullptr);
-  EXPECT_EQ(b, nullptr);
-  EXPECT_EQ(c, nullptr);
   EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
-  EXPECT_NE(d, nullptr);
+  HGLOBAL d = GlobalAlloc(0, 8);        // 4th: fine again
+  EXPECT_TRUE(a && !b && !c && d);
   EXPECT_EQ(GlobalSize(a), 8u);  // the failed reallocation left the block alone
   GlobalFree(a);
   GlobalFree(d);
@@ -88,8 +75,7 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   GlobalFree(e);
   EXPECT_EQ(zbshr_inject_fault(0, 1, 1), 1);  // the exported knob drives the same machinery
   EXPECT_EQ(GlobalAlloc(0, 1), nullptr);
-  EXPECT_EQ(zbshr_inject_fault(99, 1, 1), 0);
-  EXPECT_EQ(zbshr_inject_fault(-1, 1, 1), 0);
+  EXPECT_EQ(zbshr_inject_fault(99, 1, 1) + zbshr_inject_fault(-1, 1, 1), 0);
   ClearFaults();
 }
 
@@ -97,15 +83,9 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
 TEST(ClassicFiles, CreationTakesTheAttributesZeroToSeven) {
   zbshr_test::Scratch s;
   const std::string p = s.path("c.bin");
-  for (int32_t attribute : {-1, 8}) {  // normal, or read-only, hidden and system combined
-    EXPECT_EQ(_lcreat(p.c_str(), attribute), -1) << attribute;
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << attribute;
-  }
-  for (int32_t attribute : {0, 6}) {
-    const int32_t f = _lcreat(p.c_str(), attribute);
-    EXPECT_NE(f, -1) << attribute;
-    EXPECT_EQ(::_lclose(f), 0);
-  }
+  for (int32_t attribute : {-1, 8})  // normal, or read-only, hidden and system combined
+    EXPECT_EQ(zbshr_test::WithError(_lcreat(p.c_str(), attribute)), std::make_pair(-1, ERROR_INVALID_PARAMETER)) << attribute;
+  for (int32_t attribute : {0, 6}) EXPECT_EQ(::_lclose(_lcreat(p.c_str(), attribute)), 0) << attribute;
 }
 #endif
 
@@ -191,17 +171,14 @@ TEST(FatalExit, PrintsTextAndEndsWithNonZeroStatus) {
 
 TEST(Resources, NamesCaptionsAndImages) {
   char buf[30];
+  auto load = [&](UINT id, int size = 30) { return std::to_string(LoadStringA(ModuleInstance(), id, buf, size)) + ":" + buf; };
   // Sorted upper-case names at 700-709 and 720-733; calendar-order names
   // from 734 on, checked against the C library's English ones.
   const char* upper[] = {"APR", "APRIL", "AUG", "AUGUST", "DEC", "DECEMBER", "FEB", "FEBRUARY",
                          "JAN", "JANUARY", "JUL", "JULY", "JUN", "JUNE", "MAR", "MARCH",
                          "MAY", "MAY", "NOV", "NOVEMBER", "OCT", "OCTOBER", "SEP", "SEPTEMBER"};
-  for (int i = 0; i < 24; ++i) {
-    const UINT id = i < 10 ? 700 + i : 720 + (i - 10);
-    EXPECT_EQ(LoadStringA(ModuleInstance(), id, buf, sizeof buf), static_cast<int>(std::strlen(upper[i]))) << id;
-    EXPECT_STREQ(buf, upper[i]) << id;
-  }
-  for (UINT id = 710; id < 720; ++id) EXPECT_EQ(LoadStringA(ModuleInstance(), id, buf, 30), 0) << id;
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(load(i < 10 ? 700 + i : 710 + i), std::to_string(std::strlen(upper[i])) + ":" + upper[i]) << i;
+  for (UINT id = 710; id < 720; ++id) EXPECT_EQ(load(id), "0:") << id;
   for (int i = 0; i < 19; ++i) {
     std::tm tm{};
     tm.tm_mon = i % 12;
@@ -210,17 +187,11 @@ TEST(Resources, NamesCaptionsAndImages) {
     std::strftime(full, sizeof full, i < 12 ? "%B" : "%A", &tm);
     std::strftime(abbr, sizeof abbr, i < 12 ? "%b" : "%a", &tm);
     const UINT at = i < 12 ? 734 + i : 758 + (i - 12);
-    LoadStringA(ModuleInstance(), at, buf, 30);
-    EXPECT_STREQ(buf, abbr) << at;
-    LoadStringA(ModuleInstance(), at + (i < 12 ? 12 : 7), buf, 30);
-    EXPECT_STREQ(buf, full) << at;
+    EXPECT_EQ(load(at) + "|" + load(at + (i < 12 ? 12 : 7)), std::to_string(std::strlen(abbr)) + ":" + abbr + "|" + std::to_string(std::strlen(full)) + ":" + full);
   }
   std::memset(buf, 'x', sizeof buf);
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 754, buf, 5), 4);  // "September", cut
-  EXPECT_STREQ(buf, "Sept");
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 9999, buf, sizeof buf), 0);
-  EXPECT_EQ(buf[0], '\0');
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 754, buf, 0), 0);
+  // "September" cut; a missing string or no room leaves an empty text (braced lists run in order).
+  EXPECT_EQ(Strings({load(754, 5), load(9999), load(754, 0)}), Strings({"4:Sept", "0:", "0:"}));
   char caption[40], formatted[40], notice[300];
   LoadStringA(ModuleInstance(), 107, caption, sizeof caption);
   std::snprintf(formatted, sizeof formatted, caption, 5, 0);
@@ -229,10 +200,8 @@ TEST(Resources, NamesCaptionsAndImages) {
   DWORD n305 = 0, n306 = 0, none = 123;
   const void* a = LoadResourceData(ModuleInstance(), 256, 305, &n305);
   const void* b = LoadResourceData(ModuleInstance(), 256, 306, &n306);
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(n305, 16384u);
-  EXPECT_EQ(n306, 16384u);
+  ASSERT_TRUE(a && b);
+  EXPECT_EQ(std::make_pair(n305, n306), std::make_pair(16384u, 16384u));
   EXPECT_NE(std::memcmp(a, b, 16384), 0);
   EXPECT_EQ(LoadResourceData(ModuleInstance(), 256, 307, &none), nullptr);
   EXPECT_EQ(none, 0u);
@@ -249,21 +218,16 @@ TEST(System, VersionClockCodePages) {
   std::tm lt{};
   localtime_r(&now, &lt);
   EXPECT_EQ(st.wYear, lt.tm_year + 1900);
-  EXPECT_GE(st.wMonth, 1);
-  EXPECT_LE(st.wMonth, 12);
-  EXPECT_LE(st.wDayOfWeek, 6);
-  EXPECT_LE(st.wSecond, 59);
-  EXPECT_LT(st.wMilliseconds, 1000);
+  EXPECT_TRUE(st.wMonth >= 1 && st.wMonth <= 12 && st.wDayOfWeek <= 6 && st.wSecond <= 59 && st.wMilliseconds < 1000);
   const DWORD t1 = GetTickCount();
   EXPECT_LE(GetTickCount() - t1, 60000u);  // monotonic (wraps as a 32-bit count)
-  EXPECT_EQ(GetACP(), 1252u);
-  int leads = 0;
-  for (int c = 0; c < 256; ++c) leads += IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0;
-  EXPECT_EQ(leads, 0);
-  EXPECT_EQ(zbshr_set_codepage(932), 1252u);
-  for (int c = 0; c < 256; ++c)
-    EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0, (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC)) << c;
-  EXPECT_EQ(zbshr_set_codepage(1252), 932u);
+  for (UINT cp : {1252u, 932u}) {
+    EXPECT_EQ(zbshr_set_codepage(cp), 1252u);
+    EXPECT_EQ(GetACP(), cp);
+    for (int c = 0; c < 256; ++c)
+      EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0, cp == 932 && ((c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC))) << c;
+    zbshr_set_codepage(1252);
+  }
 }
 
 int Sign(int v) { return (v > 0) - (v < 0); }
@@ -281,10 +245,7 @@ TEST(Collation, AStrictOrderInLevels) {
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) EXPECT_EQ(Sign(lstrcmpA(order[i], order[j])), Sign(i - j)) << i << " " << j;
   EXPECT_EQ(lstrcmpA(nullptr, ""), 0);
-  const struct {
-    const char *a, *b;
-    int sign;
-  } nocase[] = {{"HeLLo", "hello", 0}, {"\xC9T\xC9", "\xE9t\xE9", 0}, {"\xE9", "e", 1},
+  const struct { const char *a, *b; int sign; } nocase[] = {{"HeLLo", "hello", 0}, {"\xC9T\xC9", "\xE9t\xE9", 0}, {"\xE9", "e", 1},
                 {"a", "B", -1},        {"CO-OP", "coop", 1},          {"ab", "A'B", -1}};
   for (const auto& c : nocase) EXPECT_EQ(Sign(lstrcmpiA(c.a, c.b)), c.sign) << c.a << " " << c.b;
 }
@@ -297,12 +258,11 @@ namespace {
 // they pass in): they are the documented Win32 values.
 TEST(Constants, AreTheWin32Values) {
   const int64_t pairs[][2] = {
-      {HFILE_ERROR, -1}, {INVALID_HANDLE, -1}, {ERROR_SUCCESS, 0}, {ERROR_FILE_NOT_FOUND, 2},
-      {ERROR_PATH_NOT_FOUND, 3}, {ERROR_TOO_MANY_OPEN_FILES, 4}, {ERROR_ACCESS_DENIED, 5},
-      {ERROR_INVALID_HANDLE, 6}, {ERROR_NOT_ENOUGH_MEMORY, 8}, {ERROR_SEEK, 25}, {ERROR_WRITE_FAULT, 29},
-      {ERROR_READ_FAULT, 30}, {ERROR_SHARING_VIOLATION, 32}, {ERROR_HANDLE_EOF, 38}, {ERROR_FILE_EXISTS, 80},
-      {ERROR_INVALID_PARAMETER, 87}, {ERROR_BUFFER_OVERFLOW, 111}, {ERROR_DISK_FULL, 112},
-      {ERROR_INSUFFICIENT_BUFFER, 122}, {ERROR_INVALID_NAME, 123}, {ERROR_NEGATIVE_SEEK, 131},
+      {HFILE_ERROR, -1}, {INVALID_HANDLE, -1}, {ERROR_SUCCESS, 0}, {ERROR_FILE_NOT_FOUND, 2}, {ERROR_PATH_NOT_FOUND, 3},
+      {ERROR_TOO_MANY_OPEN_FILES, 4}, {ERROR_ACCESS_DENIED, 5}, {ERROR_INVALID_HANDLE, 6}, {ERROR_NOT_ENOUGH_MEMORY, 8},
+      {ERROR_SEEK, 25}, {ERROR_WRITE_FAULT, 29}, {ERROR_READ_FAULT, 30}, {ERROR_SHARING_VIOLATION, 32},
+      {ERROR_HANDLE_EOF, 38}, {ERROR_FILE_EXISTS, 80}, {ERROR_INVALID_PARAMETER, 87}, {ERROR_BUFFER_OVERFLOW, 111},
+      {ERROR_DISK_FULL, 112}, {ERROR_INSUFFICIENT_BUFFER, 122}, {ERROR_INVALID_NAME, 123}, {ERROR_NEGATIVE_SEEK, 131},
       {ERROR_DIR_NOT_EMPTY, 145}, {ERROR_ALREADY_EXISTS, 183}, {ERROR_FILENAME_EXCED_RANGE, 206},
       {ERROR_MORE_DATA, 234}, {GMEM_FIXED, 0}, {GMEM_MOVEABLE, 2}, {GMEM_ZEROINIT, 0x40}, {GMEM_MODIFY, 0x80},
       {GMEM_DDESHARE, 0x2000}, {GENERIC_READ, 0x80000000LL}, {GENERIC_WRITE, 0x40000000}, {FILE_SHARE_READ, 1},
@@ -311,11 +271,11 @@ TEST(Constants, AreTheWin32Values) {
       {FILE_BEGIN, 0}, {FILE_CURRENT, 1}, {FILE_END, 2}, {INVALID_SET_FILE_POINTER, 0xFFFFFFFFLL},
       {INVALID_FILE_SIZE, 0xFFFFFFFFLL}, {MOVEFILE_REPLACE_EXISTING, 1}, {MOVEFILE_WRITE_THROUGH, 8},
       {INVALID_FILE_ATTRIBUTES, 0xFFFFFFFFLL}, {FILE_ATTRIBUTE_DIRECTORY, 0x10}, {FILE_ATTRIBUTE_READONLY, 1},
-      {KEY_READ, 0x20019}, {KEY_WRITE, 0x20006}, {KEY_ALL_ACCESS, 0xF003F}, {REG_NONE, 0}, {REG_SZ, 1},
-      {REG_BINARY, 3}, {REG_DWORD, 4}, {REG_OPTION_NON_VOLATILE, 0}, {MB_OK, 0}, {MB_OKCANCEL, 1},
-      {MB_ABORTRETRYIGNORE, 2}, {MB_YESNOCANCEL, 3}, {MB_YESNO, 4}, {MB_RETRYCANCEL, 5}, {MB_ICONSTOP, 0x10},
-      {MB_ICONQUESTION, 0x20}, {MB_ICONEXCLAMATION, 0x30}, {MB_SYSTEMMODAL, 0x1000}, {MB_TASKMODAL, 0x2000},
-      {IDOK, 1}, {IDCANCEL, 2}, {IDABORT, 3}, {IDRETRY, 4}, {IDIGNORE, 5}, {IDYES, 6}, {IDNO, 7}, {CF_TEXT, 1},
+      {KEY_READ, 0x20019}, {KEY_WRITE, 0x20006}, {KEY_ALL_ACCESS, 0xF003F}, {REG_NONE, 0}, {REG_SZ, 1}, {REG_BINARY, 3},
+      {REG_DWORD, 4}, {REG_OPTION_NON_VOLATILE, 0}, {MB_OK, 0}, {MB_OKCANCEL, 1}, {MB_ABORTRETRYIGNORE, 2},
+      {MB_YESNOCANCEL, 3}, {MB_YESNO, 4}, {MB_RETRYCANCEL, 5}, {MB_ICONSTOP, 0x10}, {MB_ICONQUESTION, 0x20},
+      {MB_ICONEXCLAMATION, 0x30}, {MB_SYSTEMMODAL, 0x1000}, {MB_TASKMODAL, 0x2000}, {IDOK, 1}, {IDCANCEL, 2},
+      {IDABORT, 3}, {IDRETRY, 4}, {IDIGNORE, 5}, {IDYES, 6}, {IDNO, 7}, {CF_TEXT, 1},
   };
   for (size_t i = 0; i < sizeof pairs / sizeof *pairs; ++i) EXPECT_EQ(pairs[i][0], pairs[i][1]) << "entry " << i;
 }

@@ -6,6 +6,9 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
+
+#include "platform/platform.h"
 
 // Opens a test of the POSIX emulation itself (its spellings, its knobs, its
 // use of POSIX processes): on Windows the real API answers, and the test is
@@ -17,6 +20,9 @@
 #endif
 
 namespace zbshr_test {
+
+// A call's result with the last error it left (the argument is evaluated first).
+template <class T> std::pair<T, zbshr::plat::DWORD> WithError(T result) { return {result, zbshr::plat::GetLastError()}; }
 
 class Scratch {
  public:
@@ -31,14 +37,10 @@ class Scratch {
   const std::string& dir() const { return dir_; }
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-  void write(const std::string& name, const std::string& content) const {
-    std::ofstream out(path(name), std::ios::binary);
-    out << content;
-  }
+  void write(const std::string& name, const std::string& content) const { std::ofstream(path(name), std::ios::binary) << content; }
   std::string read(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path(name), std::ios::binary).rdbuf();
     return ss.str();
   }
 

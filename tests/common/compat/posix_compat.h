@@ -1,8 +1,5 @@
-// The few POSIX calls the tests use for their environment, local time and
-// temporary folders, for Windows test builds (forced into every test source
-// there). Process control has no counterpart here: the tests that fork or run
-// a shell are compiled for POSIX only, and the command-line tests go through
-// tests/common/run_program.h.
+// The few POSIX calls the tests use, for Windows test builds (forced into
+// every test source there); tests that fork or run a shell are POSIX-only.
 #pragma once
 
 #if defined(_WIN32)
@@ -13,25 +10,15 @@
 #include <string.h>
 #include <time.h>
 
-#ifdef __cplusplus
-extern "C++" {
-#endif
 
+// As on Windows generally, an empty value removes the variable.
 static inline int setenv(const char* name, const char* value, int overwrite) {
-  if (!overwrite && getenv(name)) return 0;
-  // As on Windows generally, an empty value removes the variable.
-  return _putenv_s(name, value) == 0 ? 0 : -1;
+  return !overwrite && getenv(name) ? 0 : _putenv_s(name, value) == 0 ? 0 : -1;
 }
-
 static inline int unsetenv(const char* name) { return _putenv_s(name, "") == 0 ? 0 : -1; }
 
-static inline struct tm* localtime_r(const time_t* t, struct tm* out) {
-  return localtime_s(out, t) == 0 ? out : NULL;
-}
-
-static inline struct tm* gmtime_r(const time_t* t, struct tm* out) {
-  return gmtime_s(out, t) == 0 ? out : NULL;
-}
+static inline struct tm* localtime_r(const time_t* t, struct tm* out) { return localtime_s(out, t) ? NULL : out; }
+static inline struct tm* gmtime_r(const time_t* t, struct tm* out) { return gmtime_s(out, t) ? NULL : out; }
 
 // Replaces the trailing XXXXXX with a unique suffix and creates the folder.
 static inline char* mkdtemp(char* tmpl) {
@@ -49,7 +36,4 @@ static inline char* mkdtemp(char* tmpl) {
   return NULL;
 }
 
-#ifdef __cplusplus
-}
-#endif
 #endif
