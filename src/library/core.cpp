@@ -70,9 +70,9 @@ void setWriteThrough(bool on) { g_writeThrough = on ? 1 : 0; }
 
 int diskDialog(UINT textId, const char* fallback) {
   char title[128], text[256];
-  if (LoadStringA(ModuleInstance(), 300, title, sizeof title) <= 0)
+  if (LoadStringA(module_instance(), 300, title, sizeof title) <= 0)
     std::strcpy(title, "Library Manager");
-  if (LoadStringA(ModuleInstance(), textId, text, sizeof text) <= 0) std::strcpy(text, fallback);
+  if (LoadStringA(module_instance(), textId, text, sizeof text) <= 0) std::strcpy(text, fallback);
   MessageBeep(MB_ICONSTOP);
   return MessageBoxA(GetActiveWindow(), text, title, MB_RETRYCANCEL | MB_ICONSTOP);
 }
@@ -402,7 +402,7 @@ Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t re
       }
     } else if (isExecutable(full)) {
       DWORD stub = 0;
-      LoadResourceData(ModuleInstance(), 256, 305, &stub);
+      load_resource_data(module_instance(), 256, 305, &stub);
       h->base = stub;
     }
   }

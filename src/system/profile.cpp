@@ -72,7 +72,7 @@ Host RecogniseHost() {
   if (h.short_name.empty()) h.short_name = "zb";
 
   char file[kMaxPath + 1] = {0};
-  plat::GetModuleFileNameOfA(module, file, sizeof file);
+  plat::module_file_name_of(module, file, sizeof file);
   std::string f = file;
   size_t last = f.find_last_of("/\\:");
   if (last != std::string::npos) {
@@ -86,7 +86,7 @@ Host RecogniseHost() {
   // String resources 29-31: "<short name> <product name>".
   for (plat::UINT id = 29; id <= 31; ++id) {
     char text[26] = {0};
-    plat::LoadStringA(plat::ModuleInstance(), id, text, sizeof text);
+    plat::LoadStringA(plat::module_instance(), id, text, sizeof text);
     std::string t = text;
     size_t sp = t.find(' ');
     if (sp == std::string::npos) continue;

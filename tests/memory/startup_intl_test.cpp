@@ -36,7 +36,7 @@ std::string Describe(const intl::Settings& s) {
 TEST(Intl, SettingsFromTheProfile) {
   const char* home = std::getenv("ZBSHR_HOME");
   if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
-  const std::string dir = zbshr::plat::ConfigDir(), ini = dir + "/" ZBTEST_SYSTEM_PROFILE;
+  const std::string dir = zbshr::plat::config_dir(), ini = dir + "/" ZBTEST_SYSTEM_PROFILE;
   std::filesystem::create_directories(dir);
   const std::string defaults = ".|,|$|0200|:|M/d/yyyy|dddd, MMMM dd, yyyy|AM|PM";
   const struct {
@@ -112,7 +112,7 @@ TEST(Startup, FeatureUnsupportedNotice) {
   EXPECT_EQ(seen.caption, "Release 5.0");
   EXPECT_EQ(seen.style, 16u);
   char expect[300];
-  zbshr::plat::LoadStringA(zbshr::plat::ModuleInstance(), 108, expect, sizeof expect);
+  zbshr::plat::LoadStringA(zbshr::plat::module_instance(), 108, expect, sizeof expect);
   EXPECT_FALSE(seen.text.empty());
   EXPECT_EQ(seen.text, expect);
 }

@@ -29,8 +29,8 @@ uint16_t WordAt(const void* p) {
 }
 
 struct CodePage {  // restores the single-byte code page however a test ends
-  explicit CodePage(uint32_t cp) { zbshr::plat::SetACP(cp); }
-  ~CodePage() { zbshr::plat::SetACP(1252); }
+  explicit CodePage(uint32_t cp) { zbshr::plat::set_acp(cp); }
+  ~CodePage() { zbshr::plat::set_acp(1252); }
 };
 
 TEST_F(StrHeap, AllocStringStrdupAndLengths) {

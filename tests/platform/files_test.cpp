@@ -103,7 +103,7 @@ TEST(Files, ReadWriteSeekAndHandles) {
   EXPECT_EQ(pos, 0xFFFFFFFFLL);
   ASSERT_TRUE(ReadFile(f, buf, 5, &n));  // past the end: nothing, no failure
   EXPECT_EQ(n, 0u);
-  InjectFault(Fault::Seek, 1, 1);  // fails exactly one call
+  inject_fault(Fault::Seek, 1, 1);  // fails exactly one call
   EXPECT_EQ(SetFilePointer(f, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
   EXPECT_EQ(GetLastError(), ERROR_SEEK);
   EXPECT_EQ(SetFilePointer(f, 4, nullptr, FILE_BEGIN), 4u);
@@ -113,7 +113,7 @@ TEST(Files, ReadWriteSeekAndHandles) {
   EXPECT_EQ(size, 4);
   EXPECT_TRUE(FlushFileBuffers(f));
   int64_t mtime = 0;
-  ASSERT_TRUE(GetFileTimeUnix(f, &mtime));
+  ASSERT_TRUE(get_file_time_unix(f, &mtime));
   EXPECT_LE(std::abs(mtime - static_cast<int64_t>(time(nullptr))), 300);
   EXPECT_TRUE(CloseHandle(f));
   EXPECT_EQ(s.read("rw.dat"), "0123");
@@ -169,7 +169,7 @@ TEST(Files, WriteThroughOpensSynchronouslyAndHandlesAreNotInherited) {
 TEST(Files, ClassicCallsAndInjectedFaults) {
   Scratch s;
   const std::string p = s.path("classic.bin");
-  InjectFault(Fault::Open, 1, 1);
+  inject_fault(Fault::Open, 1, 1);
   EXPECT_EQ(CreateFileA(p.c_str(), RW, 0, CREATE_ALWAYS, 0), INVALID_HANDLE);
   HFILE f = CreateFileA(p.c_str(), RW, 0, CREATE_ALWAYS, 0);
   ASSERT_NE(f, HFILE_ERROR);
@@ -182,15 +182,15 @@ TEST(Files, ClassicCallsAndInjectedFaults) {
   EXPECT_EQ(_llseek(f, -7, 1), HFILE_ERROR);
   EXPECT_EQ(_lread(f, buf, 4), 0);
   EXPECT_EQ(_llseek(f, 0, 0), 0);
-  InjectFault(Fault::Write, 2, 1);
+  inject_fault(Fault::Write, 2, 1);
   EXPECT_EQ(_lwrite(f, "12345678", 8), 8);
   EXPECT_EQ(_lwrite(f, "abcdefgh", 8), 4);  // short: half of it
   EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
   EXPECT_EQ(_lwrite(f, "XY", 2), 2);
-  InjectFault(Fault::Seek, 1, 1);
+  inject_fault(Fault::Seek, 1, 1);
   EXPECT_EQ(_llseek(f, 0, 0), HFILE_ERROR);
   EXPECT_EQ(_llseek(f, 0, 0), 0);
-  InjectFault(Fault::Read, 1, 2);
+  inject_fault(Fault::Read, 1, 2);
   DWORD n = 77;
   EXPECT_FALSE(ReadFile(f, buf, 4, &n));
   EXPECT_EQ(n, 0u);
@@ -201,7 +201,7 @@ TEST(Files, ClassicCallsAndInjectedFaults) {
   EXPECT_EQ(_lclose(f), 0);
   EXPECT_EQ(_lclose(f), HFILE_ERROR);
   EXPECT_EQ(_lread(f, buf, 1), HFILE_ERROR);
-  ClearFaults();
+  clear_faults();
 }
 
 // Opens `p` with the given access and sharing; true when it succeeded.
@@ -304,11 +304,11 @@ TEST(Paths, SpellingsAndNormalisation) {
   std::filesystem::create_directories(s.path("Data/Sub"));
   s.write("Data/Sub/File.TXT", "1");
   const std::string d = s.dir(), want = s.path("Data/Sub/File.TXT");
-  EXPECT_EQ(NativePath((d + "/data/SUB/file.txt").c_str()), want);
-  EXPECT_EQ(NativePath((d + "\\DATA\\sub\\FILE.txt").c_str()), want);
-  EXPECT_EQ(NativePath((d + "/data/sub/New.Txt").c_str()), s.path("Data/Sub/New.Txt"));  // missing: kept
+  EXPECT_EQ(native_path((d + "/data/SUB/file.txt").c_str()), want);
+  EXPECT_EQ(native_path((d + "\\DATA\\sub\\FILE.txt").c_str()), want);
+  EXPECT_EQ(native_path((d + "/data/sub/New.Txt").c_str()), s.path("Data/Sub/New.Txt"));  // missing: kept
   s.write("Data/Sub/file.txt", "2");  // an exact spelling wins over another case
-  EXPECT_EQ(NativePath(s.path("Data/Sub/file.txt").c_str()), s.path("Data/Sub/file.txt"));
+  EXPECT_EQ(native_path(s.path("Data/Sub/file.txt").c_str()), s.path("Data/Sub/file.txt"));
   HFILE f = CreateFileA((d + "\\DATA\\SUB\\FILE.TXT").c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);
   ASSERT_NE(f, INVALID_HANDLE);
   CloseHandle(f);
@@ -422,9 +422,9 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_EQ(std::strlen(buf), n - 1);
   HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name too
   EXPECT_EQ(GetModuleHandleA(std::filesystem::canonical("/proc/self/exe").filename().string().c_str()), self);
-  EXPECT_EQ(GetModuleFileNameOfA(self, buf, sizeof buf), n);
-  EXPECT_EQ(GetModuleFileNameOfA(self, buf, n + 1), n);
-  EXPECT_EQ(GetModuleFileNameOfA(self, buf, n), n - 1);  // cut and terminated
+  EXPECT_EQ(module_file_name_of(self, buf, sizeof buf), n);
+  EXPECT_EQ(module_file_name_of(self, buf, n + 1), n);
+  EXPECT_EQ(module_file_name_of(self, buf, n), n - 1);  // cut and terminated
   EXPECT_EQ(std::strlen(buf), n - 1);
 }
 

@@ -65,7 +65,7 @@ TEST(GlobalMemory, ZeroSizeAndFreedHandles) {
 }
 
 TEST(FaultInjection, CountsCallsAndFailsARun) {
-  InjectFault(Fault::GlobalAlloc, 2, 2);
+  inject_fault(Fault::GlobalAlloc, 2, 2);
   HGLOBAL a = GlobalAlloc(0, 8);        // 1st: fine
   HGLOBAL b = GlobalAlloc(0, 8);        // 2nd: fails
   HGLOBAL c = GlobalReAlloc(a, 16, 0);  // 3rd (reallocation counts): fails
@@ -79,18 +79,18 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   GlobalFree(a);
   GlobalFree(d);
   HGLOBAL e = GlobalAlloc(0, 8);
-  InjectFault(Fault::GlobalLock, 1, 1);
+  inject_fault(Fault::GlobalLock, 1, 1);
   EXPECT_EQ(GlobalLock(e), nullptr);
   EXPECT_NE(GlobalLock(e), nullptr);
-  InjectFault(Fault::GlobalLock, 1, 5);
-  InjectFault(Fault::GlobalLock, 1, 0);  // disarmed
+  inject_fault(Fault::GlobalLock, 1, 5);
+  inject_fault(Fault::GlobalLock, 1, 0);  // disarmed
   EXPECT_NE(GlobalLock(e), nullptr);
   GlobalFree(e);
   EXPECT_EQ(zbshr_inject_fault(0, 1, 1), 1);  // the exported knob drives the same machinery
   EXPECT_EQ(GlobalAlloc(0, 1), nullptr);
   EXPECT_EQ(zbshr_inject_fault(99, 1, 1), 0);
   EXPECT_EQ(zbshr_inject_fault(-1, 1, 1), 0);
-  ClearFaults();
+  clear_faults();
 }
 
 #ifndef _WIN32  // the library exports the classic file calls on POSIX only
@@ -132,13 +132,13 @@ class MessageBoxTest : public ::testing::Test {
     const char* v = std::getenv("ZBSHR_MSGBOX");
     saved_ = v ? v : "";
     had_ = v != nullptr;
-    ResetMessageBoxScript();
+    reset_message_box_script();
   }
   void TearDown() override {
     zbshr_set_msgbox_handler(nullptr, nullptr);
     if (had_) setenv("ZBSHR_MSGBOX", saved_.c_str(), 1);
     else unsetenv("ZBSHR_MSGBOX");
-    ResetMessageBoxScript();
+    reset_message_box_script();
   }
   std::string saved_;
   bool had_ = false;
@@ -192,10 +192,10 @@ TEST(Resources, NamesCaptionsAndImages) {
                          "MAY", "MAY", "NOV", "NOVEMBER", "OCT", "OCTOBER", "SEP", "SEPTEMBER"};
   for (int i = 0; i < 24; ++i) {
     const UINT id = i < 10 ? 700 + i : 720 + (i - 10);
-    EXPECT_EQ(LoadStringA(ModuleInstance(), id, buf, sizeof buf), static_cast<int>(std::strlen(upper[i]))) << id;
+    EXPECT_EQ(LoadStringA(module_instance(), id, buf, sizeof buf), static_cast<int>(std::strlen(upper[i]))) << id;
     EXPECT_STREQ(buf, upper[i]) << id;
   }
-  for (UINT id = 710; id < 720; ++id) EXPECT_EQ(LoadStringA(ModuleInstance(), id, buf, 30), 0) << id;
+  for (UINT id = 710; id < 720; ++id) EXPECT_EQ(LoadStringA(module_instance(), id, buf, 30), 0) << id;
   for (int i = 0; i < 19; ++i) {
     std::tm tm{};
     tm.tm_mon = i % 12;
@@ -204,33 +204,33 @@ TEST(Resources, NamesCaptionsAndImages) {
     std::strftime(full, sizeof full, i < 12 ? "%B" : "%A", &tm);
     std::strftime(abbr, sizeof abbr, i < 12 ? "%b" : "%a", &tm);
     const UINT at = i < 12 ? 734 + i : 758 + (i - 12);
-    LoadStringA(ModuleInstance(), at, buf, 30);
+    LoadStringA(module_instance(), at, buf, 30);
     EXPECT_STREQ(buf, abbr) << at;
-    LoadStringA(ModuleInstance(), at + (i < 12 ? 12 : 7), buf, 30);
+    LoadStringA(module_instance(), at + (i < 12 ? 12 : 7), buf, 30);
     EXPECT_STREQ(buf, full) << at;
   }
   std::memset(buf, 'x', sizeof buf);
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 754, buf, 5), 4);  // "September", cut
+  EXPECT_EQ(LoadStringA(module_instance(), 754, buf, 5), 4);  // "September", cut
   EXPECT_STREQ(buf, "Sept");
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 9999, buf, sizeof buf), 0);
+  EXPECT_EQ(LoadStringA(module_instance(), 9999, buf, sizeof buf), 0);
   EXPECT_EQ(buf[0], '\0');
-  EXPECT_EQ(LoadStringA(ModuleInstance(), 754, buf, 0), 0);
+  EXPECT_EQ(LoadStringA(module_instance(), 754, buf, 0), 0);
   char caption[40], formatted[40], notice[300];
-  LoadStringA(ModuleInstance(), 107, caption, sizeof caption);
+  LoadStringA(module_instance(), 107, caption, sizeof caption);
   std::snprintf(formatted, sizeof formatted, caption, 5, 0);
   EXPECT_STREQ(formatted, "Release 5.0");
-  EXPECT_GT(LoadStringA(ModuleInstance(), 108, notice, sizeof notice), 20);
+  EXPECT_GT(LoadStringA(module_instance(), 108, notice, sizeof notice), 20);
   DWORD n305 = 0, n306 = 0, none = 123;
-  const void* a = LoadResourceData(ModuleInstance(), 256, 305, &n305);
-  const void* b = LoadResourceData(ModuleInstance(), 256, 306, &n306);
+  const void* a = load_resource_data(module_instance(), 256, 305, &n305);
+  const void* b = load_resource_data(module_instance(), 256, 306, &n306);
   ASSERT_NE(a, nullptr);
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(n305, 16384u);
   EXPECT_EQ(n306, 16384u);
   EXPECT_NE(std::memcmp(a, b, 16384), 0);
-  EXPECT_EQ(LoadResourceData(ModuleInstance(), 256, 307, &none), nullptr);
+  EXPECT_EQ(load_resource_data(module_instance(), 256, 307, &none), nullptr);
   EXPECT_EQ(none, 0u);
-  EXPECT_EQ(LoadResourceData(ModuleInstance(), 10, 305, &none), nullptr);
+  EXPECT_EQ(load_resource_data(module_instance(), 10, 305, &none), nullptr);
 }
 
 TEST(System, VersionClockCodePages) {

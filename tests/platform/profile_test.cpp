@@ -133,7 +133,7 @@ TEST_F(HomeTest, RelativeNamesAndTheSystemProfileLiveInTheConfigurationFolder) {
   EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &k), ERROR_FILE_NOT_FOUND);
   EXPECT_TRUE(WritePrivateProfileStringA("x", "y", nullptr, "app.ini"));
   EXPECT_FALSE(std::filesystem::exists(s_.path("home")));
-  EXPECT_EQ(ConfigDir(), s_.path("home"));
+  EXPECT_EQ(config_dir(), s_.path("home"));
   EXPECT_TRUE(WriteProfileStringA("intl", "sDecimal", ",,"));
   EXPECT_EQ(s_.read("home/win.ini"), "[intl]\nsDecimal=,,\n");
   EXPECT_EQ(GetProfileStringA("INTL", "sdecimal", ".", buf, sizeof buf), 2u);
@@ -151,12 +151,12 @@ TEST(ConfigFolder, FallsBackToXdgThenHome) {
   const char* x = std::getenv("XDG_CONFIG_HOME");
   const std::string saved_xdg = x ? x : "";
   setenv("ZBSHR_HOME", "/tmp/zb-home///", 1);
-  EXPECT_EQ(ConfigDir(), "/tmp/zb-home");
+  EXPECT_EQ(config_dir(), "/tmp/zb-home");
   unsetenv("ZBSHR_HOME");
   setenv("XDG_CONFIG_HOME", "/tmp/xdg", 1);
-  EXPECT_EQ(ConfigDir(), "/tmp/xdg/zbshr");
+  EXPECT_EQ(config_dir(), "/tmp/xdg/zbshr");
   unsetenv("XDG_CONFIG_HOME");
-  EXPECT_EQ(ConfigDir(), std::string(std::getenv("HOME")) + "/.config/zbshr");
+  EXPECT_EQ(config_dir(), std::string(std::getenv("HOME")) + "/.config/zbshr");
   if (!saved_xdg.empty()) setenv("XDG_CONFIG_HOME", saved_xdg.c_str(), 1);
   if (v) setenv("ZBSHR_HOME", saved.c_str(), 1);
 }
