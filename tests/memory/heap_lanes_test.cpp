@@ -33,18 +33,18 @@ TEST(HeapLanes, AtLeastAndMaxAgreeWithPlainLoops) {
     }
     uint16_t v = (round & 1) ? static_cast<uint16_t>(rng()) : edges[rng() % std::size(edges)];
     uint32_t want = Reference(p, v);
-    ASSERT_EQ(lanes_plain::AtLeast(p, v), want);
-    ASSERT_EQ(lanes::AtLeast(p, v), want);
+    ASSERT_EQ(lanes_plain::at_least(p, v), want);
+    ASSERT_EQ(lanes::at_least(p, v), want);
     uint16_t mx = 0;
     for (auto x : p) mx = x > mx ? x : mx;
-    ASSERT_EQ(lanes_plain::Max(p), mx);
-    ASSERT_EQ(lanes::Max(p), mx);
+    ASSERT_EQ(lanes_plain::max(p), mx);
+    ASSERT_EQ(lanes::max(p), mx);
     uint32_t skip = rng() % 16;
     uint16_t mx_other = 0;
     for (uint32_t i = 0; i < 16; ++i)
       if (i != skip && p[i] > mx_other) mx_other = p[i];
-    ASSERT_EQ(lanes_plain::MaxExcept(p, skip), mx_other);
-    ASSERT_EQ(lanes::MaxExcept(p, skip), mx_other);
+    ASSERT_EQ(lanes_plain::max_except(p, skip), mx_other);
+    ASSERT_EQ(lanes::max_except(p, skip), mx_other);
   }
 }
 
@@ -53,31 +53,31 @@ TEST(HeapLanes, MirrorSearchesSkipPadding) {
   // last entry must never be found by either search.
   ZBSTG_HEAP h = zbstg_begin(0);
   Mirror m;
-  MirrorInit(h, &m, 8, 12);
-  for (uint32_t i = 1; i < 20; ++i) MirrorInsert(h, &m, i, 8 + 40 * i, 12 + i);
+  mirror_init(h, &m, 8, 12);
+  for (uint32_t i = 1; i < 20; ++i) mirror_insert(h, &m, i, 8 + 40 * i, 12 + i);
   ASSERT_EQ(m.n, 20u);
   ASSERT_GE(m.cap, 32u);
-  EXPECT_EQ(m.LowerBound(8), 0u);
-  EXPECT_EQ(m.LowerBound(9), 1u);
-  EXPECT_EQ(m.LowerBound(8 + 40 * 19), 19u);
-  EXPECT_EQ(m.LowerBound(8 + 40 * 19 + 1), 20u);
-  EXPECT_EQ(m.LowerBound(0xFFFE), 20u);
-  EXPECT_EQ(m.FirstFit(12), 0u);
-  EXPECT_EQ(m.FirstFit(13 + 17), 18u);
-  EXPECT_EQ(m.FirstFit(12 + 19), 19u);
-  EXPECT_EQ(m.FirstFit(12 + 20), 20u);
-  EXPECT_EQ(m.Largest(), 31u);
-  EXPECT_EQ(m.LargestExcept(19), 30u);
-  EXPECT_EQ(m.LargestExcept(3), 31u);
-  m.Remove(19);
-  EXPECT_EQ(m.Largest(), 30u);
-  EXPECT_EQ(m.FirstFit(31), 19u);
-  EXPECT_EQ(m.LowerBound(0xFFFE), 19u);
-  m.Remove(0);
-  EXPECT_EQ(m.Off(0), 48u);
-  EXPECT_EQ(m.Size(0), 13u);
-  EXPECT_EQ(m.LowerBound(8), 0u);
-  MirrorFree(&m);
+  EXPECT_EQ(m.lower_bound(8), 0u);
+  EXPECT_EQ(m.lower_bound(9), 1u);
+  EXPECT_EQ(m.lower_bound(8 + 40 * 19), 19u);
+  EXPECT_EQ(m.lower_bound(8 + 40 * 19 + 1), 20u);
+  EXPECT_EQ(m.lower_bound(0xFFFE), 20u);
+  EXPECT_EQ(m.first_fit(12), 0u);
+  EXPECT_EQ(m.first_fit(13 + 17), 18u);
+  EXPECT_EQ(m.first_fit(12 + 19), 19u);
+  EXPECT_EQ(m.first_fit(12 + 20), 20u);
+  EXPECT_EQ(m.largest_free(), 31u);
+  EXPECT_EQ(m.largest_except(19), 30u);
+  EXPECT_EQ(m.largest_except(3), 31u);
+  m.remove(19);
+  EXPECT_EQ(m.largest_free(), 30u);
+  EXPECT_EQ(m.first_fit(31), 19u);
+  EXPECT_EQ(m.lower_bound(0xFFFE), 19u);
+  m.remove(0);
+  EXPECT_EQ(m.off_at(0), 48u);
+  EXPECT_EQ(m.size_at(0), 13u);
+  EXPECT_EQ(m.lower_bound(8), 0u);
+  mirror_free(&m);
   zbstg_end(h);
 }
 
@@ -92,8 +92,8 @@ TEST(HeapLanes, ShiftsAgreeWithPlainMoves) {
           std::vector<uint16_t> base(cap, pad);
           for (uint32_t i = 0; i < n; ++i) base[i] = static_cast<uint16_t>(rng());
           auto a = base, b = base;
-          lanes_plain::ShiftUp(a.data(), k, n, cap);
-          lanes::ShiftUp(b.data(), k, n, cap);
+          lanes_plain::shift_up(a.data(), k, n, cap);
+          lanes::shift_up(b.data(), k, n, cap);
           ASSERT_EQ(a, b) << "up cap " << cap << " n " << n << " k " << k;
           for (uint32_t i = k; i < n; ++i) ASSERT_EQ(a[i + 1], base[i]);
           if (k == n) continue;
@@ -101,8 +101,8 @@ TEST(HeapLanes, ShiftsAgreeWithPlainMoves) {
           uint32_t last = n - 1;
           a = base;
           b = base;
-          lanes_plain::ShiftDown(a.data(), k, last, cap);
-          lanes::ShiftDown(b.data(), k, last, cap);
+          lanes_plain::shift_down(a.data(), k, last, cap);
+          lanes::shift_down(b.data(), k, last, cap);
           for (uint32_t i = 0; i < cap; ++i) {
             if (i == last) continue;  // left for the caller
             ASSERT_EQ(a[i], b[i]) << "down cap " << cap << " n " << n << " k " << k << " i " << i;

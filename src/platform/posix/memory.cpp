@@ -27,7 +27,7 @@ std::unordered_set<GlobalBlock*>& live_blocks() {
 }
 
 // The live block of h, or null with ERROR_INVALID_HANDLE. Called under g_mutex.
-GlobalBlock* Find(HGLOBAL h) {
+GlobalBlock* find(HGLOBAL h) {
   auto* b = static_cast<GlobalBlock*>(h);
   if (live_blocks().count(b)) return b;
   SetLastError(ERROR_INVALID_HANDLE);
@@ -73,7 +73,7 @@ HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
 void* GlobalLock(HGLOBAL h) {
   if (out_of_memory_fault(Fault::GlobalLock)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return nullptr;
   ++b->locks;
   return b->data;
@@ -81,7 +81,7 @@ void* GlobalLock(HGLOBAL h) {
 
 BOOL GlobalUnlock(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return 0;
   if (b->locks > 0) --b->locks;
   // As on Windows: non-zero while the block is still locked.
@@ -95,7 +95,7 @@ BOOL GlobalUnlock(HGLOBAL h) {
 HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
   if (out_of_memory_fault(Fault::GlobalAlloc)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return nullptr;
   if (flags & GMEM_MODIFY) {
     // Only the block's attributes change; size and contents stay.
@@ -116,7 +116,7 @@ HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
 
 size_t GlobalSize(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return 0;
   return b->size;
 }
@@ -124,7 +124,7 @@ size_t GlobalSize(HGLOBAL h) {
 HGLOBAL GlobalFree(HGLOBAL h) {
   if (!h) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return h;
   live_blocks().erase(b);
   std::free(b->data);
