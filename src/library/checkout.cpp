@@ -40,7 +40,7 @@ bool parse(const std::vector<uint8_t>& list, std::vector<Record>* out) {
 }
 
 void append_record(std::vector<uint8_t>* list, const std::string& other, const char* name,
-                  const std::string& user, char status) {
+                   const std::string& user, char status) {
   for (const std::string& s : {other, std::string(name), user}) {
     list->insert(list->end(), s.begin(), s.end());
     list->push_back(0);
@@ -50,7 +50,7 @@ void append_record(std::vector<uint8_t>* list, const std::string& other, const c
 
 // Rewrites the list of `h` with one record added.
 int32_t add_record(Library* h, const std::string& other, const char* name, const std::string& user,
-                  char status) {
+                   char status) {
   Op op(h);
   std::vector<uint8_t> list;
   if (read_list(h, &list)) return op.end(LMI_E_IO);
@@ -126,7 +126,7 @@ int32_t write_list(Library* h, const std::vector<uint8_t>& bytes, bool freeOld) 
 }
 
 int32_t drop_check_out_record(Library* h, const char* name, std::string* other, char* status,
-                           bool onlyIfPresent) {
+                              bool onlyIfPresent) {
   *status = 0;
   Op op(h);
   std::vector<uint8_t> list;
@@ -244,7 +244,7 @@ ZBSHR_API(int32_t) LMI_CheckRegisterEntry(ZBSTG_HEAP heap, char* libraryPath, ch
     lower_in_place(libraryPath);
     lower_in_place(name);
     return with_library(heap, libraryPath, 2,
-                       [&](Library* h) { return add_record(h, "", name, "", 'r'); });
+                        [&](Library* h) { return add_record(h, "", name, "", 'r'); });
   });
 }
 
@@ -328,7 +328,7 @@ ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath,
     lower_in_place(libraryPath);
     std::vector<uint8_t> list;
     int32_t rc = with_library(heap, libraryPath, 1,
-                             [&](Library* h) -> int32_t { return read_list(h, &list) ? LMI_E_IO : 0; });
+                              [&](Library* h) -> int32_t { return read_list(h, &list) ? LMI_E_IO : 0; });
     if (rc) return rc;
     std::vector<Record> recs;
     bool whole = parse(list, &recs);

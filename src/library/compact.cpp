@@ -108,7 +108,7 @@ uint32_t record_size(const OutEntry& e) { return kRecHead + uint32_t(e.name.size
 }  // namespace
 
 int32_t write_fresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
-                   const std::vector<uint8_t>& list, const FetchEntry& fetch) {
+                    const std::vector<uint8_t>& list, const FetchEntry& fetch) {
   std::sort(entries.begin(), entries.end(),
             [](const OutEntry& a, const OutEntry& b) { return a.name < b.name; });
   for (size_t i = 0; i < entries.size(); ++i) {

@@ -532,7 +532,7 @@ int32_t mark_blocks(Library* h, uint32_t count, uint32_t* offs, bool allocating)
 }
 
 int32_t alloc_blocks(Library* h, uint32_t n, bool contiguous, bool mayRetryScattered,
-                    uint32_t* out) {
+                     uint32_t* out) {
   int32_t rc = load_maps(h);
   if (rc) return rc;
   uint32_t nb = uint32_t((h->fsize - h->base) / kBlock);
@@ -635,7 +635,7 @@ static uint32_t chain_blocks(uint32_t length) { return (length + kPayload - 1) /
 // Collects the offsets of a chain's blocks, reading through a buffer so that
 // adjacent blocks cost one read.
 static int32_t chain_offsets(Library* h, uint32_t first, uint32_t length,
-                            std::vector<uint32_t>* offs) {
+                             std::vector<uint32_t>* offs) {
   uint32_t n = chain_blocks(length);
   if (uint64_t(n) * kBlock > h->fsize) return LMI_E_DAMAGED;
   offs->clear();
@@ -678,7 +678,7 @@ int32_t free_chain(Library* h, uint32_t length, uint32_t first) {
 }
 
 void reader_start(Library* /*h*/, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
-                 uint32_t bufSize) {
+                  uint32_t bufSize) {
   *r = ChainReader{};
   r->next = first;
   r->left = length;

@@ -124,7 +124,7 @@ static int compare_node(Library* h, const uint8_t* img, const char* name, uint32
 }
 
 static int32_t search_from(Library* h, uint32_t off, uint32_t parent, const char* name, Search* s,
-                          bool tolerant, uint32_t depth) {
+                           bool tolerant, uint32_t depth) {
   uint64_t limit = h->fsize / h->nodeSize + 2;
   for (;;) {
     if (++depth > limit) return LMI_E_DAMAGED;
@@ -329,7 +329,7 @@ static uint32_t greatest_rec(const uint8_t* img) { return rd16(img + node::kMax)
 // Moves records of `img` into the node `dst`, smallest first (or greatest
 // first), while the node lacks room, the record fits and does not cross `name`.
 static void move_run(Library* h, uint8_t* img, uint8_t* dst, const char* name, uint32_t need,
-                    bool smallestFirst) {
+                     bool smallestFirst) {
   while (rd16(img + node::kFree) < need && rd16(img + node::kCount) > 0) {
     uint32_t r = smallestFirst ? smallest_rec(img) : greatest_rec(img);
     int c = std::strcmp(name_at(img, r + kRecHead), name);
@@ -341,7 +341,7 @@ static void move_run(Library* h, uint8_t* img, uint8_t* dst, const char* name, u
 
 // Makes room for a record of `need` bytes in a full node whose range holds the name.
 static int32_t make_room(Library* h, uint32_t off, uint32_t parent, const char* name,
-                        uint32_t need) {
+                         uint32_t need) {
   uint8_t* img;
   int32_t rc = node_img(h, off, &img);
   if (rc) return rc;

@@ -151,7 +151,7 @@ uint32_t record_crc(uint32_t salt, uint32_t off, uint32_t len, const uint8_t* da
 // (only its cut is completed) and is rolled back while it exists; its name is
 // reported in *super.
 int32_t apply_journal(HFILE lib, HFILE j, bool honourMark, bool resolve = false,
-                     std::string* super = nullptr) {
+                      std::string* super = nullptr) {
   JHeader hd;
   if (!read_header(j, &hd)) return 0;  // never completed: nothing was written in place
   bool committed = false;

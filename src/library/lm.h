@@ -207,7 +207,7 @@ int32_t close_entry(Library* h);
 // Removes the first check-out record of `name` (rewriting the list); reports
 // the record's other library and status (0 when there was none).
 int32_t drop_check_out_record(Library* h, const char* name, std::string* other, char* status,
-                           bool onlyIfPresent = false);
+                              bool onlyIfPresent = false);
 
 // ---- block I/O with the disk-error dialog
 // Asks the user (through the host's message-box handler) whether to retry a
@@ -304,7 +304,7 @@ void destroy(Library* h);
 int32_t load_maps(Library* h);
 int32_t flush_maps(Library* h);
 int32_t alloc_blocks(Library* h, uint32_t count, bool contiguous, bool mayRetryScattered,
-                    uint32_t* out);
+                     uint32_t* out);
 // Toggles each block's bit; `allocating` says whether the bits must be clear
 // (allocation) or set (freeing) beforehand: a mismatch is damage and changes nothing.
 int32_t mark_blocks(Library* h, uint32_t count, uint32_t* offs, bool allocating);
@@ -329,7 +329,7 @@ int32_t walk_tree(Library* h, F&& fn);
 // ---- data
 bool valid_data_offset(Library* h, uint32_t off);
 void reader_start(Library* h, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
-                 uint32_t bufSize);
+                  uint32_t bufSize);
 // Copies up to n bytes; returns the count (0 at the end) or an error.
 int32_t reader_read(Library* h, ChainReader* r, void* out, uint32_t n);
 void writer_start(Library* h);

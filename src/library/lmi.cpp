@@ -596,7 +596,7 @@ int32_t rename_entry(Library* h, const char* name, const char* newName) {
 // Fills the entry just opened for writing in d from what `cr` has left to
 // read in s, stamped with the source's time, and closes it.
 int32_t copy_into(Library* d, Library* s, ChainReader* cr, uint32_t time,
-                 std::vector<uint8_t>& chunk) {
+                  std::vector<uint8_t>& chunk) {
   if (uint8_t* w = record_ptr(d, d->eNode, d->eRec)) wr32(w + rec::kTime, time);
   int32_t rc = 0;
   int32_t n;
@@ -612,7 +612,7 @@ int32_t copy_into(Library* d, Library* s, ChainReader* cr, uint32_t time,
 }
 
 int32_t copy_move(ZBSTG_HEAP heap, char* name, char* newName, char* sourcePath,
-                 char* destinationPath, bool move, bool sequential) {
+                  char* destinationPath, bool move, bool sequential) {
   if (!name || !sourcePath) return LMI_E_ARGUMENT;
   if (!newName && !destinationPath) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;

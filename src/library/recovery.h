@@ -58,7 +58,7 @@ using FetchEntry = std::function<int32_t(size_t i, std::vector<uint8_t>* bytes)>
 // and the header fields of `header` (512 bytes), with every block in use.
 // The file is synced before this returns; on failure it is deleted.
 int32_t write_fresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
-                   const std::vector<uint8_t>& list, const FetchEntry& fetch);
+                    const std::vector<uint8_t>& list, const FetchEntry& fetch);
 // True when the bytes form whole check-out records.
 bool whole_check_out_list(const std::vector<uint8_t>& list, size_t* wholeBytes = nullptr);
 

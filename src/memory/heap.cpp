@@ -242,7 +242,7 @@ static void count_subpool(ZBSTG_HEAP heap) {
 // Puts a sub-pool in the first empty entry of the table at `slot` (growing
 // the table by 200 entries when full). Returns the entry index.
 static uint32_t place_subpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
-                             uint32_t largest, const Mirror& mirror) {
+                              uint32_t largest, const Mirror& mirror) {
   Table* t = table_at(heap, slot);
   uint32_t idx = t->capacity;
   uint32_t words = (t->capacity + 63) / 64;
@@ -665,7 +665,7 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
     Table* t = table_at(heap, slot);
     HGLOBAL h = t->entries()[idx].handle;
     uint8_t* moved = realloc_locked(heap, &h, static_cast<size_t>(n) + kLargeHeader,
-                                   heap->alloc_flags);
+                                    heap->alloc_flags);
     t = table_at(heap, slot);
     heap->subpool_home.erase(reinterpret_cast<uintptr_t>(sp));
     t->entries()[idx].subpool = moved;

@@ -121,7 +121,7 @@ inline uint16_t max_of(__m128i m) {
 }
 inline uint16_t max(const uint16_t* p) {
   return max_of(max_u16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
-                      _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8))));
+                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8))));
 }
 inline uint16_t max_except(const uint16_t* p, uint32_t skip) {
   const __m128i s = _mm_set1_epi16(static_cast<short>(skip));
@@ -440,7 +440,7 @@ inline Table* table_at(ZBSTG_HEAP heap, uint32_t slot) {
 // Finds the sub-pool that starts at `start`; false when it is not one of the
 // heap's sub-pools.
 inline bool locate_subpool(ZBSTG_HEAP heap, const uint8_t* start, uint32_t* slot,
-                          uint32_t* index) {
+                           uint32_t* index) {
   uint64_t v;
   if (!heap->subpool_home.find(reinterpret_cast<uintptr_t>(start), &v)) return false;
   *slot = static_cast<uint32_t>(v >> 32);
