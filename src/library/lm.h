@@ -293,6 +293,9 @@ struct Op {
 };
 
 // ---- opening and closing
+// Memory from the handle's heap; hfree takes null too.
+void* halloc(Library* h, uint32_t n);
+void hfree(Library* h, void* p);
 Library* open_library(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
 int32_t close_library(Library* h);
 // Closes the library and frees the handle in every case (a failed final
