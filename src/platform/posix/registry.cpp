@@ -79,7 +79,7 @@ bool within(const std::string& path, const std::string& ancestor) {
 
 std::string registry_file() { return config_dir() + "/registry.dat"; }
 
-std::string Quote(const std::string& bytes) {
+std::string quote(const std::string& bytes) {
   static const char kHex[] = "0123456789abcdef";
   std::string out = "\"";
   for (unsigned char c : bytes) {
@@ -172,7 +172,7 @@ std::string serialise(const std::vector<Key>& keys) {
   for (const auto& k : keys) {
     out += "[" + k.path + "]\n";
     for (const auto& v : k.values)
-      out += Quote(v.name) + "=" + std::to_string(v.type) + ":" + Quote(v.data) + "\n";
+      out += quote(v.name) + "=" + std::to_string(v.type) + ":" + quote(v.data) + "\n";
   }
   return out;
 }

@@ -17,7 +17,7 @@
 namespace zbshr::plat {
 namespace {
 
-const char* HostProgram() {
+const char* host_program() {
   const char* over = std::getenv("ZBSHR_HOST_PROGRAM");
   return over && *over ? over : nullptr;
 }
@@ -36,13 +36,13 @@ std::string stem(const char* path) {
 }  // namespace
 
 HINSTANCE GetModuleHandleA(const char* name) {
-  if (const char* host = HostProgram(); host && name && stem(name) == stem(host))
+  if (const char* host = host_program(); host && name && stem(name) == stem(host))
     return reinterpret_cast<HINSTANCE>(::GetModuleHandleA(nullptr));
   return win32::kept(reinterpret_cast<HINSTANCE>(::GetModuleHandleA(name)));
 }
 
 DWORD module_file_name_of(HINSTANCE module, char* buf, DWORD size) {
-  const char* host = HostProgram();
+  const char* host = host_program();
   if (host && (module == nullptr || reinterpret_cast<HMODULE>(module) == ::GetModuleHandleA(nullptr))) {
     if (!buf || size == 0) return 0;
     size_t n = std::strlen(host);
