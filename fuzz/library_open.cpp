@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::vector<char> raw(size_t(li.checkOutLength));
         LMI_GetCheckOutEntries(h, raw.data());
       }
-      zbshr::lm::verify(zbshr::lm::H(h));
+      zbshr::lm::verify(zbshr::lm::library_of(h));
       LMI_CloseLibrary(h);
     }
   }
@@ -118,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         LMI_WriteEntry(h, data, int32_t(size > 3000 ? 3000 : size));
         LMI_CloseEntry(h);
       }
-      zbshr::lm::verify(zbshr::lm::H(h));
+      zbshr::lm::verify(zbshr::lm::library_of(h));
       LMI_CloseLibrary(h);
     }
   }

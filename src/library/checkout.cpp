@@ -39,8 +39,8 @@ bool parse(const std::vector<uint8_t>& list, std::vector<Record>* out) {
   return true;
 }
 
-void appendRecord(std::vector<uint8_t>* list, const std::string& other, const char* name,
-                  const std::string& user, char status) {
+void append_record(std::vector<uint8_t>* list, const std::string& other, const char* name,
+                   const std::string& user, char status) {
   for (const std::string& s : {other, std::string(name), user}) {
     list->insert(list->end(), s.begin(), s.end());
     list->push_back(0);
@@ -49,44 +49,44 @@ void appendRecord(std::vector<uint8_t>* list, const std::string& other, const ch
 }
 
 // Rewrites the list of `h` with one record added.
-int32_t addRecord(Library* h, const std::string& other, const char* name, const std::string& user,
-                  char status) {
+int32_t add_record(Library* h, const std::string& other, const char* name, const std::string& user,
+                   char status) {
   Op op(h);
   std::vector<uint8_t> list;
-  if (readList(h, &list)) return op.end(LMI_E_IO);
-  appendRecord(&list, other, name, user, status);
-  return op.end(writeList(h, list, true));
+  if (read_list(h, &list)) return op.end(LMI_E_IO);
+  append_record(&list, other, name, user, status);
+  return op.end(write_list(h, list, true));
 }
 
 template <class F>
 int32_t guard(F&& f) {
-  errBegin();
+  err_begin();
   try {
-    return errEnd(f());
+    return err_end(f());
   } catch (...) {
-    return errEnd(LMI_E_IO);
+    return err_end(LMI_E_IO);
   }
 }
 
 // Closes a library opened here (keeping nothing open on failure).
 // Closes a library in every case; returns the error of its final writes.
-int32_t finish(Library* h) { return h ? closeLibraryAlways(h) : 0; }
+int32_t finish(Library* h) { return h ? close_library_always(h) : 0; }
 
 // Runs op on the library at path, opened here in the given mode and closed
 // again afterwards; a library that does not open is an I/O error.
 template <class F>
-int32_t withLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, F&& op) {
-  Library* h = openLibrary(heap, path, mode, 0);
+int32_t with_library(ZBSTG_HEAP heap, const char* path, int32_t mode, F&& op) {
+  Library* h = open_library(heap, path, mode, 0);
   if (!h) return LMI_E_IO;
   // A change is one operation, with the tail it frees released inside it.
-  int32_t rc = mode == 1 ? op(h) : txBegin(h);
-  if (rc == 0 && mode != 1) rc = txEndReleasing(h, op(h));
+  int32_t rc = mode == 1 ? op(h) : tx_begin(h);
+  if (rc == 0 && mode != 1) rc = tx_end_releasing(h, op(h));
   int32_t c = finish(h);
   return rc ? rc : c;
 }
 
 // The first record for entry `name`, or null.
-const Record* findRecord(const std::vector<Record>& recs, const char* name) {
+const Record* find_record(const std::vector<Record>& recs, const char* name) {
   for (const Record& r : recs)
     if (r.name == name) return &r;
   return nullptr;
@@ -98,48 +98,48 @@ namespace zbshr::lm {
 
 // ------------------------------------------------------------------ check-out list
 
-int32_t readList(Library* h, std::vector<uint8_t>* out) {
+int32_t read_list(Library* h, std::vector<uint8_t>* out) {
   out->clear();
   uint32_t first = rd32(h->fixed + hdr::kListFirst);
   uint32_t len = rd32(h->fixed + hdr::kListLen);
   if (len == 0) return 0;
   if (first == 0) return LMI_E_IO;
-  return readChain(h, first, len, out) ? LMI_E_IO : 0;
+  return read_chain(h, first, len, out) ? LMI_E_IO : 0;
 }
 
-int32_t writeList(Library* h, const std::vector<uint8_t>& bytes, bool freeOld) {
+int32_t write_list(Library* h, const std::vector<uint8_t>& bytes, bool freeOld) {
   int32_t rc;
   if (freeOld) {
-    rc = freeChain(h, rd32(h->fixed + hdr::kListLen), rd32(h->fixed + hdr::kListFirst));
+    rc = free_chain(h, rd32(h->fixed + hdr::kListLen), rd32(h->fixed + hdr::kListFirst));
     if (rc) return rc;
   }
   uint32_t first = 0;
   if (!bytes.empty()) {
-    rc = writeChain(h, bytes.data(), uint32_t(bytes.size()), &first);
+    rc = write_chain(h, bytes.data(), uint32_t(bytes.size()), &first);
     if (rc) return rc;
   }
   wr32(h->fixed + hdr::kListFirst, first);
   wr32(h->fixed + hdr::kListLen, uint32_t(bytes.size()));
-  rc = flushMaps(h);
+  rc = flush_maps(h);
   if (rc) return rc;
-  return writeAt(h, h->base, h->fixed, kBlock);
+  return write_at(h, h->base, h->fixed, kBlock);
 }
 
-int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
-                           bool onlyIfPresent) {
+int32_t drop_check_out_record(Library* h, const char* name, std::string* other, char* status,
+                              bool onlyIfPresent) {
   *status = 0;
   Op op(h);
   std::vector<uint8_t> list;
-  if (readList(h, &list)) return op.end(LMI_E_IO);
+  if (read_list(h, &list)) return op.end(LMI_E_IO);
   std::vector<Record> recs;
   parse(list, &recs);
-  if (const Record* r = findRecord(recs, name)) {
+  if (const Record* r = find_record(recs, name)) {
     *other = r->other;
     *status = r->status;
     list.erase(list.begin() + long(r->start), list.begin() + long(r->end));
   }
   if (onlyIfPresent && *status == 0) return op.end(0);
-  return op.end(writeList(h, list, true));
+  return op.end(write_list(h, list, true));
 }
 
 }  // namespace zbshr::lm
@@ -149,36 +149,36 @@ ZBSHR_API(int32_t) LMI_CheckOutEntry(ZBSTG_HEAP heap, char* name, char* sourcePa
   if (!name || !sourcePath || !workPath || !user) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
-    lowerInPlace(name);
-    lowerInPlace(sourcePath);
-    lowerInPlace(workPath);
-    Library* s = openLibrary(heap, sourcePath, 2, 0);
+    lower_in_place(name);
+    lower_in_place(sourcePath);
+    lower_in_place(workPath);
+    Library* s = open_library(heap, sourcePath, 2, 0);
     if (!s) return LMI_E_IO;
-    Library* w = openLibrary(heap, workPath, 2, 0);
+    Library* w = open_library(heap, workPath, 2, 0);
     if (!w) {
       finish(s);
       return LMI_E_IO;
     }
     // Both records are committed together, as one change of the two libraries.
-    pairBegin(s);
-    pairBegin(w);
-    int32_t rc = txBegin(s);
+    pair_begin(s);
+    pair_begin(w);
+    int32_t rc = tx_begin(s);
     if (rc == 0) {
-      int32_t rw = txBegin(w);
+      int32_t rw = tx_begin(w);
       if (rw == 0) {
-        rc = addRecord(s, w->path, name, user, 'd');
-        if (rc == 0) rc = addRecord(w, s->path, name, user, 's');
-        rc = txEndReleasing(w, rc);
+        rc = add_record(s, w->path, name, user, 'd');
+        if (rc == 0) rc = add_record(w, s->path, name, user, 's');
+        rc = tx_end_releasing(w, rc);
       } else {
         rc = rw;
       }
-      rc = txEndReleasing(s, rc);
+      rc = tx_end_releasing(s, rc);
     }
     if (rc == 0) {
-      rc = pairCommit(s, w);
+      rc = pair_commit(s, w);
     } else {
-      pairDiscard(s);
-      pairDiscard(w);
+      pair_discard(s);
+      pair_discard(w);
     }
     int32_t cw = finish(w), cs = finish(s);
     return rc ? rc : cw ? cw : cs;
@@ -190,21 +190,21 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
   if (!name || !workPath || !sourcePath) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
-    lowerInPlace(name);
-    lowerInPlace(workPath);
-    Library* w = openLibrary(heap, workPath, 2, 0);
+    lower_in_place(name);
+    lower_in_place(workPath);
+    Library* w = open_library(heap, workPath, 2, 0);
     if (!w) return LMI_E_IO;
     std::vector<uint8_t> list;
-    if (readList(w, &list)) {
+    if (read_list(w, &list)) {
       finish(w);
       return LMI_E_IO;
     }
     std::vector<Record> recs;
     parse(list, &recs);
     Record found;
-    if (const Record* r = findRecord(recs, name)) found = *r;
+    if (const Record* r = find_record(recs, name)) found = *r;
     std::strcpy(sourcePath, found.other.c_str());
-    Library* s = found.other.empty() ? nullptr : openLibrary(heap, found.other.c_str(), 2, 0);
+    Library* s = found.other.empty() ? nullptr : open_library(heap, found.other.c_str(), 2, 0);
     if (!s) {
       finish(w);
       return LMI_E_IO;
@@ -212,25 +212,25 @@ ZBSHR_API(int32_t) LMI_CheckInEntry(ZBSTG_HEAP heap, char* name, char* workPath,
     std::string other;
     char status;
     // Both records go together, as one change of the two libraries.
-    pairBegin(s);
-    pairBegin(w);
-    int32_t rc = txBegin(w);
+    pair_begin(s);
+    pair_begin(w);
+    int32_t rc = tx_begin(w);
     if (rc == 0) {
-      int32_t rs = txBegin(s);
+      int32_t rs = tx_begin(s);
       if (rs == 0) {
-        rc = dropCheckOutRecord(w, name, &other, &status);
-        if (rc == 0) rc = dropCheckOutRecord(s, name, &other, &status);
-        rc = txEndReleasing(s, rc);
+        rc = drop_check_out_record(w, name, &other, &status);
+        if (rc == 0) rc = drop_check_out_record(s, name, &other, &status);
+        rc = tx_end_releasing(s, rc);
       } else {
         rc = rs;
       }
-      rc = txEndReleasing(w, rc);
+      rc = tx_end_releasing(w, rc);
     }
     if (rc == 0) {
-      rc = pairCommit(s, w);
+      rc = pair_commit(s, w);
     } else {
-      pairDiscard(s);
-      pairDiscard(w);
+      pair_discard(s);
+      pair_discard(w);
     }
     int32_t cs = finish(s), cw = finish(w);
     return rc ? rc : cs ? cs : cw;
@@ -241,10 +241,10 @@ ZBSHR_API(int32_t) LMI_CheckRegisterEntry(ZBSTG_HEAP heap, char* libraryPath, ch
   if (!libraryPath || !name) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
-    lowerInPlace(libraryPath);
-    lowerInPlace(name);
-    return withLibrary(heap, libraryPath, 2,
-                       [&](Library* h) { return addRecord(h, "", name, "", 'r'); });
+    lower_in_place(libraryPath);
+    lower_in_place(name);
+    return with_library(heap, libraryPath, 2,
+                        [&](Library* h) { return add_record(h, "", name, "", 'r'); });
   });
 }
 
@@ -252,19 +252,19 @@ ZBSHR_API(int32_t) LMI_CheckClearRegEntry(ZBSTG_HEAP heap, char* libraryPath, ch
   if (!libraryPath || !name) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
-    lowerInPlace(libraryPath);
-    lowerInPlace(name);
-    return withLibrary(heap, libraryPath, 2, [&](Library* h) {
+    lower_in_place(libraryPath);
+    lower_in_place(name);
+    return with_library(heap, libraryPath, 2, [&](Library* h) {
       std::string other;
       char status;
-      return dropCheckOutRecord(h, name, &other, &status);
+      return drop_check_out_record(h, name, &other, &status);
     });
   });
 }
 
 ZBSHR_API(int32_t) LMI_IsEntryCheckedOut(LMI_HANDLE handle, char* name, char* userOut,
                                          char* statusOut, char* otherLibraryOut) {
-  Library* h = H(handle);
+  Library* h = library_of(handle);
   if (!h) return LMI_E_NULL_HANDLE;
   if (h->state || h->listing) return LMI_E_BUSY;
   if (!name) return LMI_E_ARGUMENT;
@@ -272,12 +272,12 @@ ZBSHR_API(int32_t) LMI_IsEntryCheckedOut(LMI_HANDLE handle, char* name, char* us
   if (statusOut) *statusOut = 0;
   if (otherLibraryOut) otherLibraryOut[0] = 0;
   return guard([&]() -> int32_t {
-    lowerInPlace(name);
+    lower_in_place(name);
     std::vector<uint8_t> list;
-    if (readList(h, &list)) return LMI_E_IO;
+    if (read_list(h, &list)) return LMI_E_IO;
     std::vector<Record> recs;
     parse(list, &recs);
-    const Record* r = findRecord(recs, name);
+    const Record* r = find_record(recs, name);
     if (!r) return 0;
     if (userOut) std::strcpy(userOut, r->user.c_str());
     if (statusOut) *statusOut = r->status;
@@ -289,14 +289,14 @@ ZBSHR_API(int32_t) LMI_IsEntryCheckedOut(LMI_HANDLE handle, char* name, char* us
 }
 
 ZBSHR_API(int32_t) LMI_GetCheckOutEntries(LMI_HANDLE handle, void* buffer) {
-  Library* h = H(handle);
+  Library* h = library_of(handle);
   if (!h) return LMI_E_NULL_HANDLE;
   if (!buffer) return LMI_E_NULL_BUFFER;
   if (h->state || h->listing) return LMI_E_BUSY;
   if (h->mode != 1) return LMI_E_NOT_READABLE;
   return guard([&]() -> int32_t {
     std::vector<uint8_t> list;
-    if (rd32(h->fixed + hdr::kListLen) == 0 || readList(h, &list)) return LMI_E_IO;
+    if (rd32(h->fixed + hdr::kListLen) == 0 || read_list(h, &list)) return LMI_E_IO;
     std::memcpy(buffer, list.data(), list.size());
     return 0;
   });
@@ -309,12 +309,12 @@ ZBSHR_API(int32_t) LMI_SetCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath, co
   if (!bytes) return LMI_E_NULL_BUFFER;
   if (count <= 0) return LMI_E_ZERO_LENGTH;
   return guard([&]() -> int32_t {
-    lowerInPlace(libraryPath);
-    return withLibrary(heap, libraryPath, 2, [&](Library* h) -> int32_t {
+    lower_in_place(libraryPath);
+    return with_library(heap, libraryPath, 2, [&](Library* h) -> int32_t {
       const uint8_t* b = static_cast<const uint8_t*>(bytes);
       // The old chain is not freed: its blocks stay marked in use.
       Op op(h);
-      int32_t rc = op.end(writeList(h, std::vector<uint8_t>(b, b + count), false));
+      int32_t rc = op.end(write_list(h, std::vector<uint8_t>(b, b + count), false));
       return rc ? LMI_E_IO : 0;
     });
   });
@@ -325,10 +325,10 @@ ZBSHR_API(int32_t) LMI_ListCheckOutEntries(ZBSTG_HEAP heap, char* libraryPath,
   if (!libraryPath) return LMI_E_ARGUMENT;
   if (!heap) return LMI_E_NULL_HEAP;
   return guard([&]() -> int32_t {
-    lowerInPlace(libraryPath);
+    lower_in_place(libraryPath);
     std::vector<uint8_t> list;
-    int32_t rc = withLibrary(heap, libraryPath, 1,
-                             [&](Library* h) -> int32_t { return readList(h, &list) ? LMI_E_IO : 0; });
+    int32_t rc = with_library(heap, libraryPath, 1,
+                              [&](Library* h) -> int32_t { return read_list(h, &list) ? LMI_E_IO : 0; });
     if (rc) return rc;
     std::vector<Record> recs;
     bool whole = parse(list, &recs);

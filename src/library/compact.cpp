@@ -31,7 +31,7 @@ struct Blocks {
   std::vector<uint32_t> gaps;
   std::vector<uint32_t> maps{1};  // block numbers of the bitmaps
 
-  void reserveIfMapStart() {
+  void reserve_if_map_start() {
     if (next % kBitsPerMap == 0) {
       maps.push_back(next);
       ++next;
@@ -43,16 +43,16 @@ struct Blocks {
       gaps.pop_back();
       return b;
     }
-    reserveIfMapStart();
+    reserve_if_map_start();
     return next++;
   }
   uint32_t run(uint32_t n) {
-    reserveIfMapStart();
+    reserve_if_map_start();
     uint32_t r = (next / kBitsPerMap + 1) * kBitsPerMap;  // next reserved block
     if (next + n > r) {
       for (uint32_t b = next; b < r; ++b) gaps.push_back(b);
       next = r;
-      reserveIfMapStart();
+      reserve_if_map_start();
     }
     uint32_t b = next;
     next += n;
@@ -67,7 +67,7 @@ struct Writer {
   uint64_t runAt = 0;
 
   int32_t flush() {
-    int32_t rc = run.empty() ? 0 : writeAt(&out, runAt, run.data(), uint32_t(run.size()));
+    int32_t rc = run.empty() ? 0 : write_at(&out, runAt, run.data(), uint32_t(run.size()));
     run.clear();
     return rc;
   }
@@ -103,26 +103,26 @@ struct Writer {
   }
 };
 
-uint32_t recordSize(const OutEntry& e) { return kRecHead + uint32_t(e.name.size()) + 1; }
+uint32_t record_size(const OutEntry& e) { return kRecHead + uint32_t(e.name.size()) + 1; }
 
 }  // namespace
 
-int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
-                   const std::vector<uint8_t>& list, const FetchEntry& fetch) {
+int32_t write_fresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
+                    const std::vector<uint8_t>& list, const FetchEntry& fetch) {
   std::sort(entries.begin(), entries.end(),
             [](const OutEntry& a, const OutEntry& b) { return a.name < b.name; });
   for (size_t i = 0; i < entries.size(); ++i) {
-    if (recordSize(entries[i]) > kSpace) return LMI_E_ARGUMENT;
+    if (record_size(entries[i]) > kSpace) return LMI_E_ARGUMENT;
     if (i && entries[i].name == entries[i - 1].name) return LMI_E_ARGUMENT;
   }
   // Pack the sorted names into full nodes: node g holds entries [cut[g], cut[g+1]).
   std::vector<size_t> cut{0};
   for (size_t i = 0, used = 0; i < entries.size(); ++i) {
-    if (used + recordSize(entries[i]) > kSpace) {
+    if (used + record_size(entries[i]) > kSpace) {
       cut.push_back(i);
       used = 0;
     }
-    used += recordSize(entries[i]);
+    used += record_size(entries[i]);
   }
   cut.push_back(entries.size());
   size_t groups = cut.size() - 1;
@@ -131,7 +131,7 @@ int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<O
   HFILE f = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW,
                         FILE_ATTRIBUTE_NORMAL);
   if (f == INVALID_HANDLE) {
-    errNoteSystem(LMI_E_CREATE, "create", path);
+    err_note_system(LMI_E_CREATE, "create", path);
     return LMI_E_CREATE;
   }
   Writer w;
@@ -178,7 +178,7 @@ int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<O
 
   uint64_t total = uint64_t(w.blocks.next) * kBlock;
   if (rc == 0 && total > kMaxOffset) {
-    errNote(LMI_E_DISK_FULL, "the library would grow past the 2 GiB limit of its format");
+    err_note(LMI_E_DISK_FULL, "the library would grow past the 2 GiB limit of its format");
     rc = LMI_E_DISK_FULL;
   }
 
@@ -203,7 +203,7 @@ int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<O
       std::memcpy(r + kRecHead, e.name.c_str(), e.name.size() + 1);
       if (count == 0) wr16(img.data() + node::kMin, uint16_t(p + kRecHead));
       wr16(img.data() + node::kMax, uint16_t(p + kRecHead));  // names ascend
-      p += recordSize(e);
+      p += record_size(e);
       ++count;
     }
     wr16(img.data() + node::kFree, uint16_t(kSpace - (p - kNodeHead)));
@@ -245,7 +245,7 @@ int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<O
   if (rc == 0) rc = w.flush();
   if (rc == 0 && w.out.fsize != total) rc = LMI_E_CREATE;  // every block up to the end is written
   if (rc == 0 && !FlushFileBuffers(f)) {
-    errNoteSystem(LMI_E_IO, "sync", path);
+    err_note_system(LMI_E_IO, "sync", path);
     rc = LMI_E_IO;
   }
   if (!CloseHandle(f) && rc == 0) rc = LMI_E_IO;
@@ -265,7 +265,7 @@ int32_t collect(Library* h, std::vector<OutEntry>* out, uint32_t* depth) {
   struct Item {
     uint32_t off, depth;
   };
-  std::vector<Item> stack{{rootOff(h), 1}};
+  std::vector<Item> stack{{root_off(h), 1}};
   std::unordered_set<uint32_t> seen;
   *depth = 0;
   while (!stack.empty()) {
@@ -274,7 +274,7 @@ int32_t collect(Library* h, std::vector<OutEntry>* out, uint32_t* depth) {
     if (!seen.insert(it.off).second) return LMI_E_DAMAGED;
     *depth = std::max(*depth, it.depth);
     uint8_t* img;
-    int32_t rc = nodeImg(h, it.off, &img);
+    int32_t rc = node_img(h, it.off, &img);
     if (rc < 0) return rc;
     uint32_t used = h->entrySpace - rd16(img + node::kFree);
     for (uint32_t p = kNodeHead; p < kNodeHead + used;) {
@@ -297,7 +297,7 @@ int32_t collect(Library* h, std::vector<OutEntry>* out, uint32_t* depth) {
 
 int32_t compact(const char* path, const Sink& say) {
   if (!path || !*path) {
-    errNote(LMI_E_ARGUMENT, "no library path was given");
+    err_note(LMI_E_ARGUMENT, "no library path was given");
     return LMI_E_ARGUMENT;
   }
   struct Heap {
@@ -306,48 +306,48 @@ int32_t compact(const char* path, const Sink& say) {
   } heap;
   if (!heap.h) return LMI_E_NULL_HEAP;
   // Mode 2 keeps other writers out while the copy is made.
-  Library* h = openLibrary(heap.h, path, 2, 0);
+  Library* h = open_library(heap.h, path, 2, 0);
   if (!h) return LMI_E_IO;
   struct Closer {
     Library*& h;
-    ~Closer() { if (h) closeLibraryAlways(h); }
+    ~Closer() { if (h) close_library_always(h); }
   } closer{h};
   if (h->base != 0 || h->trailer) {
-    errNote(LMI_E_ARGUMENT, "a library inside an executable cannot be compacted");
+    err_note(LMI_E_ARGUMENT, "a library inside an executable cannot be compacted");
     return LMI_E_ARGUMENT;
   }
   std::vector<OutEntry> entries;
   uint32_t depth = 0;
   int32_t rc = collect(h, &entries, &depth);
   std::vector<uint8_t> list;
-  if (rc == 0) rc = readList(h, &list) ? LMI_E_DAMAGED : 0;
+  if (rc == 0) rc = read_list(h, &list) ? LMI_E_DAMAGED : 0;
   if (rc) {
-    errNote(rc, "the library is damaged: check it, then repair or salvage it");
+    err_note(rc, "the library is damaged: check it, then repair or salvage it");
     return rc;
   }
   uint64_t before = h->fsize;
   std::string full = h->path, tmp = h->path + ".compacting";
   plat::DeleteFileA(tmp.c_str());  // left behind by an interrupted run
   std::vector<uint8_t> header(h->fixed, h->fixed + kBlock);
-  rc = writeFresh(tmp, header.data(), entries, list, [&](size_t i, std::vector<uint8_t>* b) {
-    int32_t r = readChain(h, entries[i].first, entries[i].length, b);
+  rc = write_fresh(tmp, header.data(), entries, list, [&](size_t i, std::vector<uint8_t>* b) {
+    int32_t r = read_chain(h, entries[i].first, entries[i].length, b);
     if (r) say(r, entries[i].name, "entry '" + entries[i].name + "' cannot be read");
     return r;
   });
   if (rc) return rc;
   // Check the copy before it replaces the original.
-  Library* n = openLibrary(heap.h, tmp.c_str(), 1, 0);
+  Library* n = open_library(heap.h, tmp.c_str(), 1, 0);
   std::vector<Finding> found;
   if (n) {
     found = check(n);
-    closeLibrary(n);
+    close_library(n);
   }
   if (!n || !found.empty()) {
     plat::DeleteFileA(tmp.c_str());
-    errNote(LMI_E_CREATE, "the compacted copy did not check clean; the library is unchanged");
+    err_note(LMI_E_CREATE, "the compacted copy did not check clean; the library is unchanged");
     return LMI_E_CREATE;
   }
-  rc = closeLibraryAlways(h);
+  rc = close_library_always(h);
   h = nullptr;
   if (rc) {
     plat::DeleteFileA(tmp.c_str());
@@ -355,17 +355,17 @@ int32_t compact(const char* path, const Sink& say) {
   }
   if (!plat::MoveFileExA(tmp.c_str(), full.c_str(),
                          plat::MOVEFILE_REPLACE_EXISTING | plat::MOVEFILE_WRITE_THROUGH)) {
-    errNoteSystem(LMI_E_IO, "replace", full);
+    err_note_system(LMI_E_IO, "replace", full);
     plat::DeleteFileA(tmp.c_str());
     return LMI_E_IO;
   }
   uint32_t newDepth = 0;
   uint64_t after = 0;
-  if (Library* a = openLibrary(heap.h, full.c_str(), 1, 0)) {
+  if (Library* a = open_library(heap.h, full.c_str(), 1, 0)) {
     std::vector<OutEntry> again;
     collect(a, &again, &newDepth);
     after = a->fsize;
-    closeLibrary(a);
+    close_library(a);
   }
   say(ZBSHR_LIB_NOTE_INFO, "",
       "kept " + std::to_string(entries.size()) + " entries; " + std::to_string(before) + " -> " +
@@ -377,10 +377,10 @@ int32_t compact(const char* path, const Sink& say) {
 }  // namespace
 
 ZBSHR_API(int32_t) zbshr_lib_compact(const char* path, ZBSHR_LIB_PROBLEM cb, void* ctx) {
-  errBegin();
+  err_begin();
   try {
-    return errEnd(compact(path, Sink{cb, ctx}));
+    return err_end(compact(path, Sink{cb, ctx}));
   } catch (...) {
-    return errEnd(LMI_E_IO);
+    return err_end(LMI_E_IO);
   }
 }

@@ -1,9 +1,9 @@
 // Library files: why the last library call on this thread failed.
 //
 // Every exported call that goes through the library's call guard starts with
-// errBegin and ends with errEnd. Code deep inside the call that knows the real
+// err_begin and ends with err_end. Code deep inside the call that knows the real
 // reason (a system error, a file that is not a library, the format's size
-// limit) notes it with errNote; errEnd keeps that note when the call fails
+// limit) notes it with err_note; err_end keeps that note when the call fails
 // with the same code, and otherwise records the generic text of the code.
 #include <algorithm>
 #include <cstring>
@@ -24,7 +24,7 @@ thread_local Reason t_call;  // reason noted by the call in progress
 thread_local Reason t_last;  // outcome of the last call that ended
 thread_local int t_depth = 0;
 
-const char* systemReason(plat::DWORD e) {
+const char* system_reason(plat::DWORD e) {
   switch (e) {
     case plat::ERROR_FILE_NOT_FOUND: return "the file does not exist";
     case plat::ERROR_PATH_NOT_FOUND: return "the folder does not exist";
@@ -45,7 +45,7 @@ const char* systemReason(plat::DWORD e) {
 
 }  // namespace
 
-const char* errText(int32_t code) {
+const char* err_text(int32_t code) {
   switch (code) {
     case LMI_E_CREATE: return "the new library could not be written";
     case LMI_E_EXISTS: return "the library file already exists";
@@ -74,11 +74,11 @@ const char* errText(int32_t code) {
   }
 }
 
-void errBegin() {
+void err_begin() {
   if (t_depth++ == 0) t_call = Reason{};
 }
 
-int32_t errEnd(int32_t rc) {
+int32_t err_end(int32_t rc) {
   if (t_depth > 0 && --t_depth > 0) return rc;
   try {
     if (rc >= 0) {
@@ -86,7 +86,7 @@ int32_t errEnd(int32_t rc) {
     } else if (t_call.noted && t_call.code == rc) {
       t_last = t_call;
     } else {
-      t_last = Reason{rc, errText(rc), true};
+      t_last = Reason{rc, err_text(rc), true};
     }
   } catch (...) {
     t_last.code = rc;
@@ -94,7 +94,7 @@ int32_t errEnd(int32_t rc) {
   return rc;
 }
 
-void errNote(int32_t code, const std::string& text) {
+void err_note(int32_t code, const std::string& text) {
   if (t_call.noted) return;
   try {
     t_call = Reason{code, text, true};
@@ -102,12 +102,12 @@ void errNote(int32_t code, const std::string& text) {
   }
 }
 
-void errNoteSystem(int32_t code, const char* what, const std::string& path) {
+void err_note_system(int32_t code, const char* what, const std::string& path) {
   plat::DWORD e = plat::GetLastError();
-  const char* why = systemReason(e);
+  const char* why = system_reason(e);
   std::string t = std::string(what) + " " + path + ": ";
   t += why ? why : ("system error " + std::to_string(e)).c_str();
-  errNote(code, t);
+  err_note(code, t);
 }
 
 }  // namespace zbshr::lm

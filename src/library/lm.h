@@ -165,7 +165,7 @@ struct Library {
   // Operation in progress (journal.cpp). Inside an operation every write is
   // held in `pending`; before a block that existed when the operation began
   // is overwritten, its old bytes go into the rollback journal beside the file.
-  int txDepth = 0;             // nesting of txBegin calls
+  int txDepth = 0;             // nesting of tx_begin calls
   bool failed = false;         // a rollback could not finish: writes refused until reopened
   uint64_t txOrigLen = 0;      // file length on disk when the operation began
   std::unordered_set<uint32_t> journaled;  // blocks (file offset / 512) saved in the journal
@@ -184,165 +184,168 @@ struct Library {
 };
 
 // ---- utilities
-void lowerInPlace(char* s);
+void lower_in_place(char* s);
 // Absolute, normalised path (lower-cased); empty when the path service rejects it.
-std::string fullPath(const char* path);
-bool isExecutableOrLibrary(const std::string& path);
-bool isExecutable(const std::string& path);
-inline std::string trailerKeeperPath(const std::string& path) { return path + "-trailer"; }
+std::string full_path(const char* path);
+bool is_executable_or_library(const std::string& path);
+bool is_executable(const std::string& path);
+inline std::string trailer_keeper_path(const std::string& path) { return path + "-trailer"; }
 // Writes (and syncs) the keeper of an executable's library base; false on failure.
-bool keepTrailerBase(const std::string& full, uint32_t base);
+bool keep_trailer_base(const std::string& full, uint32_t base);
 // Puts back the trailer of an executable whose writer ended without its close
 // (`f` open for writing); false when that was needed and failed.
-bool restoreTrailer(plat::HFILE f, const std::string& full);
+bool restore_trailer(plat::HFILE f, const std::string& full);
 int32_t now32();
-bool writeThroughSetting();
-void setWriteThrough(bool on);
+bool write_through_setting();
+void set_write_through(bool on);
 
 // ---- entry level (lmi.cpp)
-Library* H(LMI_HANDLE h);
-int32_t openRead(Library* h, const char* name, bool tolerant);
-int32_t openWrite(Library* h, const char* name, const char* comment);
-int32_t closeEntry(Library* h);
+Library* library_of(LMI_HANDLE h);
+int32_t open_read(Library* h, const char* name, bool tolerant);
+int32_t open_write(Library* h, const char* name, const char* comment);
+int32_t close_entry(Library* h);
 // Removes the first check-out record of `name` (rewriting the list); reports
 // the record's other library and status (0 when there was none).
-int32_t dropCheckOutRecord(Library* h, const char* name, std::string* other, char* status,
-                           bool onlyIfPresent = false);
+int32_t drop_check_out_record(Library* h, const char* name, std::string* other, char* status,
+                              bool onlyIfPresent = false);
 
 // ---- block I/O with the disk-error dialog
 // Asks the user (through the host's message-box handler) whether to retry a
 // failed transfer; IDRETRY or another answer.
-int diskDialog(plat::UINT textId, const char* fallback);
-int32_t readAt(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got = nullptr);
-int32_t writeAt(Library* h, uint64_t off, const void* buf, uint32_t n);
-int32_t flushPending(Library* h);
-int32_t truncateAt(Library* h, uint64_t end);
+int disk_dialog(plat::UINT textId, const char* fallback);
+int32_t read_at(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got = nullptr);
+int32_t write_at(Library* h, uint64_t off, const void* buf, uint32_t n);
+int32_t flush_pending(Library* h);
+int32_t truncate_at(Library* h, uint64_t end);
 
 // ---- operations (journal.cpp)
-// Every change of a library is one operation: txBegin, the changes, then
-// txEnd. Calls nest; only the outermost txEnd commits. Until the commit the
+// Every change of a library is one operation: tx_begin, the changes, then
+// tx_end. Calls nest; only the outermost tx_end commits. Until the commit the
 // writes stay in memory (past 8 MB they go out behind the journal); the commit
 // saves the old bytes of every block about to be overwritten in
 // `<library>-journal`, writes the blocks, then invalidates the journal (with a
 // sync at each step when write-through is on). A crash at any point leaves
 // either the old or the new state once the next open has rolled back.
 //
-// txBegin: 0, or LMI_E_READ_ONLY / LMI_E_IO when the handle may not write.
-// txEnd(h, rc): rc == 0 commits (returns the commit's error, after rolling
+// tx_begin: 0, or LMI_E_READ_ONLY / LMI_E_IO when the handle may not write.
+// tx_end(h, rc): rc == 0 commits (returns the commit's error, after rolling
 // back, when it fails); rc != 0 rolls back and returns rc. After a rollback
 // the handle's caches hold what the disk holds; when the rollback itself
 // cannot finish the handle is marked failed (writes give LMI_E_IO until it is
 // reopened) and the journal stays for the next open to roll back.
-int32_t txBegin(Library* h);
-int32_t txEnd(Library* h, int32_t rc);
-void txRollback(Library* h);
-// txEnd for a caller that closes the library right after: the tail freed by
+int32_t tx_begin(Library* h);
+int32_t tx_end(Library* h, int32_t rc);
+void tx_rollback(Library* h);
+// tx_end for a caller that closes the library right after: the tail freed by
 // the operation is released inside it, so that the close has nothing to write.
-int32_t txEndReleasing(Library* h, int32_t rc);
+int32_t tx_end_releasing(Library* h, int32_t rc);
 // Rolls back a journal left by a process that ended in the middle of an
 // operation; `file` is the library opened for writing. 0 when there was
 // nothing to do or the rollback finished.
-int32_t recoverJournal(const std::string& libPath, plat::HFILE file);
-bool journalIsHot(const std::string& libPath);
+int32_t recover_journal(const std::string& libPath, plat::HFILE file);
+bool journal_is_hot(const std::string& libPath);
 // Test hook: called before every change the library makes to a file (kind
 // 'w' write, 't' set length, 's' sync; journal = true for the journal).
 // Returns the number of bytes of a write to let through, or -1 for all.
-extern int64_t (*ioHook)(char kind, bool journal, uint64_t off, uint32_t n);
+extern int64_t (*io_hook)(char kind, bool journal, uint64_t off, uint32_t n);
 // Inside an operation: saves the old bytes of what `pending` overwrites, then
 // writes it out (used past 8 MB of held-back writes and by the commit).
-int32_t spillPending(Library* h);
+int32_t spill_pending(Library* h);
 // Writes `pending` to the library as it is (no journal).
-int32_t writePending(Library* h);
+int32_t write_pending(Library* h);
 // Reads what the disk holds, ignoring held-back writes.
-int32_t readDisk(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got);
+int32_t read_disk(Library* h, uint64_t off, void* buf, uint32_t n, uint32_t* got);
 // Drops every cache of the handle and reads the header again (from the disk,
 // or through the held-back writes when `keepPending`).
-int32_t reloadHandle(Library* h, bool keepPending = false);
+int32_t reload_handle(Library* h, bool keepPending = false);
 // Inside an operation of a batch: remembers what [off, off + n) holds now.
-void saveUndo(Library* h, uint64_t off, uint64_t n);
+void save_undo(Library* h, uint64_t off, uint64_t n);
 // Commits the batch of a session with write-through off (the close does it).
-int32_t batchCommit(Library* h);
+int32_t batch_commit(Library* h);
 // A change of two libraries as one: both handles hold their changes back
-// (pairBegin, before their first operation); pairCommit saves both journals,
+// (pair_begin, before their first operation); pair_commit saves both journals,
 // each naming a super-journal created first, writes and syncs both
 // libraries, and commits by deleting the super-journal; a hot journal whose
 // super-journal is gone is a committed change. On failure both are rolled
-// back; pairDiscard drops what a handle holds back.
-void pairBegin(Library* h);
-int32_t pairCommit(Library* a, Library* b);
-void pairDiscard(Library* h);
+// back; pair_discard drops what a handle holds back.
+void pair_begin(Library* h);
+int32_t pair_commit(Library* a, Library* b);
+void pair_discard(Library* h);
 // Closes the journal of a handle and removes it unless it must stay for a rollback.
-void closeJournal(Library* h);
+void close_journal(Library* h);
 
 // One operation on a handle for the span of a C++ scope: begins it, and rolls
 // it back when the scope is left without end() (an early return, an exception).
 struct Op {
   Library* h;
-  int32_t began;  // txBegin's result: 0 when the operation runs
-  explicit Op(Library* lib) : h(lib), began(txBegin(lib)) {}
+  int32_t began;  // tx_begin's result: 0 when the operation runs
+  explicit Op(Library* lib) : h(lib), began(tx_begin(lib)) {}
   Op(const Op&) = delete;
   Op& operator=(const Op&) = delete;
   int32_t end(int32_t rc) {
     if (began) return rc ? rc : began;
     began = 1;
-    return txEnd(h, rc);
+    return tx_end(h, rc);
   }
   ~Op() {
-    if (began == 0) txRollback(h);
+    if (began == 0) tx_rollback(h);
   }
 };
 
 // ---- opening and closing
-Library* openLibrary(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
-int32_t closeLibrary(Library* h);
+// Memory from the handle's heap; hfree takes null too.
+void* halloc(Library* h, uint32_t n);
+void hfree(Library* h, void* p);
+Library* open_library(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t readAhead);
+int32_t close_library(Library* h);
 // Closes the library and frees the handle in every case (a failed final
 // operation is rolled back first); returns the first error.
-int32_t closeLibraryAlways(Library* h);
+int32_t close_library_always(Library* h);
 void destroy(Library* h);
 
 // ---- bitmaps
-int32_t loadMaps(Library* h);
-int32_t flushMaps(Library* h);
-int32_t allocBlocks(Library* h, uint32_t count, bool contiguous, bool mayRetryScattered,
-                    uint32_t* out);
+int32_t load_maps(Library* h);
+int32_t flush_maps(Library* h);
+int32_t alloc_blocks(Library* h, uint32_t count, bool contiguous, bool mayRetryScattered,
+                     uint32_t* out);
 // Toggles each block's bit; `allocating` says whether the bits must be clear
 // (allocation) or set (freeing) beforehand: a mismatch is damage and changes nothing.
-int32_t markBlocks(Library* h, uint32_t count, uint32_t* offs, bool allocating);
-bool blockInUse(Library* h, uint32_t off);
-int32_t freeChain(Library* h, uint32_t length, uint32_t first);
-int32_t releaseTail(Library* h);
+int32_t mark_blocks(Library* h, uint32_t count, uint32_t* offs, bool allocating);
+bool block_in_use(Library* h, uint32_t off);
+int32_t free_chain(Library* h, uint32_t length, uint32_t first);
+int32_t release_tail(Library* h);
 
 // ---- directory
-uint8_t* rootImg(Library* h);
-uint32_t rootOff(Library* h);
-int32_t nodeImg(Library* h, uint32_t off, uint8_t** img);
-int32_t writeNode(Library* h, uint32_t off, uint32_t from = 0, uint32_t to = 0xFFFFFFFFu);
-int32_t findEntry(Library* h, const char* name, Search* s, bool tolerant = false);
-void dropIndex(Library* h);
-int32_t insertEntry(Library* h, const char* name, Search* s);
-int32_t removeEntry(Library* h, const char* name, bool removeRecord);
-uint8_t* recordPtr(Library* h, uint32_t nodeOff, uint32_t recOff);
+uint8_t* root_img(Library* h);
+uint32_t root_off(Library* h);
+int32_t node_img(Library* h, uint32_t off, uint8_t** img);
+int32_t write_node(Library* h, uint32_t off, uint32_t from = 0, uint32_t to = 0xFFFFFFFFu);
+int32_t find_entry(Library* h, const char* name, Search* s, bool tolerant = false);
+void drop_index(Library* h);
+int32_t insert_entry(Library* h, const char* name, Search* s);
+int32_t remove_entry(Library* h, const char* name, bool removeRecord);
+uint8_t* record_ptr(Library* h, uint32_t nodeOff, uint32_t recOff);
 // Visits every record in directory order; stops on a negative return of `fn`.
 template <class F>
-int32_t walkTree(Library* h, F&& fn);
+int32_t walk_tree(Library* h, F&& fn);
 
 // ---- data
-bool validDataOffset(Library* h, uint32_t off);
-void readerStart(Library* h, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
-                 uint32_t bufSize);
+bool valid_data_offset(Library* h, uint32_t off);
+void reader_start(Library* h, ChainReader* r, uint32_t first, uint32_t length, uint8_t* buf,
+                  uint32_t bufSize);
 // Copies up to n bytes; returns the count (0 at the end) or an error.
-int32_t readerRead(Library* h, ChainReader* r, void* out, uint32_t n);
-void writerStart(Library* h);
-int32_t appendData(Library* h, const void* bytes, uint32_t count);
-int32_t flushData(Library* h);
+int32_t reader_read(Library* h, ChainReader* r, void* out, uint32_t n);
+void writer_start(Library* h);
+int32_t append_data(Library* h, const void* bytes, uint32_t count);
+int32_t flush_data(Library* h);
 // Writes `count` bytes as a new chain (nothing in hand); returns its first block in *first.
-int32_t writeChain(Library* h, const void* bytes, uint32_t count, uint32_t* first);
+int32_t write_chain(Library* h, const void* bytes, uint32_t count, uint32_t* first);
 // Reads a whole chain of `length` bytes into `out`.
-int32_t readChain(Library* h, uint32_t first, uint32_t length, std::vector<uint8_t>* out);
+int32_t read_chain(Library* h, uint32_t first, uint32_t length, std::vector<uint8_t>* out);
 
 // ---- check-out list
-int32_t readList(Library* h, std::vector<uint8_t>* out);
-int32_t writeList(Library* h, const std::vector<uint8_t>& bytes, bool freeOld);
+int32_t read_list(Library* h, std::vector<uint8_t>* out);
+int32_t write_list(Library* h, const std::vector<uint8_t>& bytes, bool freeOld);
 
 // ---- checker
 struct VerifyReport {
@@ -356,8 +359,8 @@ VerifyReport verify(Library* h);
 // Walk in directory order: the node's records in stored order, then the left
 // subtree, then the right subtree.
 template <class F>
-int32_t walkTree(Library* h, F&& fn) {
-  std::vector<uint32_t> stack{rootOff(h)};
+int32_t walk_tree(Library* h, F&& fn) {
+  std::vector<uint32_t> stack{root_off(h)};
   std::unordered_set<uint32_t> seen;  // a node reached twice is a directory cycle:
   bool cycle = false;                 // not followed again, reported at the end
   while (!stack.empty()) {
@@ -368,7 +371,7 @@ int32_t walkTree(Library* h, F&& fn) {
       continue;
     }
     uint8_t* img;
-    int32_t rc = nodeImg(h, off, &img);
+    int32_t rc = node_img(h, off, &img);
     if (rc < 0) return rc;
     uint32_t used = h->entrySpace - rd16(img + node::kFree);
     for (uint32_t p = kNodeHead; p < kNodeHead + used;) {

@@ -32,16 +32,16 @@ struct Sink {
 
 // ---- last error (errors.cpp)
 // Starts a library call: forgets the reason noted by the previous one.
-void errBegin();
+void err_begin();
 // Ends a library call with result rc (>= 0 success) and returns rc. A failure
 // without a noted reason gets the generic text of its code.
-int32_t errEnd(int32_t rc);
+int32_t err_end(int32_t rc);
 // Notes why the call in progress fails (the first note of a call wins).
-void errNote(int32_t code, const std::string& text);
+void err_note(int32_t code, const std::string& text);
 // Notes a failed system call on `path` from the system's last error.
-void errNoteSystem(int32_t code, const char* what, const std::string& path);
+void err_note_system(int32_t code, const char* what, const std::string& path);
 // Generic text of an LMI_E_* code.
-const char* errText(int32_t code);
+const char* err_text(int32_t code);
 
 // ---- writing a fresh library (compact.cpp)
 struct OutEntry {
@@ -57,9 +57,9 @@ using FetchEntry = std::function<int32_t(size_t i, std::vector<uint8_t>* bytes)>
 // entries (sorted here by name) under a balanced directory, the check-out list
 // and the header fields of `header` (512 bytes), with every block in use.
 // The file is synced before this returns; on failure it is deleted.
-int32_t writeFresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
-                   const std::vector<uint8_t>& list, const FetchEntry& fetch);
+int32_t write_fresh(const std::string& path, const uint8_t* header, std::vector<OutEntry>& entries,
+                    const std::vector<uint8_t>& list, const FetchEntry& fetch);
 // True when the bytes form whole check-out records.
-bool wholeCheckOutList(const std::vector<uint8_t>& list, size_t* wholeBytes = nullptr);
+bool whole_check_out_list(const std::vector<uint8_t>& list, size_t* wholeBytes = nullptr);
 
 }  // namespace zbshr::lm

@@ -49,10 +49,10 @@ struct Repairer {
     std::vector<uint32_t> offs;
     uint8_t blk[kBlock];
     for (uint32_t t = 0; t < need; ++t) {
-      if (!validDataOffset(h, cur) || !free(cur, 1) ||
+      if (!valid_data_offset(h, cur) || !free(cur, 1) ||
           std::find(offs.begin(), offs.end(), cur) != offs.end())
         return false;
-      if (readAt(h, cur, blk, kBlock) || std::memcmp(blk, "DAT*", 4)) return false;
+      if (read_at(h, cur, blk, kBlock) || std::memcmp(blk, "DAT*", 4)) return false;
       uint32_t used = rd16(blk + 8);
       if (used != (t + 1 < need ? kPayload : len - kPayload * (need - 1))) return false;
       offs.push_back(cur);
@@ -64,7 +64,7 @@ struct Repairer {
   }
 
   // A child link is sound when it leads to an unvisited, unclaimed, valid node.
-  bool soundNode(uint32_t off, const std::unordered_set<uint32_t>& seen, std::string* why) {
+  bool sound_node(uint32_t off, const std::unordered_set<uint32_t>& seen, std::string* why) {
     if (seen.count(off)) {
       *why = "it leads back to a node already reached (a cycle)";
       return false;
@@ -74,7 +74,7 @@ struct Repairer {
       return false;
     }
     uint8_t* img;
-    if (nodeImg(h, off, &img)) {
+    if (node_img(h, off, &img)) {
       *why = "it does not lead to a sound directory node";
       return false;
     }
@@ -83,17 +83,17 @@ struct Repairer {
 
   int32_t directory() {
     uint8_t* root;
-    if (nodeImg(h, rootOff(h), &root)) {
-      errNote(LMI_E_DAMAGED, "the root directory node is damaged; salvage the library instead");
+    if (node_img(h, root_off(h), &root)) {
+      err_note(LMI_E_DAMAGED, "the root directory node is damaged; salvage the library instead");
       return LMI_E_DAMAGED;
     }
-    std::unordered_set<uint32_t> seen{rootOff(h)};
-    std::vector<uint32_t> stack{rootOff(h)};
+    std::unordered_set<uint32_t> seen{root_off(h)};
+    std::vector<uint32_t> stack{root_off(h)};
     while (!stack.empty()) {
       uint32_t off = stack.back();
       stack.pop_back();
       uint8_t* img;
-      int32_t rc = nodeImg(h, off, &img);
+      int32_t rc = node_img(h, off, &img);
       if (rc) return rc;
       uint32_t used = h->entrySpace - rd16(img + node::kFree);
       bool dirty = false;
@@ -114,7 +114,7 @@ struct Repairer {
         uint32_t child = rd32(img + field);
         if (!child) continue;
         std::string why;
-        if (!soundNode(child, seen, &why)) {
+        if (!sound_node(child, seen, &why)) {
           wr32(img + field, 0);
           dirty = true;
           note(LMI_E_DAMAGED, "", "cut the " + std::string(field == node::kLeft ? "left" : "right") +
@@ -124,34 +124,34 @@ struct Repairer {
         seen.insert(child);
         claim(child, h->nodeSize / kBlock);
         uint8_t* cimg;
-        nodeImg(h, child, &cimg);
+        node_img(h, child, &cimg);
         if (rd32(cimg + node::kParent) != off) {
           wr32(cimg + node::kParent, off);
-          rc = writeNode(h, child);
+          rc = write_node(h, child);
           if (rc) return rc;
           note(LMI_E_DAMAGED, "", "set the parent of the node at " + std::to_string(child));
         }
         stack.push_back(child);
       }
       if (dirty) {
-        rc = writeNode(h, off);
+        rc = write_node(h, off);
         if (rc) return rc;
       }
     }
-    dropIndex(h);
+    drop_index(h);
     return 0;
   }
 
-  int32_t checkOutList() {
+  int32_t check_out_list() {
     uint32_t first = rd32(h->fixed + hdr::kListFirst), len = rd32(h->fixed + hdr::kListLen);
     if (!first && !len) return 0;
     std::vector<uint8_t> list;
-    if (len && readChain(h, first, len, &list) == 0 && wholeCheckOutList(list) && chain(first, len))
+    if (len && read_chain(h, first, len, &list) == 0 && whole_check_out_list(list) && chain(first, len))
       return 0;
     wr32(h->fixed + hdr::kListFirst, 0);
     wr32(h->fixed + hdr::kListLen, 0);
     note(LMI_E_IO, "", "dropped the check-out list, which could not be read whole");
-    return writeAt(h, h->base, h->fixed, kBlock);
+    return write_at(h, h->base, h->fixed, kBlock);
   }
 
   int32_t run() {
@@ -167,7 +167,7 @@ struct Repairer {
       uint32_t off = h->base + k * kMapRange;
       std::vector<uint8_t> m(kBlock, 0);
       bool linked = rd32(imgs.back().data() + 4) == off;
-      if (readAt(h, off, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
+      if (read_at(h, off, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
         std::fill(m.begin(), m.end(), 0);
         std::memcpy(m.data(), "FRE*", 4);
         m[8] = 0x80;
@@ -182,9 +182,9 @@ struct Repairer {
     // A bitmap block that is also used by data cannot be rebuilt here.
     for (size_t k = 1; k < maps.size(); ++k) {
       uint8_t blk[kBlock];
-      if (readAt(h, maps[k], blk, kBlock) == 0 && std::memcmp(blk, "FRE*", 4) &&
+      if (read_at(h, maps[k], blk, kBlock) == 0 && std::memcmp(blk, "FRE*", 4) &&
           std::memcmp(blk, "\0\0\0\0", 4)) {
-        errNote(LMI_E_NO_SPACE, "the block for bitmap " + std::to_string(k) +
+        err_note(LMI_E_NO_SPACE, "the block for bitmap " + std::to_string(k) +
                                     " holds other data; salvage the library instead");
         return LMI_E_NO_SPACE;
       }
@@ -192,7 +192,7 @@ struct Repairer {
 
     int32_t rc = directory();
     if (rc) return rc;
-    rc = checkOutList();
+    rc = check_out_list();
     if (rc) return rc;
     // New bitmaps from the blocks in use.
     uint32_t leaked = 0, wronglyFree = 0;
@@ -210,7 +210,7 @@ struct Repairer {
       }
       if (m == imgs[k]) continue;
       if (k == 0) std::memcpy(h->fixed + kBlock, m.data(), kBlock);
-      rc = writeAt(h, maps[k], m.data(), kBlock);
+      rc = write_at(h, maps[k], m.data(), kBlock);
       if (rc) return rc;
     }
     if (leaked) note(ZBSHR_LIB_NOTE_LEAK, "", "freed " + std::to_string(leaked) + " leaked blocks");
@@ -222,7 +222,7 @@ struct Repairer {
 
 int32_t repair(const char* path, const Sink& say) {
   if (!path || !*path) {
-    errNote(LMI_E_ARGUMENT, "no library path was given");
+    err_note(LMI_E_ARGUMENT, "no library path was given");
     return LMI_E_ARGUMENT;
   }
   struct Heap {
@@ -230,7 +230,7 @@ int32_t repair(const char* path, const Sink& say) {
     ~Heap() { if (h) zbstg_end(h); }
   } heap;
   if (!heap.h) return LMI_E_NULL_HEAP;
-  Library* h = openLibrary(heap.h, path, 2, 0);
+  Library* h = open_library(heap.h, path, 2, 0);
   if (!h) return LMI_E_IO;
   Repairer r{h, say, {}, 0, 0};
   int32_t rc;
@@ -240,7 +240,7 @@ int32_t repair(const char* path, const Sink& say) {
     rc = op.began ? op.began : r.run();
     rc = op.end(rc);
   }
-  int32_t c = closeLibraryAlways(h);
+  int32_t c = close_library_always(h);
   if (rc == 0) rc = c;
   return rc ? rc : r.fixed;
 }
@@ -251,10 +251,10 @@ int32_t repair(const char* path, const Sink& say) {
 
 ZBSHR_API(int32_t) zbshr_lib_repair(const char* path, ZBSHR_LIB_PROBLEM cb, void* ctx) {
   using namespace zbshr::lm;
-  errBegin();
+  err_begin();
   try {
-    return errEnd(repair(path, Sink{cb, ctx}));
+    return err_end(repair(path, Sink{cb, ctx}));
   } catch (...) {
-    return errEnd(LMI_E_IO);
+    return err_end(LMI_E_IO);
   }
 }

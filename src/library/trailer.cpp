@@ -12,8 +12,8 @@ using namespace zbshr::plat;
 // inverted) keeps the base until the close has written the trailer back. One
 // found at an open whose file has no trailer means a writer ended without its
 // close: the trailer is put back. Returns false when that was needed and failed.
-bool restoreTrailer(HFILE f, const std::string& full) {
-  std::string sp = trailerKeeperPath(full);
+bool restore_trailer(HFILE f, const std::string& full) {
+  std::string sp = trailer_keeper_path(full);
   if (GetFileAttributesA(sp.c_str()) == INVALID_FILE_ATTRIBUTES) return true;
   HFILE k = CreateFileA(sp.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL);
@@ -45,18 +45,18 @@ bool restoreTrailer(HFILE f, const std::string& full) {
   return true;
 }
 
-bool keepTrailerBase(const std::string& full, uint32_t base) {
+bool keep_trailer_base(const std::string& full, uint32_t base) {
   uint8_t keep[12];
   std::memcpy(keep, "TRS*", 4);
   wr32(keep + 4, base);
   wr32(keep + 8, ~base);
-  HFILE k = CreateFileA(trailerKeeperPath(full).c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+  HFILE k = CreateFileA(trailer_keeper_path(full).c_str(), GENERIC_READ | GENERIC_WRITE, 0,
                         CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
   DWORD put = 0;
   bool kept = k != INVALID_HANDLE && WriteFile(k, keep, sizeof keep, &put) && put == sizeof keep &&
               FlushFileBuffers(k);
   if (k != INVALID_HANDLE) CloseHandle(k);
-  if (!kept) errNoteSystem(LMI_E_IO, "create", trailerKeeperPath(full));
+  if (!kept) err_note_system(LMI_E_IO, "create", trailer_keeper_path(full));
   return kept;
 }
 

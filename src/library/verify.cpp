@@ -29,7 +29,7 @@ struct Checker {
 
   bool read(uint64_t off, void* buf, uint32_t n) {
     uint32_t got = 0;
-    return off + n <= h->fsize && readAt(h, off, buf, n, &got) == 0 && got == n;
+    return off + n <= h->fsize && read_at(h, off, buf, n, &got) == 0 && got == n;
   }
 
   // Claims a block for a user; reports a block used twice or outside the file.
@@ -51,7 +51,7 @@ struct Checker {
     return true;
   }
 
-  bool dataOffsetOk(uint32_t off) {
+  bool data_offset_ok(uint32_t off) {
     return off >= uint64_t(h->base) + h->fixedSize && (off - h->base) % kBlock == 0 &&
            uint64_t(off) + kBlock <= h->fsize;
   }
@@ -66,7 +66,7 @@ struct Checker {
     uint32_t cur = first, total = 0;
     uint8_t blk[kBlock];
     for (uint32_t t = 0; t < need; ++t) {
-      if (!dataOffsetOk(cur)) {
+      if (!data_offset_ok(cur)) {
         problem("%s: data block %u of %u at bad offset %u", what.c_str(), t + 1, need, cur);
         return false;
       }
@@ -116,7 +116,7 @@ struct Checker {
         }
         if (next != h->base + k * kMapRange)
           problem("bitmap %u at %u, not at the start of its range", k, next);
-        if (!dataOffsetOk(next) || !read(next, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
+        if (!data_offset_ok(next) || !read(next, m.data(), kBlock) || std::memcmp(m.data(), "FRE*", 4)) {
           problem("bitmap %u at %u cannot be read", k, next);
           break;
         }
@@ -233,7 +233,7 @@ struct Checker {
     if (llen) {
       if (chain(lfirst, llen, "check-out list")) {
         std::vector<uint8_t> list;
-        if (readChain(h, lfirst, llen, &list) == 0 && !wholeCheckOutList(list))
+        if (read_chain(h, lfirst, llen, &list) == 0 && !whole_check_out_list(list))
           problem("check-out list: its records are damaged");
       }
     } else if (lfirst) {
@@ -278,7 +278,7 @@ VerifyReport verify(Library* h) {
   return c.rep;
 }
 
-bool wholeCheckOutList(const std::vector<uint8_t>& list, size_t* wholeBytes) {
+bool whole_check_out_list(const std::vector<uint8_t>& list, size_t* wholeBytes) {
   size_t p = 0, whole = 0;
   while (p < list.size()) {
     size_t q = p;
@@ -300,22 +300,22 @@ bool wholeCheckOutList(const std::vector<uint8_t>& list, size_t* wholeBytes) {
 using namespace zbshr::lm;
 
 ZBSHR_API(int32_t) zbshr_lib_verify(const char* path, ZBSHR_LIB_PROBLEM cb, void* ctx) {
-  errBegin();
+  err_begin();
   try {
     if (!path || !*path) {
-      errNote(LMI_E_ARGUMENT, "no library path was given");
-      return errEnd(LMI_E_ARGUMENT);
+      err_note(LMI_E_ARGUMENT, "no library path was given");
+      return err_end(LMI_E_ARGUMENT);
     }
     ZBSTG_HEAP heap = zbstg_begin(0);
-    if (!heap) return errEnd(LMI_E_NULL_HEAP);
-    Library* h = openLibrary(heap, path, 1, 0);
+    if (!heap) return err_end(LMI_E_NULL_HEAP);
+    Library* h = open_library(heap, path, 1, 0);
     if (!h) {
-      errNote(LMI_E_IO, std::string("open ") + path + ": not a library, or it cannot be opened");
+      err_note(LMI_E_IO, std::string("open ") + path + ": not a library, or it cannot be opened");
       zbstg_end(heap);
-      return errEnd(LMI_E_IO);
+      return err_end(LMI_E_IO);
     }
     std::vector<Finding> found = check(h);
-    closeLibrary(h);
+    close_library(h);
     zbstg_end(heap);
     Sink sink{cb, ctx};
     int32_t damage = 0;
@@ -323,8 +323,8 @@ ZBSHR_API(int32_t) zbshr_lib_verify(const char* path, ZBSHR_LIB_PROBLEM cb, void
       sink(f);
       if (f.code < 0) ++damage;
     }
-    return errEnd(damage);
+    return err_end(damage);
   } catch (...) {
-    return errEnd(LMI_E_IO);
+    return err_end(LMI_E_IO);
   }
 }

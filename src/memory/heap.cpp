@@ -67,7 +67,7 @@ namespace zbshr::mem {
 
 // The run maxima are upper bounds: they rise with a value here and are
 // lowered only when a search finds nothing below them.
-static inline void SetLargest(Table* t, uint32_t i, uint32_t value) {
+static inline void set_largest(Table* t, uint32_t i, uint32_t value) {
   t->largest[i] = static_cast<uint16_t>(value);
   uint32_t g = i >> 4;
   if (value > t->max16[g]) {
@@ -77,19 +77,19 @@ static inline void SetLargest(Table* t, uint32_t i, uint32_t value) {
 }
 
 // First entry (in index order) whose largest-free value is at least b, or -1.
-static int32_t FirstFit(Table* t, uint32_t b) {
+static int32_t first_fit(Table* t, uint32_t b) {
   const uint16_t v = static_cast<uint16_t>(b);
   for (uint32_t base = 0; base < t->top_words; base += kLanes) {
-    for (uint32_t m2 = lanes::AtLeast(t->top + base, v); m2; m2 &= m2 - 1) {
+    for (uint32_t m2 = lanes::at_least(t->top + base, v); m2; m2 &= m2 - 1) {
       uint32_t g2 = base + static_cast<uint32_t>(std::countr_zero(m2));
       uint16_t* run16 = t->max16 + g2 * kLanes;
-      for (uint32_t m1 = lanes::AtLeast(run16, v); m1; m1 &= m1 - 1) {
+      for (uint32_t m1 = lanes::at_least(run16, v); m1; m1 &= m1 - 1) {
         uint32_t g = g2 * kLanes + static_cast<uint32_t>(std::countr_zero(m1));
-        uint32_t m0 = lanes::AtLeast(t->largest + g * kLanes, v);
+        uint32_t m0 = lanes::at_least(t->largest + g * kLanes, v);
         if (m0) return static_cast<int32_t>(g * kLanes + static_cast<uint32_t>(std::countr_zero(m0)));
-        t->max16[g] = lanes::Max(t->largest + g * kLanes);  // the bound was stale
+        t->max16[g] = lanes::max(t->largest + g * kLanes);  // the bound was stale
       }
-      t->top[g2] = lanes::Max(run16);
+      t->top[g2] = lanes::max(run16);
     }
   }
   return -1;
@@ -97,24 +97,24 @@ static int32_t FirstFit(Table* t, uint32_t b) {
 
 // Builds the largest-free levels of a table whose capacity just became
 // t->capacity, keeping the values of the first `old_count` entries.
-static void IndexTable(ZBSTG_HEAP heap, Table* t, uint32_t old_count) {
+static void index_table(ZBSTG_HEAP heap, Table* t, uint32_t old_count) {
   uint32_t cap = t->capacity;
   uint32_t words0 = (cap + 255) / 256 * 256;
   uint32_t words1 = words0 / kLanes;
   uint32_t words2 = (words0 / 256 + kLanes - 1) / kLanes * kLanes;
   auto* levels = static_cast<uint16_t*>(
-      SideAllocLine(heap, sizeof(uint16_t) * (words0 + words1 + words2)));
+      side_alloc_line(heap, sizeof(uint16_t) * (words0 + words1 + words2)));
   std::memset(levels, 0, sizeof(uint16_t) * (words0 + words1 + words2));
   if (t->largest) std::memcpy(levels, t->largest, sizeof(uint16_t) * old_count);
   uint16_t* l1 = levels + words0;
   uint16_t* l2 = l1 + words1;
-  for (uint32_t g = 0; g < words1; ++g) l1[g] = lanes::Max(levels + g * kLanes);
-  for (uint32_t g = 0; g < words0 / 256; ++g) l2[g] = lanes::Max(l1 + g * kLanes);
+  for (uint32_t g = 0; g < words1; ++g) l1[g] = lanes::max(levels + g * kLanes);
+  for (uint32_t g = 0; g < words0 / 256; ++g) l2[g] = lanes::max(l1 + g * kLanes);
   uint32_t words = (cap + 63) / 64;
-  auto* occ = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
+  auto* occ = static_cast<uint64_t*>(side_alloc(heap, sizeof(uint64_t) * words));
   if (t->occupied) std::memcpy(occ, t->occupied, sizeof(uint64_t) * ((old_count + 63) / 64));
   std::free(t->occupied);
-  SideFreeLine(t->largest);
+  side_free_line(t->largest);
   t->largest = levels;
   t->max16 = l1;
   t->top = l2;
@@ -122,25 +122,25 @@ static void IndexTable(ZBSTG_HEAP heap, Table* t, uint32_t old_count) {
   t->occupied = occ;
 }
 
-static void FreeTable(Table* t) {
-  SideFreeLine(t->largest);
+static void free_table(Table* t) {
+  side_free_line(t->largest);
   std::free(t->occupied);
   HGLOBAL h = t->handle;
   GlobalUnlock(h);
   GlobalFree(h);
 }
 
-static size_t TableNativeBytes(uint32_t capacity) {
+static size_t table_native_bytes(uint32_t capacity) {
   return sizeof(Table) + sizeof(TableEntry) * capacity;
 }
 
 // ---------------------------------------------------------------- directory
 
-static void MarkDirSlot(ZBSTG_HEAP heap, uint32_t slot, bool used) {
+static void mark_dir_slot(ZBSTG_HEAP heap, uint32_t slot, bool used) {
   uint32_t w = slot / 64;
   if (w >= heap->dir_occupied_words) {
     uint32_t words = std::max<uint32_t>(w + 1, heap->dir_occupied_words * 2);
-    auto* fresh = static_cast<uint64_t*>(SideAlloc(heap, sizeof(uint64_t) * words));
+    auto* fresh = static_cast<uint64_t*>(side_alloc(heap, sizeof(uint64_t) * words));
     if (heap->dir_occupied)
       std::memcpy(fresh, heap->dir_occupied, sizeof(uint64_t) * heap->dir_occupied_words);
     std::free(heap->dir_occupied);
@@ -154,7 +154,7 @@ static void MarkDirSlot(ZBSTG_HEAP heap, uint32_t slot, bool used) {
 }
 
 // First directory entry below `count` without a table, or -1.
-static int64_t FirstFreeDirSlot(ZBSTG_HEAP heap, uint32_t count) {
+static int64_t first_free_dir_slot(ZBSTG_HEAP heap, uint32_t count) {
   for (uint32_t w = 0; w * 64 < count; ++w) {
     uint64_t bits = w < heap->dir_occupied_words ? heap->dir_occupied[w] : 0;
     if (~bits) {
@@ -165,34 +165,34 @@ static int64_t FirstFreeDirSlot(ZBSTG_HEAP heap, uint32_t count) {
   return -1;
 }
 
-static Table* MakeTable(ZBSTG_HEAP heap) {
+static Table* make_table(ZBSTG_HEAP heap) {
   constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
-  HGLOBAL h = GlobalAlloc(kFlags, TableNativeBytes(kTableStep));
-  uint8_t* mem = ObtainLocked(heap, &h, TableNativeBytes(kTableStep), kFlags);
+  HGLOBAL h = GlobalAlloc(kFlags, table_native_bytes(kTableStep));
+  uint8_t* mem = obtain_locked(heap, &h, table_native_bytes(kTableStep), kFlags);
   auto* t = new (mem) Table{h, 0, kTableStep, -1, 0, nullptr, nullptr, nullptr, nullptr};
-  std::memset(static_cast<void*>(t->Entries()), 0, sizeof(TableEntry) * kTableStep);
-  IndexTable(heap, t, 0);
+  std::memset(static_cast<void*>(t->entries()), 0, sizeof(TableEntry) * kTableStep);
+  index_table(heap, t, 0);
   return t;
 }
 
 // Finds the table of `pool`, creating it when `create`; sets *slot. Null when
 // absent and not created.
-static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* slot) {
+static Table* find_table(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* slot) {
   if (heap->cached_valid && heap->cached_pool == pool) {
     *slot = heap->cached_slot;
-    return TableAt(heap, *slot);
+    return table_at(heap, *slot);
   }
   uint64_t v;
-  if (heap->pool_slot.Find(pool, &v)) {
+  if (heap->pool_slot.find(pool, &v)) {
     *slot = static_cast<uint32_t>(v);
     heap->cached_pool = pool;
     heap->cached_slot = *slot;
     heap->cached_valid = true;
-    return TableAt(heap, *slot);
+    return table_at(heap, *slot);
   }
   if (!create) return nullptr;
   Directory* dir = heap->directory;
-  int64_t free_slot = FirstFreeDirSlot(heap, dir->count);
+  int64_t free_slot = first_free_dir_slot(heap, dir->count);
   uint32_t s;
   if (free_slot >= 0) {
     s = static_cast<uint32_t>(free_slot);
@@ -205,14 +205,14 @@ static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* s
     constexpr UINT kFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
     size_t bytes = sizeof(Directory) + sizeof(DirEntry) * cap;
     HGLOBAL h = GlobalAlloc(kFlags, bytes);
-    uint8_t* mem = ObtainLocked(heap, &h, bytes, kFlags);
+    uint8_t* mem = obtain_locked(heap, &h, bytes, kFlags);
     auto* fresh = new (mem) Directory{h, cap, dir->count};
-    std::memset(static_cast<void*>(fresh->Entries()), 0, sizeof(DirEntry) * cap);
-    std::memcpy(static_cast<void*>(fresh->Entries()), dir->Entries(),
+    std::memset(static_cast<void*>(fresh->entries()), 0, sizeof(DirEntry) * cap);
+    std::memcpy(static_cast<void*>(fresh->entries()), dir->entries(),
                 sizeof(DirEntry) * dir->capacity);
     if (dir->handle) {
       auto* list = static_cast<HGLOBAL*>(
-          SideAlloc(heap, sizeof(HGLOBAL) * (heap->old_directory_count + 1)));
+          side_alloc(heap, sizeof(HGLOBAL) * (heap->old_directory_count + 1)));
       if (heap->old_directories)
         std::memcpy(list, heap->old_directories, sizeof(HGLOBAL) * heap->old_directory_count);
       std::free(heap->old_directories);
@@ -222,28 +222,28 @@ static Table* FindTable(ZBSTG_HEAP heap, uint32_t pool, bool create, uint32_t* s
     heap->directory = dir = fresh;
     s = dir->count++;
   }
-  Table* t = MakeTable(heap);
-  DirEntry& e = heap->directory->Entries()[s];
+  Table* t = make_table(heap);
+  DirEntry& e = heap->directory->entries()[s];
   e.pool = pool;
   e.table = t;
-  MarkDirSlot(heap, s, true);
-  heap->pool_slot.Put(heap, pool, s);
+  mark_dir_slot(heap, s, true);
+  heap->pool_slot.put(heap, pool, s);
   *slot = s;
   return t;
 }
 
 // ---------------------------------------------------------------- sub-pools
 
-static void CountSubpool(ZBSTG_HEAP heap) {
+static void count_subpool(ZBSTG_HEAP heap) {
   ++heap->subpools;
   if (heap->subpools > heap->peak_subpools) heap->peak_subpools = heap->subpools;
 }
 
 // Puts a sub-pool in the first empty entry of the table at `slot` (growing
 // the table by 200 entries when full). Returns the entry index.
-static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
-                             uint32_t largest, const Mirror& mirror) {
-  Table* t = TableAt(heap, slot);
+static uint32_t place_subpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBAL h,
+                              uint32_t largest, const Mirror& mirror) {
+  Table* t = table_at(heap, slot);
   uint32_t idx = t->capacity;
   uint32_t words = (t->capacity + 63) / 64;
   for (uint32_t w = 0; w < words; ++w) {
@@ -259,31 +259,31 @@ static uint32_t PlaceSubpool(ZBSTG_HEAP heap, uint32_t slot, uint8_t* sp, HGLOBA
     uint32_t cap = old_cap + kTableStep;
     // The table may move; its header (with the index pointers) moves with it.
     HGLOBAL th = t->handle;
-    uint8_t* mem = ReallocLocked(heap, &th, TableNativeBytes(cap), GMEM_MOVEABLE | GMEM_ZEROINIT);
+    uint8_t* mem = realloc_locked(heap, &th, table_native_bytes(cap), GMEM_MOVEABLE | GMEM_ZEROINIT);
     t = reinterpret_cast<Table*>(mem);
     t->handle = th;
     t->capacity = cap;
-    std::memset(static_cast<void*>(t->Entries() + old_cap), 0, sizeof(TableEntry) * kTableStep);
-    heap->directory->Entries()[slot].table = t;
-    IndexTable(heap, t, old_cap);
+    std::memset(static_cast<void*>(t->entries() + old_cap), 0, sizeof(TableEntry) * kTableStep);
+    heap->directory->entries()[slot].table = t;
+    index_table(heap, t, old_cap);
     idx = old_cap;
   }
-  TableEntry& e = t->Entries()[idx];
+  TableEntry& e = t->entries()[idx];
   e.subpool = sp;
   e.handle = h;
   e.mirror = mirror;
-  e.count = Ld16(sp + 6);
-  SetLargest(t, idx, largest);
+  e.count = ld16(sp + 6);
+  set_largest(t, idx, largest);
   t->occupied[idx / 64] |= 1ull << (idx % 64);
   ++t->count;
-  heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(sp),
+  heap->subpool_home.put(heap, reinterpret_cast<uintptr_t>(sp),
                          (static_cast<uint64_t>(slot) << 32) | idx);
   return idx;
 }
 
 // Makes a new small sub-pool able to hold a block of b bytes; returns its
 // table index.
-static uint32_t NewSmallSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t b) {
+static uint32_t new_small_subpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t b) {
   uint8_t* sp;
   HGLOBAL h;
   uint32_t size;
@@ -304,27 +304,27 @@ static uint32_t NewSmallSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, u
       size = kSmallSubpool;
       h = GlobalAlloc(heap->alloc_flags, size);
     }
-    sp = ObtainLocked(heap, &h, size, heap->alloc_flags);
+    sp = obtain_locked(heap, &h, size, heap->alloc_flags);
   }
-  CountSubpool(heap);
-  St32(sp, pool);
-  St16(sp + 4, kSubpoolHeader);
-  St16(sp + 6, 0);
-  St16(sp + 8, size - 10);
-  St16(sp + 10, 0);
+  count_subpool(heap);
+  st32(sp, pool);
+  st16(sp + 4, kSubpoolHeader);
+  st16(sp + 6, 0);
+  st16(sp + 8, size - 10);
+  st16(sp + 10, 0);
   Mirror m;
-  MirrorInit(heap, &m, kSubpoolHeader, size - 10);
-  return PlaceSubpool(heap, slot, sp, h, size - 10, m);
+  mirror_init(heap, &m, kSubpoolHeader, size - 10);
+  return place_subpool(heap, slot, sp, h, size - 10, m);
 }
 
 // Releases the sub-pool of entry `idx` of the table at `slot` (keeping it as
 // the spare when it is a 4 KB one and there is none yet).
-static void ReleaseSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
-  Table* t = TableAt(heap, slot);
-  TableEntry& e = t->Entries()[idx];
+static void release_subpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
+  Table* t = table_at(heap, slot);
+  TableEntry& e = t->entries()[idx];
   uint8_t* sp = e.subpool;
   HGLOBAL h = e.handle;
-  heap->live_blocks -= Ld16(sp + 6);
+  heap->live_blocks -= ld16(sp + 6);
   if (--heap->subpools == 0) heap->live_blocks = 0;
   size_t gs = GlobalSize(h);
   if (!heap->spare && gs >= kSpareMin && gs <= kSpareMax) {
@@ -334,138 +334,138 @@ static void ReleaseSubpool(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx) {
     GlobalUnlock(h);
     GlobalFree(h);
   }
-  heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
-  MirrorFree(&e.mirror);
+  heap->subpool_home.erase(reinterpret_cast<uintptr_t>(sp));
+  mirror_free(&e.mirror);
   e.subpool = nullptr;
   e.handle = nullptr;
-  SetLargest(t, idx, 0);
+  set_largest(t, idx, 0);
   t->occupied[idx / 64] &= ~(1ull << (idx % 64));
   --t->count;
 }
 
-static inline void Link(uint8_t* sp, uint32_t prev, uint32_t to) {
-  St16(prev ? sp + prev + 2 : sp + 4, to);
+static inline void link(uint8_t* sp, uint32_t prev, uint32_t to) {
+  st16(prev ? sp + prev + 2 : sp + 4, to);
 }
 
 // Carves a block of b bytes from the sub-pool of entry `idx`; null when no
 // free block fits.
-static void* CarveBlock(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
-  TableEntry& te = t->Entries()[idx];
+static void* carve_block(ZBSTG_HEAP heap, Table* t, uint32_t idx, uint32_t b) {
+  TableEntry& te = t->entries()[idx];
   uint8_t* sp = te.subpool;
   Mirror& m = te.mirror;
   if (!m.off) return nullptr;
-  uint32_t k = m.FirstFit(b);
+  uint32_t k = m.first_fit(b);
   if (k == m.n) return nullptr;
-  uint32_t cur = m.Off(k), size = m.Size(k);
-  uint32_t prev = k ? m.Off(k - 1) : 0;
-  uint32_t next = k + 1 < m.n ? m.Off(k + 1) : 0;
+  uint32_t cur = m.off_at(k), size = m.size_at(k);
+  uint32_t prev = k ? m.off_at(k - 1) : 0;
+  uint32_t next = k + 1 < m.n ? m.off_at(k + 1) : 0;
   uint32_t rest = size - b;
   // Taking the block that set the largest-free value calls for the new
   // largest, worked out before the mirror changes.
-  if (size >= t->Largest(idx)) {
-    uint32_t others = m.LargestExcept(k);
-    SetLargest(t, idx, rest >= 4 && rest > others ? rest : others);
+  if (size >= t->largest_free(idx)) {
+    uint32_t others = m.largest_except(k);
+    set_largest(t, idx, rest >= 4 && rest > others ? rest : others);
   }
   if (rest >= 4) {
     uint32_t nf = cur + b;
-    St16(sp + nf, rest);
-    St16(sp + nf + 2, next);
-    Link(sp, prev, nf);
-    m.Set(k, nf, rest);
+    st16(sp + nf, rest);
+    st16(sp + nf + 2, next);
+    link(sp, prev, nf);
+    m.set(k, nf, rest);
   } else {
-    Link(sp, prev, next);  // the 1-3 trailing bytes stay lost until release
-    m.Remove(k);
+    link(sp, prev, next);  // the 1-3 trailing bytes stay lost until release
+    m.remove(k);
   }
-  St16(sp + cur, b);
-  St16(sp + cur + 2, cur);
-  St16(sp + 6, ++te.count);
+  st16(sp + cur, b);
+  st16(sp + cur + 2, cur);
+  st16(sp + 6, ++te.count);
   ++heap->live_blocks;
   return sp + cur + 4;
 }
 
-static void* AllocLarge(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t n) {
+static void* alloc_large(ZBSTG_HEAP heap, uint32_t slot, uint32_t pool, uint32_t n) {
   size_t bytes = static_cast<size_t>(n) + kLargeHeader;
   HGLOBAL h = GlobalAlloc(heap->alloc_flags, bytes);
-  uint8_t* sp = ObtainLocked(heap, &h, bytes, heap->alloc_flags);
-  CountSubpool(heap);
-  St32(sp, pool);
-  St16(sp + 4, 0);
-  St16(sp + 6, 1);
-  St32(sp + 8, n);
-  St16(sp + 12, kLargeMark);
-  St16(sp + 14, 12);
-  PlaceSubpool(heap, slot, sp, h, 0, Mirror{});
+  uint8_t* sp = obtain_locked(heap, &h, bytes, heap->alloc_flags);
+  count_subpool(heap);
+  st32(sp, pool);
+  st16(sp + 4, 0);
+  st16(sp + 6, 1);
+  st32(sp + 8, n);
+  st16(sp + 12, kLargeMark);
+  st16(sp + 14, 12);
+  place_subpool(heap, slot, sp, h, 0, Mirror{});
   ++heap->live_blocks;
   return sp + kLargeHeader;
 }
 
-static void* AllocIn(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
+static void* alloc_in(ZBSTG_HEAP heap, uint32_t n, uint32_t pool) {
   uint32_t slot;
   Table* t;
   if (heap->cached_valid && heap->cached_pool == pool) {
     slot = heap->cached_slot;
-    t = TableAt(heap, slot);
+    t = table_at(heap, slot);
   } else {
-    t = FindTable(heap, pool, true, &slot);
+    t = find_table(heap, pool, true, &slot);
   }
-  if (n > kMaxSmallRequest) return AllocLarge(heap, slot, pool, n);
+  if (n > kMaxSmallRequest) return alloc_large(heap, slot, pool, n);
   uint32_t b = ((n + 3) & ~3u) + 4;
   int32_t idx = -1;
   if (static_cast<int32_t>(b) < static_cast<int32_t>(heap->subpool_size) - 10) {
     int32_t last = t->last_used;
     if (last >= 0 && static_cast<uint32_t>(last) < t->capacity &&
-        t->Largest(static_cast<uint32_t>(last)) >= b)
+        t->largest_free(static_cast<uint32_t>(last)) >= b)
       idx = last;
     else
-      idx = FirstFit(t, b);
+      idx = first_fit(t, b);
   }
   if (idx < 0) {
-    idx = static_cast<int32_t>(NewSmallSubpool(heap, slot, pool, b));
-    t = TableAt(heap, slot);
+    idx = static_cast<int32_t>(new_small_subpool(heap, slot, pool, b));
+    t = table_at(heap, slot);
   }
   t->last_used = idx;
-  return CarveBlock(heap, t, static_cast<uint32_t>(idx), b);
+  return carve_block(heap, t, static_cast<uint32_t>(idx), b);
 }
 
 // Frees a block whose sub-pool is entry `idx` of the table at `slot`.
-static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, uint8_t* hdr) {
-  Table* t = TableAt(heap, slot);
-  TableEntry& te = t->Entries()[idx];
+static void free_in(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, uint8_t* hdr) {
+  Table* t = table_at(heap, slot);
+  TableEntry& te = t->entries()[idx];
   uint32_t off = static_cast<uint32_t>(hdr - sp);
-  uint32_t bsz = Ld16(hdr);
+  uint32_t bsz = ld16(hdr);
   uint32_t count = te.count;
   if (count == 0) return;
   if (!te.mirror.off) {
     // A large block: its sub-pool holds nothing else.
     if (off != 12) return;
-    St16(hdr + 2, 0);
-    St16(sp + 4, off);
-    St16(sp + 6, 0);
+    st16(hdr + 2, 0);
+    st16(sp + 4, off);
+    st16(sp + 6, 0);
     te.count = 0;
     --heap->live_blocks;
-    ReleaseSubpool(heap, slot, idx);
+    release_subpool(heap, slot, idx);
     return;
   }
   Mirror& m = te.mirror;
-  uint32_t k = m.LowerBound(off);
+  uint32_t k = m.lower_bound(off);
   uint32_t prev = 0, prev_size = 0, cur = 0, cur_size = 0;
   if (k) {
-    prev = m.Off(k - 1);
-    prev_size = m.Size(k - 1);
+    prev = m.off_at(k - 1);
+    prev_size = m.size_at(k - 1);
   }
   if (k < m.n) {
-    cur = m.Off(k);
-    cur_size = m.Size(k);
+    cur = m.off_at(k);
+    cur_size = m.size_at(k);
   }
   // Already free: on the list, or inside the free block before it.
   if (cur == off || (k && prev + prev_size > off)) return;
-  St16(sp + 6, count - 1);
+  st16(sp + 6, count - 1);
   te.count = count - 1;
   --heap->live_blocks;
   if (count - 1 == 0) {
-    St16(hdr + 2, cur);
-    Link(sp, prev, off);
-    ReleaseSubpool(heap, slot, idx);
+    st16(hdr + 2, cur);
+    link(sp, prev, off);
+    release_subpool(heap, slot, idx);
     return;
   }
   // The block goes into the list between prev and cur (its link word takes
@@ -479,30 +479,30 @@ static void FreeIn(ZBSTG_HEAP heap, uint32_t slot, uint32_t idx, uint8_t* sp, ui
     size += prev_size;
     if (with_next) {
       size += cur_size;
-      uint32_t after = k + 1 < m.n ? m.Off(k + 1) : 0;
-      St16(hdr + 2, cur);
-      St16(sp + prev, size);
-      St16(sp + prev + 2, after);
-      m.Remove(k);
+      uint32_t after = k + 1 < m.n ? m.off_at(k + 1) : 0;
+      st16(hdr + 2, cur);
+      st16(sp + prev, size);
+      st16(sp + prev + 2, after);
+      m.remove(k);
     } else {
-      St16(hdr + 2, cur);
-      St16(sp + prev, size);
-      St16(sp + prev + 2, cur);
+      st16(hdr + 2, cur);
+      st16(sp + prev, size);
+      st16(sp + prev + 2, cur);
     }
-    m.Set(k - 1, prev, size);
+    m.set(k - 1, prev, size);
   } else if (with_next) {
     size += cur_size;
-    uint32_t after = k + 1 < m.n ? m.Off(k + 1) : 0;
-    Link(sp, prev, off);
-    St16(hdr, size);
-    St16(hdr + 2, after);
-    m.Set(k, off, size);
+    uint32_t after = k + 1 < m.n ? m.off_at(k + 1) : 0;
+    link(sp, prev, off);
+    st16(hdr, size);
+    st16(hdr + 2, after);
+    m.set(k, off, size);
   } else {
-    St16(hdr + 2, cur);
-    Link(sp, prev, off);
-    MirrorInsert(heap, &m, k, off, bsz);
+    st16(hdr + 2, cur);
+    link(sp, prev, off);
+    mirror_insert(heap, &m, k, off, bsz);
   }
-  if (size > t->Largest(idx)) SetLargest(t, idx, size);
+  if (size > t->largest_free(idx)) set_largest(t, idx, size);
 }
 
 }  // namespace zbshr::mem
@@ -513,7 +513,7 @@ using namespace zbshr::mem;
 
 ZBSHR_API(ZBSTG_HEAP) zbstg_begin_allocflags(uint16_t subpool_size, uint32_t alloc_flags) {
   HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE, sizeof(zbstg_heap_s));
-  uint8_t* mem = ObtainLocked(nullptr, &h, sizeof(zbstg_heap_s), GMEM_MOVEABLE);
+  uint8_t* mem = obtain_locked(nullptr, &h, sizeof(zbstg_heap_s), GMEM_MOVEABLE);
   std::memset(mem, 0, sizeof(zbstg_heap_s));
   auto* heap = new (mem) zbstg_heap_s{};
   heap->directory = &heap->inline_directory;
@@ -537,16 +537,16 @@ ZBSHR_API(void) zbstg_end(ZBSTG_HEAP heap) {
   if (!heap) return;
   Directory* dir = heap->directory;
   for (uint32_t s = 0; s < dir->count; ++s) {
-    Table* t = dir->Entries()[s].table;
+    Table* t = dir->entries()[s].table;
     if (!t) continue;
     for (uint32_t i = 0; i < t->capacity; ++i) {
-      TableEntry& e = t->Entries()[i];
+      TableEntry& e = t->entries()[i];
       if (!e.subpool) continue;
-      MirrorFree(&e.mirror);
+      mirror_free(&e.mirror);
       GlobalUnlock(e.handle);
       GlobalFree(e.handle);
     }
-    FreeTable(t);
+    free_table(t);
   }
   if (heap->spare) {
     GlobalUnlock(heap->spare_handle);
@@ -562,8 +562,8 @@ ZBSHR_API(void) zbstg_end(ZBSTG_HEAP heap) {
   }
   std::free(heap->old_directories);
   std::free(heap->dir_occupied);
-  heap->pool_slot.Release();
-  heap->subpool_home.Release();
+  heap->pool_slot.release();
+  heap->subpool_home.release();
   HGLOBAL own = heap->own_handle;
   GlobalUnlock(own);
   GlobalFree(own);
@@ -590,17 +590,17 @@ ZBSHR_API(void) zbstg_free_pool(ZBSTG_HEAP heap, uint32_t pool) {
   if (!heap) return;
   if (pool == 0) pool = heap->default_pool;
   uint32_t slot;
-  Table* t = FindTable(heap, pool, false, &slot);
+  Table* t = find_table(heap, pool, false, &slot);
   if (!t) return;
   for (uint32_t i = 0; i < t->capacity; ++i) {
-    if (t->Entries()[i].subpool) ReleaseSubpool(heap, slot, i);
+    if (t->entries()[i].subpool) release_subpool(heap, slot, i);
   }
-  FreeTable(t);
-  DirEntry& e = heap->directory->Entries()[slot];
+  free_table(t);
+  DirEntry& e = heap->directory->entries()[slot];
   e.pool = 0;
   e.table = nullptr;
-  MarkDirSlot(heap, slot, false);
-  heap->pool_slot.Erase(pool);
+  mark_dir_slot(heap, slot, false);
+  heap->pool_slot.erase(pool);
   heap->cached_valid = false;
 }
 
@@ -608,34 +608,34 @@ ZBSHR_API(void *) zbstg_alloc(ZBSTG_HEAP heap, uint32_t size, uint32_t pool) {
   if (!heap) return nullptr;
   if (heap->next_pool <= pool) heap->next_pool = pool + 1;
   if (pool == 0) pool = heap->default_pool;
-  return AllocIn(heap, size, pool);
+  return alloc_in(heap, size, pool);
 }
 
 ZBSHR_API(void) zbstg_free(ZBSTG_HEAP heap, void *block) {
   if (!block || !heap) return;
   uint8_t* hdr = static_cast<uint8_t*>(block) - 4;
-  uint8_t* sp = SubpoolOf(block);
+  uint8_t* sp = subpool_of(block);
   uint32_t slot, idx;
   // (Blocks never lie at offset 32,768 or more: a sub-pool larger than 16 KB
   // only ever holds the one block it was made for, at offset 8.)
-  if (!LocateSubpool(heap, sp, &slot, &idx)) return;
-  FreeIn(heap, slot, idx, sp, hdr);
+  if (!locate_subpool(heap, sp, &slot, &idx)) return;
+  free_in(heap, slot, idx, sp, hdr);
 }
 
 ZBSHR_API(uint32_t) zbstg_size(ZBSTG_HEAP /*heap*/, const void *block) {
   if (!block) return 0;
   const uint8_t* hdr = static_cast<const uint8_t*>(block) - 4;
-  uint16_t bsz = Ld16(hdr);
-  if (bsz == kLargeMark) return Ld32(hdr - 4);
+  uint16_t bsz = ld16(hdr);
+  if (bsz == kLargeMark) return ld32(hdr - 4);
   return bsz - 4u;
 }
 
 ZBSHR_API(uint32_t) zbstg_get_pointer_subpool(ZBSTG_HEAP heap, const void *block) {
   if (!heap || !block) return 0;
-  uint8_t* sp = SubpoolOf(block);
+  uint8_t* sp = subpool_of(block);
   uint32_t slot, idx;
-  if (!LocateSubpool(heap, sp, &slot, &idx)) return 0;
-  return Ld32(sp);
+  if (!locate_subpool(heap, sp, &slot, &idx)) return 0;
+  return ld32(sp);
 }
 
 ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uint32_t pool) {
@@ -644,97 +644,97 @@ ZBSHR_API(void *) zbstg_realloc(ZBSTG_HEAP heap, void *block, uint32_t size, uin
   if (!block) return zbstg_alloc(heap, size, target);
 
   uint8_t* hdr = static_cast<uint8_t*>(block) - 4;
-  uint32_t bsz = Ld16(hdr);
+  uint32_t bsz = ld16(hdr);
   bool large_block = bsz == kLargeMark;
   uint32_t n = size;
   if (!large_block) {
     if (n > 0xFFFFFFFCu) return nullptr;  // cannot be rounded to a 32-bit size
     n = (n + 3) & ~3u;
   }
-  uint8_t* sp = SubpoolOf(block, true);  // the string flag is not cleared here
+  uint8_t* sp = subpool_of(block, true);  // the string flag is not cleared here
   uint32_t slot, idx;
-  if (!LocateSubpool(heap, sp, &slot, &idx)) return nullptr;
-  bool same_pool = Ld32(sp) == target;
+  if (!locate_subpool(heap, sp, &slot, &idx)) return nullptr;
+  bool same_pool = ld32(sp) == target;
   bool large_req = n > kMaxSmallRequest;
-  uint32_t count = Ld16(sp + 6);
-  bool sole = !large_req && count == 1 && Ld16(sp + 4) == 0;
+  uint32_t count = ld16(sp + 6);
+  bool sole = !large_req && count == 1 && ld16(sp + 4) == 0;
   bool shared = !large_req && !sole;
   int32_t heap_size = heap->subpool_size;
 
   if (large_block && large_req && same_pool) {
-    Table* t = TableAt(heap, slot);
-    HGLOBAL h = t->Entries()[idx].handle;
-    uint8_t* moved = ReallocLocked(heap, &h, static_cast<size_t>(n) + kLargeHeader,
-                                   heap->alloc_flags);
-    t = TableAt(heap, slot);
-    heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
-    t->Entries()[idx].subpool = moved;
-    t->Entries()[idx].handle = h;
-    SetLargest(t, idx, 0);
-    heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(moved),
+    Table* t = table_at(heap, slot);
+    HGLOBAL h = t->entries()[idx].handle;
+    uint8_t* moved = realloc_locked(heap, &h, static_cast<size_t>(n) + kLargeHeader,
+                                    heap->alloc_flags);
+    t = table_at(heap, slot);
+    heap->subpool_home.erase(reinterpret_cast<uintptr_t>(sp));
+    t->entries()[idx].subpool = moved;
+    t->entries()[idx].handle = h;
+    set_largest(t, idx, 0);
+    heap->subpool_home.put(heap, reinterpret_cast<uintptr_t>(moved),
                            (static_cast<uint64_t>(slot) << 32) | idx);
-    St32(moved + 8, n);
+    st32(moved + 8, n);
     return moved + kLargeHeader;
   }
 
   uint32_t off = static_cast<uint32_t>(hdr - sp);
   if (sole && !large_block && same_pool && static_cast<int32_t>(bsz) > heap_size - 8) {
-    Table* t = TableAt(heap, slot);
-    HGLOBAL h = t->Entries()[idx].handle;
-    uint8_t* moved = ReallocLocked(heap, &h, static_cast<size_t>(off) + n + 4, heap->alloc_flags);
-    t = TableAt(heap, slot);
-    heap->subpool_home.Erase(reinterpret_cast<uintptr_t>(sp));
-    t->Entries()[idx].subpool = moved;
-    t->Entries()[idx].handle = h;
-    heap->subpool_home.Put(heap, reinterpret_cast<uintptr_t>(moved),
+    Table* t = table_at(heap, slot);
+    HGLOBAL h = t->entries()[idx].handle;
+    uint8_t* moved = realloc_locked(heap, &h, static_cast<size_t>(off) + n + 4, heap->alloc_flags);
+    t = table_at(heap, slot);
+    heap->subpool_home.erase(reinterpret_cast<uintptr_t>(sp));
+    t->entries()[idx].subpool = moved;
+    t->entries()[idx].handle = h;
+    heap->subpool_home.put(heap, reinterpret_cast<uintptr_t>(moved),
                            (static_cast<uint64_t>(slot) << 32) | idx);
-    St16(moved + off, n + 4);
+    st16(moved + off, n + 4);
     return moved + off + 4;
   }
 
   if (shared && same_pool && !large_block && static_cast<int32_t>(bsz) < heap_size + 4) {
     uint32_t need = n + 4;
     if (need == bsz) return block;
-    TableEntry& te = TableAt(heap, slot)->Entries()[idx];
+    TableEntry& te = table_at(heap, slot)->entries()[idx];
     Mirror& m = te.mirror;
-    uint32_t k = m.LowerBound(off);
-    uint32_t prev = k ? m.Off(k - 1) : 0;
-    uint32_t nxt = k < m.n ? m.Off(k) : 0;
-    uint32_t fsz = k < m.n ? m.Size(k) : 0;
+    uint32_t k = m.lower_bound(off);
+    uint32_t prev = k ? m.off_at(k - 1) : 0;
+    uint32_t nxt = k < m.n ? m.off_at(k) : 0;
+    uint32_t fsz = k < m.n ? m.size_at(k) : 0;
     bool touching = nxt != 0 && nxt == off + bsz;
     if (need < bsz) {
       uint32_t tail = bsz - need, tail_off = off + need;
       if (touching) {
         uint32_t merged = tail + fsz;
-        uint32_t after = Ld16(sp + nxt + 2);
-        St16(sp + tail_off, merged);
-        St16(sp + tail_off + 2, after);
-        Link(sp, prev, tail_off);
-        St16(hdr, need);
-        m.Set(k, tail_off, merged);
+        uint32_t after = ld16(sp + nxt + 2);
+        st16(sp + tail_off, merged);
+        st16(sp + tail_off + 2, after);
+        link(sp, prev, tail_off);
+        st16(hdr, need);
+        m.set(k, tail_off, merged);
       } else if (tail > 4) {
-        St16(sp + tail_off, tail);
-        St16(sp + tail_off + 2, nxt);
-        Link(sp, prev, tail_off);
-        St16(hdr, need);
-        MirrorInsert(heap, &m, k, tail_off, tail);
+        st16(sp + tail_off, tail);
+        st16(sp + tail_off + 2, nxt);
+        link(sp, prev, tail_off);
+        st16(hdr, need);
+        mirror_insert(heap, &m, k, tail_off, tail);
       }
       return block;
     }
     if (touching && bsz + fsz >= need) {
-      uint32_t after = Ld16(sp + nxt + 2);
+      uint32_t after = ld16(sp + nxt + 2);
       uint32_t rest = bsz + fsz - need;
       if (rest >= 4) {
         uint32_t nf = off + need;
-        St16(sp + nf, rest);
-        St16(sp + nf + 2, after);
-        Link(sp, prev, nf);
-        St16(hdr, need);
-        m.Set(k, nf, rest);
+        st16(sp + nf, rest);
+        st16(sp + nf + 2, after);
+        link(sp, prev, nf);
+        st16(hdr, need);
+        m.set(k, nf, rest);
       } else {
-        Link(sp, prev, after);
-        St16(hdr, bsz + fsz);
-        m.Remove(k);
+        link(sp, prev, after);
+        st16(hdr, bsz + fsz);
+        m.remove(k);
       }
       return block;
     }

@@ -18,7 +18,7 @@ namespace zbshr::mem {
 // The out-of-memory box: Retry and Cancel buttons, stop icon, task-modal.
 constexpr UINT kOutOfMemoryStyle = 0x2015;
 
-uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
+uint8_t* obtain_locked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
   void* p = *handle ? GlobalLock(*handle) : nullptr;
   while (!p) {
     int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
@@ -34,7 +34,7 @@ uint8_t* ObtainLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t f
 
 // GlobalReAlloc with the out-of-memory dialog; returns the new locked address
 // and updates `*handle`.
-uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
+uint8_t* realloc_locked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t flags) {
   HGLOBAL h = GlobalReAlloc(*handle, bytes, flags);
   void* p = h ? GlobalLock(h) : nullptr;
   while (!p) {
@@ -50,7 +50,7 @@ uint8_t* ReallocLocked(ZBSTG_HEAP heap, HGLOBAL* handle, size_t bytes, uint32_t 
   return static_cast<uint8_t*>(p);
 }
 
-void* SideAlloc(ZBSTG_HEAP heap, size_t bytes) {
+void* side_alloc(ZBSTG_HEAP heap, size_t bytes) {
   void* p = std::calloc(bytes ? bytes : 1, 1);
   while (!p) {
     int answer = MessageBoxA(nullptr, "Out of Memory", nullptr, kOutOfMemoryStyle);
@@ -65,11 +65,11 @@ void* SideAlloc(ZBSTG_HEAP heap, size_t bytes) {
 
 // ---------------------------------------------------------------- U64Map
 
-void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
+void U64Map::put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
   // Kept at most half full, so that most keys sit in their home slot.
   if (!slots || (size + 1) * 2 > mask + 1) {
     uint32_t cap = slots ? (mask + 1) * 2 : 16;
-    auto* fresh = static_cast<Slot*>(SideAlloc(heap, sizeof(Slot) * cap));
+    auto* fresh = static_cast<Slot*>(side_alloc(heap, sizeof(Slot) * cap));
     for (uint32_t i = 0; i < cap; ++i) fresh[i].key = kEmpty;
     Slot* old = slots;
     uint32_t old_cap = slots ? mask + 1 : 0;
@@ -78,13 +78,13 @@ void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
     shift = 64 - static_cast<uint32_t>(std::countr_zero(cap));
     for (uint32_t i = 0; i < old_cap; ++i) {
       if (old[i].key == kEmpty) continue;
-      uint32_t j = Home(old[i].key);
+      uint32_t j = home_slot(old[i].key);
       while (slots[j].key != kEmpty) j = (j + 1) & mask;
       slots[j] = old[i];
     }
     std::free(old);
   }
-  uint32_t i = Home(key);
+  uint32_t i = home_slot(key);
   while (slots[i].key != kEmpty) {
     if (slots[i].key == key) {
       slots[i].value = value;
@@ -96,9 +96,9 @@ void U64Map::Put(ZBSTG_HEAP heap, uint64_t key, uint64_t value) {
   ++size;
 }
 
-void U64Map::Erase(uint64_t key) {
+void U64Map::erase(uint64_t key) {
   if (!slots) return;
-  uint32_t i = Home(key);
+  uint32_t i = home_slot(key);
   while (slots[i].key != key) {
     if (slots[i].key == kEmpty) return;
     i = (i + 1) & mask;
@@ -108,7 +108,7 @@ void U64Map::Erase(uint64_t key) {
   for (;;) {
     j = (j + 1) & mask;
     if (slots[j].key == kEmpty) break;
-    uint32_t home = Home(slots[j].key);
+    uint32_t home = home_slot(slots[j].key);
     // Move slot j into the hole at i unless its home lies cyclically in (i, j].
     bool stays = (i <= j) ? (home > i && home <= j) : (home > i || home <= j);
     if (!stays) {
@@ -120,13 +120,13 @@ void U64Map::Erase(uint64_t key) {
   --size;
 }
 
-void U64Map::Release() {
+void U64Map::release() {
   std::free(slots);
   slots = nullptr;
   mask = shift = size = 0;
 }
 
-void* SideAllocLine(ZBSTG_HEAP heap, size_t bytes) {
+void* side_alloc_line(ZBSTG_HEAP heap, size_t bytes) {
   constexpr std::align_val_t kLine{64};
   void* p = ::operator new(bytes ? bytes : 1, kLine, std::nothrow);
   while (!p) {
@@ -140,15 +140,15 @@ void* SideAllocLine(ZBSTG_HEAP heap, size_t bytes) {
   return p;
 }
 
-void SideFreeLine(void* p) {
+void side_free_line(void* p) {
   if (p) ::operator delete(p, std::align_val_t{64}, std::nothrow);
 }
 
 // ---------------------------------------------------------------- free-list mirror
 
 // Arrays of `cap` offsets and `cap` sizes, entries from `n` on padded.
-static uint16_t* MirrorArrays(ZBSTG_HEAP heap, const Mirror& from, uint32_t cap) {
-  auto* a = static_cast<uint16_t*>(SideAllocLine(heap, sizeof(uint16_t) * 2 * cap));
+static uint16_t* mirror_arrays(ZBSTG_HEAP heap, const Mirror& from, uint32_t cap) {
+  auto* a = static_cast<uint16_t*>(side_alloc_line(heap, sizeof(uint16_t) * 2 * cap));
   for (uint32_t i = 0; i < from.n; ++i) {
     a[i] = from.off[i];
     a[cap + i] = from.off[from.cap + i];
@@ -160,25 +160,25 @@ static uint16_t* MirrorArrays(ZBSTG_HEAP heap, const Mirror& from, uint32_t cap)
   return a;
 }
 
-void MirrorInit(ZBSTG_HEAP heap, Mirror* m, uint32_t off, uint32_t size) {
+void mirror_init(ZBSTG_HEAP heap, Mirror* m, uint32_t off, uint32_t size) {
   Mirror empty;
-  m->off = MirrorArrays(heap, empty, kLanes);  // 64 bytes: one cache line
+  m->off = mirror_arrays(heap, empty, kLanes);  // 64 bytes: one cache line
   m->cap = kLanes;
   m->n = 0;
-  m->Set(0, off, size);
+  m->set(0, off, size);
   m->n = 1;
 }
 
-void MirrorFree(Mirror* m) {
-  SideFreeLine(m->off);
+void mirror_free(Mirror* m) {
+  side_free_line(m->off);
   m->off = nullptr;
   m->n = m->cap = 0;
 }
 
-void MirrorGrow(ZBSTG_HEAP heap, Mirror* m) {
+void mirror_grow(ZBSTG_HEAP heap, Mirror* m) {
   uint32_t cap = m->cap * 2;
-  uint16_t* a = MirrorArrays(heap, *m, cap);
-  SideFreeLine(m->off);
+  uint16_t* a = mirror_arrays(heap, *m, cap);
+  side_free_line(m->off);
   m->off = a;
   m->cap = cap;
 }

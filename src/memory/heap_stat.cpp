@@ -14,30 +14,30 @@ ZBSHR_API(uint32_t) zbstg_stat(ZBSTG_HEAP heap, ZBSTG_STAT *stat) {
   uint32_t system = 0, used = 0, free_bytes = 0;
   Directory* dir = heap->directory;
   for (uint32_t s = 0; s < dir->count; ++s) {
-    Table* t = dir->Entries()[s].table;
+    Table* t = dir->entries()[s].table;
     if (!t) continue;
     for (uint32_t i = 0; i < t->capacity; ++i) {
-      const TableEntry& e = t->Entries()[i];
+      const TableEntry& e = t->entries()[i];
       if (!e.subpool) continue;
       uint32_t gs = static_cast<uint32_t>(GlobalSize(e.handle));
       system += gs;
       const uint8_t* sp = e.subpool;
       if (gs < kLargeMark) {
-        uint32_t sum = 0, prev = 0, cur = Ld16(sp + 4);
+        uint32_t sum = 0, prev = 0, cur = ld16(sp + 4);
         while (cur > prev && cur + 4 <= gs) {
-          sum += Ld16(sp + cur);
+          sum += ld16(sp + cur);
           prev = cur;
-          cur = Ld16(sp + cur + 2);
+          cur = ld16(sp + cur + 2);
         }
         free_bytes += sum;
-        used += gs - 8 - 4 * static_cast<uint32_t>(Ld16(sp + 6)) - sum;
+        used += gs - 8 - 4 * static_cast<uint32_t>(ld16(sp + 6)) - sum;
       } else {
-        used += Ld32(sp + 8);
+        used += ld32(sp + 8);
       }
     }
-    system += TableBytes32(t->capacity);
+    system += table_bytes32(t->capacity);
   }
-  if (dir->handle) system += DirectoryBytes32(dir->capacity);
+  if (dir->handle) system += directory_bytes32(dir->capacity);
   stat->live_blocks = heap->live_blocks;
   stat->subpool_bytes = static_cast<uint32_t>(heap->subpool_size) * heap->peak_subpools;
   stat->total_bytes = system;
@@ -68,11 +68,11 @@ ZBSHR_API(int32_t) zbstg_write_debug(ZBSTG_HEAP heap, uint32_t pool, const char 
   Directory* dir = heap->directory;
   uint8_t pad[kRecord];
   for (uint32_t s = 0; s < dir->count; ++s) {
-    const DirEntry& d = dir->Entries()[s];
+    const DirEntry& d = dir->entries()[s];
     if (!d.table || (pool != 0 && d.pool != pool)) continue;
     Table* t = d.table;
     for (uint32_t i = 0; i < t->capacity; ++i) {
-      const TableEntry& e = t->Entries()[i];
+      const TableEntry& e = t->entries()[i];
       if (!e.subpool) continue;
       uint32_t gs = static_cast<uint32_t>(GlobalSize(e.handle));
       const uint8_t* src = e.subpool;

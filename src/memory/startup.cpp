@@ -37,7 +37,7 @@ bool process_attach(plat::HINSTANCE inst) {
     zbshr_intl();
 
     plat::DWORD size = 0;
-    plat::LoadResourceData(inst, kStubType, kStubId, &size);
+    plat::load_resource_data(inst, kStubType, kStubId, &size);
     g_stub_size = size;
 
     // The masked-edit ("ZBEDIT050") and spin ("spin") classes are likewise
@@ -61,7 +61,7 @@ void process_detach() {
 
 void ensure_started() {
   if (g_attached.load(std::memory_order_acquire)) return;
-  process_attach(plat::ModuleInstance());
+  process_attach(plat::module_instance());
 }
 
 // Entry points for the loader hooks below.

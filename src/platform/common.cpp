@@ -31,7 +31,7 @@ std::string g_clip_text;
 
 }  // namespace
 
-void InjectFault(Fault f, int nth, int count) {
+void inject_fault(Fault f, int nth, int count) {
   std::lock_guard<std::mutex> lock(g_fault_mutex);
   auto& slot = g_faults[static_cast<int>(f)];
   if (count <= 0 || nth <= 0) {
@@ -45,7 +45,7 @@ void InjectFault(Fault f, int nth, int count) {
   g_any_fault.store(any, std::memory_order_release);
 }
 
-void ClearFaults() {
+void clear_faults() {
   std::lock_guard<std::mutex> lock(g_fault_mutex);
   for (auto& s : g_faults) s = FaultSlot{};
   g_any_fault.store(false, std::memory_order_release);
@@ -53,7 +53,7 @@ void ClearFaults() {
 
 namespace detail {
 
-bool FaultFires(Fault f) {
+bool fault_fires(Fault f) {
   if (!g_any_fault.load(std::memory_order_acquire)) return false;
   std::lock_guard<std::mutex> lock(g_fault_mutex);
   auto& slot = g_faults[static_cast<int>(f)];
@@ -65,7 +65,7 @@ bool FaultFires(Fault f) {
   return true;
 }
 
-bool CallMessageBoxHandler(const char* text, const char* caption, UINT style, int* answer) {
+bool call_message_box_handler(const char* text, const char* caption, UINT style, int* answer) {
   ZBSHR_MSGBOX_HANDLER handler;
   void* context;
   {
@@ -78,7 +78,7 @@ bool CallMessageBoxHandler(const char* text, const char* caption, UINT style, in
   return true;
 }
 
-int DefaultAnswer(UINT style) {
+int default_answer(UINT style) {
   switch (style & 0xF) {
     case MB_OKCANCEL:
     case MB_YESNOCANCEL:
@@ -93,7 +93,7 @@ int DefaultAnswer(UINT style) {
   }
 }
 
-bool BoxHasButton(UINT style, int answer) {
+bool box_has_button(UINT style, int answer) {
   switch (style & 0xF) {
     case MB_OK: return answer == IDOK;
     case MB_OKCANCEL: return answer == IDOK || answer == IDCANCEL;
@@ -105,17 +105,17 @@ bool BoxHasButton(UINT style, int answer) {
   }
 }
 
-void SetClipboardText(std::string text) {
+void set_clipboard_text(std::string text) {
   std::lock_guard<std::mutex> lock(g_clip_mutex);
   g_clip_text = std::move(text);
 }
 
-std::string ClipboardText() {
+std::string clipboard_text() {
   std::lock_guard<std::mutex> lock(g_clip_mutex);
   return g_clip_text;
 }
 
-bool IsLeadByteIn(UINT codepage, uint8_t c) {
+bool is_lead_byte_in(UINT codepage, uint8_t c) {
   switch (codepage) {
     case 932:  // Japanese
       return (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC);
@@ -145,12 +145,12 @@ ZBSHR_API(ZBSHR_MSGBOX_HANDLER) zbshr_set_msgbox_handler(ZBSHR_MSGBOX_HANDLER ha
 
 ZBSHR_API(uint32_t) zbshr_set_codepage(uint32_t codepage) {
   uint32_t previous = GetACP();
-  SetACP(codepage);
+  set_acp(codepage);
   return previous;
 }
 
 ZBSHR_API(int32_t) zbshr_clipboard_text(char* buf, uint32_t size) {
-  std::string text = detail::ClipboardText();
+  std::string text = detail::clipboard_text();
   if (buf && size > 0) {
     size_t n = text.size() < size - 1 ? text.size() : size - 1;
     std::memcpy(buf, text.data(), n);

@@ -123,7 +123,7 @@ constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
 constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;
 DWORD GetFileAttributesA(const char* name);
 // Last write time of an open file as seconds since 1970 (UTC); false on failure.
-BOOL GetFileTimeUnix(HFILE f, int64_t* seconds);
+BOOL get_file_time_unix(HFILE f, int64_t* seconds);
 
 // Search order on POSIX: the program's folder, the current folder, the
 // configuration folder (standing for the system folders), then each folder of
@@ -153,7 +153,7 @@ HFILE _lclose(HFILE f);                             // 0, or HFILE_ERROR
 // On POSIX: resolves `name` as CreateFileA does (case-insensitive component
 // matching, both separators) and returns the native path to use. Exact
 // spellings that exist are kept; a missing final component keeps its case.
-std::string NativePath(const char* name);
+std::string native_path(const char* name);
 
 // ---------------------------------------------------------------- profiles and registry
 // Profile reads and writes with the private-profile rules. The system profile
@@ -193,7 +193,7 @@ LONG RegCloseKey(HKEY key);
 
 // The configuration folder (POSIX: ZBSHR_HOME, else $XDG_CONFIG_HOME/zbshr,
 // else ~/.config/zbshr; Windows: the Windows folder). No trailing separator.
-std::string ConfigDir();
+std::string config_dir();
 
 // ---------------------------------------------------------------- user interface and resources
 constexpr UINT MB_OK = 0x0;
@@ -215,20 +215,20 @@ constexpr int IDOK = 1, IDCANCEL = 2, IDABORT = 3, IDRETRY = 4, IDIGNORE = 5, ID
 int MessageBoxA(HWND owner, const char* text, const char* caption, UINT style);
 BOOL MessageBeep(UINT type);
 // Starts the ZBSHR_MSGBOX script again from its first answer (tests).
-void ResetMessageBoxScript();
+void reset_message_box_script();
 HWND GetActiveWindow();
 // Shows the text (standard error on POSIX) and ends the process at once with
 // a non-zero status, without running clean-up.
 [[noreturn]] void FatalAppExitA(UINT action, const char* text);
 
 // The library's own module instance.
-HINSTANCE ModuleInstance();
+HINSTANCE module_instance();
 // String resources compiled into the library (month and day names 700-771,
 // messages). Copies at most size - 1 characters plus the terminator and
 // returns the count copied; a missing string gives 0 and an empty buffer.
 int LoadStringA(HINSTANCE module, UINT id, char* buf, int size);
 // A custom binary resource; null (and *size 0) when absent.
-const void* LoadResourceData(HINSTANCE module, UINT type, UINT id, DWORD* size);
+const void* load_resource_data(HINSTANCE module, UINT type, UINT id, DWORD* size);
 // GetVersion-style packed version: low byte major, next byte minor.
 DWORD GetVersion();
 
@@ -252,7 +252,7 @@ DWORD GetTickCount();
 // lead bytes. Hosts select it with zbshr_set_codepage.
 BOOL IsDBCSLeadByte(uint8_t c);
 UINT GetACP();
-void SetACP(UINT codepage);
+void set_acp(UINT codepage);
 // String comparison as lstrcmpA / lstrcmpiA (negative, 0, positive).
 int lstrcmpA(const char* a, const char* b);
 int lstrcmpiA(const char* a, const char* b);
@@ -267,7 +267,7 @@ int lstrcmpiA(const char* a, const char* b);
 HINSTANCE GetModuleHandleA(const char* name);
 // The full file name of a module from GetModuleHandleA (POSIX: the program's
 // path, or ZBSHR_HOST_PROGRAM when set). Length written, or 0 on failure.
-DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size);
+DWORD module_file_name_of(HINSTANCE module, char* buf, DWORD size);
 
 // ---------------------------------------------------------------- fault injection (tests)
 // Makes the n-th next call (1 = the very next) of the given service fail, and
@@ -275,7 +275,7 @@ DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size);
 // returns null; a failing write moves only half the bytes asked (a short
 // write); a failing read returns HFILE_ERROR / false.
 enum class Fault { GlobalAlloc, GlobalLock, Write, Read, Seek, Open };
-void InjectFault(Fault f, int nth, int count);
-void ClearFaults();
+void inject_fault(Fault f, int nth, int count);
+void clear_faults();
 
 }  // namespace zbshr::plat

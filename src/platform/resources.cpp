@@ -48,19 +48,19 @@ constexpr StringEntry kStrings[] = {
     {769, "Thursday"}, {770, "Friday"}, {771, "Saturday"},
 };
 
-constexpr bool SortedById() {
+constexpr bool sorted_by_id() {
   for (size_t i = 1; i < std::size(kStrings); ++i)
     if (kStrings[i - 1].id >= kStrings[i].id) return false;
   return true;
 }
-static_assert(SortedById(), "string table must be sorted by id, without duplicates");
+static_assert(sorted_by_id(), "string table must be sorted by id, without duplicates");
 
 // The stub images: 16,384 bytes each, the same on every build. A short
 // signature and then a byte pattern from a fixed linear congruential
 // sequence, so that any corruption of a copy is easy to spot.
 constexpr size_t kStubSize = 16384;
 
-constexpr std::array<uint8_t, kStubSize> MakeStub(UINT id) {
+constexpr std::array<uint8_t, kStubSize> make_stub(UINT id) {
   std::array<uint8_t, kStubSize> out{};
   const char sig[] = "ZBSHR STUB ";
   size_t i = 0;
@@ -77,8 +77,8 @@ constexpr std::array<uint8_t, kStubSize> MakeStub(UINT id) {
   return out;
 }
 
-constexpr auto kStub305 = MakeStub(305);
-constexpr auto kStub306 = MakeStub(306);
+constexpr auto kStub305 = make_stub(305);
+constexpr auto kStub306 = make_stub(306);
 
 }  // namespace
 
@@ -95,7 +95,7 @@ int LoadStringA(HINSTANCE /*module*/, UINT id, char* buf, int size) {
   return static_cast<int>(n);
 }
 
-const void* LoadResourceData(HINSTANCE /*module*/, UINT type, UINT id, DWORD* size) {
+const void* load_resource_data(HINSTANCE /*module*/, UINT type, UINT id, DWORD* size) {
   const void* data = nullptr;
   DWORD n = 0;
   if (type == 256 && id == 305) {

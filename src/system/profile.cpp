@@ -38,12 +38,12 @@ constexpr HostProgram kHosts[] = {
     {"dv050.exe", "dv050.exe"},    // grid builder
 };
 
-bool IsSep(char c) { return c == '/' || c == '\\'; }
-bool EndsPathLike(const std::string& s) {
-  return !s.empty() && (IsSep(s.back()) || s.back() == ':');
+bool is_sep(char c) { return c == '/' || c == '\\'; }
+bool ends_path_like(const std::string& s) {
+  return !s.empty() && (is_sep(s.back()) || s.back() == ':');
 }
 
-int CompareNoCase(const std::string& a, const std::string& b) {
+int compare_no_case(const std::string& a, const std::string& b) {
   return plat::lstrcmpiA(a.c_str(), b.c_str());
 }
 
@@ -53,7 +53,7 @@ struct Host {
   std::string product;     // product name from the string table, may be empty
 };
 
-Host RecogniseHost() {
+Host recognise_host() {
   Host h;
   std::string name = kHosts[0].name;
   plat::HINSTANCE module = nullptr;
@@ -72,12 +72,12 @@ Host RecogniseHost() {
   if (h.short_name.empty()) h.short_name = "zb";
 
   char file[kMaxPath + 1] = {0};
-  plat::GetModuleFileNameOfA(module, file, sizeof file);
+  plat::module_file_name_of(module, file, sizeof file);
   std::string f = file;
   size_t last = f.find_last_of("/\\:");
   if (last != std::string::npos) {
     f.resize(last + 1);
-    if (IsSep(f.back())) f.pop_back();
+    if (is_sep(f.back())) f.pop_back();
   } else {
     f.clear();
   }
@@ -86,11 +86,11 @@ Host RecogniseHost() {
   // String resources 29-31: "<short name> <product name>".
   for (plat::UINT id = 29; id <= 31; ++id) {
     char text[26] = {0};
-    plat::LoadStringA(plat::ModuleInstance(), id, text, sizeof text);
+    plat::LoadStringA(plat::module_instance(), id, text, sizeof text);
     std::string t = text;
     size_t sp = t.find(' ');
     if (sp == std::string::npos) continue;
-    if (CompareNoCase(t.substr(0, sp), h.short_name) == 0) {
+    if (compare_no_case(t.substr(0, sp), h.short_name) == 0) {
       h.product = t.substr(sp + 1);
       break;
     }
@@ -98,19 +98,19 @@ Host RecogniseHost() {
   return h;
 }
 
-std::string RegistryKeyName(const Host& h) {
+std::string registry_key_name(const Host& h) {
   return "Software\\Harrowvane\\" + h.product + "\\5.0";
 }
 
 // The init path read into a buffer of `room` bytes (the caller's buffer less
 // one), so a stored value keeps at most room - 1 characters and the separator
 // appended to it always fits. Not empty: ends in a separator or ':'.
-std::string FindInitPath(const Host& h, size_t room) {
+std::string find_init_path(const Host& h, size_t room) {
   if (room == 0) return std::string();
   std::string path;
   bool found = false;
   plat::HKEY key = nullptr;
-  if (plat::RegOpenKeyExA(plat::HKEY_CURRENT_USER, RegistryKeyName(h).c_str(), 0, plat::KEY_READ,
+  if (plat::RegOpenKeyExA(plat::HKEY_CURRENT_USER, registry_key_name(h).c_str(), 0, plat::KEY_READ,
                           &key) == plat::ERROR_SUCCESS) {
     std::string buf(room, '\0');
     plat::DWORD type = 0;
@@ -135,21 +135,21 @@ std::string FindInitPath(const Host& h, size_t room) {
     }
   }
   if (path.size() >= room) path.resize(room - 1);
-  if (!path.empty() && !EndsPathLike(path)) path += kSep;
+  if (!path.empty() && !ends_path_like(path)) path += kSep;
   return path;
 }
 
-bool FileExists(const std::string& path) {
+bool file_exists(const std::string& path) {
   OSOFSTRUCT of;
   return osOpenFile(path.c_str(), &of, OF_EXIST) != -1;
 }
 
 // Stores (or, for an empty path, removes) the init path: the registry first,
 // the system profile when the registry key cannot be created.
-bool StoreInitPath(const Host& h, const std::string& path) {
+bool store_init_path(const Host& h, const std::string& path) {
   plat::HKEY key = nullptr;
   plat::DWORD disposition = 0;
-  if (plat::RegCreateKeyExA(plat::HKEY_CURRENT_USER, RegistryKeyName(h).c_str(), 0, nullptr,
+  if (plat::RegCreateKeyExA(plat::HKEY_CURRENT_USER, registry_key_name(h).c_str(), 0, nullptr,
                             plat::REG_OPTION_NON_VOLATILE, plat::KEY_ALL_ACCESS, nullptr, &key,
                             &disposition) != plat::ERROR_SUCCESS) {
     return plat::WriteProfileStringA(h.product.c_str(), "InitPath050",
@@ -167,8 +167,8 @@ bool StoreInitPath(const Host& h, const std::string& path) {
   return rc == plat::ERROR_SUCCESS && rc_close == plat::ERROR_SUCCESS;
 }
 
-std::string ProfileFileForReading(const Host& h) {
-  std::string path = FindInitPath(h, kMaxPath - 1);
+std::string profile_file_for_reading(const Host& h) {
+  std::string path = find_init_path(h, kMaxPath - 1);
   if (path.size() + h.short_name.size() + 4 >= kMaxPath - 1)
     path = h.short_name;
   else
@@ -176,10 +176,10 @@ std::string ProfileFileForReading(const Host& h) {
   return path + ".ini";
 }
 
-std::string ProfileFileForWriting(const Host& h) {
-  std::string path = ProfileFileForReading(h);
-  if (!FileExists(path)) {
-    StoreInitPath(h, std::string());
+std::string profile_file_for_writing(const Host& h) {
+  std::string path = profile_file_for_reading(h);
+  if (!file_exists(path)) {
+    store_init_path(h, std::string());
     // A host known by name only has no folder: its profile is then the bare
     // file name, found where reads look for it (never the filesystem root).
     path = (h.folder.empty() ? std::string() : h.folder + kSep) + h.short_name + ".ini";
@@ -189,10 +189,10 @@ std::string ProfileFileForWriting(const Host& h) {
 
 // The shared profile named by "sharedIni" in section "zb" of the local
 // profile; empty when none is named.
-std::string SharedProfile(const Host& h) {
+std::string shared_profile(const Host& h) {
   char buf[kMaxPath + 1] = {0};
   plat::GetPrivateProfileStringA("zb", "sharedIni", "", buf, sizeof buf,
-                                 ProfileFileForReading(h).c_str());
+                                 profile_file_for_reading(h).c_str());
   return buf;
 }
 
@@ -203,8 +203,8 @@ extern "C" {
 ZBSHR_API(char*) OS_UtilGetInitPath(char* buf, int32_t size, const char* file) {
   if (!buf || size <= 0) return buf;
   std::memset(buf, 0, static_cast<size_t>(size));
-  Host h = RecogniseHost();
-  std::string path = FindInitPath(h, static_cast<size_t>(size - 1));
+  Host h = recognise_host();
+  std::string path = find_init_path(h, static_cast<size_t>(size - 1));
   if (file) {
     // A path that would not fit is replaced by the bare file name, not cut.
     if (path.size() + std::strlen(file) + 4 >= static_cast<size_t>(size - 1))
@@ -224,44 +224,44 @@ ZBSHR_API(int32_t) OS_UtilPutInitPath(const char* folder) {
   while (!path.empty() && path.back() == ' ') path.pop_back();
   size_t lead = path.find_first_not_of(' ');
   path = lead == std::string::npos ? std::string() : path.substr(lead);
-  Host h = RecogniseHost();
+  Host h = recognise_host();
   if (!path.empty()) {
     // A folder whose profile file name could not be built is refused.
     if (path.size() + h.short_name.size() + 5 >= kMaxPath - 1) return 0;
     std::string candidate = path;
-    if (!IsSep(candidate.back())) candidate += kSep;
+    if (!is_sep(candidate.back())) candidate += kSep;
     candidate += h.short_name + ".ini";
-    if (!FileExists(candidate)) return 0;
+    if (!file_exists(candidate)) return 0;
   }
-  return StoreInitPath(h, path) ? 1 : 0;
+  return store_init_path(h, path) ? 1 : 0;
 }
 
 ZBSHR_API(int32_t) OS_UtilGetProfInt(const char* section, const char* key, int32_t def) {
-  Host h = RecogniseHost();
+  Host h = recognise_host();
   return static_cast<int32_t>(
-      plat::GetPrivateProfileIntA(section, key, def, ProfileFileForReading(h).c_str()));
+      plat::GetPrivateProfileIntA(section, key, def, profile_file_for_reading(h).c_str()));
 }
 
 ZBSHR_API(int32_t) OS_UtilGetProfStr(const char* section, const char* key, const char* def,
                                      char* buf, int32_t size) {
   if (!buf || size <= 0) return 0;
-  Host h = RecogniseHost();
+  Host h = recognise_host();
   return static_cast<int32_t>(plat::GetPrivateProfileStringA(
       section, key, def ? def : "", buf, static_cast<plat::DWORD>(size),
-      ProfileFileForReading(h).c_str()));
+      profile_file_for_reading(h).c_str()));
 }
 
 ZBSHR_API(int32_t) OS_UtilPutProfStr(const char* section, const char* key, const char* value) {
-  Host h = RecogniseHost();
-  return plat::WritePrivateProfileStringA(section, key, value, ProfileFileForWriting(h).c_str());
+  Host h = recognise_host();
+  return plat::WritePrivateProfileStringA(section, key, value, profile_file_for_writing(h).c_str());
 }
 
 ZBSHR_API(int32_t) OS_NetworkSharedProfileAccessible(void) {
-  return static_cast<int32_t>(SharedProfile(RecogniseHost()).size());
+  return static_cast<int32_t>(shared_profile(recognise_host()).size());
 }
 
 ZBSHR_API(int32_t) OS_NetworkGetProfInt(const char* section, const char* key, int32_t def) {
-  std::string shared = SharedProfile(RecogniseHost());
+  std::string shared = shared_profile(recognise_host());
   if (shared.empty()) return def;
   return static_cast<int32_t>(plat::GetPrivateProfileIntA(section, key, def, shared.c_str()));
 }
@@ -269,7 +269,7 @@ ZBSHR_API(int32_t) OS_NetworkGetProfInt(const char* section, const char* key, in
 ZBSHR_API(int32_t) OS_NetworkGetProfStr(const char* section, const char* key, const char* def,
                                         char* buf, int32_t size) {
   if (!buf || size <= 0) return 0;
-  std::string shared = SharedProfile(RecogniseHost());
+  std::string shared = shared_profile(recognise_host());
   if (shared.empty()) {
     const char* d = def ? def : "";
     size_t n = std::strlen(d);
@@ -283,14 +283,14 @@ ZBSHR_API(int32_t) OS_NetworkGetProfStr(const char* section, const char* key, co
 }
 
 ZBSHR_API(int32_t) OS_NetworkPutProfStr(const char* section, const char* key, const char* value) {
-  std::string shared = SharedProfile(RecogniseHost());
+  std::string shared = shared_profile(recognise_host());
   if (shared.empty()) return 0;
   return plat::WritePrivateProfileStringA(section, key, value, shared.c_str());
 }
 
 ZBSHR_API(int32_t) OS_UtilGetHostInfo(char* short_name, int32_t short_size, char* product,
                                       int32_t product_size, char* folder, int32_t folder_size) {
-  Host h = RecogniseHost();
+  Host h = recognise_host();
   auto put = [](char* dst, int32_t size, const std::string& s) {
     if (!dst || size <= 0) return;
     size_t n = s.size() < static_cast<size_t>(size) ? s.size() : static_cast<size_t>(size - 1);
@@ -305,8 +305,8 @@ ZBSHR_API(int32_t) OS_UtilGetHostInfo(char* short_name, int32_t short_size, char
 
 ZBSHR_API(int32_t) OS_UtilGetProfileFile(char* buf, int32_t size, int32_t for_writing) {
   if (!buf || size <= 0) return 0;
-  Host h = RecogniseHost();
-  std::string p = for_writing ? ProfileFileForWriting(h) : ProfileFileForReading(h);
+  Host h = recognise_host();
+  std::string p = for_writing ? profile_file_for_writing(h) : profile_file_for_reading(h);
   size_t n = p.size() < static_cast<size_t>(size) ? p.size() : static_cast<size_t>(size - 1);
   std::memcpy(buf, p.data(), n);
   buf[n] = '\0';

@@ -20,7 +20,7 @@ TEST_F(Api, OpenLibraryRefusesBadArguments) {
   EXPECT_EQ(LMI_OpenLibrary(heap, missing, 1, 0), nullptr);
   LMI_HANDLE h = LMI_OpenLibrary(heap, s, 1, 100000);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(zbshr::lm::H(h)->readAhead, 64000);
+  EXPECT_EQ(zbshr::lm::library_of(h)->readAhead, 64000);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
   EXPECT_EQ(LMI_CloseLibrary(nullptr), LMI_E_NULL_HANDLE);
   // Deleting: only a library is deleted.
@@ -132,7 +132,7 @@ TEST_F(Api, ListingFollowsDirectoryOrder) {
     std::string name = std::string("m").append(std::to_string(500 - i)).append(60, 'x');
     ASSERT_EQ(put(h, name, std::string(size_t(i), 'd')), 0);
     rootNames.push_back(name);
-    if (zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) < 24 + 65) break;
+    if (zbshr::lm::rd16(zbshr::lm::root_img(zbshr::lm::library_of(h)) + 16) < 24 + 65) break;
   }
   std::string above(64, 'z'), below(64, 'a');
   ASSERT_EQ(put(h, above, ""), 0);
@@ -181,11 +181,11 @@ TEST_F(Api, CopyKeepsCommentAndTimeAcrossLibraries) {
   ASSERT_EQ(put(h, "obj", pattern(5000, 1), "the comment"), 0);
   // Age the entry so that a copy made now would show a different time.
   {
-    auto* lib = zbshr::lm::H(h);
+    auto* lib = zbshr::lm::library_of(h);
     zbshr::lm::Search s;
-    ASSERT_EQ(zbshr::lm::findEntry(lib, "obj", &s), zbshr::lm::kFound);
-    zbshr::lm::wr32(zbshr::lm::recordPtr(lib, s.node, s.rec) + 16, 1000000);
-    ASSERT_EQ(zbshr::lm::writeNode(lib, s.node), 0);
+    ASSERT_EQ(zbshr::lm::find_entry(lib, "obj", &s), zbshr::lm::kFound);
+    zbshr::lm::wr32(zbshr::lm::record_ptr(lib, s.node, s.rec) + 16, 1000000);
+    ASSERT_EQ(zbshr::lm::write_node(lib, s.node), 0);
   }
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   S n("OBJ"), src(a), dst(b);
@@ -225,7 +225,7 @@ TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   LMI_HANDLE h = open(a, 2);
   for (int i = 0;; ++i) {
     ASSERT_EQ(put(h, std::string("m").append(std::to_string(100 + i)).append(50, 'x'), ""), 0);
-    if (zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) < 24 + 56) break;
+    if (zbshr::lm::rd16(zbshr::lm::root_img(zbshr::lm::library_of(h)) + 16) < 24 + 56) break;
   }
   std::string high(54, 'z');
   ASSERT_EQ(put(h, high, "payload"), 0);

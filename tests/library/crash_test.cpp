@@ -42,9 +42,9 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
       // The clean run gives the state after and the number of changes.
       g_count = 0;
       g_mode = Mode::Count;
-      zbshr::lm::ioHook = hook;
+      zbshr::lm::io_hook = hook;
       int32_t rc = op.run(*this);
-      zbshr::lm::ioHook = nullptr;
+      zbshr::lm::io_hook = nullptr;
       ASSERT_EQ(rc, 0);
       int changes = g_count;
       ASSERT_GT(changes, 0);
@@ -60,14 +60,14 @@ TEST_F(Crash, EveryChangeOfEveryOperationIsAtomic) {
           g_tornApplied = false;
           int32_t res = 0;
           if (m == Mode::Fail) {
-            zbshr::lm::ioHook = hook;
+            zbshr::lm::io_hook = hook;
             res = op.run(*this);
-            zbshr::lm::ioHook = nullptr;
+            zbshr::lm::io_hook = nullptr;
           } else {
             pid_t pid = fork();
             ASSERT_GE(pid, 0);
             if (pid == 0) {
-              zbshr::lm::ioHook = hook;
+              zbshr::lm::io_hook = hook;
               op.run(*this);
               _exit(0);  // the point was never reached
             }
@@ -117,9 +117,9 @@ TEST_F(Crash, AFailedOperationLeavesNothingForLaterCallsToPublish) {
     g_count = 0;
     g_at = at;
     g_mode = Mode::Fail;
-    zbshr::lm::ioHook = hook;
+    zbshr::lm::io_hook = hook;
     EXPECT_NE(put(h, "x", pattern(3, 2)), 0);
-    zbshr::lm::ioHook = nullptr;
+    zbshr::lm::io_hook = nullptr;
     EXPECT_EQ(get(h, "x"), pattern(5000, 1));
     EXPECT_EQ(put(h, "y", pattern(700, 3)), 0);
     EXPECT_EQ(LMI_CloseLibrary(h), 0);
@@ -144,7 +144,7 @@ TEST_F(Crash, AReaderRollsBackAHotJournalOrRefuses) {
   pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
-    zbshr::lm::ioHook = [](char kind, bool journal, uint64_t, uint32_t) -> int64_t {
+    zbshr::lm::io_hook = [](char kind, bool journal, uint64_t, uint32_t) -> int64_t {
       static bool wrote = false;
       if (kind == 's' && !journal && wrote) _exit(77);
       if (kind == 'w' && !journal) wrote = true;

@@ -185,7 +185,7 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   zbshr_set_msgbox_handler(answer, nullptr);
   g_asked = 0;
   g_answers[0] = 4;  // Retry
-  zbshr::plat::InjectFault(zbshr::plat::Fault::Write, 1, 1);
+  zbshr::plat::inject_fault(zbshr::plat::Fault::Write, 1, 1);
   EXPECT_EQ(put(h, "x", pattern(5000, 4)), 0);
   EXPECT_EQ(g_asked, 1);
   EXPECT_EQ(get(h, "x"), pattern(5000, 4));
@@ -195,17 +195,17 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   S n("y");
   ASSERT_EQ(LMI_OpenEntry(h, n, 3, nullptr), 0);
   ASSERT_EQ(LMI_WriteEntry(h, "abc", 3), 3);
-  zbshr::plat::InjectFault(zbshr::plat::Fault::Write, 1, 1);
+  zbshr::plat::inject_fault(zbshr::plat::Fault::Write, 1, 1);
   EXPECT_EQ(LMI_CloseEntry(h), LMI_E_DISK_FULL);
   EXPECT_EQ(g_asked, 1);
-  zbshr::plat::ClearFaults();
+  zbshr::plat::clear_faults();
   g_asked = 0;
   g_answers[0] = 2;
-  zbshr::plat::InjectFault(zbshr::plat::Fault::Read, 1, 1);
+  zbshr::plat::inject_fault(zbshr::plat::Fault::Read, 1, 1);
   int32_t rc;
   get(h, "x", &rc);
   EXPECT_EQ(rc, LMI_E_IO);
-  zbshr::plat::ClearFaults();
+  zbshr::plat::clear_faults();
   EXPECT_EQ(get(h, "x"), pattern(5000, 4));
   zbshr_set_msgbox_handler(nullptr, nullptr);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);

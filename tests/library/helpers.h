@@ -133,7 +133,7 @@ class LibTest : public ::testing::Test {
     return out;
   }
   std::vector<std::string> problems(LMI_HANDLE h) {
-    return zbshr::lm::verify(zbshr::lm::H(h)).problems;
+    return zbshr::lm::verify(zbshr::lm::library_of(h)).problems;
   }
   std::vector<std::string> verifyFile(const std::string& p) {
     LMI_HANDLE h = open(p, 1);

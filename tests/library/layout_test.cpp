@@ -190,7 +190,7 @@ TEST_F(Layout, FullRootGrowsRightAndLeftChildren) {
     char name[64];
     std::snprintf(name, sizeof name, "m%03d_%s", i, std::string(40, 'n').c_str());
     ASSERT_EQ(put(h, name, ""), 0);
-    auto* root = zbshr::lm::rootImg(zbshr::lm::H(h));
+    auto* root = zbshr::lm::root_img(zbshr::lm::library_of(h));
     if (zbshr::lm::rd16(root + 16) < 24 + 46) break;
   }
   const std::string z = std::string(45, 'z'), a = std::string(45, 'a');
@@ -245,7 +245,7 @@ TEST_F(Layout, OldLayoutWith1024ByteNodes) {
   spit(p, b);
   LMI_HANDLE h = open(p, 2);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(zbshr::lm::H(h)->nodeSize, 1024u);
+  EXPECT_EQ(zbshr::lm::library_of(h)->nodeSize, 1024u);
   for (int i = 0; i < 60; ++i)
     ASSERT_EQ(put(h, "entry_" + std::to_string(1000 + i) + std::string(20, 'x'), "data"), 0);
   EXPECT_TRUE(problems(h).empty());
@@ -281,7 +281,7 @@ TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
 
   LMI_HANDLE h = open(p, 1);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(zbshr::lm::H(h)->base, base);
+  EXPECT_EQ(zbshr::lm::library_of(h)->base, base);
   EXPECT_EQ(fs::file_size(p), len);
   LMI_CloseLibrary(h);
 

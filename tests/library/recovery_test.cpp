@@ -425,7 +425,7 @@ TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   EXPECT_FALSE(fs::exists(lib + ".compacting"));
   h = open(lib, 1);
   ASSERT_NE(h, nullptr);
-  auto rep = zbshr::lm::verify(zbshr::lm::H(h));
+  auto rep = zbshr::lm::verify(zbshr::lm::library_of(h));
   EXPECT_TRUE(rep.ok()) << rep.problems[0];
   EXPECT_EQ(rep.freeBlocks, 0u);
   EXPECT_EQ(LMI_IsEntryCheckedOut(h, S("w_00000001"), nullptr, nullptr, nullptr), LMI_E_REGISTERED);

@@ -177,7 +177,7 @@ struct Model {
     return m;
   }
   // Offset and size of the first free block of at least b bytes; 0 when none.
-  static std::pair<uint32_t, uint32_t> FirstFit(const uint8_t* sp, uint32_t b) {
+  static std::pair<uint32_t, uint32_t> first_fit(const uint8_t* sp, uint32_t b) {
     for (auto& [off, size] : FreeList(sp))
       if (size >= b) return {off, size};
     return {0, 0};
@@ -208,7 +208,7 @@ TEST(HeapSelection, PlacementFollowsTheTableAndFreeListRules) {
         }
         std::pair<uint32_t, uint32_t> fit{0, 0};
         if (idx >= 0) {
-          fit = Model::FirstFit(m.table[idx].sp, b);
+          fit = Model::first_fit(m.table[idx].sp, b);
           ASSERT_NE(fit.first, 0u) << "the largest-free value promised room";
         }
         auto* p = static_cast<uint8_t*>(zbstg_alloc(h, n, 0));
@@ -282,8 +282,8 @@ TEST(HeapLanes, AtLeastAndMaxAgreeWithPlainLoops) {
       mx = std::max(mx, p[i]);
       if (i != skip) mx_other = std::max(mx_other, p[i]);
     }
-    ASSERT_EQ(std::vector<uint32_t>({lanes_plain::AtLeast(p, v), lanes::AtLeast(p, v), lanes_plain::Max(p), lanes::Max(p),
-                                     lanes_plain::MaxExcept(p, skip), lanes::MaxExcept(p, skip)}),
+    ASSERT_EQ(std::vector<uint32_t>({lanes_plain::at_least(p, v), lanes::at_least(p, v), lanes_plain::max(p), lanes::max(p),
+                                     lanes_plain::max_except(p, skip), lanes::max_except(p, skip)}),
               std::vector<uint32_t>({want, want, mx, mx, mx_other, mx_other}));
   }
 }
@@ -293,21 +293,21 @@ TEST(HeapLanes, MirrorSearchesSkipPadding) {
   // of 16; the padding after the last entry must never be found.
   ZBSTG_HEAP h = zbstg_begin(0);
   Mirror m;
-  MirrorInit(h, &m, 8, 12);
-  for (uint32_t i = 1; i < 20; ++i) MirrorInsert(h, &m, i, 8 + 40 * i, 12 + i);
+  mirror_init(h, &m, 8, 12);
+  for (uint32_t i = 1; i < 20; ++i) mirror_insert(h, &m, i, 8 + 40 * i, 12 + i);
   ASSERT_EQ(m.n, 20u);
   ASSERT_GE(m.cap, 32u);
   auto answers = [&] {
-    return std::vector<uint32_t>({m.LowerBound(8), m.LowerBound(9), m.LowerBound(8 + 40 * 19), m.LowerBound(8 + 40 * 19 + 1),
-                                  m.LowerBound(0xFFFE), m.FirstFit(12), m.FirstFit(30), m.FirstFit(31), m.FirstFit(32),
-                                  m.Largest(), m.LargestExcept(19), m.LargestExcept(3)});
+    return std::vector<uint32_t>({m.lower_bound(8), m.lower_bound(9), m.lower_bound(8 + 40 * 19), m.lower_bound(8 + 40 * 19 + 1),
+                                  m.lower_bound(0xFFFE), m.first_fit(12), m.first_fit(30), m.first_fit(31), m.first_fit(32),
+                                  m.largest_free(), m.largest_except(19), m.largest_except(3)});
   };
   EXPECT_EQ(answers(), std::vector<uint32_t>({0, 1, 19, 20, 20, 0, 18, 19, 20, 31, 30, 31}));
-  m.Remove(19);
+  m.remove(19);
   EXPECT_EQ(answers(), std::vector<uint32_t>({0, 1, 19, 19, 19, 0, 18, 19, 19, 30, 30, 30}));
-  m.Remove(0);
-  EXPECT_EQ(std::vector<uint32_t>({m.Off(0), m.Size(0), m.LowerBound(8)}), std::vector<uint32_t>({48, 13, 0}));
-  MirrorFree(&m);
+  m.remove(0);
+  EXPECT_EQ(std::vector<uint32_t>({m.off_at(0), m.size_at(0), m.lower_bound(8)}), std::vector<uint32_t>({48, 13, 0}));
+  mirror_free(&m);
   zbstg_end(h);
 }
 
@@ -322,15 +322,15 @@ TEST(HeapLanes, ShiftsAgreeWithPlainMoves) {
           std::vector<uint16_t> base(cap, pad);
           for (uint32_t i = 0; i < n; ++i) base[i] = static_cast<uint16_t>(rng());
           auto a = base, b = base;
-          lanes_plain::ShiftUp(a.data(), k, n, cap);
-          lanes::ShiftUp(b.data(), k, n, cap);
+          lanes_plain::shift_up(a.data(), k, n, cap);
+          lanes::shift_up(b.data(), k, n, cap);
           ASSERT_EQ(a, b) << "up cap " << cap << " n " << n << " k " << k;
           for (uint32_t i = k; i < n; ++i) ASSERT_EQ(a[i + 1], base[i]);
           if (k == n) continue;
           // Removal: words after the last (n - 1) are padding; the last is left for the caller.
           a = b = base;
-          lanes_plain::ShiftDown(a.data(), k, n - 1, cap);
-          lanes::ShiftDown(b.data(), k, n - 1, cap);
+          lanes_plain::shift_down(a.data(), k, n - 1, cap);
+          lanes::shift_down(b.data(), k, n - 1, cap);
           a[n - 1] = b[n - 1] = 0;
           ASSERT_EQ(a, b) << "down cap " << cap << " n " << n << " k " << k;
           for (uint32_t i = k; i + 1 < n; ++i) ASSERT_EQ(a[i], base[i + 1]);

@@ -106,7 +106,7 @@ TEST(Startup, FeatureUnsupportedNotice) {
   const int32_t answer = ZBSHR_FeatureUnsupported(nullptr);
   zbshr_set_msgbox_handler(old, nullptr);
   char expect[300];
-  zbshr::plat::LoadStringA(zbshr::plat::ModuleInstance(), 108, expect, sizeof expect);
+  zbshr::plat::LoadStringA(zbshr::plat::module_instance(), 108, expect, sizeof expect);
   EXPECT_NE(seen.text, "");
   EXPECT_EQ(std::make_tuple(answer, seen.calls, seen.caption, seen.style, seen.text),
             std::make_tuple(1, 1, std::string("Release 5.0"), 16u, std::string(expect)));

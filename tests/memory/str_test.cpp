@@ -25,8 +25,8 @@ class StrHeap : public ::testing::Test {
 };
 
 struct CodePage {  // restores the single-byte code page however a test ends
-  explicit CodePage(uint32_t cp) { zbshr::plat::SetACP(cp); }
-  ~CodePage() { zbshr::plat::SetACP(1252); }
+  explicit CodePage(uint32_t cp) { zbshr::plat::set_acp(cp); }
+  ~CodePage() { zbshr::plat::set_acp(1252); }
 };
 
 TEST_F(StrHeap, AllocStringStrdupAndLengths) {

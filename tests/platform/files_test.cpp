@@ -91,12 +91,12 @@ TEST(Files, ReadWriteSeekAndHandles) {
   ASSERT_TRUE(SetFilePointerEx(f, 0, &pos, FILE_CURRENT));
   EXPECT_EQ(pos, 0xFFFFFFFFLL);
   EXPECT_TRUE(ReadFile(f, buf, 5, &n) && n == 0);  // past the end: nothing, no failure
-  InjectFault(Fault::Seek, 1, 1);  // fails exactly one call
+  inject_fault(Fault::Seek, 1, 1);  // fails exactly one call
   EXPECT_EQ(WithError(SetFilePointer(f, 0, nullptr, FILE_BEGIN)), Err(INVALID_SET_FILE_POINTER, ERROR_SEEK));
   EXPECT_EQ(SetFilePointer(f, 4, nullptr, FILE_BEGIN), 4u);
   int64_t size = 0, mtime = 0;
   EXPECT_TRUE(SetEndOfFile(f) && GetFileSizeEx(f, &size) && size == 4 && FlushFileBuffers(f));
-  ASSERT_TRUE(GetFileTimeUnix(f, &mtime));
+  ASSERT_TRUE(get_file_time_unix(f, &mtime));
   EXPECT_LE(std::abs(mtime - static_cast<int64_t>(time(nullptr))), 300);
   EXPECT_TRUE(CloseHandle(f));
   EXPECT_EQ(s.read("rw.dat"), "0123");
@@ -143,7 +143,7 @@ TEST(Files, WriteThroughOpensSynchronouslyAndHandlesAreNotInherited) {
 TEST(Files, ClassicCallsAndInjectedFaults) {
   Scratch s;
   const std::string p = s.path("classic.bin");
-  InjectFault(Fault::Open, 1, 1);
+  inject_fault(Fault::Open, 1, 1);
   EXPECT_EQ(CreateFileA(p.c_str(), RW, 0, CREATE_ALWAYS, 0), INVALID_HANDLE);
   HFILE f = CreateFileA(p.c_str(), RW, 0, CREATE_ALWAYS, 0);
   ASSERT_NE(f, HFILE_ERROR);
@@ -170,10 +170,10 @@ TEST(Files, ClassicCallsAndInjectedFaults) {
       {Fault::Open, 0, 0, [&] { return _lread(f, buf, 1); }, HFILE_ERROR},
   };
   for (const auto& r : rows) {
-    if (r.at) InjectFault(r.fault, r.at, r.count);
+    if (r.at) inject_fault(r.fault, r.at, r.count);
     EXPECT_EQ(r.call(), r.want) << &r - rows;
   }
-  ClearFaults();
+  clear_faults();
 }
 
 // Opens `p` with the given access and sharing; true when it succeeded.
@@ -273,10 +273,10 @@ TEST(Paths, SpellingsAndNormalisation) {
   std::filesystem::create_directories(s.path("Data/Sub"));
   s.write("Data/Sub/File.TXT", "1");
   const std::string d = s.dir(), want = s.path("Data/Sub/File.TXT");
-  EXPECT_EQ(NativePath((d + "/data/SUB/file.txt").c_str()) + "|" + NativePath((d + "\\DATA\\sub\\FILE.txt").c_str()), want + "|" + want);
-  EXPECT_EQ(NativePath((d + "/data/sub/New.Txt").c_str()), s.path("Data/Sub/New.Txt"));  // missing: kept
+  EXPECT_EQ(native_path((d + "/data/SUB/file.txt").c_str()) + "|" + native_path((d + "\\DATA\\sub\\FILE.txt").c_str()), want + "|" + want);
+  EXPECT_EQ(native_path((d + "/data/sub/New.Txt").c_str()), s.path("Data/Sub/New.Txt"));  // missing: kept
   s.write("Data/Sub/file.txt", "2");  // an exact spelling wins over another case
-  EXPECT_EQ(NativePath(s.path("Data/Sub/file.txt").c_str()), s.path("Data/Sub/file.txt"));
+  EXPECT_EQ(native_path(s.path("Data/Sub/file.txt").c_str()), s.path("Data/Sub/file.txt"));
   HFILE f = CreateFileA((d + "\\DATA\\SUB\\FILE.TXT").c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);
   EXPECT_TRUE(CloseHandle(f));
   EXPECT_EQ(std::vector<DWORD>({GetFileAttributesA((d + "/DATA").c_str()), GetFileAttributesA((d + "/DATA/sub/file.TXT").c_str()),
@@ -376,8 +376,8 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_EQ(std::strlen(buf), n - 1);
   HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name too
   EXPECT_EQ(GetModuleHandleA(std::filesystem::canonical("/proc/self/exe").filename().string().c_str()), self);
-  EXPECT_EQ(std::vector<DWORD>({GetModuleFileNameOfA(self, buf, sizeof buf), GetModuleFileNameOfA(self, buf, n + 1),
-                                GetModuleFileNameOfA(self, buf, n)}),
+  EXPECT_EQ(std::vector<DWORD>({module_file_name_of(self, buf, sizeof buf), module_file_name_of(self, buf, n + 1),
+                                module_file_name_of(self, buf, n)}),
             std::vector<DWORD>({n, n, n - 1}));  // cut and terminated
   EXPECT_EQ(std::strlen(buf), n - 1);
 }

@@ -55,7 +55,7 @@ TEST(GlobalMemory, ZeroSizeAndFreedHandles) {
 }
 
 TEST(FaultInjection, CountsCallsAndFailsARun) {
-  InjectFault(Fault::GlobalAlloc, 2, 2);
+  inject_fault(Fault::GlobalAlloc, 2, 2);
   HGLOBAL a = GlobalAlloc(0, 8);        // 1st: fine
   HGLOBAL b = GlobalAlloc(0, 8);        // 2nd: fails
   HGLOBAL c = GlobalReAlloc(a, 16, 0);  // 3rd (reallocation counts): fails
@@ -66,17 +66,17 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   GlobalFree(a);
   GlobalFree(d);
   HGLOBAL e = GlobalAlloc(0, 8);
-  InjectFault(Fault::GlobalLock, 1, 1);
+  inject_fault(Fault::GlobalLock, 1, 1);
   EXPECT_EQ(GlobalLock(e), nullptr);
   EXPECT_NE(GlobalLock(e), nullptr);
-  InjectFault(Fault::GlobalLock, 1, 5);
-  InjectFault(Fault::GlobalLock, 1, 0);  // disarmed
+  inject_fault(Fault::GlobalLock, 1, 5);
+  inject_fault(Fault::GlobalLock, 1, 0);  // disarmed
   EXPECT_NE(GlobalLock(e), nullptr);
   GlobalFree(e);
   EXPECT_EQ(zbshr_inject_fault(0, 1, 1), 1);  // the exported knob drives the same machinery
   EXPECT_EQ(GlobalAlloc(0, 1), nullptr);
   EXPECT_EQ(zbshr_inject_fault(99, 1, 1) + zbshr_inject_fault(-1, 1, 1), 0);
-  ClearFaults();
+  clear_faults();
 }
 
 #ifndef _WIN32  // the library exports the classic file calls on POSIX only
@@ -112,13 +112,13 @@ class MessageBoxTest : public ::testing::Test {
     const char* v = std::getenv("ZBSHR_MSGBOX");
     saved_ = v ? v : "";
     had_ = v != nullptr;
-    ResetMessageBoxScript();
+    reset_message_box_script();
   }
   void TearDown() override {
     zbshr_set_msgbox_handler(nullptr, nullptr);
     if (had_) setenv("ZBSHR_MSGBOX", saved_.c_str(), 1);
     else unsetenv("ZBSHR_MSGBOX");
-    ResetMessageBoxScript();
+    reset_message_box_script();
   }
   std::string saved_;
   bool had_ = false;
@@ -171,7 +171,7 @@ TEST(FatalExit, PrintsTextAndEndsWithNonZeroStatus) {
 
 TEST(Resources, NamesCaptionsAndImages) {
   char buf[30];
-  auto load = [&](UINT id, int size = 30) { return std::to_string(LoadStringA(ModuleInstance(), id, buf, size)) + ":" + buf; };
+  auto load = [&](UINT id, int size = 30) { return std::to_string(LoadStringA(module_instance(), id, buf, size)) + ":" + buf; };
   // Sorted upper-case names at 700-709 and 720-733; calendar-order names
   // from 734 on, checked against the C library's English ones.
   const char* upper[] = {"APR", "APRIL", "AUG", "AUGUST", "DEC", "DECEMBER", "FEB", "FEBRUARY",
@@ -193,19 +193,19 @@ TEST(Resources, NamesCaptionsAndImages) {
   // "September" cut; a missing string or no room leaves an empty text (braced lists run in order).
   EXPECT_EQ(Strings({load(754, 5), load(9999), load(754, 0)}), Strings({"4:Sept", "0:", "0:"}));
   char caption[40], formatted[40], notice[300];
-  LoadStringA(ModuleInstance(), 107, caption, sizeof caption);
+  LoadStringA(module_instance(), 107, caption, sizeof caption);
   std::snprintf(formatted, sizeof formatted, caption, 5, 0);
   EXPECT_STREQ(formatted, "Release 5.0");
-  EXPECT_GT(LoadStringA(ModuleInstance(), 108, notice, sizeof notice), 20);
+  EXPECT_GT(LoadStringA(module_instance(), 108, notice, sizeof notice), 20);
   DWORD n305 = 0, n306 = 0, none = 123;
-  const void* a = LoadResourceData(ModuleInstance(), 256, 305, &n305);
-  const void* b = LoadResourceData(ModuleInstance(), 256, 306, &n306);
+  const void* a = load_resource_data(module_instance(), 256, 305, &n305);
+  const void* b = load_resource_data(module_instance(), 256, 306, &n306);
   ASSERT_TRUE(a && b);
   EXPECT_EQ(std::make_pair(n305, n306), std::make_pair(16384u, 16384u));
   EXPECT_NE(std::memcmp(a, b, 16384), 0);
-  EXPECT_EQ(LoadResourceData(ModuleInstance(), 256, 307, &none), nullptr);
+  EXPECT_EQ(load_resource_data(module_instance(), 256, 307, &none), nullptr);
   EXPECT_EQ(none, 0u);
-  EXPECT_EQ(LoadResourceData(ModuleInstance(), 10, 305, &none), nullptr);
+  EXPECT_EQ(load_resource_data(module_instance(), 10, 305, &none), nullptr);
 }
 
 TEST(System, VersionClockCodePages) {

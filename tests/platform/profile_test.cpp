@@ -113,7 +113,7 @@ TEST_F(HomeTest, RelativeNamesAndTheSystemProfileLiveInTheConfigurationFolder) {
   EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &k), ERROR_FILE_NOT_FOUND);
   EXPECT_TRUE(WritePrivateProfileStringA("x", "y", nullptr, "app.ini"));
   EXPECT_FALSE(std::filesystem::exists(s_.path("home")));
-  EXPECT_EQ(ConfigDir(), s_.path("home"));
+  EXPECT_EQ(config_dir(), s_.path("home"));
   EXPECT_TRUE(WriteProfileStringA("intl", "sDecimal", ",,"));
   EXPECT_EQ(s_.read("home/win.ini"), "[intl]\nsDecimal=,,\n");
   EXPECT_EQ(GetProfileStringA("INTL", "sdecimal", ".", buf, sizeof buf), 2u);
@@ -133,7 +133,7 @@ TEST(ConfigFolder, FallsBackToXdgThenHome) {
   for (const auto& r : rows) {
     r.home ? setenv("ZBSHR_HOME", r.home, 1) : unsetenv("ZBSHR_HOME");
     r.xdg ? setenv("XDG_CONFIG_HOME", r.xdg, 1) : unsetenv("XDG_CONFIG_HOME");
-    EXPECT_EQ(ConfigDir(), r.want);
+    EXPECT_EQ(config_dir(), r.want);
   }
   if (x) setenv("XDG_CONFIG_HOME", saved_xdg.c_str(), 1);
   if (v) setenv("ZBSHR_HOME", saved.c_str(), 1);

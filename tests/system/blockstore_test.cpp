@@ -92,9 +92,9 @@ TEST_F(BlockStore, BadArgumentsShortWritesAndForeignBytes) {
   EXPECT_EQ(zbfstg_alloc(st, "abcd", 4), 70026);  // written at the start again
   EXPECT_EQ(copy_of(heap_, st, 0, 4), "abcd");
   EXPECT_EQ(zbfstg_get(st, 70004), nullptr);  // the end of the file
-  zbshr::plat::InjectFault(zbshr::plat::Fault::Write, 2, 1);  // the data write
+  zbshr::plat::inject_fault(zbshr::plat::Fault::Write, 2, 1);  // the data write
   EXPECT_EQ(zbfstg_alloc(st, "efgh", 4), 0);
-  zbshr::plat::ClearFaults();
+  zbshr::plat::clear_faults();
   EXPECT_EQ(zbfstg_alloc(st, "ijkl", 4), 70034);  // the counter did not move
   EXPECT_EQ(copy_of(heap_, st, 0, 4), "ijkl");
   EXPECT_EQ(zbfstg_end(st), 1);

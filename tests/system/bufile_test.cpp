@@ -15,7 +15,7 @@ namespace plat = zbshr::plat;
 class BufFile : public systest::ScratchTest {
  protected:
   void TearDown() override {
-    plat::ClearFaults();
+    plat::clear_faults();
     ScratchTest::TearDown();
   }
   // position and room of the object, as one value for compact checks
@@ -146,23 +146,23 @@ TEST_F(BufFile, ShortWriteLeavesTheObjectUnchanged) {
   ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "short.txt", 8), 1);
   EXPECT_EQ(osFileWrite(&f_, "ABCDEFGH", 8), 8u);
   OSFILE before = f_;
-  plat::InjectFault(plat::Fault::Write, 1, 1);
+  plat::inject_fault(plat::Fault::Write, 1, 1);
   EXPECT_EQ(osFileWrite(&f_, "I", 1), 0u);
   EXPECT_EQ(std::memcmp(&before, &f_, sizeof f_), 0);
   EXPECT_EQ(std::memcmp(f_.buffer, "ABCDEFGH", 8), 0);
-  plat::InjectFault(plat::Fault::Write, 1, 1);  // a flush that falls short
+  plat::inject_fault(plat::Fault::Write, 1, 1);  // a flush that falls short
   EXPECT_EQ(osFileWrite(&f_, nullptr, 0), 0u);
   EXPECT_EQ(std::memcmp(&before, &f_, sizeof f_), 0);
   // Partway through a long write: the bytes taken so far stay in the full
   // buffer, exactly as before the failed flush.
   EXPECT_EQ(osFileWrite(&f_, nullptr, 0), 1u);
   EXPECT_EQ(osFileWrite(&f_, "12345", 5), 5u);
-  plat::InjectFault(plat::Fault::Write, 1, 1);
+  plat::inject_fault(plat::Fault::Write, 1, 1);
   EXPECT_EQ(osFileWrite(&f_, "6789xyz", 7), 0u);
   EXPECT_EQ(at(), P(8, 0));
   EXPECT_EQ(std::memcmp(f_.buffer, "12345678", 8), 0);
   // A failing final flush makes close answer 0, and the object is closed.
-  plat::InjectFault(plat::Fault::Write, 1, 1);
+  plat::inject_fault(plat::Fault::Write, 1, 1);
   EXPECT_EQ(osFileClose(&f_, 1), 0);
   EXPECT_EQ(f_.hFile, 0);
   EXPECT_EQ(f_.buffer, nullptr);

@@ -123,7 +123,7 @@ TEST_F(OpenFile, FullPathOf260OrMoreGivesError111) {
 TEST_F(OpenFile, BareNameFoundInTheSystemFolder) {
   const char* home = std::getenv("ZBSHR_HOME");
   if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
-  fs::path sysdir = plat::ConfigDir();
+  fs::path sysdir = plat::config_dir();
   std::string name = "zbshr-sysfolder-" + std::to_string(std::random_device{}()) + ".dat";
   spill(sysdir / name, "from the system folder");
   ASSERT_FALSE(fs::exists(name));

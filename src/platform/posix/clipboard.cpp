@@ -28,14 +28,14 @@ bool g_open = false;
 bool g_changed = false;          // text set since the clipboard was opened
 std::vector<HGLOBAL> g_owned;    // blocks handed over by SetClipboardData
 
-void FreeOwned() {
+void free_owned() {
   for (HGLOBAL h : g_owned) GlobalFree(h);
   g_owned.clear();
 }
 
 // Runs `command` with `text` on its standard input. A program that exits
 // without reading everything must not take this process down with SIGPIPE.
-void PipeToCommand(const std::string& command, const std::string& text) {
+void pipe_to_command(const std::string& command, const std::string& text) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
   posix_spawn_file_actions_t actions;
@@ -98,8 +98,8 @@ BOOL EmptyClipboard() {
     SetLastError(ERROR_ACCESS_DENIED);
     return 0;
   }
-  FreeOwned();
-  detail::SetClipboardText(std::string());
+  free_owned();
+  detail::set_clipboard_text(std::string());
   g_changed = true;
   return 1;
 }
@@ -116,7 +116,7 @@ HGLOBAL SetClipboardData(UINT format, HGLOBAL mem) {
     size_t size = GlobalSize(mem);
     size_t n = 0;
     while (n < size && p[n] != '\0') ++n;
-    detail::SetClipboardText(std::string(p, n));
+    detail::set_clipboard_text(std::string(p, n));
     GlobalUnlock(mem);
     g_changed = true;
   }
@@ -138,9 +138,9 @@ BOOL CloseClipboard() {
     const char* env = std::getenv("ZBSHR_CLIPBOARD_CMD");
     if (!env || !*env) return 1;
     command = env;
-    text = detail::ClipboardText();
+    text = detail::clipboard_text();
   }
-  PipeToCommand(command, text);
+  pipe_to_command(command, text);
   return 1;
 }
 

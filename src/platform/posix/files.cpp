@@ -32,8 +32,8 @@
 
 namespace zbshr::plat {
 
-using posix::Dirname;
-using posix::NotFoundKind;
+using posix::dirname;
+using posix::not_found_kind;
 
 namespace {
 
@@ -55,20 +55,20 @@ struct HandleInfo {
 std::mutex g_handles_mutex;
 std::vector<HandleInfo> g_handles;
 
-bool Lookup(HFILE f, HandleInfo* out) {
+bool lookup(HFILE f, HandleInfo* out) {
   std::lock_guard<std::mutex> lock(g_handles_mutex);
   if (f < 0 || static_cast<size_t>(f) >= g_handles.size() || !g_handles[f].open) return false;
   *out = g_handles[f];
   return true;
 }
 
-void Register(int fd, bool can_read, bool can_write, int lock_fd) {
+void register_open(int fd, bool can_read, bool can_write, int lock_fd) {
   std::lock_guard<std::mutex> lock(g_handles_mutex);
   if (static_cast<size_t>(fd) >= g_handles.size()) g_handles.resize(fd + 16);
   g_handles[fd] = HandleInfo{true, can_read, can_write, lock_fd};
 }
 
-bool Unregister(HFILE f, int* lock_fd) {
+bool unregister_open(HFILE f, int* lock_fd) {
   std::lock_guard<std::mutex> lock(g_handles_mutex);
   if (f < 0 || static_cast<size_t>(f) >= g_handles.size() || !g_handles[f].open) return false;
   *lock_fd = g_handles[f].lock_fd;
@@ -80,9 +80,9 @@ enum class Access { Any, Read, Write };
 
 // Checks that f is open and, where asked, open for reading or writing; sets
 // the last error as Windows does when it is not.
-bool Usable(HFILE f, Access need) {
+bool usable(HFILE f, Access need) {
   HandleInfo info;
-  if (!Lookup(f, &info)) {
+  if (!lookup(f, &info)) {
     SetLastError(ERROR_INVALID_HANDLE);
     return false;
   }
@@ -95,16 +95,16 @@ bool Usable(HFILE f, Access need) {
 
 // Reads the status of the open file f; a handle that is not open, or that
 // cannot be looked at, is an invalid handle.
-bool StatOpen(HFILE f, struct stat* st) {
+bool stat_open(HFILE f, struct stat* st) {
   HandleInfo info;
-  if (!Lookup(f, &info) || fstat(f, st) != 0) {
+  if (!lookup(f, &info) || fstat(f, st) != 0) {
     SetLastError(ERROR_INVALID_HANDLE);
     return false;
   }
   return true;
 }
 
-bool TakeSharedByte(int fd, off_t where) {
+bool take_shared_byte(int fd, off_t where) {
   struct flock fl {};
   fl.l_type = F_RDLCK;
   fl.l_whence = SEEK_SET;
@@ -114,7 +114,7 @@ bool TakeSharedByte(int fd, off_t where) {
 }
 
 // True when another open file description holds a lock on the byte.
-bool HeldByOthers(int fd, off_t where) {
+bool held_by_others(int fd, off_t where) {
   struct flock fl {};
   fl.l_type = F_WRLCK;
   fl.l_whence = SEEK_SET;
@@ -132,7 +132,7 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
     SetLastError(name ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_PARAMETER);
     return INVALID_HANDLE;
   }
-  if (detail::FaultFires(Fault::Open)) {
+  if (detail::fault_fires(Fault::Open)) {
     SetLastError(ERROR_ACCESS_DENIED);
     return INVALID_HANDLE;
   }
@@ -157,7 +157,7 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
       return INVALID_HANDLE;
   }
   if (flags_and_attributes & FILE_FLAG_WRITE_THROUGH) flags |= O_DSYNC;
-  std::string path = NativePath(name);
+  std::string path = native_path(name);
   if (!path.empty() && path.back() == '/') {
     SetLastError(ERROR_PATH_NOT_FOUND);
     return INVALID_HANDLE;
@@ -194,8 +194,8 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
   }
   if (fd < 0) {
     int err = errno;
-    if (err == ENOENT) SetLastError(NotFoundKind(path));
-    else SetLastError(posix::ErrorFromErrno(err));
+    if (err == ENOENT) SetLastError(not_found_kind(path));
+    else SetLastError(posix::error_from_errno(err));
     return INVALID_HANDLE;
   }
   const int lk = lock_fd >= 0 ? lock_fd : fd;
@@ -207,16 +207,16 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
     const bool deny_read = !(share & FILE_SHARE_READ);
     const bool deny_write = !(share & FILE_SHARE_WRITE);
     const bool deny_delete = !(share & FILE_SHARE_DELETE);
-    bool ok = (!want_read || TakeSharedByte(lk, kHasRead)) &&
-              (!want_write || TakeSharedByte(lk, kHasWrite)) &&
-              (!deny_read || TakeSharedByte(lk, kDeniesRead)) &&
-              (!deny_write || TakeSharedByte(lk, kDeniesWrite)) &&
-              (!deny_delete || TakeSharedByte(lk, kDeniesDelete));
+    bool ok = (!want_read || take_shared_byte(lk, kHasRead)) &&
+              (!want_write || take_shared_byte(lk, kHasWrite)) &&
+              (!deny_read || take_shared_byte(lk, kDeniesRead)) &&
+              (!deny_write || take_shared_byte(lk, kDeniesWrite)) &&
+              (!deny_delete || take_shared_byte(lk, kDeniesDelete));
     if (ok) {
-      bool conflict = (want_read && HeldByOthers(lk, kDeniesRead)) ||
-                      (want_write && HeldByOthers(lk, kDeniesWrite)) ||
-                      (deny_read && HeldByOthers(lk, kHasRead)) ||
-                      (deny_write && HeldByOthers(lk, kHasWrite));
+      bool conflict = (want_read && held_by_others(lk, kDeniesRead)) ||
+                      (want_write && held_by_others(lk, kDeniesWrite)) ||
+                      (deny_read && held_by_others(lk, kHasRead)) ||
+                      (deny_write && held_by_others(lk, kHasWrite));
       if (conflict) {
         close_all();
         if (!existed) unlink(path.c_str());
@@ -228,10 +228,10 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
   if (truncate_after && existed && ftruncate(fd, 0) != 0) {
     int err = errno;
     close_all();
-    SetLastError(posix::ErrorFromErrno(err));
+    SetLastError(posix::error_from_errno(err));
     return INVALID_HANDLE;
   }
-  Register(fd, want_read, want_write, lock_fd);
+  register_open(fd, want_read, want_write, lock_fd);
   // As on Windows, an open that found an existing file under CREATE_ALWAYS or
   // OPEN_ALWAYS says so in the last error.
   SetLastError((existed && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS))
@@ -242,8 +242,8 @@ HFILE CreateFileA(const char* name, DWORD access, DWORD share, DWORD disposition
 
 BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
   if (got) *got = 0;
-  if (!Usable(f, Access::Read)) return 0;
-  if (detail::FaultFires(Fault::Read)) {
+  if (!usable(f, Access::Read)) return 0;
+  if (detail::fault_fires(Fault::Read)) {
     SetLastError(ERROR_READ_FAULT);
     return 0;
   }
@@ -268,7 +268,7 @@ BOOL ReadFile(HFILE f, void* buf, DWORD n, DWORD* got) {
   return 1;
 }
 
-static bool WriteAllFd(int fd, const char* p, DWORD n, DWORD* done) {
+static bool write_all_fd(int fd, const char* p, DWORD n, DWORD* done) {
   *done = 0;
   while (*done < n) {
     ssize_t w = write(fd, p + *done, n - *done);
@@ -289,16 +289,16 @@ static bool WriteAllFd(int fd, const char* p, DWORD n, DWORD* done) {
 
 BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
   if (put) *put = 0;
-  if (!Usable(f, Access::Write)) return 0;
+  if (!usable(f, Access::Write)) return 0;
   if (n > 0 && !buf) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
   DWORD want = n;
-  bool short_write = detail::FaultFires(Fault::Write);
+  bool short_write = detail::fault_fires(Fault::Write);
   if (short_write) want = n / 2;
   DWORD done = 0;
-  bool ok = WriteAllFd(f, static_cast<const char*>(buf), want, &done);
+  bool ok = write_all_fd(f, static_cast<const char*>(buf), want, &done);
   if (put) *put = done;
   if (!ok) {
     // Partial progress on a full disk is reported as a short write.
@@ -309,8 +309,8 @@ BOOL WriteFile(HFILE f, const void* buf, DWORD n, DWORD* put) {
 }
 
 // Moves the position; the callers below check for injected faults once.
-static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
-  if (!Usable(f, Access::Any)) return 0;
+static BOOL seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
+  if (!usable(f, Access::Any)) return 0;
   int whence;
   switch (method) {
     case FILE_BEGIN: whence = SEEK_SET; break;
@@ -325,14 +325,14 @@ static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
   if (whence == SEEK_CUR) {
     off_t cur = lseek(f, 0, SEEK_CUR);
     if (cur < 0) {
-      SetLastError(posix::ErrorFromErrno(errno));
+      SetLastError(posix::error_from_errno(errno));
       return 0;
     }
     base = cur;
   } else if (whence == SEEK_END) {
     struct stat st {};
     if (fstat(f, &st) != 0) {
-      SetLastError(posix::ErrorFromErrno(errno));
+      SetLastError(posix::error_from_errno(errno));
       return 0;
     }
     base = st.st_size;
@@ -344,7 +344,7 @@ static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
   int64_t target = base + distance;
   off_t r = lseek(f, static_cast<off_t>(target), SEEK_SET);
   if (r < 0) {
-    SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : posix::ErrorFromErrno(errno));
+    SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : posix::error_from_errno(errno));
     return 0;
   }
   if (new_pos) *new_pos = r;
@@ -352,15 +352,15 @@ static BOOL Seek(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
 }
 
 BOOL SetFilePointerEx(HFILE f, int64_t distance, int64_t* new_pos, DWORD method) {
-  if (detail::FaultFires(Fault::Seek)) {
+  if (detail::fault_fires(Fault::Seek)) {
     SetLastError(ERROR_SEEK);
     return 0;
   }
-  return Seek(f, distance, new_pos, method);
+  return seek(f, distance, new_pos, method);
 }
 
 DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
-  if (detail::FaultFires(Fault::Seek)) {
+  if (detail::fault_fires(Fault::Seek)) {
     SetLastError(ERROR_SEEK);
     return INVALID_SET_FILE_POINTER;
   }
@@ -368,11 +368,11 @@ DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
                                           static_cast<uint32_t>(distance))
                    : static_cast<int64_t>(distance);
   int64_t pos = 0, before = 0;
-  if (!high && !Seek(f, 0, &before, FILE_CURRENT)) return INVALID_SET_FILE_POINTER;
-  if (!Seek(f, d, &pos, method)) return INVALID_SET_FILE_POINTER;
+  if (!high && !seek(f, 0, &before, FILE_CURRENT)) return INVALID_SET_FILE_POINTER;
+  if (!seek(f, d, &pos, method)) return INVALID_SET_FILE_POINTER;
   if (!high && pos > 0xFFFFFFFFLL) {
     // The position does not fit the 32-bit answer: Windows refuses the move.
-    Seek(f, before, nullptr, FILE_BEGIN);
+    seek(f, before, nullptr, FILE_BEGIN);
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }
@@ -382,10 +382,10 @@ DWORD SetFilePointer(HFILE f, LONG distance, LONG* high, DWORD method) {
 }
 
 BOOL SetEndOfFile(HFILE f) {
-  if (!Usable(f, Access::Write)) return 0;
+  if (!usable(f, Access::Write)) return 0;
   off_t cur = lseek(f, 0, SEEK_CUR);
   if (cur < 0 || ftruncate(f, cur) != 0) {
-    SetLastError(posix::ErrorFromErrno(errno));
+    SetLastError(posix::error_from_errno(errno));
     return 0;
   }
   return 1;
@@ -393,7 +393,7 @@ BOOL SetEndOfFile(HFILE f) {
 
 BOOL GetFileSizeEx(HFILE f, int64_t* size) {
   struct stat st {};
-  if (!StatOpen(f, &st)) return 0;
+  if (!stat_open(f, &st)) return 0;
   if (size) *size = st.st_size;
   return 1;
 }
@@ -407,7 +407,7 @@ DWORD GetFileSize(HFILE f, DWORD* high) {
 }
 
 BOOL FlushFileBuffers(HFILE f) {
-  if (!Usable(f, Access::Write)) return 0;
+  if (!usable(f, Access::Write)) return 0;
   if (fsync(f) != 0) {
     SetLastError(ERROR_WRITE_FAULT);
     return 0;
@@ -417,7 +417,7 @@ BOOL FlushFileBuffers(HFILE f) {
 
 BOOL CloseHandle(HFILE f) {
   int lock_fd = -1;
-  if (!Unregister(f, &lock_fd)) {
+  if (!unregister_open(f, &lock_fd)) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }
@@ -426,18 +426,18 @@ BOOL CloseHandle(HFILE f) {
   return 1;
 }
 
-BOOL GetFileTimeUnix(HFILE f, int64_t* seconds) {
+BOOL get_file_time_unix(HFILE f, int64_t* seconds) {
   struct stat st {};
-  if (!StatOpen(f, &st)) return 0;
+  if (!stat_open(f, &st)) return 0;
   if (seconds) *seconds = st.st_mtime;
   return 1;
 }
 
 // Refuses deleting or renaming a file that an open holds without allowing it.
-static bool DeleteDenied(const std::string& path) {
+static bool delete_denied(const std::string& path) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
-  bool denied = HeldByOthers(fd, kDeniesDelete);
+  bool denied = held_by_others(fd, kDeniesDelete);
   close(fd);
   return denied;
 }
@@ -447,22 +447,22 @@ BOOL DeleteFileA(const char* name) {
     SetLastError(ERROR_PATH_NOT_FOUND);
     return 0;
   }
-  std::string path = NativePath(name);
+  std::string path = native_path(name);
   struct stat st {};
   if (lstat(path.c_str(), &st) != 0) {
-    SetLastError(errno == ENOENT ? NotFoundKind(path) : posix::ErrorFromErrno(errno));
+    SetLastError(errno == ENOENT ? not_found_kind(path) : posix::error_from_errno(errno));
     return 0;
   }
   if (S_ISDIR(st.st_mode)) {
     SetLastError(ERROR_ACCESS_DENIED);
     return 0;
   }
-  if (S_ISREG(st.st_mode) && DeleteDenied(path)) {
+  if (S_ISREG(st.st_mode) && delete_denied(path)) {
     SetLastError(ERROR_SHARING_VIOLATION);
     return 0;
   }
   if (unlink(path.c_str()) != 0) {
-    SetLastError(posix::ErrorFromErrno(errno));
+    SetLastError(posix::error_from_errno(errno));
     return 0;
   }
   return 1;
@@ -473,14 +473,14 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD flags) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  std::string src = NativePath(from);
-  std::string dst = NativePath(to);
+  std::string src = native_path(from);
+  std::string dst = native_path(to);
   struct stat st {};
   if (lstat(src.c_str(), &st) != 0) {
-    SetLastError(errno == ENOENT ? NotFoundKind(src) : posix::ErrorFromErrno(errno));
+    SetLastError(errno == ENOENT ? not_found_kind(src) : posix::error_from_errno(errno));
     return 0;
   }
-  if (S_ISREG(st.st_mode) && DeleteDenied(src)) {
+  if (S_ISREG(st.st_mode) && delete_denied(src)) {
     SetLastError(ERROR_SHARING_VIOLATION);
     return 0;
   }
@@ -494,13 +494,13 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD flags) {
     SetLastError(ERROR_ACCESS_DENIED);
     return 0;
   }
-  if (dst_exists && S_ISREG(dst_st.st_mode) && DeleteDenied(dst)) {
+  if (dst_exists && S_ISREG(dst_st.st_mode) && delete_denied(dst)) {
     SetLastError(ERROR_ACCESS_DENIED);
     return 0;
   }
   if (flags & MOVEFILE_REPLACE_EXISTING) {
     if (rename(src.c_str(), dst.c_str()) != 0) {
-      SetLastError(errno == ENOENT ? NotFoundKind(dst) : posix::ErrorFromErrno(errno));
+      SetLastError(errno == ENOENT ? not_found_kind(dst) : posix::error_from_errno(errno));
       return 0;
     }
   } else {
@@ -511,17 +511,17 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD flags) {
         return 0;
       }
       if (errno != EINVAL && errno != ENOSYS) {
-        SetLastError(errno == ENOENT ? NotFoundKind(dst) : posix::ErrorFromErrno(errno));
+        SetLastError(errno == ENOENT ? not_found_kind(dst) : posix::error_from_errno(errno));
         return 0;
       }
       if (rename(src.c_str(), dst.c_str()) != 0) {
-        SetLastError(posix::ErrorFromErrno(errno));
+        SetLastError(posix::error_from_errno(errno));
         return 0;
       }
     }
   }
   if (flags & MOVEFILE_WRITE_THROUGH) {
-    int dfd = open(Dirname(dst).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int dfd = open(dirname(dst).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dfd >= 0) {
       fsync(dfd);
       close(dfd);
@@ -535,10 +535,10 @@ DWORD GetFileAttributesA(const char* name) {
     SetLastError(ERROR_PATH_NOT_FOUND);
     return INVALID_FILE_ATTRIBUTES;
   }
-  std::string path = NativePath(name);
+  std::string path = native_path(name);
   struct stat st {};
   if (stat(path.c_str(), &st) != 0) {
-    SetLastError(errno == ENOENT ? NotFoundKind(path) : posix::ErrorFromErrno(errno));
+    SetLastError(errno == ENOENT ? not_found_kind(path) : posix::error_from_errno(errno));
     return INVALID_FILE_ATTRIBUTES;
   }
   DWORD attrs = 0;

@@ -21,22 +21,22 @@ struct GlobalBlock {
 };
 
 std::mutex g_mutex;
-std::unordered_set<GlobalBlock*>& Live() {
+std::unordered_set<GlobalBlock*>& live_blocks() {
   static auto* live = new std::unordered_set<GlobalBlock*>();  // never destroyed
   return *live;
 }
 
 // The live block of h, or null with ERROR_INVALID_HANDLE. Called under g_mutex.
-GlobalBlock* Find(HGLOBAL h) {
+GlobalBlock* find(HGLOBAL h) {
   auto* b = static_cast<GlobalBlock*>(h);
-  if (Live().count(b)) return b;
+  if (live_blocks().count(b)) return b;
   SetLastError(ERROR_INVALID_HANDLE);
   return nullptr;
 }
 
 // True, with ERROR_NOT_ENOUGH_MEMORY, when a test has asked this call to fail.
-bool OutOfMemoryFault(Fault which) {
-  if (!detail::FaultFires(which)) return false;
+bool out_of_memory_fault(Fault which) {
+  if (!detail::fault_fires(which)) return false;
   SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return true;
 }
@@ -44,7 +44,7 @@ bool OutOfMemoryFault(Fault which) {
 }  // namespace
 
 HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
-  if (OutOfMemoryFault(Fault::GlobalAlloc)) return nullptr;
+  if (out_of_memory_fault(Fault::GlobalAlloc)) return nullptr;
   // A zero-size block still gets an address so that locking it works.
   void* data = (flags & GMEM_ZEROINIT) ? std::calloc(bytes ? bytes : 1, 1)
                                        : std::malloc(bytes ? bytes : 1);
@@ -60,7 +60,7 @@ HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
   }
   try {
     std::lock_guard<std::mutex> lock(g_mutex);
-    Live().insert(b);
+    live_blocks().insert(b);
   } catch (...) {
     std::free(data);
     delete b;
@@ -71,9 +71,9 @@ HGLOBAL GlobalAlloc(UINT flags, size_t bytes) {
 }
 
 void* GlobalLock(HGLOBAL h) {
-  if (OutOfMemoryFault(Fault::GlobalLock)) return nullptr;
+  if (out_of_memory_fault(Fault::GlobalLock)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return nullptr;
   ++b->locks;
   return b->data;
@@ -81,7 +81,7 @@ void* GlobalLock(HGLOBAL h) {
 
 BOOL GlobalUnlock(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return 0;
   if (b->locks > 0) --b->locks;
   // As on Windows: non-zero while the block is still locked.
@@ -93,9 +93,9 @@ BOOL GlobalUnlock(HGLOBAL h) {
 }
 
 HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
-  if (OutOfMemoryFault(Fault::GlobalAlloc)) return nullptr;
+  if (out_of_memory_fault(Fault::GlobalAlloc)) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return nullptr;
   if (flags & GMEM_MODIFY) {
     // Only the block's attributes change; size and contents stay.
@@ -116,7 +116,7 @@ HGLOBAL GlobalReAlloc(HGLOBAL h, size_t bytes, UINT flags) {
 
 size_t GlobalSize(HGLOBAL h) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return 0;
   return b->size;
 }
@@ -124,9 +124,9 @@ size_t GlobalSize(HGLOBAL h) {
 HGLOBAL GlobalFree(HGLOBAL h) {
   if (!h) return nullptr;
   std::lock_guard<std::mutex> lock(g_mutex);
-  GlobalBlock* b = Find(h);
+  GlobalBlock* b = find(h);
   if (!b) return h;
-  Live().erase(b);
+  live_blocks().erase(b);
   std::free(b->data);
   delete b;
   return nullptr;

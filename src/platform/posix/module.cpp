@@ -12,7 +12,7 @@ namespace {
 
 char g_process_module;  // the address stands for the running program
 
-std::string ProgramPath() {
+std::string program_path() {
   if (const char* over = std::getenv("ZBSHR_HOST_PROGRAM"); over && *over) return over;
   char path[4096];
   ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
@@ -20,18 +20,18 @@ std::string ProgramPath() {
   return std::string(path, static_cast<size_t>(n));
 }
 
-std::string BaseName(const std::string& p) {
+std::string base_name(const std::string& p) {
   size_t cut = p.find_last_of("/\\");
   return cut == std::string::npos ? p : p.substr(cut + 1);
 }
 
-std::string Lower(std::string s) {
+std::string lower(std::string s) {
   for (char& c : s)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   return s;
 }
 
-std::string WithoutExe(std::string s) {
+std::string without_exe(std::string s) {
   if (s.size() > 4 && s.compare(s.size() - 4, 4, ".exe") == 0) s.resize(s.size() - 4);
   return s;
 }
@@ -40,16 +40,16 @@ std::string WithoutExe(std::string s) {
 
 HINSTANCE GetModuleHandleA(const char* name) {
   if (!name) return &g_process_module;
-  std::string want = WithoutExe(Lower(BaseName(name)));
-  std::string have = WithoutExe(Lower(BaseName(ProgramPath())));
+  std::string want = without_exe(lower(base_name(name)));
+  std::string have = without_exe(lower(base_name(program_path())));
   if (!want.empty() && want == have) return &g_process_module;
   SetLastError(ERROR_FILE_NOT_FOUND);  // ERROR_MOD_NOT_FOUND has no counterpart here
   return nullptr;
 }
 
-DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size) {
+DWORD module_file_name_of(HINSTANCE module, char* buf, DWORD size) {
   if (!buf || size == 0) return 0;
-  std::string p = (module == &g_process_module || module == nullptr) ? ProgramPath() : std::string();
+  std::string p = (module == &g_process_module || module == nullptr) ? program_path() : std::string();
   if (p.empty()) {
     buf[0] = '\0';
     SetLastError(ERROR_FILE_NOT_FOUND);

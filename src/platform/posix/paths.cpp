@@ -22,7 +22,7 @@ namespace {
 
 // Case-insensitive lookup of one component in a folder: the first match in
 // byte order, so that the choice does not depend on directory order.
-bool FindInFolder(const std::string& folder, const std::string& comp, std::string* found) {
+bool find_in_folder(const std::string& folder, const std::string& comp, std::string* found) {
   DIR* d = opendir(folder.empty() ? "." : folder.c_str());
   if (!d) return false;
   bool ok = false;
@@ -42,26 +42,26 @@ bool FindInFolder(const std::string& folder, const std::string& comp, std::strin
 
 namespace posix {
 
-std::string Slashes(const char* name) {
+std::string slashes(const char* name) {
   std::string s = name ? name : "";
   std::replace(s.begin(), s.end(), '\\', '/');
   return s;
 }
 
-std::string Dirname(const std::string& p) {
+std::string dirname(const std::string& p) {
   size_t slash = p.find_last_of('/');
   if (slash == std::string::npos) return ".";
   if (slash == 0) return "/";
   return p.substr(0, slash);
 }
 
-DWORD CopyOut(const std::string& s, DWORD size, char* buf) {
+DWORD copy_out(const std::string& s, DWORD size, char* buf) {
   if (s.size() + 1 > size || !buf) return static_cast<DWORD>(s.size() + 1);
   std::memcpy(buf, s.c_str(), s.size() + 1);
   return static_cast<DWORD>(s.size());
 }
 
-void SetFilePart(char* buf, DWORD written, DWORD size, char** file_part) {
+void set_file_part(char* buf, DWORD written, DWORD size, char** file_part) {
   if (!file_part) return;
   *file_part = nullptr;
   if (!buf || written == 0 || written >= size) return;
@@ -72,14 +72,14 @@ void SetFilePart(char* buf, DWORD written, DWORD size, char** file_part) {
 
 // A missing file in an existing folder is "file not found"; a missing folder
 // on the way is "path not found".
-DWORD NotFoundKind(const std::string& native) {
-  std::string dir = Dirname(native);
+DWORD not_found_kind(const std::string& native) {
+  std::string dir = dirname(native);
   struct stat st {};
   if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return ERROR_FILE_NOT_FOUND;
   return ERROR_PATH_NOT_FOUND;
 }
 
-std::string CurrentDir() {
+std::string current_dir() {
   std::vector<char> buf(512);
   for (;;) {
     if (getcwd(buf.data(), buf.size())) return std::string(buf.data());
@@ -88,9 +88,9 @@ std::string CurrentDir() {
   }
 }
 
-std::string Normalise(const std::string& input) {
+std::string normalise(const std::string& input) {
   std::string s = input;
-  if (s.empty() || s[0] != '/') s = CurrentDir() + "/" + s;
+  if (s.empty() || s[0] != '/') s = current_dir() + "/" + s;
   bool trailing = s.size() > 1 && s.back() == '/';
   std::vector<std::string> parts;
   size_t i = 0;
@@ -113,24 +113,24 @@ std::string Normalise(const std::string& input) {
   return out;
 }
 
-std::string ProgramDir() {
+std::string program_dir() {
   char buf[4096];
   ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
   if (n <= 0) return std::string();
   buf[n] = '\0';
-  return Dirname(buf);
+  return dirname(buf);
 }
 
 }  // namespace posix
 
-using posix::CopyOut;
-using posix::CurrentDir;
-using posix::Normalise;
-using posix::SetFilePart;
-using posix::Slashes;
+using posix::copy_out;
+using posix::current_dir;
+using posix::normalise;
+using posix::set_file_part;
+using posix::slashes;
 
-std::string NativePath(const char* name) {
-  std::string s = Slashes(name);
+std::string native_path(const char* name) {
+  std::string s = slashes(name);
   if (s.empty()) return s;
   struct stat st {};
   if (lstat(s.c_str(), &st) == 0) return s;
@@ -150,7 +150,7 @@ std::string NativePath(const char* name) {
       std::string candidate = out + comp;
       if (!missing && comp != "." && comp != ".." && lstat(candidate.c_str(), &st) != 0) {
         std::string found;
-        if (FindInFolder(out, comp, &found)) comp = found;
+        if (find_in_folder(out, comp, &found)) comp = found;
         else missing = true;
       }
       out += comp;
@@ -169,13 +169,13 @@ DWORD GetFullPathNameA(const char* name, DWORD size, char* buf, char** file_part
     SetLastError(ERROR_INVALID_NAME);
     return 0;
   }
-  std::string full = Normalise(Slashes(name));
-  DWORD r = CopyOut(full, size, buf);
-  SetFilePart(buf, r, size, file_part);
+  std::string full = normalise(slashes(name));
+  DWORD r = copy_out(full, size, buf);
+  set_file_part(buf, r, size, file_part);
   return r;
 }
 
-DWORD GetCurrentDirectoryA(DWORD size, char* buf) { return CopyOut(CurrentDir(), size, buf); }
+DWORD GetCurrentDirectoryA(DWORD size, char* buf) { return copy_out(current_dir(), size, buf); }
 
 DWORD GetModuleFileNameA(HINSTANCE, char* buf, DWORD size) {
   if (!buf || size == 0) {

@@ -21,16 +21,16 @@ namespace {
 
 std::mutex g_profile_mutex;  // serialises read-modify-write within the process
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
 
-std::string Trim(const std::string& s) {
+std::string trim(const std::string& s) {
   size_t b = 0, e = s.size();
-  while (b < e && IsBlank(s[b])) ++b;
-  while (e > b && IsBlank(s[e - 1])) --e;
+  while (b < e && is_blank(s[b])) ++b;
+  while (e > b && is_blank(s[e - 1])) --e;
   return s.substr(b, e - b);
 }
 
-bool SameName(const std::string& a, const char* b) {
+bool same_name(const std::string& a, const char* b) {
   size_t n = std::strlen(b);
   if (a.size() != n) return false;
   for (size_t i = 0; i < n; ++i)
@@ -47,15 +47,15 @@ struct Line {
   std::string value;  // entry value, trimmed and unquoted
 };
 
-Line Classify(const std::string& raw) {
+Line classify(const std::string& raw) {
   Line l;
   l.text = raw;
-  std::string t = Trim(raw);
+  std::string t = trim(raw);
   if (t.empty() || t[0] == ';') return l;
   if (t[0] == '[') {
     size_t close = t.find(']');
     l.kind = Line::Section;
-    l.name = Trim(t.substr(1, close == std::string::npos ? std::string::npos : close - 1));
+    l.name = trim(t.substr(1, close == std::string::npos ? std::string::npos : close - 1));
     return l;
   }
   l.kind = Line::Entry;
@@ -64,8 +64,8 @@ Line Classify(const std::string& raw) {
     l.name = t;
     return l;
   }
-  l.name = Trim(t.substr(0, eq));
-  std::string v = Trim(t.substr(eq + 1));
+  l.name = trim(t.substr(0, eq));
+  std::string v = trim(t.substr(eq + 1));
   if (v.size() >= 2 && (v[0] == '"' || v[0] == '\'') && v.back() == v[0]) v = v.substr(1, v.size() - 2);
   l.value = v;
   return l;
@@ -77,7 +77,7 @@ struct Profile {
   bool final_eol = true;
 };
 
-Profile Parse(const std::string& content) {
+Profile parse(const std::string& content) {
   Profile p;
   if (content.find("\r\n") != std::string::npos) p.eol = "\r\n";
   size_t i = 0;
@@ -86,7 +86,7 @@ Profile Parse(const std::string& content) {
     bool last = j == std::string::npos;
     std::string raw = content.substr(i, last ? std::string::npos : j - i);
     if (!raw.empty() && raw.back() == '\r') raw.pop_back();
-    p.lines.push_back(Classify(raw));
+    p.lines.push_back(classify(raw));
     if (last) {
       p.final_eol = false;
       break;
@@ -96,7 +96,7 @@ Profile Parse(const std::string& content) {
   return p;
 }
 
-std::string Serialise(const Profile& p) {
+std::string serialise(const Profile& p) {
   std::string out;
   for (size_t i = 0; i < p.lines.size(); ++i) {
     out += p.lines[i].text;
@@ -106,9 +106,9 @@ std::string Serialise(const Profile& p) {
 }
 
 // The first section of that name: [begin, end) are its lines after the header.
-bool FindSection(const Profile& p, const char* section, size_t* header, size_t* end) {
+bool find_section(const Profile& p, const char* section, size_t* header, size_t* end) {
   for (size_t i = 0; i < p.lines.size(); ++i) {
-    if (p.lines[i].kind == Line::Section && SameName(p.lines[i].name, section)) {
+    if (p.lines[i].kind == Line::Section && same_name(p.lines[i].name, section)) {
       size_t j = i + 1;
       while (j < p.lines.size() && p.lines[j].kind != Line::Section) ++j;
       *header = i;
@@ -121,25 +121,25 @@ bool FindSection(const Profile& p, const char* section, size_t* header, size_t* 
 
 // The path of a profile file: win.ini for null, relative names in the
 // configuration folder, and case-insensitive matching of the rest.
-std::string ProfilePath(const char* file, bool* in_config) {
+std::string profile_path(const char* file, bool* in_config) {
   std::string name = file && *file ? file : "win.ini";
   *in_config = !(name[0] == '/' || name[0] == '\\');
-  if (*in_config) name = ConfigDir() + "/" + name;
-  return NativePath(name.c_str());
+  if (*in_config) name = config_dir() + "/" + name;
+  return native_path(name.c_str());
 }
 
-bool Load(const std::string& path, Profile* p, bool* existed) {
+bool load(const std::string& path, Profile* p, bool* existed) {
   std::string content;
-  *existed = posix::ReadWholeFile(path, &content);
+  *existed = posix::read_whole_file(path, &content);
   if (!*existed) {
     DWORD err = GetLastError();
     if (err != ERROR_FILE_NOT_FOUND && err != ERROR_PATH_NOT_FOUND) return false;
   }
-  *p = Parse(content);
+  *p = parse(content);
   return true;
 }
 
-DWORD CopyString(const std::string& s, char* buf, DWORD size) {
+DWORD copy_string(const std::string& s, char* buf, DWORD size) {
   if (!buf || size == 0) return 0;
   size_t n = s.size() < size - 1 ? s.size() : size - 1;
   std::memcpy(buf, s.data(), n);
@@ -149,7 +149,7 @@ DWORD CopyString(const std::string& s, char* buf, DWORD size) {
 
 // A list of names, each terminated, ended by an extra terminator. A list
 // that does not fit is cut and still ends with two terminators.
-DWORD CopyList(const std::vector<std::string>& names, char* buf, DWORD size) {
+DWORD copy_list(const std::vector<std::string>& names, char* buf, DWORD size) {
   if (!buf || size == 0) return 0;
   std::string all;
   for (const auto& n : names) {
@@ -194,7 +194,7 @@ class FolderLock {
   int fd_ = -1;
 };
 
-UINT ParseInt(const std::string& v) {
+UINT parse_int(const std::string& v) {
   size_t i = 0;
   bool neg = false;
   if (i < v.size() && (v[i] == '+' || v[i] == '-')) neg = v[i++] == '-';
@@ -219,37 +219,37 @@ DWORD GetPrivateProfileStringA(const char* section, const char* key, const char*
                                DWORD size, const char* file) {
   if (!buf || size == 0) return 0;
   bool in_config = false;
-  std::string path = ProfilePath(file, &in_config);
+  std::string path = profile_path(file, &in_config);
   Profile p;
   bool existed = false;
   {
     std::lock_guard<std::mutex> lock(g_profile_mutex);
-    Load(path, &p, &existed);
+    load(path, &p, &existed);
   }
   if (!section) {
     std::vector<std::string> names;
     for (const auto& l : p.lines)
       if (l.kind == Line::Section) names.push_back(l.name);
-    return CopyList(names, buf, size);
+    return copy_list(names, buf, size);
   }
   size_t header = 0, end = 0;
-  bool have_section = FindSection(p, section, &header, &end);
+  bool have_section = find_section(p, section, &header, &end);
   if (!key) {
     std::vector<std::string> names;
     if (have_section)
       for (size_t i = header + 1; i < end; ++i)
         if (p.lines[i].kind == Line::Entry) names.push_back(p.lines[i].name);
-    return CopyList(names, buf, size);
+    return copy_list(names, buf, size);
   }
   if (have_section) {
     for (size_t i = header + 1; i < end; ++i)
-      if (p.lines[i].kind == Line::Entry && SameName(p.lines[i].name, key))
-        return CopyString(p.lines[i].value, buf, size);
+      if (p.lines[i].kind == Line::Entry && same_name(p.lines[i].name, key))
+        return copy_string(p.lines[i].value, buf, size);
   }
   std::string d = def ? def : "";
   while (!d.empty() && (d.back() == ' ' || d.back() == '\t')) d.pop_back();
   SetLastError(ERROR_FILE_NOT_FOUND);
-  return CopyString(d, buf, size);
+  return copy_string(d, buf, size);
 }
 
 UINT GetPrivateProfileIntA(const char* section, const char* key, int32_t def, const char* file) {
@@ -259,7 +259,7 @@ UINT GetPrivateProfileIntA(const char* section, const char* key, int32_t def, co
   static const char kMissing[] = "\x01\x02missing\x03";
   GetPrivateProfileStringA(section, key, kMissing, buf, sizeof buf, file);
   if (std::strcmp(buf, kMissing) == 0 || buf[0] == '\0') return static_cast<UINT>(def);
-  return ParseInt(buf);
+  return parse_int(buf);
 }
 
 BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
@@ -271,20 +271,20 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
     return 0;
   }
   bool in_config = false;
-  std::string path = ProfilePath(file, &in_config);
+  std::string path = profile_path(file, &in_config);
   std::lock_guard<std::mutex> lock(g_profile_mutex);
   const size_t slash = path.find_last_of('/');
   std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash);
   if (dir.empty()) dir.assign(1, path[0] == '/' ? '/' : '.');
   // Deleting from a file that does not exist changes nothing and creates nothing.
-  if ((!key || !value) && !posix::Exists(path)) return 1;
-  if (in_config && !posix::MakeDirs(dir)) return 0;
+  if ((!key || !value) && !posix::exists(path)) return 1;
+  if (in_config && !posix::create_dirs(dir)) return 0;
   FolderLock folder_lock(dir);
   Profile p;
   bool existed = false;
-  if (!Load(path, &p, &existed)) return 0;
+  if (!load(path, &p, &existed)) return 0;
   size_t header = 0, end = 0;
-  bool have_section = FindSection(p, section, &header, &end);
+  bool have_section = find_section(p, section, &header, &end);
   if (!key) {
     if (!have_section) return 1;
     p.lines.erase(p.lines.begin() + static_cast<ptrdiff_t>(header),
@@ -292,7 +292,7 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
   } else if (!value) {
     if (!have_section) return 1;
     size_t i = header + 1;
-    while (i < end && !(p.lines[i].kind == Line::Entry && SameName(p.lines[i].name, key))) ++i;
+    while (i < end && !(p.lines[i].kind == Line::Entry && same_name(p.lines[i].name, key))) ++i;
     if (i == end) return 1;
     p.lines.erase(p.lines.begin() + static_cast<ptrdiff_t>(i));
   } else {
@@ -301,23 +301,23 @@ BOOL WritePrivateProfileStringA(const char* section, const char* key, const char
       size_t i = header + 1, last_entry = header;
       for (; i < end; ++i) {
         if (p.lines[i].kind != Line::Entry) continue;
-        if (SameName(p.lines[i].name, key)) break;
+        if (same_name(p.lines[i].name, key)) break;
         last_entry = i;
       }
       if (i < end) {
-        p.lines[i] = Classify(p.lines[i].name + "=" + v);
+        p.lines[i] = classify(p.lines[i].name + "=" + v);
       } else {
         p.lines.insert(p.lines.begin() + static_cast<ptrdiff_t>(last_entry + 1),
-                       Classify(std::string(key) + "=" + v));
+                       classify(std::string(key) + "=" + v));
       }
     } else {
       if (!p.final_eol && !p.lines.empty()) p.final_eol = true;
-      p.lines.push_back(Classify("[" + std::string(section) + "]"));
-      p.lines.push_back(Classify(std::string(key) + "=" + v));
+      p.lines.push_back(classify("[" + std::string(section) + "]"));
+      p.lines.push_back(classify(std::string(key) + "=" + v));
       p.final_eol = true;
     }
   }
-  return posix::ReplaceFileAtomically(path, Serialise(p), in_config) ? 1 : 0;
+  return posix::replace_file_atomically(path, serialise(p), in_config) ? 1 : 0;
 }
 
 DWORD GetProfileStringA(const char* section, const char* key, const char* def, char* buf,

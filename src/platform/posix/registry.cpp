@@ -57,12 +57,12 @@ struct Key {
 };
 
 std::mutex g_mutex;
-std::unordered_set<KeyRecord*>& OpenKeys() {
+std::unordered_set<KeyRecord*>& open_keys() {
   static auto* keys = new std::unordered_set<KeyRecord*>();
   return *keys;
 }
 
-bool SameText(const std::string& a, const std::string& b) {
+bool same_text(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i)
     if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
@@ -71,15 +71,15 @@ bool SameText(const std::string& a, const std::string& b) {
 }
 
 // True when `path` is `ancestor` or lies below it.
-bool Within(const std::string& path, const std::string& ancestor) {
+bool within(const std::string& path, const std::string& ancestor) {
   if (path.size() < ancestor.size()) return false;
-  if (!SameText(path.substr(0, ancestor.size()), ancestor)) return false;
+  if (!same_text(path.substr(0, ancestor.size()), ancestor)) return false;
   return path.size() == ancestor.size() || path[ancestor.size()] == '\\';
 }
 
-std::string RegistryFile() { return ConfigDir() + "/registry.dat"; }
+std::string registry_file() { return config_dir() + "/registry.dat"; }
 
-std::string Quote(const std::string& bytes) {
+std::string quote(const std::string& bytes) {
   static const char kHex[] = "0123456789abcdef";
   std::string out = "\"";
   for (unsigned char c : bytes) {
@@ -97,7 +97,7 @@ std::string Quote(const std::string& bytes) {
   return out + "\"";
 }
 
-int HexDigit(char c) {
+int hex_digit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -105,7 +105,7 @@ int HexDigit(char c) {
 }
 
 // Reads a quoted string at s[*i]; false when malformed.
-bool Unquote(const std::string& s, size_t* i, std::string* out) {
+bool unquote(const std::string& s, size_t* i, std::string* out) {
   out->clear();
   if (*i >= s.size() || s[*i] != '"') return false;
   for (size_t j = *i + 1; j < s.size(); ++j) {
@@ -121,7 +121,7 @@ bool Unquote(const std::string& s, size_t* i, std::string* out) {
     if (++j >= s.size()) return false;
     if (s[j] == 'x') {
       if (j + 2 >= s.size()) return false;
-      int hi = HexDigit(s[j + 1]), lo = HexDigit(s[j + 2]);
+      int hi = hex_digit(s[j + 1]), lo = hex_digit(s[j + 2]);
       if (hi < 0 || lo < 0) return false;
       *out += static_cast<char>(hi * 16 + lo);
       j += 2;
@@ -133,7 +133,7 @@ bool Unquote(const std::string& s, size_t* i, std::string* out) {
 }
 
 // Malformed lines are skipped, so that a damaged file loses only them.
-std::vector<Key> Parse(const std::string& content) {
+std::vector<Key> parse(const std::string& content) {
   std::vector<Key> keys;
   size_t i = 0;
   while (i < content.size()) {
@@ -152,7 +152,7 @@ std::vector<Key> Parse(const std::string& content) {
     if (keys.empty()) continue;
     size_t k = 0;
     Value v;
-    if (!Unquote(line, &k, &v.name) || k >= line.size() || line[k] != '=') continue;
+    if (!unquote(line, &k, &v.name) || k >= line.size() || line[k] != '=') continue;
     ++k;
     size_t colon = line.find(':', k);
     if (colon == std::string::npos || colon == k) continue;
@@ -161,34 +161,34 @@ std::vector<Key> Parse(const std::string& content) {
     if (!digits || colon - k > 10) continue;
     v.type = static_cast<DWORD>(std::stoull(line.substr(k, colon - k)));
     k = colon + 1;
-    if (!Unquote(line, &k, &v.data)) continue;
+    if (!unquote(line, &k, &v.data)) continue;
     keys.back().values.push_back(std::move(v));
   }
   return keys;
 }
 
-std::string Serialise(const std::vector<Key>& keys) {
+std::string serialise(const std::vector<Key>& keys) {
   std::string out = "; zbshr registry\n";
   for (const auto& k : keys) {
     out += "[" + k.path + "]\n";
     for (const auto& v : k.values)
-      out += Quote(v.name) + "=" + std::to_string(v.type) + ":" + Quote(v.data) + "\n";
+      out += quote(v.name) + "=" + std::to_string(v.type) + ":" + quote(v.data) + "\n";
   }
   return out;
 }
 
-std::vector<Key> LoadKeys() {
+std::vector<Key> load_keys() {
   std::string content;
-  if (!posix::ReadWholeFile(RegistryFile(), &content)) return {};
-  return Parse(content);
+  if (!posix::read_whole_file(registry_file(), &content)) return {};
+  return parse(content);
 }
 
 // An exclusive lock shared with other processes for read-modify-write.
 class FileLock {
  public:
   FileLock() {
-    std::string dir = ConfigDir();
-    if (!posix::MakeDirs(dir)) return;
+    std::string dir = config_dir();
+    if (!posix::create_dirs(dir)) return;
     fd_ = open((dir + "/.registry.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd_ >= 0) flock(fd_, LOCK_EX);
   }
@@ -205,7 +205,7 @@ class FileLock {
   int fd_ = -1;
 };
 
-const char* RootName(HKEY key) {
+const char* root_name(HKEY key) {
   if (key == kClassesRoot) return "HKEY_CLASSES_ROOT";
   if (key == kCurrentUser) return "HKEY_CURRENT_USER";
   if (key == kLocalMachine) return "HKEY_LOCAL_MACHINE";
@@ -213,21 +213,21 @@ const char* RootName(HKEY key) {
 }
 
 // The path and access of a handle (root or opened key); false when invalid.
-bool Resolve(HKEY key, std::string* path, DWORD* sam) {
-  if (const char* root = RootName(key)) {
+bool resolve(HKEY key, std::string* path, DWORD* sam) {
+  if (const char* root = root_name(key)) {
     *path = root;
     *sam = KEY_ALL_ACCESS;
     return true;
   }
   auto* rec = static_cast<KeyRecord*>(key);
-  if (!OpenKeys().count(rec)) return false;
+  if (!open_keys().count(rec)) return false;
   *path = rec->path;
   *sam = rec->sam;
   return true;
 }
 
 // Appends a subkey path (either separator, empty components ignored).
-bool Join(std::string* path, const char* subkey) {
+bool join(std::string* path, const char* subkey) {
   if (!subkey) return true;
   std::string comp;
   auto flush = [&] {
@@ -243,22 +243,22 @@ bool Join(std::string* path, const char* subkey) {
   return true;
 }
 
-bool KeyExists(const std::vector<Key>& keys, const std::string& path) {
+bool key_exists(const std::vector<Key>& keys, const std::string& path) {
   if (path.find('\\') == std::string::npos) return true;  // a root
   for (const auto& k : keys)
-    if (Within(k.path, path)) return true;
+    if (within(k.path, path)) return true;
   return false;
 }
 
-Key* FindKey(std::vector<Key>& keys, const std::string& path) {
+Key* find_key(std::vector<Key>& keys, const std::string& path) {
   for (auto& k : keys)
-    if (SameText(k.path, path)) return &k;
+    if (same_text(k.path, path)) return &k;
   return nullptr;
 }
 
-HKEY NewHandle(const std::string& path, DWORD sam) {
+HKEY new_handle(const std::string& path, DWORD sam) {
   auto* rec = new KeyRecord{path, sam};
-  OpenKeys().insert(rec);
+  open_keys().insert(rec);
   return rec;
 }
 
@@ -275,18 +275,18 @@ LONG RegCreateKeyExA(HKEY key, const char* subkey, DWORD, char*, DWORD, DWORD sa
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD parent_sam = 0;
-  if (!Resolve(key, &path, &parent_sam)) return ERROR_INVALID_HANDLE;
-  if (!Join(&path, subkey)) return ERROR_INVALID_PARAMETER;
+  if (!resolve(key, &path, &parent_sam)) return ERROR_INVALID_HANDLE;
+  if (!join(&path, subkey)) return ERROR_INVALID_PARAMETER;
   FileLock file_lock;
-  std::vector<Key> keys = LoadKeys();
-  bool exists = KeyExists(keys, path);
+  std::vector<Key> keys = load_keys();
+  bool exists = key_exists(keys, path);
   if (!exists) {
     keys.push_back(Key{path, {}});
-    if (!posix::ReplaceFileAtomically(RegistryFile(), Serialise(keys), true))
+    if (!posix::replace_file_atomically(registry_file(), serialise(keys), true))
       return static_cast<LONG>(GetLastError() ? GetLastError() : ERROR_ACCESS_DENIED);
   }
   if (disposition) *disposition = exists ? REG_OPENED_EXISTING_KEY : REG_CREATED_NEW_KEY;
-  *result = NewHandle(path, sam);
+  *result = new_handle(path, sam);
   return ERROR_SUCCESS;
 }
 
@@ -296,10 +296,10 @@ LONG RegOpenKeyExA(HKEY key, const char* subkey, DWORD, DWORD sam, HKEY* result)
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD parent_sam = 0;
-  if (!Resolve(key, &path, &parent_sam)) return ERROR_INVALID_HANDLE;
-  if (!Join(&path, subkey)) return ERROR_FILE_NOT_FOUND;
-  if (!KeyExists(LoadKeys(), path)) return ERROR_FILE_NOT_FOUND;
-  *result = NewHandle(path, sam);
+  if (!resolve(key, &path, &parent_sam)) return ERROR_INVALID_HANDLE;
+  if (!join(&path, subkey)) return ERROR_FILE_NOT_FOUND;
+  if (!key_exists(load_keys(), path)) return ERROR_FILE_NOT_FOUND;
+  *result = new_handle(path, sam);
   return ERROR_SUCCESS;
 }
 
@@ -307,15 +307,15 @@ LONG RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, uint8_t* 
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD sam = 0;
-  if (!Resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
+  if (!resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
   if (data && !size) return ERROR_INVALID_PARAMETER;
-  std::vector<Key> keys = LoadKeys();
-  Key* k = FindKey(keys, path);
+  std::vector<Key> keys = load_keys();
+  Key* k = find_key(keys, path);
   std::string want = name ? name : "";
   const Value* found = nullptr;
   if (k)
     for (const auto& v : k->values)
-      if (SameText(v.name, want)) {
+      if (same_text(v.name, want)) {
         found = &v;
         break;
       }
@@ -337,15 +337,15 @@ LONG RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const uint8_t
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD sam = 0;
-  if (!Resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
+  if (!resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
   if (!(sam & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
   if (!data && size > 0) return ERROR_INVALID_PARAMETER;
   std::string bytes(reinterpret_cast<const char*>(data ? data : reinterpret_cast<const uint8_t*>("")), size);
   // A string is kept with its terminator, added when the caller left it out.
   if (type == REG_SZ && (bytes.empty() || bytes.back() != '\0')) bytes += '\0';
   FileLock file_lock;
-  std::vector<Key> keys = LoadKeys();
-  Key* k = FindKey(keys, path);
+  std::vector<Key> keys = load_keys();
+  Key* k = find_key(keys, path);
   if (!k) {
     keys.push_back(Key{path, {}});
     k = &keys.back();
@@ -353,14 +353,14 @@ LONG RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const uint8_t
   std::string want = name ? name : "";
   bool replaced = false;
   for (auto& v : k->values)
-    if (SameText(v.name, want)) {
+    if (same_text(v.name, want)) {
       v.type = type;
       v.data = bytes;
       replaced = true;
       break;
     }
   if (!replaced) k->values.push_back(Value{want, type, bytes});
-  if (!posix::ReplaceFileAtomically(RegistryFile(), Serialise(keys), true))
+  if (!posix::replace_file_atomically(registry_file(), serialise(keys), true))
     return static_cast<LONG>(GetLastError() ? GetLastError() : ERROR_ACCESS_DENIED);
   return ERROR_SUCCESS;
 }
@@ -369,17 +369,17 @@ LONG RegDeleteValueA(HKEY key, const char* name) {
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD sam = 0;
-  if (!Resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
+  if (!resolve(key, &path, &sam)) return ERROR_INVALID_HANDLE;
   if (!(sam & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
   FileLock file_lock;
-  std::vector<Key> keys = LoadKeys();
-  Key* k = FindKey(keys, path);
+  std::vector<Key> keys = load_keys();
+  Key* k = find_key(keys, path);
   std::string want = name ? name : "";
   if (!k) return ERROR_FILE_NOT_FOUND;
   for (auto it = k->values.begin(); it != k->values.end(); ++it) {
-    if (SameText(it->name, want)) {
+    if (same_text(it->name, want)) {
       k->values.erase(it);
-      if (!posix::ReplaceFileAtomically(RegistryFile(), Serialise(keys), true))
+      if (!posix::replace_file_atomically(registry_file(), serialise(keys), true))
         return static_cast<LONG>(GetLastError() ? GetLastError() : ERROR_ACCESS_DENIED);
       return ERROR_SUCCESS;
     }
@@ -391,14 +391,14 @@ LONG RegFlushKey(HKEY key) {
   std::lock_guard<std::mutex> lock(g_mutex);
   std::string path;
   DWORD sam = 0;
-  return Resolve(key, &path, &sam) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+  return resolve(key, &path, &sam) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
 }
 
 LONG RegCloseKey(HKEY key) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  if (RootName(key)) return ERROR_SUCCESS;
+  if (root_name(key)) return ERROR_SUCCESS;
   auto* rec = static_cast<KeyRecord*>(key);
-  if (!OpenKeys().erase(rec)) return ERROR_INVALID_HANDLE;
+  if (!open_keys().erase(rec)) return ERROR_INVALID_HANDLE;
   delete rec;
   return ERROR_SUCCESS;
 }

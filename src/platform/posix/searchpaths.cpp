@@ -19,12 +19,12 @@
 
 namespace zbshr::plat {
 
-using posix::CopyOut;
-using posix::CurrentDir;
-using posix::Normalise;
-using posix::ProgramDir;
-using posix::SetFilePart;
-using posix::Slashes;
+using posix::copy_out;
+using posix::current_dir;
+using posix::normalise;
+using posix::program_dir;
+using posix::set_file_part;
+using posix::slashes;
 
 DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD size, char* buf,
                   char** file_part) {
@@ -33,7 +33,7 @@ DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD siz
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  std::string name = Slashes(file);
+  std::string name = slashes(file);
   // The extension is added only when the name has none of its own.
   if (ext && *ext) {
     size_t slash = name.find_last_of('/');
@@ -41,12 +41,12 @@ DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD siz
     if (last.find('.') == std::string::npos) name += ext;
   }
   auto found = [&](const std::string& candidate) -> DWORD {
-    std::string native = NativePath(candidate.c_str());
+    std::string native = native_path(candidate.c_str());
     struct stat st {};
     if (stat(native.c_str(), &st) != 0) return 0;
-    std::string full = Normalise(native);
-    DWORD r = CopyOut(full, size, buf);
-    SetFilePart(buf, r, size, file_part);
+    std::string full = normalise(native);
+    DWORD r = copy_out(full, size, buf);
+    set_file_part(buf, r, size, file_part);
     return r;
   };
   if (name[0] == '/') {
@@ -60,17 +60,17 @@ DWORD SearchPathA(const char* path, const char* file, const char* ext, DWORD siz
     while (i <= list.size()) {
       size_t j = list.find_first_of(";:", i);
       if (j == std::string::npos) j = list.size();
-      if (j > i) dirs.push_back(Slashes(list.substr(i, j - i).c_str()));
+      if (j > i) dirs.push_back(slashes(list.substr(i, j - i).c_str()));
       i = j + 1;
     }
   };
   if (path) {
     add_list(path);
   } else {
-    std::string prog = ProgramDir();
+    std::string prog = program_dir();
     if (!prog.empty()) dirs.push_back(prog);
-    dirs.push_back(CurrentDir());
-    dirs.push_back(ConfigDir());
+    dirs.push_back(current_dir());
+    dirs.push_back(config_dir());
     if (const char* env = std::getenv("PATH")) add_list(env);
   }
   for (const auto& d : dirs) {
@@ -87,7 +87,7 @@ DWORD GetTempPathA(DWORD size, char* buf) {
   const char* env = std::getenv("TMPDIR");
   std::string dir = env && *env ? env : "/tmp";
   if (dir.back() != '/') dir += '/';
-  return CopyOut(dir, size, buf);
+  return copy_out(dir, size, buf);
 }
 
 UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* out) {
@@ -97,7 +97,7 @@ UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* ou
   }
   std::string folder;
   if (dir && *dir) {
-    folder = Slashes(dir);
+    folder = slashes(dir);
   } else {
     char tmp[4096];
     DWORD n = GetTempPathA(sizeof tmp, tmp);
@@ -121,7 +121,7 @@ UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* ou
     std::memcpy(out, name.c_str(), name.size() + 1);
     return unique & 0xFFFFu;
   }
-  std::string native_folder = NativePath(folder.c_str());
+  std::string native_folder = native_path(folder.c_str());
   if (!native_folder.empty() && native_folder.back() != '/') native_folder += '/';
   struct stat st {};
   if (stat(native_folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -145,7 +145,7 @@ UINT GetTempFileNameA(const char* dir, const char* prefix, UINT unique, char* ou
       return n;
     }
     if (errno != EEXIST) {
-      SetLastError(posix::ErrorFromErrno(errno));
+      SetLastError(posix::error_from_errno(errno));
       return 0;
     }
     n = n == 0xFFFFu ? 1 : n + 1;

@@ -29,7 +29,7 @@ std::mutex g_script_mutex;
 std::string g_script_source;  // the ZBSHR_MSGBOX value the position refers to
 size_t g_script_pos = 0;      // index of the next answer to consume
 
-void WriteAll(int fd, const char* p, size_t n) {
+void write_all(int fd, const char* p, size_t n) {
   while (n > 0) {
     ssize_t w = ::write(fd, p, n);
     if (w <= 0) return;
@@ -38,7 +38,7 @@ void WriteAll(int fd, const char* p, size_t n) {
   }
 }
 
-int WordToAnswer(std::string word) {
+int word_to_answer(std::string word) {
   for (auto& c : word) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   static const char* const kWords[] = {"ok", "cancel", "abort", "retry", "ignore", "yes", "no"};
   for (int i = 0; i < 7; ++i)
@@ -47,7 +47,7 @@ int WordToAnswer(std::string word) {
   return 0;
 }
 
-std::vector<std::string> SplitScript(const std::string& s) {
+std::vector<std::string> split_script(const std::string& s) {
   std::vector<std::string> out;
   std::string cur;
   auto flush = [&] {
@@ -65,7 +65,7 @@ std::vector<std::string> SplitScript(const std::string& s) {
 }
 
 // The next scripted answer, or 0 when there is no script or it is used up.
-int NextScriptedAnswer() {
+int next_scripted_answer() {
   const char* env = std::getenv("ZBSHR_MSGBOX");
   std::lock_guard<std::mutex> lock(g_script_mutex);
   if (!env || !*env) {
@@ -77,9 +77,9 @@ int NextScriptedAnswer() {
     g_script_source = env;
     g_script_pos = 0;
   }
-  auto words = SplitScript(g_script_source);
+  auto words = split_script(g_script_source);
   if (g_script_pos >= words.size()) return 0;
-  return WordToAnswer(words[g_script_pos++]);
+  return word_to_answer(words[g_script_pos++]);
 }
 
 // Collation of code page 1252 text in the manner of a Western locale, in
@@ -94,7 +94,7 @@ struct CharKey {
   int tertiary;   // 0 lower / 1 upper
 };
 
-CharKey KeyOf(unsigned char c) {
+CharKey key_of(unsigned char c) {
   // Base letter and accent of the letters of the upper half.
   static const char kBase[64 + 1] =
       "AAAAAAACEEEEIIIIDNOOOOO*OUUUUYTS"   // 0xC0-0xDF
@@ -131,26 +131,26 @@ CharKey KeyOf(unsigned char c) {
   return {0x100 + c, 0, 0};                // other symbols of the upper half
 }
 
-int Collate(const char* a, const char* b, bool ignore_case) {
+int collate(const char* a, const char* b, bool ignore_case) {
   if (!a) a = "";
   if (!b) b = "";
   const auto* pa = reinterpret_cast<const unsigned char*>(a);
   const auto* pb = reinterpret_cast<const unsigned char*>(b);
   // First level without allocating: most comparisons end here.
   for (const unsigned char *x = pa, *y = pb;; ++x, ++y) {
-    while (*x && KeyOf(*x).primary == 0) ++x;
-    while (*y && KeyOf(*y).primary == 0) ++y;
+    while (*x && key_of(*x).primary == 0) ++x;
+    while (*y && key_of(*y).primary == 0) ++y;
     if (*x == 0 || *y == 0) {
       if (*x != *y) return *x == 0 ? -1 : 1;
       break;
     }
-    int kx = KeyOf(*x).primary, ky = KeyOf(*y).primary;
+    int kx = key_of(*x).primary, ky = key_of(*y).primary;
     if (kx != ky) return kx < ky ? -1 : 1;
   }
   auto keys = [](const unsigned char* s) {
     std::vector<CharKey> out;
     for (; *s; ++s)
-      if (KeyOf(*s).primary != 0) out.push_back(KeyOf(*s));
+      if (key_of(*s).primary != 0) out.push_back(key_of(*s));
     return out;
   };
   std::vector<CharKey> ka = keys(pa), kb = keys(pb);
@@ -169,7 +169,7 @@ int Collate(const char* a, const char* b, bool ignore_case) {
     std::vector<std::pair<int, int>> out;  // (letters before it, character)
     int seen = 0;
     for (; *s; ++s) {
-      if (KeyOf(*s).primary == 0) out.emplace_back(seen, *s);
+      if (key_of(*s).primary == 0) out.emplace_back(seen, *s);
       else ++seen;
     }
     return out;
@@ -185,7 +185,7 @@ int Collate(const char* a, const char* b, bool ignore_case) {
 DWORD GetLastError() { return t_last_error; }
 void SetLastError(DWORD code) { t_last_error = code; }
 
-void ResetMessageBoxScript() {
+void reset_message_box_script() {
   std::lock_guard<std::mutex> lock(g_script_mutex);
   g_script_source.clear();
   g_script_pos = 0;
@@ -193,9 +193,9 @@ void ResetMessageBoxScript() {
 
 int MessageBoxA(HWND /*owner*/, const char* text, const char* caption, UINT style) {
   int answer = 0;
-  if (detail::CallMessageBoxHandler(text, caption, style, &answer)) return answer;
-  answer = NextScriptedAnswer();
-  if (answer != 0) return detail::BoxHasButton(style, answer) ? answer : detail::DefaultAnswer(style);
+  if (detail::call_message_box_handler(text, caption, style, &answer)) return answer;
+  answer = next_scripted_answer();
+  if (answer != 0) return detail::box_has_button(style, answer) ? answer : detail::default_answer(style);
   std::string msg;
   if (caption && *caption) {
     msg += caption;
@@ -203,8 +203,8 @@ int MessageBoxA(HWND /*owner*/, const char* text, const char* caption, UINT styl
   }
   msg += text ? text : "";
   msg += '\n';
-  WriteAll(2, msg.data(), msg.size());
-  return detail::DefaultAnswer(style);
+  write_all(2, msg.data(), msg.size());
+  return detail::default_answer(style);
 }
 
 BOOL MessageBeep(UINT) { return 1; }
@@ -213,12 +213,12 @@ HWND GetActiveWindow() { return nullptr; }
 
 void FatalAppExitA(UINT, const char* text) {
   const char* t = text ? text : "";
-  WriteAll(2, t, std::strlen(t));
-  WriteAll(2, "\n", 1);
+  write_all(2, t, std::strlen(t));
+  write_all(2, "\n", 1);
   ::_exit(3);
 }
 
-HINSTANCE ModuleInstance() { return &g_module_anchor; }
+HINSTANCE module_instance() { return &g_module_anchor; }
 
 DWORD GetVersion() { return 4; }  // major 4, minor 0
 
@@ -246,14 +246,14 @@ DWORD GetTickCount() {
   return static_cast<DWORD>(ms);
 }
 
-BOOL IsDBCSLeadByte(uint8_t c) { return detail::IsLeadByteIn(GetACP(), c) ? 1 : 0; }
+BOOL IsDBCSLeadByte(uint8_t c) { return detail::is_lead_byte_in(GetACP(), c) ? 1 : 0; }
 UINT GetACP() { return g_codepage.load(std::memory_order_relaxed); }
-void SetACP(UINT codepage) { g_codepage.store(codepage, std::memory_order_relaxed); }
+void set_acp(UINT codepage) { g_codepage.store(codepage, std::memory_order_relaxed); }
 
-int lstrcmpA(const char* a, const char* b) { return Collate(a, b, false); }
-int lstrcmpiA(const char* a, const char* b) { return Collate(a, b, true); }
+int lstrcmpA(const char* a, const char* b) { return collate(a, b, false); }
+int lstrcmpiA(const char* a, const char* b) { return collate(a, b, true); }
 
-std::string ConfigDir() {
+std::string config_dir() {
   std::string dir;
   const char* home = std::getenv("ZBSHR_HOME");
   if (home && *home) {

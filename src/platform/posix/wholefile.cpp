@@ -18,7 +18,7 @@ namespace zbshr::plat {
 
 namespace posix {
 
-DWORD ErrorFromErrno(int err) {
+DWORD error_from_errno(int err) {
   switch (err) {
     case 0: return ERROR_SUCCESS;
     case ENOENT: return ERROR_FILE_NOT_FOUND;
@@ -43,29 +43,29 @@ DWORD ErrorFromErrno(int err) {
   }
 }
 
-bool Exists(const std::string& native) {
+bool exists(const std::string& native) {
   struct stat st {};
   return stat(native.c_str(), &st) == 0;
 }
 
-bool MakeDirs(const std::string& dir) {
+bool create_dirs(const std::string& dir) {
   if (dir.empty()) return true;
   struct stat st {};
   if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  std::string parent = Dirname(dir);
-  if (parent != dir && !MakeDirs(parent)) return false;
+  std::string parent = dirname(dir);
+  if (parent != dir && !create_dirs(parent)) return false;
   if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
-    SetLastError(ErrorFromErrno(errno));
+    SetLastError(error_from_errno(errno));
     return false;
   }
   return true;
 }
 
-bool ReadWholeFile(const std::string& path, std::string* out) {
+bool read_whole_file(const std::string& path, std::string* out) {
   out->clear();
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    SetLastError(ErrorFromErrno(errno));
+    SetLastError(error_from_errno(errno));
     return false;
   }
   char buf[8192];
@@ -84,9 +84,9 @@ bool ReadWholeFile(const std::string& path, std::string* out) {
   return true;
 }
 
-bool ReplaceFileAtomically(const std::string& path, const std::string& content, bool make_dirs) {
-  std::string dir = Dirname(path);
-  if (make_dirs && !MakeDirs(dir)) return false;
+bool replace_file_atomically(const std::string& path, const std::string& content, bool make_dirs) {
+  std::string dir = dirname(path);
+  if (make_dirs && !create_dirs(dir)) return false;
   std::string base = path.substr(path.find_last_of('/') == std::string::npos
                                      ? 0
                                      : path.find_last_of('/') + 1);
@@ -96,7 +96,7 @@ bool ReplaceFileAtomically(const std::string& path, const std::string& content, 
   name.push_back('\0');
   int fd = mkstemp(name.data());
   if (fd < 0) {
-    SetLastError(ErrorFromErrno(errno));
+    SetLastError(error_from_errno(errno));
     return false;
   }
   // Keep the permissions of the file being replaced.
@@ -110,7 +110,7 @@ bool ReplaceFileAtomically(const std::string& path, const std::string& content, 
     ssize_t w = write(fd, p, left);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) {
-      SetLastError(ErrorFromErrno(w < 0 ? errno : ENOSPC));
+      SetLastError(error_from_errno(w < 0 ? errno : ENOSPC));
       ok = false;
       break;
     }
@@ -118,12 +118,12 @@ bool ReplaceFileAtomically(const std::string& path, const std::string& content, 
     left -= static_cast<size_t>(w);
   }
   if (ok && fsync(fd) != 0) {
-    SetLastError(ErrorFromErrno(errno));
+    SetLastError(error_from_errno(errno));
     ok = false;
   }
   close(fd);
   if (ok && rename(name.data(), path.c_str()) != 0) {
-    SetLastError(ErrorFromErrno(errno));
+    SetLastError(error_from_errno(errno));
     ok = false;
   }
   if (!ok) {

@@ -10,10 +10,10 @@ extern "C" {
 ZBSHR_API(int32_t) zbshr_inject_fault(int32_t service, int32_t nth, int32_t count) {
   using zbshr::plat::Fault;
   if (service < 0 || service > static_cast<int32_t>(Fault::Open)) return 0;
-  zbshr::plat::InjectFault(static_cast<Fault>(service), nth, count);
+  zbshr::plat::inject_fault(static_cast<Fault>(service), nth, count);
   return 1;
 }
 
-ZBSHR_API(void) zbshr_clear_faults(void) { zbshr::plat::ClearFaults(); }
+ZBSHR_API(void) zbshr_clear_faults(void) { zbshr::plat::clear_faults(); }
 
 }  // extern "C"

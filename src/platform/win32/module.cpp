@@ -17,13 +17,13 @@
 namespace zbshr::plat {
 namespace {
 
-const char* HostProgram() {
+const char* host_program() {
   const char* over = std::getenv("ZBSHR_HOST_PROGRAM");
   return over && *over ? over : nullptr;
 }
 
 // The base name, lower case, without ".exe".
-std::string Stem(const char* path) {
+std::string stem(const char* path) {
   std::string p = path ? path : "";
   size_t cut = p.find_last_of("/\\");
   if (cut != std::string::npos) p = p.substr(cut + 1);
@@ -36,13 +36,13 @@ std::string Stem(const char* path) {
 }  // namespace
 
 HINSTANCE GetModuleHandleA(const char* name) {
-  if (const char* host = HostProgram(); host && name && Stem(name) == Stem(host))
+  if (const char* host = host_program(); host && name && stem(name) == stem(host))
     return reinterpret_cast<HINSTANCE>(::GetModuleHandleA(nullptr));
-  return win32::Kept(reinterpret_cast<HINSTANCE>(::GetModuleHandleA(name)));
+  return win32::kept(reinterpret_cast<HINSTANCE>(::GetModuleHandleA(name)));
 }
 
-DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size) {
-  const char* host = HostProgram();
+DWORD module_file_name_of(HINSTANCE module, char* buf, DWORD size) {
+  const char* host = host_program();
   if (host && (module == nullptr || reinterpret_cast<HMODULE>(module) == ::GetModuleHandleA(nullptr))) {
     if (!buf || size == 0) return 0;
     size_t n = std::strlen(host);
@@ -51,7 +51,7 @@ DWORD GetModuleFileNameOfA(HINSTANCE module, char* buf, DWORD size) {
     buf[n] = '\0';
     return static_cast<DWORD>(n);
   }
-  return win32::Kept(::GetModuleFileNameA(reinterpret_cast<HMODULE>(module), buf, size));
+  return win32::kept(::GetModuleFileNameA(reinterpret_cast<HMODULE>(module), buf, size));
 }
 
 }  // namespace zbshr::plat

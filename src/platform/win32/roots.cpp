@@ -7,13 +7,13 @@
 
 namespace zbshr::plat {
 namespace {
-HKEY Root(uint32_t v) {
+HKEY root(uint32_t v) {
   return reinterpret_cast<HKEY>(static_cast<intptr_t>(static_cast<int32_t>(v)));
 }
 }  // namespace
 
-HKEY const HKEY_CLASSES_ROOT = Root(0x80000000u);
-HKEY const HKEY_CURRENT_USER = Root(0x80000001u);
-HKEY const HKEY_LOCAL_MACHINE = Root(0x80000002u);
+HKEY const HKEY_CLASSES_ROOT = root(0x80000000u);
+HKEY const HKEY_CURRENT_USER = root(0x80000001u);
+HKEY const HKEY_LOCAL_MACHINE = root(0x80000002u);
 
 }  // namespace zbshr::plat

@@ -9,11 +9,11 @@ namespace zbshr::plat::win32 {
 // library make system calls of their own between the library's calls (a
 // thread join clears the system's value), so every wrapper copies the
 // system's value right after its real call, and GetLastError reads the copy.
-void KeepError();
+void keep_error();
 
 template <class R>
-R Kept(R r) {
-  KeepError();
+R kept(R r) {
+  keep_error();
   return r;
 }
 
