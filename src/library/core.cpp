@@ -335,13 +335,19 @@ Library* open_library(ZBSTG_HEAP heap, const char* path, int32_t mode, int32_t r
   DWORD access = mode == 1 ? GENERIC_READ : (GENERIC_READ | GENERIC_WRITE);
   HFILE f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL);
-  if (f == INVALID_HANDLE && mode != 1 &&
-      GetFileAttributesA(full.c_str()) != INVALID_FILE_ATTRIBUTES) {
+  if (f == INVALID_HANDLE && mode != 1) {
     // Another program may be finishing with the file: wait 5 seconds, once.
-    DWORD start = GetTickCount();
-    while (GetTickCount() - start < 5000)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+    // A folder will not become a library by waiting.
+    const DWORD error = GetLastError();
+    const DWORD attrs = GetFileAttributesA(full.c_str());
+    if (attrs != INVALID_FILE_ATTRIBUTES && !(attrs & FILE_ATTRIBUTE_DIRECTORY)) {
+      DWORD start = GetTickCount();
+      while (GetTickCount() - start < 5000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      f = CreateFileA(full.c_str(), access, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+    } else {
+      SetLastError(error);
+    }
   }
   if (f == INVALID_HANDLE) err_note_system(LMI_E_IO, "open", full);
   if (f == INVALID_HANDLE) return nullptr;

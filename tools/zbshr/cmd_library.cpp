@@ -84,6 +84,10 @@ int openFail(const std::string& path) {
   std::error_code ec;
   if (!std::filesystem::exists(path, ec))
     return zcli::fail(kCmd, "open " + path + ": no such library (create it with 'zbshr lib create')");
+  if (std::filesystem::is_directory(path, ec)) return zcli::fail(kCmd, "open " + path + ": is a folder, not a library");
+  // The library's own reason already names the call and the file.
+  char why[512] = "";
+  if (zbshr_lib_last_error(why, sizeof why) != 0 && why[0]) return zcli::fail(kCmd, why);
   return libFail("open " + path, LMI_E_IO);
 }
 
