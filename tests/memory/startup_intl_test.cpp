@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -37,6 +38,7 @@ void WriteSystemProfile(const std::string& text) {
 TEST(Intl, SettingsFromTheProfile) {
   const char* home = std::getenv("ZBSHR_HOME");
   if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
+  std::filesystem::create_directories(home);  // Windows writes no profile into a missing folder
   const std::string defaults = ".|,|$|0200|:|M/d/yyyy|dddd, MMMM dd, yyyy|AM|PM";
   const struct {
     const char* name;
