@@ -23,32 +23,21 @@ using systest::spill;
 class ProfileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::random_device rd;
-    root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(rd()) + std::to_string(rd()));
+    root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(std::random_device{}()));
     home_ = root_ / "home";
     hostdir_ = root_ / "Program Files" / "host";
     fs::create_directories(home_);
     fs::create_directories(hostdir_);
-    for (int i = 0; i < 2; ++i) {
-      const char* v = std::getenv(kVars[i]);
-      saved_[i] = v ? std::string(1, '=') + v : std::string();
-    }
+    for (int i = 0; i < 2; ++i) saved_[i] = std::getenv(kVars[i]) ? std::getenv(kVars[i]) : "";
     setenv("ZBSHR_HOME", home_.string().c_str(), 1);
     SetHost("zb050.exe");
   }
   void TearDown() override {
-    for (int i = 0; i < 2; ++i) {
-      if (saved_[i].empty())
-        unsetenv(kVars[i]);
-      else
-        setenv(kVars[i], saved_[i].c_str() + 1, 1);
-    }
+    for (int i = 0; i < 2; ++i) saved_[i].empty() ? unsetenv(kVars[i]) : setenv(kVars[i], saved_[i].c_str(), 1);
     std::error_code ec;
     fs::remove_all(root_, ec);
   }
-  void SetHost(const std::string& program) {
-    setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1);
-  }
+  void SetHost(const std::string& program) { setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1); }
   void SystemProfile(const std::string& text) { spill(home_ / ZBTEST_SYSTEM_PROFILE, text); }
   // The start-up path with separators shown as '/'.
   std::string InitPath(int size = 300, const char* file = nullptr) {
