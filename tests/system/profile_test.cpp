@@ -142,37 +142,36 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   EXPECT_EQ(InitPath(), S(hostdir_) + "/");
 }
 
+// A string read through a profile getter into a buffer of `size`: "length:text".
+template <class Get>
+std::string Read(Get get, const char* section, const char* key, const char* def, int size = 64) {
+  std::vector<char> buf(static_cast<size_t>(size), 'x');
+  return std::to_string(get(section, key, def, buf.data(), size)) + ":" + buf.data();
+}
+
+// Writes land in the host folder's profile, or for a host known by its bare
+// program name (no folder) in the configuration folder, where it is read.
 TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
   EXPECT_EQ(OS_UtilGetProfInt("s", "n", 42), 42);
-  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);  // lands in the host folder
+  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);
   EXPECT_EQ(lf(slurp(hostdir_ / "zb.ini")), "[Settings]\nCount=17\n");
   EXPECT_EQ(OS_UtilGetProfInt("settings", "count", 0), 17);
-  char buf[8];
-  EXPECT_EQ(OS_UtilGetProfStr("Settings", "missing", "default-text", buf, sizeof buf), 7);
-  EXPECT_STREQ(buf, "default");
-  // A host known by its bare program name has no folder: its profile is
-  // written where it is read (the configuration folder).
+  EXPECT_EQ(Read(OS_UtilGetProfStr, "Settings", "missing", "default-text", 8), "7:default");
   setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
   char pf[300];
   EXPECT_EQ(OS_UtilGetProfileFile(pf, sizeof pf, 1), 6);
   EXPECT_STREQ(pf, "kw.ini");
   EXPECT_NE(OS_UtilPutProfStr("Run", "Mode", "fast"), 0);
   EXPECT_EQ(lf(slurp(home_ / "kw.ini")), "[Run]\nMode=fast\n");
-  char mode[16];
-  EXPECT_EQ(OS_UtilGetProfStr("run", "mode", "", mode, sizeof mode), 4);
-  EXPECT_STREQ(mode, "fast");
+  EXPECT_EQ(Read(OS_UtilGetProfStr, "run", "mode", ""), "4:fast");
 }
 
 TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
-  char buf[6];
   EXPECT_EQ(OS_NetworkSharedProfileAccessible(), 0);
   EXPECT_EQ(OS_NetworkGetProfInt("s", "k", -7), -7);
-  EXPECT_EQ(OS_NetworkGetProfStr("s", "k", "longer-default", buf, sizeof buf), 5);
-  EXPECT_STREQ(buf, "longe");
-  EXPECT_EQ(OS_NetworkGetProfStr("s", "k", nullptr, buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6), "5:longe");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6), "0:");
   EXPECT_EQ(OS_NetworkPutProfStr("s", "k", "v"), 0);
-
   fs::path shared = root_ / "net" / "shared.ini";
   spill(shared, "[Team]\nSize=0x10\n");
   spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
@@ -180,9 +179,7 @@ TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
   EXPECT_EQ(OS_NetworkGetProfInt("team", "size", 0), 16);
   EXPECT_NE(OS_NetworkPutProfStr("Team", "Lead", "Ann"), 0);
   EXPECT_EQ(lf(slurp(shared)), "[Team]\nSize=0x10\nLead=Ann\n");
-  char big[16];
-  EXPECT_EQ(OS_NetworkGetProfStr("Team", "Lead", "", big, sizeof big), 3);
-  EXPECT_STREQ(big, "Ann");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "Team", "Lead", "", 16), "3:Ann");
 }
 
 }  // namespace
