@@ -109,7 +109,9 @@ class Crash : public LibTest {
       auto fail = [](void*, int32_t code, const char*, const char* text) {
         if (code != ZBSHR_LIB_NOTE_INFO) ADD_FAILURE() << text;
       };
-      if (fs::exists(f)) EXPECT_EQ(zbshr_lib_verify(f.c_str(), fail, nullptr), 0) << f;
+      if (fs::exists(f)) {
+        EXPECT_EQ(zbshr_lib_verify(f.c_str(), fail, nullptr), 0) << f;
+      }
     }
   }
   // Puts the files back as they were before the operation.
