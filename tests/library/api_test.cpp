@@ -215,21 +215,6 @@ TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   EXPECT_EQ(state(b).entries[inside].data, "payload");
 }
 
-// A rename stays in place (the file keeps its size); onto an existing name it
-// drops that entry's old data.
-TEST_F(Api, RenameInPlace) {
-  std::string a = create("a.zbl");
-  ASSERT_EQ(with(a, [&](LMI_HANDLE h) { return put(h, "one", pattern(3000, 2), "c1") | put(h, "two", pattern(100, 3)); }), 0);
-  auto size = fs::file_size(a);
-  ASSERT_EQ(LMI_MoveEntry(heap, S("one"), S("uno"), S(a), nullptr), 0);
-  EXPECT_EQ(fs::file_size(a), size);
-  ASSERT_EQ(LMI_MoveEntry(heap, S("uno"), S("two"), S(a), nullptr), 0);
-  LibState st = state(a);
-  EXPECT_EQ(st.entries.size(), 1u);
-  EXPECT_EQ(st.entries["two"], (Entry{pattern(3000, 2), "c1"}));
-  EXPECT_TRUE(verifyFile(a).empty());
-}
-
 // ---------------------------------------------------------------- check-out records
 
 // A path with '/' separators in lower case: Windows may store either form.

@@ -166,18 +166,6 @@ TEST_F(Layout, FullRootGrowsRightAndLeftChildren) {
   EXPECT_EQ(st.entries.count("m005_" + std::string(40, 'n')), 1u);
 }
 
-// A full node whose range holds the new name makes room.
-TEST_F(Layout, InsertionInsideAFullNodeKeepsTheTreeOrdered) {
-  std::string p = create("mid.zbl");
-  std::vector<std::pair<std::string, std::string>> entries;
-  for (int i = 0; i < 400; ++i)
-    entries.emplace_back("k" + std::to_string(100000 + (i * 7919) % 400).substr(1) + std::string(30, 'q'), std::to_string(i));
-  fill(p, entries);
-  EXPECT_TRUE(verifyFile(p).empty());
-  LibState st = state(p);
-  for (auto& [n, d] : entries) EXPECT_EQ(st.entries[n].data, d);
-}
-
 TEST_F(Layout, OldLayoutWith1024ByteNodes) {
   Bytes b(2048, 0);
   std::memcpy(b.data(), "HDR*Quillbrander\0\0" "0100", 22);

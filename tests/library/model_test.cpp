@@ -147,21 +147,6 @@ TEST_F(Model_, LargeLibrariesWithSeveralBitmaps) {
   zbshr_lib_write_through(1);
   rng.seed(777);
   makePool(60);
-  // Grow a library past 4 MB, then delete in an order that frees the middle first, then the end.
-  std::string p = create("grow.zbl"), data = pattern(1100000, 5);
-  LMI_HANDLE g = open(p, 2, 64000);
-  for (int i = 0; i < 4; ++i) ASSERT_EQ(put(g, "seed" + std::to_string(i), data), 0);
-  ASSERT_EQ(LMI_CloseLibrary(g), 0);
-  EXPECT_GT(fs::file_size(p), 2u * 2064384);
-  g = open(p, 2);
-  for (int i : {1, 3, 2}) {
-    ASSERT_EQ(LMI_DeleteEntry(g, S("seed" + std::to_string(i))), 0);
-    auto pr = problems(g);
-    ASSERT_TRUE(pr.empty()) << pr[0];
-  }
-  ASSERT_EQ(LMI_CloseLibrary(g), 0);
-  EXPECT_TRUE(verifyFile(p).empty());
-  EXPECT_LT(fs::file_size(p), 2064384u);
   bigShare = 4;
   run(300, 900000, 10, 2u * 2064384 + 1);
 }
