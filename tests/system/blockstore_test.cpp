@@ -1,11 +1,8 @@
 // The fixed-size block store: its temporary file, the records written at the
 // file's start, positions from a running counter, copies read back.
-#include "platform/platform.h"
 #include "sys_fixture.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // The store's temporary files (any case: some systems give temporary names in lower case).
 std::vector<fs::path> temp_files() {
@@ -64,7 +61,7 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   };
   for (const auto& s : steps) {
     EXPECT_EQ(zbfstg_alloc(st, s.data.data(), int32_t(s.data.size())), s.pos) << s.pos;
-    EXPECT_EQ(systest::slurp(file), s.file) << s.pos;
+    EXPECT_EQ(slurp(file), s.file) << s.pos;
     EXPECT_EQ(copy(s.at, s.copy == "<none>" ? 0 : s.copy.size()), s.copy) << s.pos;
   }
   EXPECT_EQ(copy(1 << 30, 1) + copy(-4, 1) + copy(70004, 1), "<none><none><none>");
@@ -73,9 +70,9 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   zbshr::plat::ClearFaults();
   EXPECT_EQ(zbfstg_alloc(st, "ijkl", 4), 70053);  // the counter did not move
   EXPECT_EQ(copy(0, 4), "ijkl");
-  std::string bytes = systest::slurp(file);
+  std::string bytes = slurp(file);
   EXPECT_EQ(zbfstg_free(st, 0), 1);  // freeing changes nothing
-  EXPECT_EQ(systest::slurp(file), bytes);
+  EXPECT_EQ(slurp(file), bytes);
   EXPECT_EQ(zbfstg_alloc(st, nullptr, 3), 0);
   EXPECT_EQ(zbfstg_alloc(st, "abc", -1), 0);
   EXPECT_EQ(zbfstg_end(st), 1);

@@ -1,7 +1,5 @@
 // Profile files and the start-up path, under a scratch configuration folder
 // and a stand-in host program path.
-#include <cstdlib>
-
 #include "sys_fixture.h"
 
 // The system profile's file name in ZBSHR_HOME: Windows maps any file named
@@ -13,12 +11,6 @@
 #endif
 
 namespace {
-
-namespace fs = std::filesystem;
-using systest::lf;
-using systest::slashes;
-using systest::slurp;
-using systest::spill;
 
 class ProfileTest : public ::testing::Test {
  protected:
