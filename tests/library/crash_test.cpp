@@ -21,8 +21,6 @@ TEST(Crash, NeedsPosixProcesses) { GTEST_SKIP() << "the crash tests fork and end
 namespace lmtest {
 namespace {
 
-// ---------------------------------------------------------------- fault hook
-
 enum class Mode { Count, Kill, Torn, Fail };
 int g_count = 0, g_at = 0;
 Mode g_mode = Mode::Count;
@@ -62,16 +60,11 @@ int inChild(F f) {
 
 long openDescriptors() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
 
-// ---------------------------------------------------------------- operations
-
 using State = std::map<std::string, LibState>;  // by file name
 const char* const kFiles[] = {"a.zbl", "b.zbl", "c.zbl"};
 
 class Crash : public LibTest {
  public:
-  using LibTest::heap;
-  using LibTest::path;
-  using LibTest::put;
   // Closes as a host does: a failed close leaves the handle open, and a
   // second close (here without the fault) must then succeed.
   static int32_t closeTwice(LMI_HANDLE h) {

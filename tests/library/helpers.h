@@ -146,7 +146,7 @@ inline fs::path scratchRoot() {
 }
 
 class LibTest : public ::testing::Test {
- protected:
+ public:
   ZBSTG_HEAP heap = nullptr;
   std::string dir;
 
