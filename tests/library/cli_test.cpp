@@ -4,19 +4,11 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#ifndef _WIN32
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-extern char** environ;
-#endif
 
 #include "helpers.h"
 // After the library's own headers: on Windows it brings in <windows.h>,
 // whose macros would clash with the platform layer's names.
-#include "common/run_program.h"
-#include "zbshr/system.h"
+#include "common/run_program.h"  // POSIX: process, signal and pipe calls too
 
 using namespace lmtest;
 
@@ -33,9 +25,7 @@ class Cli : public LibTest {
   int lib(std::vector<std::string> args, const std::string& input = "") {
     std::vector<std::string> argv{ZBSHR_CLI, "lib"};
     for (auto& a : args) argv.push_back(a.size() > 1 && a[0] == '@' ? path(a.substr(1)) : a);
-    zbtest::RunOptions o;
-    o.input = input;
-    last = zbtest::run_program(argv, o);
+    last = zbtest::run_program(argv, {input, {}, {}, 0, {}});
     return last.code;
   }
   std::string what() const { return "stdout: " + last.out + "\nstderr: " + last.err; }
