@@ -9,6 +9,7 @@
 // After the library's own headers: on Windows it brings in <windows.h>,
 // whose macros would clash with the platform layer's names.
 #include "common/run_program.h"  // POSIX: process, signal and pipe calls too
+#include "zbshr/system.h"
 
 using namespace lmtest;
 
@@ -99,6 +100,7 @@ TEST_F(Cli, EveryActionDoesWhatItSays) {
     }
   }
   EXPECT_TRUE(last.out == data) << "the entry survives copy, check-out, check-in and compaction";
+  EXPECT_EQ(zbtest::run_program({ZBSHR_CLI, "--version"}).out.rfind("zbshr " + std::string(zbshr_version()), 0), 0u);
 }
 
 // Damage is found and reported; salvage saves what it can read.
