@@ -49,12 +49,11 @@ inline std::string pattern(size_t n, uint32_t seed) {
 }
 // An executable of 1536 bytes with a library appended and the trailer naming it.
 inline Bytes exeWith(const Bytes& lib) {
-  Bytes exe(1536, 0x90);
-  exe.insert(exe.end(), lib.begin(), lib.end());
-  Bytes tr(512, 0);
-  std::memcpy(tr.data(), "TRL*", 4);
-  set32(tr, 4, 1536);
-  exe.insert(exe.end(), tr.begin(), tr.end());
+  Bytes exe(1536 + lib.size() + 512, 0x90);
+  std::copy(lib.begin(), lib.end(), exe.begin() + 1536);
+  std::fill(exe.end() - 512, exe.end(), 0);
+  std::memcpy(&exe[exe.size() - 512], "TRL*", 4);
+  set32(exe, exe.size() - 508, 1536);
   return exe;
 }
 

@@ -1,5 +1,6 @@
 // The fixed-size block store: its temporary file, the records written at the
 // file's start, positions from a running counter, copies read back.
+#include "platform/platform.h"
 #include "sys_fixture.h"
 
 namespace {

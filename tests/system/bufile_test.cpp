@@ -1,11 +1,18 @@
 // The buffered file object: buffer sizes, flushing rules, reading, sizes,
 // closing with and without keeping, and short writes.
+#include "platform/platform.h"
 #include "sys_fixture.h"
 
 namespace {
 
+namespace plat = zbshr::plat;
+
 class BufFile : public systest::ScratchTest {
  protected:
+  void TearDown() override {
+    plat::ClearFaults();
+    ScratchTest::TearDown();
+  }
   // Position and room of the object, and the file's bytes so far.
   std::string at(const char* file) const {
     return std::to_string(f_.position) + "/" + std::to_string(f_.room) + " " + slurp(file);

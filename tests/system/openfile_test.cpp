@@ -3,9 +3,12 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "platform/platform.h"
 #include "sys_fixture.h"
 
 namespace {
+
+namespace plat = zbshr::plat;
 
 static_assert(sizeof(OSOFSTRUCT) == 268 && offsetof(OSOFSTRUCT, nErrCode) == 2 &&
               offsetof(OSOFSTRUCT, reserved) == 4 && offsetof(OSOFSTRUCT, szPathName) == 8);

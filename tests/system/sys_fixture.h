@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
 
@@ -34,7 +33,7 @@ inline void spill(const fs::path& p, const std::string& bytes) {
 inline std::string slashes(std::string s) { return std::replace(s.begin(), s.end(), '\\', '/'), s; }
 inline std::string lf(std::string s) { return s.erase(std::remove(s.begin(), s.end(), '\r'), s.end()), s; }
 
-// A fresh current folder under the temporary folder, and a heap; no injected fault outlives a test.
+// A fresh current folder under the temporary folder, and a heap.
 class ScratchTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -45,7 +44,6 @@ class ScratchTest : public ::testing::Test {
     heap_ = zbstg_begin(0);
   }
   void TearDown() override {
-    zbshr::plat::ClearFaults();
     zbstg_end(heap_);
     fs::current_path(old_cwd_);
     std::error_code ec;
@@ -58,7 +56,6 @@ class ScratchTest : public ::testing::Test {
 }  // namespace systest
 
 namespace fs = std::filesystem;
-namespace plat = zbshr::plat;
 using systest::lf;
 using systest::slashes;
 using systest::slurp;
