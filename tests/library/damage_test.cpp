@@ -1,6 +1,8 @@
 // Damaged and hostile files give LMI_E_DAMAGED or LMI_E_IO, never a crash or
 // a hang, and the undamaged entries stay readable. Disk errors go through the
 // retry dialog.
+#include <functional>
+
 #include "helpers.h"
 #include "platform/platform.h"
 #include "zbshr/system.h"
