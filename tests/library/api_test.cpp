@@ -195,24 +195,30 @@ TEST_F(Api, CopyKeepsCommentAndTime) {
   });
 }
 
-// The sequential copy also looks below a node whose range holds the name.
+// The sequential copy also looks below a node whose range holds the name, on
+// either side.
 TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   std::string a = create("a.zbl"), b = create("b.zbl");
   LMI_HANDLE h = open(a, 2);
   for (int i = 0; i == 0 || zbshr::lm::rd16(zbshr::lm::rootImg(zbshr::lm::H(h)) + 16) >= 24 + 56; ++i)
     ASSERT_EQ(put(h, std::string("m").append(std::to_string(100 + i)).append(50, 'x'), ""), 0);
-  ASSERT_EQ(put(h, std::string(54, 'z'), "payload"), 0);
+  ASSERT_EQ(put(h, std::string(54, 'z'), "payload right"), 0);
+  ASSERT_EQ(put(h, std::string(54, 'a'), "payload left"), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
-  // Rename the child's only record to a name inside the root's range.
+  // Each child's only record renamed to a name inside the root's range.
   Bytes bytes = slurp(a);
-  uint32_t right = le32(bytes, 1024 + 12);
-  ASSERT_NE(right, 0u);
-  std::string inside = "m100" + std::string(50, 'y');
-  std::memcpy(bytes.data() + right + 32 + 24, inside.c_str(), inside.size());
+  for (auto [link, inside] : {std::pair<int, std::string>{12, "m100" + std::string(50, 'y')}, {4, "m100" + std::string(50, 'z')}}) {
+    uint32_t child = le32(bytes, 1024 + size_t(link));
+    ASSERT_NE(child, 0u);
+    std::memcpy(bytes.data() + child + 32 + 24, inside.c_str(), inside.size());
+  }
   spit(a, bytes);
-  EXPECT_EQ(LMI_CopyEntry(heap, S(inside), nullptr, S(a), S(b)), LMI_E_NOT_FOUND);
-  ASSERT_EQ(LMI_CopyEntrySequential(heap, S(inside), nullptr, S(a), S(b)), 0);
-  EXPECT_EQ(state(b).entries[inside].data, "payload");
+  for (auto [inside, data] : {std::pair<std::string, const char*>{"m100" + std::string(50, 'y'), "payload right"},
+                              {"m100" + std::string(50, 'z'), "payload left"}}) {
+    EXPECT_EQ(LMI_CopyEntry(heap, S(inside), nullptr, S(a), S(b)), LMI_E_NOT_FOUND);
+    ASSERT_EQ(LMI_CopyEntrySequential(heap, S(inside), nullptr, S(a), S(b)), 0);
+    EXPECT_EQ(state(b).entries[inside].data, data);
+  }
 }
 
 // ---------------------------------------------------------------- check-out records

@@ -131,7 +131,7 @@ TEST_F(Recovery, SalvageReportsBrokenEntriesAndRefusesAnExistingTarget) {
 }
 
 // An old node left in freed blocks, whose record still reads whole, is not salvaged.
-TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpace) {
+TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpaceOrData) {
   std::string lib = create("g.zbl");
   LMI_HANDLE h = open(lib, 2);
   ASSERT_EQ(put(h, "a", pattern(1300, 1)), 0);  // blocks 8 to 10
@@ -140,14 +140,19 @@ TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpace) {
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   Bytes bytes = slurp(lib);
   ASSERT_EQ(name(bytes, 1024 + 32), "b");
-  Bytes old(bytes.begin() + 1024, bytes.begin() + 1024 + 512);
+  // Nor a record of "x" sharing b's data that is only bytes inside c's data.
+  Bytes old(bytes.begin() + 1024, bytes.begin() + 1024 + 512), fake(bytes.begin() + 1024 + 32, bytes.begin() + 1024 + 58);
+  fake[24] = 'x';
+  const std::string c = std::string(100, '.') + str(fake, 0, fake.size()) + std::string(100, '.');
+  ASSERT_EQ(with(lib, [&](LMI_HANDLE g) { return put(g, "c", c); }), 0);  // block 8
+  bytes = slurp(lib);
   std::memcpy(&old[32 + 24], "ghost", 6);
   old[32 + 22] = 6;
   old[18] = old[22] = 32 + 24;
   std::copy(old.begin(), old.end(), bytes.begin() + 10 * 512);  // the last free block
   spit(lib, bytes);
-  EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), path("out.zbl").c_str(), collectCb, &found), 1);
-  EXPECT_EQ(state(path("out.zbl")).entries, (Entries{{"b", {pattern(600, 2), ""}}}));
+  EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), path("out.zbl").c_str(), collectCb, &found), 2);
+  EXPECT_EQ(state(path("out.zbl")).entries, (Entries{{"b", {pattern(600, 2), ""}}, {"c", {c, ""}}}));
   EXPECT_TRUE(std::any_of(found.begin(), found.end(),
                           [](const Found& f) { return f.entry == "ghost" && f.code == ZBSHR_LIB_NOTE_INFO; }));
 }
