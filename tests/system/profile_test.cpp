@@ -174,4 +174,17 @@ TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
   EXPECT_EQ(Read(OS_NetworkGetProfStr, "Team", "Lead", "", 16), "3:Ann");
 }
 
+// Where the registry cannot be written, the start-up path goes to the system profile.
+TEST_F(ProfileTest, PutInitPathFallsBackToTheSystemProfile) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "the registry of the POSIX emulation is a file in the configuration folder";
+#endif
+  fs::create_directories(home_ / "registry.dat");  // cannot be written
+  fs::path cfg = root_ / "cfg";
+  spill(cfg / "zb.ini", "");
+  EXPECT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
+  EXPECT_NE(lf(slurp(home_ / ZBTEST_SYSTEM_PROFILE)).find("InitPath050=" + cfg.string()), std::string::npos);
+  EXPECT_EQ(InitPath(), S(cfg) + "/");
+}
+
 }  // namespace
