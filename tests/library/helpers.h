@@ -3,12 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
-#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -20,24 +21,40 @@
 namespace lmtest {
 
 namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
 
-inline std::vector<uint8_t> slurp(const std::string& path) {
+inline Bytes slurp(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
+  return Bytes(std::istreambuf_iterator<char>(f), {});
 }
-inline void spit(const std::string& path, const std::vector<uint8_t>& b) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f.write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
+inline void spit(const std::string& path, const Bytes& b) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
 }
-inline uint32_t le32(const std::vector<uint8_t>& b, size_t o) {
-  return uint32_t(b[o]) | uint32_t(b[o + 1]) << 8 | uint32_t(b[o + 2]) << 16 |
-         uint32_t(b[o + 3]) << 24;
+inline uint32_t le32(const Bytes& b, size_t o) {
+  return uint32_t(b[o]) | uint32_t(b[o + 1]) << 8 | uint32_t(b[o + 2]) << 16 | uint32_t(b[o + 3]) << 24;
 }
-inline uint16_t le16(const std::vector<uint8_t>& b, size_t o) {
-  return uint16_t(b[o] | b[o + 1] << 8);
+inline uint16_t le16(const Bytes& b, size_t o) { return uint16_t(b[o] | b[o + 1] << 8); }
+inline void set32(Bytes& b, size_t o, uint32_t v, int width = 4) {
+  for (int i = 0; i < width; ++i) b[o + size_t(i)] = uint8_t(v >> (8 * i));
 }
-inline std::string str(const std::vector<uint8_t>& b, size_t o, size_t n) {
+inline std::string str(const Bytes& b, size_t o, size_t n) {
   return std::string(reinterpret_cast<const char*>(b.data() + o), n);
+}
+inline std::string pattern(size_t n, uint32_t seed) {
+  std::string s(n, 0);
+  std::mt19937 g(seed);
+  for (auto& c : s) c = char(g());
+  return s;
+}
+// An executable of 1536 bytes with a library appended and the trailer naming it.
+inline Bytes exeWith(const Bytes& lib) {
+  Bytes exe(1536 + lib.size() + 512, 0x90);
+  std::copy(lib.begin(), lib.end(), exe.begin() + 1536);
+  std::fill(exe.end() - 512, exe.end(), 0);
+  std::memcpy(&exe[exe.size() - 512], "TRL*", 4);
+  set32(exe, exe.size() - 508, 1536);
+  return exe;
 }
 
 // A writable copy of a string for the functions that fold names in place.
@@ -48,10 +65,71 @@ struct S {
   std::string get() const { return std::string(v.data()); }
 };
 
-// Tells this run's folders from those of other test runs on the machine.
-inline const std::string& runTag() {
-  static const std::string tag = std::to_string(std::random_device{}() % 1000000000u);
-  return tag;
+struct Entry {
+  std::string data, comment;
+  int32_t time = 0;
+  bool operator==(const Entry&) const = default;
+};
+// Everything a host can read from a library through the C interface.
+struct LibState {
+  bool exists = false, opens = false;
+  std::map<std::string, Entry> entries;
+  std::vector<std::string> checkouts;
+  std::string comment;
+  bool operator==(const LibState&) const = default;
+};
+
+inline int32_t ZBSHR_CALL collectName(LMI_ENTRYINFO* info, void* ctx) {
+  static_cast<std::vector<std::string>*>(ctx)->push_back(info->name);
+  return 0;
+}
+inline int32_t ZBSHR_CALL collectCheckout(LMI_CHECKOUTINFO* i, void* ctx) {
+  static_cast<std::vector<std::string>*>(ctx)->push_back(std::string(i->otherLibrary) + "|" + i->entryName +
+                                                         "|" + i->user + "|" + i->status);
+  return 0;
+}
+
+// Reads a whole entry of an open library; the error code goes to *rc.
+inline std::string readEntry(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) {
+  int32_t r = LMI_OpenEntry(h, S(name), 1, nullptr);
+  std::string out;
+  for (char buf[8192]; r == 0;) {
+    int32_t got = LMI_ReadEntry(h, buf, sizeof buf);
+    if (got <= 0) {
+      LMI_CloseEntry(h);
+      r = got < 0 ? got : 0;
+      break;
+    }
+    out.append(buf, size_t(got));
+  }
+  if (rc) *rc = r;
+  return out;
+}
+
+// `times`: entry times too (a change of one library gives its entries new ones).
+inline LibState snapshot(ZBSTG_HEAP heap, const std::string& file, bool times = false) {
+  LibState st;
+  st.exists = fs::exists(file);
+  S p(file);
+  LMI_HANDLE h = st.exists ? LMI_OpenLibrary(heap, p, 1, 0) : nullptr;
+  if (!h) return st;
+  st.opens = true;
+  LMI_LIBRARYINFO li;
+  if (LMI_LibraryInformation(h, &li) == 0) st.comment = li.comment;
+  std::vector<std::string> names;
+  if (LMI_ListEntries(h, S(".*"), collectName, &names) != 0) st.comment += "<list failed>";
+  for (const std::string& n : names) {
+    LMI_ENTRYINFOEX ex{};
+    int32_t rc = LMI_EntryInfoExtended(h, S(n), &ex);
+    Entry& e = st.entries[n];
+    e.data = rc ? "<info failed>" : readEntry(h, n, &rc);
+    if (rc) e.data += "<read failed>";
+    e.comment = ex.comment;
+    if (times) e.time = ex.time;
+  }
+  LMI_CloseLibrary(h);
+  if (LMI_ListCheckOutEntries(heap, p, collectCheckout, &st.checkouts) != 0) st.checkouts.push_back("<unreadable>");
+  return st;
 }
 
 // Where the tests make their libraries: a memory file system when there is
@@ -67,15 +145,15 @@ inline fs::path scratchRoot() {
 }
 
 class LibTest : public ::testing::Test {
- protected:
+ public:
   ZBSTG_HEAP heap = nullptr;
   std::string dir;
 
   void SetUp() override {
     heap = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir = (scratchRoot() / "zbshr-lib-tests" /
-           (std::string(info->test_suite_name()) + "." + info->name() + "-" + runTag()))
+    static const std::string tag = std::to_string(std::random_device{}() % 1000000000u);
+    dir = (scratchRoot() / "zbshr-lib-tests" / (std::string(info->test_suite_name()) + "." + info->name() + "-" + tag))
               .string();
     // Library paths are folded to lower case; keep the folder lower case too.
     for (auto& c : dir) c = char(std::tolower(static_cast<unsigned char>(c)));
@@ -93,48 +171,28 @@ class LibTest : public ::testing::Test {
     EXPECT_EQ(LMI_CreateLibrary(heap, p, comment), 0);
     return p.get();
   }
-  LMI_HANDLE open(const std::string& p, int mode, int ra = 0) {
-    S s(p);
-    return LMI_OpenLibrary(heap, s, mode, ra);
-  }
-  int32_t put(LMI_HANDLE h, const std::string& name, const std::string& data,
-              const char* comment = nullptr) {
-    S n(name);
-    int32_t rc = LMI_OpenEntry(h, n, 3, comment);
+  LMI_HANDLE open(const std::string& p, int mode, int ra = 0) { return LMI_OpenLibrary(heap, S(p), mode, ra); }
+  int32_t put(LMI_HANDLE h, const std::string& name, const std::string& data, const char* comment = nullptr) {
+    int32_t rc = LMI_OpenEntry(h, S(name), 3, comment);
     if (rc) return rc;
-    if (!data.empty()) {
-      rc = LMI_WriteEntry(h, data.data(), int32_t(data.size()));
-      if (rc != int32_t(data.size())) {
-        LMI_CloseEntry(h);
-        return rc < 0 ? rc : -100;
-      }
+    if (!data.empty() && (rc = LMI_WriteEntry(h, data.data(), int32_t(data.size()))) != int32_t(data.size())) {
+      LMI_CloseEntry(h);
+      return rc < 0 ? rc : -100;
     }
     return LMI_CloseEntry(h);
   }
-  // Reads a whole entry; returns the error code in *rc.
-  std::string get(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) {
-    S n(name);
-    int32_t r = LMI_OpenEntry(h, n, 1, nullptr);
-    std::string out;
-    if (r == 0) {
-      char buf[4096];
-      for (;;) {
-        int32_t got = LMI_ReadEntry(h, buf, sizeof buf);
-        if (got < 0) {
-          r = got;
-          break;
-        }
-        out.append(buf, size_t(got));
-        if (got < int32_t(sizeof buf)) break;
-      }
-      LMI_CloseEntry(h);
-    }
-    if (rc) *rc = r;
-    return out;
+  std::string get(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) { return readEntry(h, name, rc); }
+  // Opens the library for writing, runs f on the handle and closes it; f's result.
+  template <class F>
+  int32_t with(const std::string& p, F f, int mode = 2) {
+    LMI_HANDLE h = open(p, mode);
+    if (!h) return -1000;
+    int32_t rc = f(h);
+    LMI_CloseLibrary(h);
+    return rc;
   }
-  std::vector<std::string> problems(LMI_HANDLE h) {
-    return zbshr::lm::verify(zbshr::lm::library_of(h)).problems;
-  }
+  LibState state(const std::string& p, bool times = false) { return snapshot(heap, p, times); }
+  std::vector<std::string> problems(LMI_HANDLE h) { return zbshr::lm::verify(zbshr::lm::library_of(h)).problems; }
   std::vector<std::string> verifyFile(const std::string& p) {
     LMI_HANDLE h = open(p, 1);
     if (!h) return {"cannot open"};
@@ -143,12 +201,5 @@ class LibTest : public ::testing::Test {
     return r;
   }
 };
-
-inline std::string pattern(size_t n, uint32_t seed) {
-  std::string s(n, 0);
-  std::mt19937 g(seed);
-  for (auto& c : s) c = char(g());
-  return s;
-}
 
 }  // namespace lmtest

@@ -5,11 +5,7 @@
 
 namespace {
 
-using systest::slurp;
-namespace fs = std::filesystem;
-
-// The store's file, found by watching the temporary folder (any case: some
-// systems give temporary names in lower case).
+// The store's temporary files (any case: some systems give temporary names in lower case).
 std::vector<fs::path> temp_files() {
   char dir[300];
   zbshr::plat::GetTempPathA(sizeof dir, dir);
@@ -21,20 +17,11 @@ std::vector<fs::path> temp_files() {
   }
   return out;
 }
-std::string le32(uint32_t v) {
-  return {char(v & 0xFF), char((v >> 8) & 0xFF), char((v >> 16) & 0xFF), char(v >> 24)};
-}
-std::string copy_of(ZBSTG_HEAP heap, ZBFSTG st, int32_t pos, size_t n) {
-  void* p = zbfstg_get(st, pos);
-  if (!p) return "<none>";
-  std::string s(static_cast<char*>(p), n);
-  zbstg_free(heap, p);
-  return s;
-}
+std::string le32(uint32_t v) { return {char(v & 0xFF), char((v >> 8) & 0xFF), char((v >> 16) & 0xFF), char(v >> 24)}; }
 
 using BlockStore = systest::ScratchTest;
 
-TEST_F(BlockStore, RecordsLandAtTheFileStart) {
+TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   auto before = temp_files();
   ZBFSTG st = zbfstg_begin(heap_, 4);
   ASSERT_NE(st, nullptr);
@@ -43,65 +30,57 @@ TEST_F(BlockStore, RecordsLandAtTheFileStart) {
     if (std::find(before.begin(), before.end(), p) == before.end()) fresh.push_back(p);
   ASSERT_EQ(fresh.size(), 1u);
   const fs::path file = fresh[0];
-  EXPECT_EQ(fs::file_size(file), 0u);
-  EXPECT_EQ(zbfstg_get(st, 0), nullptr);  // empty file
-
-  EXPECT_EQ(zbfstg_alloc(st, "hello", 5), 0);  // the first position is 0
-  EXPECT_EQ(slurp(file), le32(5) + "hello");
-  void* copy = zbfstg_get(st, 0);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(zbstg_size(heap_, copy), 8u);
-  EXPECT_EQ(zbstg_get_pointer_subpool(heap_, copy), 4u);
-  zbstg_free(heap_, copy);
-  EXPECT_EQ(zbfstg_alloc(st, "xy", 2), 9);  // 0 + 5 + 4
-  EXPECT_EQ(slurp(file), le32(2) + "xy" + "llo");  // overwritten in place
-  EXPECT_EQ(copy_of(heap_, st, 0, 2), "xy");
-  EXPECT_EQ(zbfstg_get(st, 9), nullptr);  // nothing stored there
-  EXPECT_EQ(zbfstg_alloc(st, "", 0), 15);
-  EXPECT_EQ(zbfstg_alloc(st, "q", 1), 19);
-  std::string bytes = slurp(file);
-  EXPECT_EQ(zbfstg_free(st, 0), 1);  // freeing changes nothing
-  EXPECT_EQ(zbfstg_free(st, 19), 1);
-  EXPECT_EQ(slurp(file), bytes);
-  EXPECT_EQ(zbfstg_end(st), 1);
-  EXPECT_FALSE(fs::exists(file));
-}
-
-TEST_F(BlockStore, BadArgumentsShortWritesAndForeignBytes) {
-  ZBFSTG st = zbfstg_begin(heap_, 0);
-  ASSERT_NE(st, nullptr);
-  EXPECT_EQ(zbfstg_get(st, -4), nullptr);
-  EXPECT_EQ(zbfstg_alloc(st, nullptr, 3), 0);
-  EXPECT_EQ(zbfstg_alloc(st, "abc", -1), 0);
-  // A record holding a length: read from inside it, the length is trusted
-  // while it stays within the file.
-  EXPECT_EQ(zbfstg_alloc(st, (le32(3) + "xyz").data(), 7), 0);
-  EXPECT_EQ(copy_of(heap_, st, 4, 3), "xyz");
-  EXPECT_EQ(zbfstg_alloc(st, (le32(4) + "xyz").data(), 7), 11);
-  EXPECT_EQ(zbfstg_get(st, 4), nullptr);
-  std::string big(70000, 'k');
-  EXPECT_EQ(zbfstg_alloc(st, big.data(), static_cast<int32_t>(big.size())), 22);
-  void* copy = zbfstg_get(st, 0);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(zbstg_size(heap_, copy), 70000u);  // a large block
-  EXPECT_EQ(std::memcmp(copy, big.data(), big.size()), 0);
-  zbstg_free(heap_, copy);
-  // Position 1 reads a length made of record bytes: far beyond the file.
-  EXPECT_EQ(zbfstg_get(st, 1), nullptr);
-  EXPECT_EQ(zbfstg_get(st, 1 << 30), nullptr);
-  EXPECT_EQ(zbfstg_alloc(st, "abcd", 4), 70026);  // written at the start again
-  EXPECT_EQ(copy_of(heap_, st, 0, 4), "abcd");
-  EXPECT_EQ(zbfstg_get(st, 70004), nullptr);  // the end of the file
+  // The n bytes of the copy read at `pos` (in the store's pool), or "<none>".
+  auto copy = [&](int32_t pos, size_t n) -> std::string {
+    void* p = zbfstg_get(st, pos);
+    if (!p) return "<none>";
+    EXPECT_GE(zbstg_size(heap_, p), n);
+    EXPECT_EQ(zbstg_get_pointer_subpool(heap_, p), 4u);
+    std::string s(static_cast<char*>(p), n);
+    zbstg_free(heap_, p);
+    return s;
+  };
+  EXPECT_EQ(copy(0, 0), "<none>");  // the empty file
+  // {record, its position, the file after, where to read, what is read}: each
+  // record overwrites the start, the position counter runs on, and a read
+  // trusts a length only while it stays within the file.
+  const std::string big(70000, 'k');
+  const struct {
+    std::string data;
+    int32_t pos;
+    std::string file;
+    int32_t at;
+    std::string copy;
+  } steps[] = {
+      {"hello", 0, le32(5) + "hello", 0, "hello"},
+      {"xy", 9, le32(2) + "xyllo", 0, "xy"},
+      {"", 15, le32(0) + "xyllo", 9, "<none>"},
+      {le32(3) + "xyz", 19, le32(7) + le32(3) + "xyz", 4, "xyz"},
+      {le32(4) + "xyz", 30, le32(7) + le32(4) + "xyz", 4, "<none>"},
+      {big, 41, le32(70000) + big, 0, big},
+      {"abcd", 70045, le32(4) + "abcd" + big.substr(4), 1, "<none>"},  // a length made of record bytes
+  };
+  for (const auto& s : steps) {
+    EXPECT_EQ(zbfstg_alloc(st, s.data.data(), int32_t(s.data.size())), s.pos) << s.pos;
+    EXPECT_EQ(slurp(file), s.file) << s.pos;
+    EXPECT_EQ(copy(s.at, s.copy == "<none>" ? 0 : s.copy.size()), s.copy) << s.pos;
+  }
+  EXPECT_EQ(copy(1 << 30, 1) + copy(-4, 1) + copy(70004, 1), "<none><none><none>");
   zbshr::plat::inject_fault(zbshr::plat::Fault::Write, 2, 1);  // the data write
   EXPECT_EQ(zbfstg_alloc(st, "efgh", 4), 0);
   zbshr::plat::clear_faults();
-  EXPECT_EQ(zbfstg_alloc(st, "ijkl", 4), 70034);  // the counter did not move
-  EXPECT_EQ(copy_of(heap_, st, 0, 4), "ijkl");
+  EXPECT_EQ(zbfstg_alloc(st, "ijkl", 4), 70053);  // the counter did not move
+  EXPECT_EQ(copy(0, 4), "ijkl");
+  std::string bytes = slurp(file);
+  EXPECT_EQ(zbfstg_free(st, 0), 1);  // freeing changes nothing
+  EXPECT_EQ(slurp(file), bytes);
+  EXPECT_EQ(zbfstg_alloc(st, nullptr, 3), 0);
+  EXPECT_EQ(zbfstg_alloc(st, "abc", -1), 0);
   EXPECT_EQ(zbfstg_end(st), 1);
-
+  EXPECT_FALSE(fs::exists(file));
   EXPECT_EQ(zbfstg_alloc(nullptr, "a", 1), 0);
-  EXPECT_EQ(zbfstg_get(nullptr, 0), nullptr);
   EXPECT_EQ(zbfstg_end(nullptr), 0);
+  EXPECT_EQ(zbfstg_get(nullptr, 0), nullptr);
   EXPECT_EQ(zbfstg_begin(nullptr, 0), nullptr);
 }
 

@@ -1,6 +1,6 @@
 // Profile files and the start-up path, under a scratch configuration folder
 // and a stand-in host program path.
-#include <cstdlib>
+#include <cstring>
 
 #include "platform/platform.h"
 #include "sys_fixture.h"
@@ -15,41 +15,24 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-using systest::lf;
-using systest::slashes;
-using systest::slurp;
-using systest::spill;
-
 class ProfileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::random_device rd;
-    root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(rd()) + std::to_string(rd()));
+    root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(std::random_device{}()));
     home_ = root_ / "home";
     hostdir_ = root_ / "Program Files" / "host";
     fs::create_directories(home_);
     fs::create_directories(hostdir_);
-    for (int i = 0; i < 2; ++i) {
-      const char* v = std::getenv(kVars[i]);
-      saved_[i] = v ? std::string(1, '=') + v : std::string();
-    }
+    for (int i = 0; i < 2; ++i) saved_[i] = std::getenv(kVars[i]) ? std::getenv(kVars[i]) : "";
     setenv("ZBSHR_HOME", home_.string().c_str(), 1);
     SetHost("zb050.exe");
   }
   void TearDown() override {
-    for (int i = 0; i < 2; ++i) {
-      if (saved_[i].empty())
-        unsetenv(kVars[i]);
-      else
-        setenv(kVars[i], saved_[i].c_str() + 1, 1);
-    }
+    for (int i = 0; i < 2; ++i) saved_[i].empty() ? unsetenv(kVars[i]) : setenv(kVars[i], saved_[i].c_str(), 1);
     std::error_code ec;
     fs::remove_all(root_, ec);
   }
-  void SetHost(const std::string& program) {
-    setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1);
-  }
+  void SetHost(const std::string& program) { setenv("ZBSHR_HOST_PROGRAM", (hostdir_ / program).string().c_str(), 1); }
   void SystemProfile(const std::string& text) { spill(home_ / ZBTEST_SYSTEM_PROFILE, text); }
   // The start-up path with separators shown as '/'.
   std::string InitPath(int size = 300, const char* file = nullptr) {
@@ -164,37 +147,36 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   EXPECT_EQ(InitPath(), S(hostdir_) + "/");
 }
 
+// A string read through a profile getter into a buffer of `size`: "length:text".
+template <class Get>
+std::string Read(Get get, const char* section, const char* key, const char* def, int size = 64) {
+  std::vector<char> buf(static_cast<size_t>(size), 'x');
+  return std::to_string(get(section, key, def, buf.data(), size)) + ":" + buf.data();
+}
+
+// Writes land in the host folder's profile, or for a host known by its bare
+// program name (no folder) in the configuration folder, where it is read.
 TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
   EXPECT_EQ(OS_UtilGetProfInt("s", "n", 42), 42);
-  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);  // lands in the host folder
+  EXPECT_NE(OS_UtilPutProfStr("Settings", "Count", "17"), 0);
   EXPECT_EQ(lf(slurp(hostdir_ / "zb.ini")), "[Settings]\nCount=17\n");
   EXPECT_EQ(OS_UtilGetProfInt("settings", "count", 0), 17);
-  char buf[8];
-  EXPECT_EQ(OS_UtilGetProfStr("Settings", "missing", "default-text", buf, sizeof buf), 7);
-  EXPECT_STREQ(buf, "default");
-  // A host known by its bare program name has no folder: its profile is
-  // written where it is read (the configuration folder).
+  EXPECT_EQ(Read(OS_UtilGetProfStr, "Settings", "missing", "default-text", 8), "7:default");
   setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
   char pf[300];
   EXPECT_EQ(OS_UtilGetProfileFile(pf, sizeof pf, 1), 6);
   EXPECT_STREQ(pf, "kw.ini");
   EXPECT_NE(OS_UtilPutProfStr("Run", "Mode", "fast"), 0);
   EXPECT_EQ(lf(slurp(home_ / "kw.ini")), "[Run]\nMode=fast\n");
-  char mode[16];
-  EXPECT_EQ(OS_UtilGetProfStr("run", "mode", "", mode, sizeof mode), 4);
-  EXPECT_STREQ(mode, "fast");
+  EXPECT_EQ(Read(OS_UtilGetProfStr, "run", "mode", ""), "4:fast");
 }
 
 TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
-  char buf[6];
   EXPECT_EQ(OS_NetworkSharedProfileAccessible(), 0);
   EXPECT_EQ(OS_NetworkGetProfInt("s", "k", -7), -7);
-  EXPECT_EQ(OS_NetworkGetProfStr("s", "k", "longer-default", buf, sizeof buf), 5);
-  EXPECT_STREQ(buf, "longe");
-  EXPECT_EQ(OS_NetworkGetProfStr("s", "k", nullptr, buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6), "5:longe");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6), "0:");
   EXPECT_EQ(OS_NetworkPutProfStr("s", "k", "v"), 0);
-
   fs::path shared = root_ / "net" / "shared.ini";
   spill(shared, "[Team]\nSize=0x10\n");
   spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
@@ -202,9 +184,20 @@ TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
   EXPECT_EQ(OS_NetworkGetProfInt("team", "size", 0), 16);
   EXPECT_NE(OS_NetworkPutProfStr("Team", "Lead", "Ann"), 0);
   EXPECT_EQ(lf(slurp(shared)), "[Team]\nSize=0x10\nLead=Ann\n");
-  char big[16];
-  EXPECT_EQ(OS_NetworkGetProfStr("Team", "Lead", "", big, sizeof big), 3);
-  EXPECT_STREQ(big, "Ann");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "Team", "Lead", "", 16), "3:Ann");
+}
+
+// Where the registry cannot be written, the start-up path goes to the system profile.
+TEST_F(ProfileTest, PutInitPathFallsBackToTheSystemProfile) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "the registry of the POSIX emulation is a file in the configuration folder";
+#endif
+  fs::create_directories(home_ / "registry.dat");  // cannot be written
+  fs::path cfg = root_ / "cfg";
+  spill(cfg / "zb.ini", "");
+  EXPECT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
+  EXPECT_NE(lf(slurp(home_ / ZBTEST_SYSTEM_PROFILE)).find("InitPath050=" + cfg.string()), std::string::npos);
+  EXPECT_EQ(InitPath(), S(cfg) + "/");
 }
 
 }  // namespace

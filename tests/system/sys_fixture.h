@@ -23,30 +23,21 @@ namespace fs = std::filesystem;
 
 inline std::string slurp(const fs::path& p) {
   std::ifstream f(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 inline void spill(const fs::path& p, const std::string& bytes) {
   if (p.has_parent_path()) fs::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary | std::ios::trunc) << bytes;
 }
-// '/' for every separator, so a path reads the same on Windows.
-inline std::string slashes(std::string s) {
-  std::replace(s.begin(), s.end(), '\\', '/');
-  return s;
-}
-// Line ends as LF (a program's text output on Windows ends lines in CRLF).
-inline std::string lf(std::string s) {
-  s.erase(std::remove(s.begin(), s.end(), '\r'), s.end());
-  return s;
-}
+// '/' for every separator, and line ends as LF: the same text on Windows.
+inline std::string slashes(std::string s) { return std::replace(s.begin(), s.end(), '\\', '/'), s; }
+inline std::string lf(std::string s) { return s.erase(std::remove(s.begin(), s.end(), '\r'), s.end()), s; }
 
-// A fresh folder under the temporary folder, made the current folder for the
-// test, and a heap.
+// A fresh current folder under the temporary folder, and a heap.
 class ScratchTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::random_device rd;
-    dir_ = fs::temp_directory_path() / ("zbshr-sys-" + std::to_string(rd()) + "-" + std::to_string(rd()));
+    dir_ = fs::temp_directory_path() / ("zbshr-sys-" + std::to_string(std::random_device{}()));
     fs::create_directories(dir_);
     old_cwd_ = fs::current_path();
     fs::current_path(dir_);
@@ -63,3 +54,9 @@ class ScratchTest : public ::testing::Test {
 };
 
 }  // namespace systest
+
+namespace fs = std::filesystem;
+using systest::lf;
+using systest::slashes;
+using systest::slurp;
+using systest::spill;
