@@ -82,7 +82,34 @@ TEST_F(ExportBytes, QuotingOfStrings) {
   for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, {{"S", 30, 1}}, strs, 0)) << c.f->name;
 }
 
-TEST_F(ExportBytes, TypesNullsUnknownTypesAndEmptyTables) {
+std::string xl_label(int row, int col, const std::string& t) {
+  return u16(4) + u16(static_cast<uint32_t>(8 + t.size())) + u16(row) + u16(col) + zeros(3) +
+         static_cast<char>(t.size() & 0xFF) + t;
+}
+std::string xl_num(int row, int col, double v) { return u16(3) + u16(15) + u16(row) + u16(col) + zeros(3) + f64(v); }
+std::string xl_head(int rows, int cols) {
+  return u16(9) + u16(4) + u16(2) + u16(0x10) + u16(0) + u16(8) + u16(0) + u16(rows) + u16(0) + u16(cols);
+}
+std::string wk_label(int row, int col, const std::string& t) {
+  return u16(0x0F) + u16(static_cast<uint32_t>(7 + t.size())) + "\x71" + u16(col) + u16(row) + "'" + t + '\0';
+}
+std::string wk_num(int row, int col, double v) { return u16(0x0E) + u16(13) + "\x71" + u16(col) + u16(row) + f64(v); }
+std::string wk_head(int rows, int cols) {
+  return u16(0) + u16(2) + u16(0x0406) + u16(6) + u16(8) + u16(0) + u16(0) + u16(cols) + u16(rows);
+}
+const std::string kXlEof = u16(0x0A) + u16(0), kWkEof = u16(1) + u16(0);
+std::string s300() {
+  std::string s(300, 'x');
+  for (size_t i = 0; i < s.size(); ++i) s[i] = static_cast<char>('a' + i % 26);
+  return s;
+}
+
+TEST_F(ExportBytes, RecordsTypesNullsAndEmptyTables) {
+  const std::vector<Col> cols{{"NAME", 10, 1}, {"QTY", 5, 2}, {"PRICE", 8, 6}, {"ODD", 3, 9}};
+  const Rows rows{{std::string("Widget, \"big\""), 2.5, Dec{"-12.25"}, std::string("x")},
+                  {Cell{}, Cell{}, Cell{}, Cell{}},  // nulls leave every cell out
+                  {std::string(""), -0.0, Dec{"0.1"}, 1.0}};
+  const std::string head(300, 'H');
   const std::string dif_head = "TABLE\r\n0,1\r\n\"" + path("OUT.DAT") + "\"\r\nVECTORS\r\n0,2\r\n\"\"\r\nTUPLES\r\n0,0"
                                "\r\n\"\"\r\nLABEL\r\n1,1\r\n\"U\"\r\nLABEL\r\n2,1\r\n\"N\"\r\nDATA\r\n0,0\r\n\"\"\r\n";
   const std::vector<Col> un{{"U", 1, 0}, {"N", 1, 2}};
@@ -118,6 +145,22 @@ TEST_F(ExportBytes, TypesNullsUnknownTypesAndEmptyTables) {
       {"sylk: no rows", &kSylk, {{"A", 1, 1}, {"B", 1, 2}}, {}, OSSAVE_HEADINGS, -1,
        "ID;PZB\r\nB;Y0;X2\r\nC;Y1;X1;K\"A\"\r\nC;X2;K\"B\"\r\nE\r\n"},
       {"clip: no rows empties the clipboard", &kClip, {{"S", 1, 1}}, {}, 0, -1, ""},
+      {"excel sample", &kExcel, cols, rows, OSSAVE_HEADINGS, -1,
+       xl_head(3, 4) + xl_label(0, 0, "NAME") + xl_label(0, 1, "QTY") + xl_label(0, 2, "PRICE") +
+           xl_label(0, 3, "ODD") + xl_label(1, 0, "Widget, \"big\"") + xl_num(1, 1, 2.5) + xl_num(1, 2, -12.25) +
+           xl_label(3, 0, "") + xl_num(3, 1, -0.0) + xl_num(3, 2, 0.1) + kXlEof},
+      {"excel without headings", &kExcel, {{"A", 1, 2}}, {{7.0}, {8.0}}, 0, -1,
+       xl_head(2, 1) + xl_num(0, 0, 7) + xl_num(1, 0, 8) + kXlEof},
+      {"excel: the length byte of a long label counts modulo 256", &kExcel, {{"S", 300, 1}}, {{s300()}}, 0, -1,
+       xl_head(1, 1) + xl_label(0, 0, s300()) + kXlEof},
+      {"excel: no rows", &kExcel, {{"A", 1, 1}, {"B", 1, 2}}, {}, 0, -1, xl_head(0, 2) + kXlEof},
+      {"wks sample", &kWk, {cols[0], cols[1], cols[2]},
+       {{std::string("it's"), 3.0, Dec{"1.5"}}, {Cell{}, Cell{}, Cell{}}}, OSSAVE_HEADINGS, -1,
+       wk_head(2, 3) + wk_label(0, 0, "NAME") + wk_label(0, 1, "QTY") + wk_label(0, 2, "PRICE") +
+           wk_label(1, 0, "it's") + wk_num(1, 1, 3.0) + wk_num(1, 2, 1.5) + kWkEof},
+      {"wks: item labels are cut at 239, headings are not", &kWk, {{head, 0, 1}}, {{std::string(500, 'q')}},
+       OSSAVE_HEADINGS, -1, wk_head(1, 1) + wk_label(0, 0, head) + wk_label(1, 0, std::string(239, 'q')) + kWkEof},
+      {"wks: no rows", &kWk, {{"A", 1, 1}, {"B", 1, 2}, {"C", 1, 4}}, {}, 0, -1, wk_head(0, 3) + kWkEof},
   };
   for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, c.cols, c.rows, c.options, "OUT.DAT", c.declared)) << c.what;
 }
@@ -140,64 +183,6 @@ TEST_F(ExportBytes, LargeExportsCrossManyBufferBoundariesIntact) {
   EXPECT_TRUE(got == want) << "first difference at byte "
                            << std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first - got.begin();
   EXPECT_TRUE(run(kClip, {{"S", 600, 1}}, clip_rows, 0) == clip);
-}
-
-// ---------------------------------------------------------------- binary formats
-
-std::string xl_label(int row, int col, const std::string& t) {
-  return u16(4) + u16(static_cast<uint32_t>(8 + t.size())) + u16(row) + u16(col) + zeros(3) +
-         static_cast<char>(t.size() & 0xFF) + t;
-}
-std::string xl_num(int row, int col, double v) { return u16(3) + u16(15) + u16(row) + u16(col) + zeros(3) + f64(v); }
-std::string xl_head(int rows, int cols) {
-  return u16(9) + u16(4) + u16(2) + u16(0x10) + u16(0) + u16(8) + u16(0) + u16(rows) + u16(0) + u16(cols);
-}
-std::string wk_label(int row, int col, const std::string& t) {
-  return u16(0x0F) + u16(static_cast<uint32_t>(7 + t.size())) + "\x71" + u16(col) + u16(row) + "'" + t + '\0';
-}
-std::string wk_num(int row, int col, double v) { return u16(0x0E) + u16(13) + "\x71" + u16(col) + u16(row) + f64(v); }
-std::string wk_head(int rows, int cols) {
-  return u16(0) + u16(2) + u16(0x0406) + u16(6) + u16(8) + u16(0) + u16(0) + u16(cols) + u16(rows);
-}
-const std::string kXlEof = u16(0x0A) + u16(0), kWkEof = u16(1) + u16(0);
-std::string s300() {
-  std::string s(300, 'x');
-  for (size_t i = 0; i < s.size(); ++i) s[i] = static_cast<char>('a' + i % 26);
-  return s;
-}
-
-TEST_F(ExportBytes, WorksheetRecords) {
-  const std::vector<Col> cols{{"NAME", 10, 1}, {"QTY", 5, 2}, {"PRICE", 8, 6}, {"ODD", 3, 9}};
-  const Rows rows{{std::string("Widget, \"big\""), 2.5, Dec{"-12.25"}, std::string("x")},
-                  {Cell{}, Cell{}, Cell{}, Cell{}},  // nulls leave every cell out
-                  {std::string(""), -0.0, Dec{"0.1"}, 1.0}};
-  const std::string head(300, 'H');
-  const struct {
-    const char* what;
-    const Format* f;
-    std::vector<Col> cols;
-    Rows rows;
-    uint32_t options;
-    std::string want;
-  } cases[] = {
-      {"excel sample", &kExcel, cols, rows, OSSAVE_HEADINGS,
-       xl_head(3, 4) + xl_label(0, 0, "NAME") + xl_label(0, 1, "QTY") + xl_label(0, 2, "PRICE") +
-           xl_label(0, 3, "ODD") + xl_label(1, 0, "Widget, \"big\"") + xl_num(1, 1, 2.5) + xl_num(1, 2, -12.25) +
-           xl_label(3, 0, "") + xl_num(3, 1, -0.0) + xl_num(3, 2, 0.1) + kXlEof},
-      {"excel without headings", &kExcel, {{"A", 1, 2}}, {{7.0}, {8.0}}, 0,
-       xl_head(2, 1) + xl_num(0, 0, 7) + xl_num(1, 0, 8) + kXlEof},
-      {"excel: the length byte of a long label counts modulo 256", &kExcel, {{"S", 300, 1}}, {{s300()}}, 0,
-       xl_head(1, 1) + xl_label(0, 0, s300()) + kXlEof},
-      {"excel: no rows", &kExcel, {{"A", 1, 1}, {"B", 1, 2}}, {}, 0, xl_head(0, 2) + kXlEof},
-      {"wks sample", &kWk, {cols[0], cols[1], cols[2]},
-       {{std::string("it's"), 3.0, Dec{"1.5"}}, {Cell{}, Cell{}, Cell{}}}, OSSAVE_HEADINGS,
-       wk_head(2, 3) + wk_label(0, 0, "NAME") + wk_label(0, 1, "QTY") + wk_label(0, 2, "PRICE") +
-           wk_label(1, 0, "it's") + wk_num(1, 1, 3.0) + wk_num(1, 2, 1.5) + kWkEof},
-      {"wks: item labels are cut at 239, headings are not", &kWk, {{head, 0, 1}}, {{std::string(500, 'q')}},
-       OSSAVE_HEADINGS, wk_head(1, 1) + wk_label(0, 0, head) + wk_label(1, 0, std::string(239, 'q')) + kWkEof},
-      {"wks: no rows", &kWk, {{"A", 1, 1}, {"B", 1, 2}, {"C", 1, 4}}, {}, 0, wk_head(0, 3) + kWkEof},
-  };
-  for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, c.cols, c.rows, c.options)) << c.what;
 }
 
 struct Today {

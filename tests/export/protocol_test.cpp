@@ -115,17 +115,9 @@ TEST_F(ExportProtocol, OfTwoEndsRacingOnOneHandleOnlyOneRuns) {
     ASSERT_EQ(osSaveCsvColumn(h, "A", 1, 1), 1);
     std::atomic<int> go{0};
     int32_t r1 = -1, r2 = -1;
-    std::thread t1([&] {
-      while (go.load() == 0) {
-      }
-      r1 = osSaveCsvEnd(h);
-    });
-    std::thread t2([&] {
-      go.store(1);
-      r2 = osSaveCsvEnd(h);
-    });
-    t1.join();
-    t2.join();
+    std::thread t1([&] { while (go.load() == 0) {} r1 = osSaveCsvEnd(h); });
+    std::thread t2([&] { go.store(1), r2 = osSaveCsvEnd(h); });
+    t1.join(), t2.join();
     ASSERT_EQ(r1 + r2, 1) << round;
   }
 }
@@ -222,17 +214,13 @@ TEST_F(ExportRegional, SeparatorsAreTheRegionalOnes) {
   const std::string file = dir_ + "/sep.dif";
   ExportState* h = osSaveDifBegin(heap, 0, file.c_str(), 2, 3, 0);
   ASSERT_NE(h, nullptr);
-  ASSERT_EQ(osSaveDifColumn(h, "N", 10, OSSAVE_NUMBER), 1);
-  ASSERT_EQ(osSaveDifColumn(h, "D", 10, OSSAVE_DECIMAL), 1);
-  ASSERT_EQ(osSaveDifColumn(h, "T", 8, OSSAVE_TIME), 1);
   const double third = 1.0 / 3;
   SHDEC d;
   ASSERT_NE(ConvAsciiToDecimal(&d, "-0.0000000000000000000000012345"), nullptr);
-  const SHDATETIME t = dt(1900, 1, 1, 12, 30, 45, 1);
-  EXPECT_EQ(osSaveDifItem(h, &third), 1);
-  EXPECT_EQ(osSaveDifItem(h, &d), 1);
-  EXPECT_EQ(osSaveDifItem(h, &t), 1);  // the fraction follows the time separator
-  EXPECT_EQ(osSaveDifEnd(h), 1);
+  const SHDATETIME t = dt(1900, 1, 1, 12, 30, 45, 1);  // the fraction follows the time separator
+  EXPECT_TRUE(osSaveDifColumn(h, "N", 10, OSSAVE_NUMBER) && osSaveDifColumn(h, "D", 10, OSSAVE_DECIMAL) &&
+              osSaveDifColumn(h, "T", 8, OSSAVE_TIME));
+  EXPECT_TRUE(osSaveDifItem(h, &third) && osSaveDifItem(h, &d) && osSaveDifItem(h, &t) && osSaveDifEnd(h));
   zbstg_end(heap);
   const std::string got = read_file(file);
   EXPECT_NE(got.find("0,0,3333333333333\r\nV\r\n0,-1,2345E-24\r\nV\r\n1,0\r\n\"12.30.45.000001\"\r\n"), std::string::npos)
