@@ -70,9 +70,9 @@ TEST_F(ExportCli, WritesWhatItIsGiven) {
     auto r = zbshr(c.args, c.input, {"ZBSHR_CLIPBOARD_CMD="});
     ASSERT_EQ(r.code, 0) << r.err;
     if (c.out_file.empty()) {
-      EXPECT_BYTES(lf(c.want), lf(r.out));
+      EXPECT_EQ(lf(c.want), lf(r.out));
     } else if (!c.want.empty()) {
-      EXPECT_BYTES(c.want, read_file(path(c.out_file)));
+      EXPECT_EQ(c.want, read_file(path(c.out_file)));
     }
   }
   EXPECT_NE(read_file(path("dash.dif")).find("\r\n0,0.3333333333333\r\nV\r\n"), std::string::npos);
@@ -184,7 +184,7 @@ TEST_F(ExportCli, ClipGoesToTheClipboardProgram) {
   auto r = zbshr({"--format", "clip", "@in.csv"}, "", {"ZBSHR_CLIPBOARD_CMD=cat > '" + path("clipboard.txt") + "'"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.out, "");  // nothing on standard output when a program takes it
-  EXPECT_BYTES("say \"hi\"\r\n", read_file(path("clipboard.txt")));
+  EXPECT_EQ("say \"hi\"\r\n", read_file(path("clipboard.txt")));
 }
 
 // The quick form of the readers' check (the ctest ExportReaders adds the

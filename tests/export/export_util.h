@@ -65,17 +65,6 @@ inline std::string f64(double d) {
 inline std::string zeros(size_t n) { return std::string(n, '\0'); }
 inline uint32_t at16(const std::string& s, size_t at) { return uint8_t(s[at]) | uint32_t(uint8_t(s[at + 1])) << 8; }
 
-// Bytes shown readably in failure messages.
-inline std::string visible(const std::string& s) {
-  std::string o;
-  for (unsigned char c : s) {
-    char b[8];
-    std::snprintf(b, sizeof b, "\\x%02X", c);
-    o += c == '\r' ? "\\r" : c == '\n' ? "\\n\n" : c == '\t' ? "\\t" : (c < 32 || c > 126) ? b : std::string(1, static_cast<char>(c));
-  }
-  return o;
-}
-#define EXPECT_BYTES(expected, actual) EXPECT_EQ(::xt::visible(expected), ::xt::visible(actual))
 
 class ExportTest : public ::testing::Test {
  protected:

@@ -60,7 +60,7 @@ TEST_F(ExportBytes, SampleInEveryTextFormat) {
       {&kSylk, OSSAVE_HEADINGS, sylk},
       {&kDif, 0, dif_sample(path("OUT.DAT"))},  // the labels are written whatever the options
   };
-  for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, kCols, kRows, c.options)) << c.f->name;
+  for (const auto& c : cases) EXPECT_EQ(c.want, run(*c.f, kCols, kRows, c.options)) << c.f->name;
 }
 
 TEST_F(ExportBytes, QuotingOfStrings) {
@@ -79,7 +79,7 @@ TEST_F(ExportBytes, QuotingOfStrings) {
       {&kClip, "say \"hi\"\r\n\"\"\"lead\"\r\n\"tab\there\"\r\n\"two\r\nlines\"\r\nO'Hara; Jr\r\na,b\r\n\r\n\r\n"},
       {&kSql, sql + "\r\n"},
   };
-  for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, {{"S", 30, 1}}, strs, 0)) << c.f->name;
+  for (const auto& c : cases) EXPECT_EQ(c.want, run(*c.f, {{"S", 30, 1}}, strs, 0)) << c.f->name;
 }
 
 std::string xl_label(int row, int col, const std::string& t) {
@@ -162,7 +162,7 @@ TEST_F(ExportBytes, RecordsTypesNullsAndEmptyTables) {
        OSSAVE_HEADINGS, -1, wk_head(1, 1) + wk_label(0, 0, head) + wk_label(1, 0, std::string(239, 'q')) + kWkEof},
       {"wks: no rows", &kWk, {{"A", 1, 1}, {"B", 1, 2}, {"C", 1, 4}}, {}, 0, -1, wk_head(0, 3) + kWkEof},
   };
-  for (const auto& c : cases) EXPECT_BYTES(c.want, run(*c.f, c.cols, c.rows, c.options, "OUT.DAT", c.declared)) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(c.want, run(*c.f, c.cols, c.rows, c.options, "OUT.DAT", c.declared)) << c.what;
 }
 
 TEST_F(ExportBytes, LargeExportsCrossManyBufferBoundariesIntact) {
@@ -209,7 +209,7 @@ TEST_F(ExportBytes, DbaseTables) {
   std::string head = std::string("\x02") + u16(2) + static_cast<char>(t.month) + static_cast<char>(t.day) +
                      static_cast<char>(t.year & 0xFF) + u16(12 + 16 + 10 + 1) + db2_desc("NAME_OF_CU", 'C', 12) +
                      db2_desc("QTY", 'N', 16) + db2_desc("WHEN", 'C', 10) + "\x0D" + zeros(15 + 28 * 16 + 1);
-  EXPECT_BYTES(head + " Smith       " + std::string(14, ' ') + "421998/07/04 " + std::string(27, ' ') + "0" +
+  EXPECT_EQ(head + " Smith       " + std::string(14, ' ') + "421998/07/04 " + std::string(27, ' ') + "0" +
                    std::string(10, ' ') + "\x1A",
                got);
   // 32 columns: the last descriptor is followed by a single terminator.
@@ -241,7 +241,7 @@ TEST_F(ExportBytes, DbaseTables) {
          static_cast<char>(t.day) + u32(7) + u16(32 * 5 + 33) + u16(6 + 16 + 8 + 8 + 8 + 1) + zeros(20) +
          db3_desc("CUSTOMER_N", 'C', 6) + db3_desc("AMOUNT", 'N', 16) + db3_desc("DAY", 'D', 8) +
          db3_desc("STAMP", 'D', 8) + db3_desc("AT", 'C', 8) + "\x0D";
-  EXPECT_BYTES(head + " Zo\xC3\xAB's" + std::string(12, ' ') + "-3.5" + "19980704" + "20011231" + "09:08:07" + " " +
+  EXPECT_EQ(head + " Zo\xC3\xAB's" + std::string(12, ' ') + "-3.5" + "19980704" + "20011231" + "09:08:07" + " " +
                    std::string(19, ' ') + "0.0" + std::string(24, ' ') + "\x1A",
                got);
   got = run(kDbase3, {{"A", 1, 1}, {"B", 2, 1}}, {}, 0);
@@ -267,7 +267,7 @@ TEST_F(ExportBytes, DbaseLimits) {
   EXPECT_EQ(osSaveDbase2Item(h, "x"), 0);
   EXPECT_EQ(osSaveDbase2End(h), 1);
   const Today t = today();
-  EXPECT_BYTES(std::string("\x02") + u16(65535) + static_cast<char>(t.month) + static_cast<char>(t.day) +
+  EXPECT_EQ(std::string("\x02") + u16(65535) + static_cast<char>(t.month) + static_cast<char>(t.day) +
                    static_cast<char>(t.year & 0xFF) + "\x1A",
                read_file(path("C.DBF")));
   // dBase III: at most 4000; a refused width is not counted.
