@@ -187,10 +187,8 @@ TEST_F(ExportCli, ClipGoesToTheClipboardProgram) {
   EXPECT_EQ("say \"hi\"\r\n", read_file(path("clipboard.txt")));
 }
 
-// The quick form of the readers' check (the ctest ExportReaders adds the
-// files past the limits, written through the shared library): every format
-// of the sample and the tricky values, read back by whichever of xlrd,
-// dbfread, sqlite3, LibreOffice and Gnumeric are installed.
+// Every format of the sample and the tricky values read back by whichever
+// of xlrd, dbfread, sqlite3, LibreOffice and Gnumeric are installed.
 TEST_F(ExportCli, RealReadersSeeWhatWasExported) {
 #if defined(_WIN32)
   GTEST_SKIP() << "the readers run on the build machine";

@@ -1,18 +1,16 @@
 #!/usr/bin/python3
 """Exported files read back by real readers, cells compared with what was exported.
 
-usage: readers.py ZBSHR_PROGRAM WORK_FOLDER [LIBZBSHR]
+usage: readers.py ZBSHR_PROGRAM WORK_FOLDER
 
 A sample of every type and null and a set of tricky values go through
 `zbshr export` in every format and are read with xlrd, dbfread, sqlite3,
-LibreOffice headless and Gnumeric's ssconvert (the last two through CSV);
-given the shared library, files past the worksheets' limits are written
-through it and opened too. A missing reader is reported as SKIPPED. Known
-disagreements of a reader (docs/EXPORT.md) are stated; all else must match.
+LibreOffice headless and Gnumeric's ssconvert (the last two through CSV).
+A missing reader is reported as SKIPPED. Known disagreements of a reader
+(docs/EXPORT.md) are stated; all else must match.
 """
 
 import csv
-import ctypes
 import datetime
 import decimal
 import itertools
@@ -259,20 +257,6 @@ def read_xlrd(res, files):
     got = xlrd_grid(xlrd, files["excel_long"])[0][0]
     check(res, "xlrd reading a 300-character label (shows its first 44 characters)",
           got == LONG_TEXT[:300 % 256], repr(got))
-    if "big_text" in files:
-        # A 70,000-byte text is cut to the 65,527 bytes a LABEL carries; the
-        # count byte says 65,527 mod 256 = 247; the next cell is intact.
-        g = xlrd_grid(xlrd, files["big_text"])
-        check(res, "xlrd reading a 70,000-byte label and the cell after it",
-              g == [["z" * 247], ["after"]], repr(g)[:200])
-    for name, opens in [x for x in (("rows_16383", True), ("rows_16384", False), ("cols_257", False)) if x[0] in files]:
-        try:
-            g = xlrd_grid(xlrd, files[name])
-            outcome = "opens, %d rows x %d columns" % (len(g), len(g[0]) if g else 0)
-            opened = True
-        except Exception as e:  # xlrd raises AssertionError past its limits
-            outcome, opened = "refused (%s)" % type(e).__name__, False
-        check(res, "xlrd reading BIFF %s: %s" % (name, outcome), opened == opens)
 
 
 def read_dbfread(res, files):
@@ -385,7 +369,6 @@ def read_sheets(res, files, work):
     soffice = shutil.which("soffice") or shutil.which("libreoffice")
     ssconvert = shutil.which("ssconvert")
     checks = [(files[f], f, None) for f in SHEET_FORMATS] + [(files["t_" + f], f, TRICKY) for f in TRICKY_FORMATS]
-    limit_paths = [files[k] for k in LIMIT_FILES if k in files]
     lo_out, gn_out = os.path.join(work, "lo"), os.path.join(work, "gnumeric")
     if soffice:
         os.makedirs(lo_out, exist_ok=True)
@@ -393,7 +376,7 @@ def read_sheets(res, files, work):
         try:
             subprocess.run([soffice, "-env:UserInstallation=" + profile, "--headless", "--norestore",
                             "--convert-to", "csv:Text - txt - csv (StarCalc):44,34,76,1,,0,false,true,false",
-                            "--outdir", lo_out] + [c[0] for c in checks] + limit_paths,
+                            "--outdir", lo_out] + [c[0] for c in checks],
                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600, check=False)
         except subprocess.TimeoutExpired:
             check(res, "LibreOffice converting within 10 minutes", False)
@@ -424,80 +407,10 @@ def read_sheets(res, files, work):
             digits = (8 if fmt == "wk" else 15) if reader == "LibreOffice" else None
             compare(res, reader, fmt, read_csv_file(got), True, sheet_quirk(reader.lower(), fmt),
                     data=data, digits=digits)
-        if present:
-            limits(res, reader, files, converted)
-
-
-# Files past the row, column and text limits of the formats, written through
-# the library itself (ctypes), since the program may refuse to write them.
-
-LIMIT_FILES = ["big_text", "rows_65536", "wk_rows_40000", "cols_300"]
-# What each program shows of them: (rows, columns, first cell, last cell).
-LIMIT_SEEN = {
-    "LibreOffice": {"rows_65536": (65536, 1, "N", 65535.0),
-                    "wk_rows_40000": (40001, 1, "N", 40000.0), "cols_300": (1, 300, 0.0, 299.0)},
-    # Gnumeric drops the text cells of the stream (the heading), keeps BIFF
-    # rows up to 16,384 and 256 columns.
-    "Gnumeric": {"rows_65536": (16383, 1, 1.0, 16383.0),
-                 "wk_rows_40000": (40001, 1, "N", 40000.0), "cols_300": (1, 256, 0.0, 255.0)},
-}
-
-
-def limits(res, reader, files, converted):
-    for key in [k for k in LIMIT_FILES if k in files and k in LIMIT_SEEN[reader]]:
-        got = converted(files[key])
-        if got is None:
-            check(res, "%s opening %s" % (reader, key), False)
-            continue
-        grid = crop([[canon(c) for c in r] for r in read_csv_file(got)])
-        rows, cols, first, last = LIMIT_SEEN[reader][key]
-        seen = (len(grid), max((len(r) for r in grid), default=0),
-                grid[0][0] if grid else None, grid[-1][-1] if grid else None)
-        want = (rows, cols, canon(first), canon(last))
-        check(res, "%s reading %s: %d rows x %d columns" % (reader, key, seen[0], seen[1]),
-              seen == want, "got %r, want %r" % (seen, want))
-
-
-def write_limit_files(lib_path, work, files, res):
-    lib = ctypes.CDLL(lib_path)
-    P, I32 = ctypes.c_void_p, ctypes.c_int32
-
-    def fn(name, restype, *types):
-        f = getattr(lib, name)
-        f.argtypes, f.restype = list(types), restype
-        return f
-    heap = fn("zbstg_begin", P, ctypes.c_uint16)(0)
-
-    def export(key, fmt, names, cells, rows, headings=True, ctype=2):
-        """cells: floats or bytes in row-major order. Returns how many Item calls answered 1."""
-        begin = fn("osSave%sBegin" % fmt, P, P, ctypes.c_uint32, ctypes.c_char_p, I32, I32, ctypes.c_uint32)
-        column = fn("osSave%sColumn" % fmt, I32, P, ctypes.c_char_p, I32, I32)
-        item, end = fn("osSave%sItem" % fmt, I32, P, P), fn("osSave%sEnd" % fmt, I32, P)
-        path = os.path.join(work, key + {"Excel": ".xls", "Wk": ".wks"}[fmt])
-        h = begin(heap, 0, path.encode(), rows, len(names), 1 if headings else 0)
-        for n in names:
-            column(h, n.encode(), 10, ctype)
-        ok = sum(item(h, ctypes.cast(ctypes.c_char_p(v), P) if isinstance(v, bytes) else
-                      ctypes.byref(ctypes.c_double(v))) for v in cells)
-        if end(h) != 1:
-            raise RuntimeError("End failed for " + path)
-        files[key] = path
-        return ok
-
-    ok = export("big_text", "Excel", ["S"], [b"z" * 70000, b"after"], 2, False, 1)
-    check(res, "library writing a 70,000-byte BIFF text", ok == 2)
-    ok = export("rows_65536", "Excel", ["N"], [float(i) for i in range(1, 65537)], 65536)
-    check(res, "BIFF: items of row 65,536 are refused (%d of 65,536 written)" % ok, ok == 65535)
-    export("rows_16383", "Excel", ["N"], [float(i) for i in range(1, 16384)], 16383)
-    export("rows_16384", "Excel", ["N"], [float(i) for i in range(1, 16385)], 16384)
-    export("cols_257", "Excel", ["C%d" % i for i in range(257)], [1.0] * 257, 1, False)
-    export("wk_rows_40000", "Wk", ["N"], [float(i) for i in range(1, 40001)], 40000)
-    export("cols_300", "Excel", ["C%d" % i for i in range(300)], [float(i) for i in range(300)], 1, False)
-    fn("zbstg_end", None, P)(heap)
 
 
 def main():
-    if len(sys.argv) not in (3, 4):
+    if len(sys.argv) != 3:
         print(__doc__)
         return 2
     zbshr, work = sys.argv[1], sys.argv[2]
@@ -527,10 +440,6 @@ def main():
             print("FAIL zbshr export --format %s %s: %s" % (fmt, source, p.stdout.decode(errors="replace")))
             return 1
     res = Result()
-    if len(sys.argv) == 4 and sys.argv[3]:
-        write_limit_files(sys.argv[3], work, files, res)
-    else:
-        res.skip("limits", "no library given")
     for reader in (read_xlrd, read_dbfread, read_sqlite):
         reader(res, files)
     read_sheets(res, files, work)
