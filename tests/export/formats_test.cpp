@@ -217,9 +217,7 @@ TEST_F(ExportBytes, DbaseTables) {
   for (int i = 0; i < 32; ++i) c32.push_back({"C" + std::to_string(i), 1, 1});
   got = run(kDbase2, c32, {}, 0);
   ASSERT_EQ(got.size(), 522u);
-  EXPECT_EQ(got[6], static_cast<char>(33));
-  EXPECT_EQ(got.substr(8 + 31 * 16, 16), db2_desc("C31", 'C', 1));
-  EXPECT_EQ(got.substr(520), "\x0D\x1A");
+  EXPECT_TRUE(got[6] == 33 && got.substr(8 + 31 * 16, 16) == db2_desc("C31", 'C', 1) && got.substr(520) == "\x0D\x1A");
   // Widths clamp to 1..255; the numeric, date and time types take fixed ones.
   got = run(kDbase2, {{"S0", 0, 1}, {"S300", 300, 1}, {"N", 3, 2}, {"D", 300, 6}, {"DT", 0, 3}, {"T", 2, 5}, {"X", 7, 42}}, {}, 0);
   const int widths[] = {255, 255, 16, 16, 10, 8, 7};
@@ -245,27 +243,23 @@ TEST_F(ExportBytes, DbaseTables) {
                    std::string(19, ' ') + "0.0" + std::string(24, ' ') + "\x1A",
                got);
   got = run(kDbase3, {{"A", 1, 1}, {"B", 2, 1}}, {}, 0);
-  EXPECT_EQ(at16(got, 8), 97u);
-  EXPECT_EQ(got.substr(96), "\x0D\x1A");
+  EXPECT_TRUE(at16(got, 8) == 97u && got.substr(96) == "\x0D\x1A");
 }
 
 TEST_F(ExportBytes, DbaseLimits) {
   // Refused counts create no file.
-  EXPECT_EQ(osSaveDbase2Begin(heap_, 0, path("A.DBF").c_str(), 65536, 1, 0), nullptr);
-  EXPECT_EQ(osSaveDbase2Begin(heap_, 0, path("A.DBF").c_str(), 1, 33, 0), nullptr);
-  EXPECT_EQ(osSaveDbase3Begin(heap_, 0, path("A.DBF").c_str(), 1000000001, 1, 0), nullptr);
-  EXPECT_EQ(osSaveDbase3Begin(heap_, 0, path("A.DBF").c_str(), 1, 129, 0), nullptr);
+  const std::string a = path("A.DBF");
+  EXPECT_TRUE(!osSaveDbase2Begin(heap_, 0, a.c_str(), 65536, 1, 0) && !osSaveDbase2Begin(heap_, 0, a.c_str(), 1, 33, 0));
+  EXPECT_TRUE(!osSaveDbase3Begin(heap_, 0, a.c_str(), 1000000001, 1, 0) && !osSaveDbase3Begin(heap_, 0, a.c_str(), 1, 129, 0));
   for (const Format* f : {&kExcel, &kWk, &kDbase2, &kDbase3})
-    EXPECT_EQ(f->begin(heap_, 0, path("A.DBF").c_str(), -1, 1, 0), nullptr) << f->name;
-  EXPECT_FALSE(std::filesystem::exists(path("A.DBF")));
+    EXPECT_EQ(f->begin(heap_, 0, a.c_str(), -1, 1, 0), nullptr) << f->name;
+  EXPECT_FALSE(std::filesystem::exists(a));
   // dBase II records hold at most 1000 bytes; a header never completed is
   // left as it stands, followed by the end byte.
   ExportState* h = osSaveDbase2Begin(heap_, 0, path("C.DBF").c_str(), 65535, 5, 0);
   ASSERT_NE(h, nullptr);
   for (int w : {255, 255, 255, 235}) EXPECT_EQ(osSaveDbase2Column(h, "A", w, 1), 1);  // exactly 1000
-  EXPECT_EQ(osSaveDbase2Column(h, "E", 1, 1), 0);
-  EXPECT_EQ(osSaveDbase2Item(h, "x"), 0);
-  EXPECT_EQ(osSaveDbase2End(h), 1);
+  EXPECT_TRUE(!osSaveDbase2Column(h, "E", 1, 1) && !osSaveDbase2Item(h, "x") && osSaveDbase2End(h) == 1);
   const Today t = today();
   EXPECT_EQ(std::string("\x02") + u16(65535) + static_cast<char>(t.month) + static_cast<char>(t.day) +
                    static_cast<char>(t.year & 0xFF) + "\x1A",
@@ -275,9 +269,7 @@ TEST_F(ExportBytes, DbaseLimits) {
   h = osSaveDbase3Begin(heap_, 0, path("Z.DBF").c_str(), 1000000000, 16, 0);
   ASSERT_NE(h, nullptr);
   for (int i = 0; i < 15; ++i) ASSERT_EQ(osSaveDbase3Column(h, "S", 255, 1), 1);  // 3825
-  EXPECT_EQ(osSaveDbase3Column(h, "T", 176, 1), 0);
-  EXPECT_EQ(osSaveDbase3Column(h, "T", 175, 1), 1);
-  EXPECT_EQ(osSaveDbase3End(h), 1);
+  EXPECT_TRUE(!osSaveDbase3Column(h, "T", 176, 1) && osSaveDbase3Column(h, "T", 175, 1) == 1 && osSaveDbase3End(h) == 1);
   EXPECT_EQ(at16(read_file(path("Z.DBF")), 10), 4001u);
 }
 
