@@ -26,8 +26,8 @@ class Regional : public ::testing::Test {
   void SetUp() override {
     const char* home = std::getenv("ZBSHR_HOME");
     saved_home_ = home ? std::optional<std::string>(home) : std::nullopt;
-    dir_ = ((home && *home) ? std::filesystem::path(home) : std::filesystem::temp_directory_path()) /
-           ("format-regional-" + std::to_string(getpid()));
+    dir_ = (((home && *home) ? std::filesystem::path(home) : std::filesystem::temp_directory_path()) /
+            ("format-regional-" + std::to_string(getpid()))).string();
     std::filesystem::create_directories(dir_);
     setenv("ZBSHR_HOME", dir_.c_str(), 1);
     use("");
