@@ -209,18 +209,13 @@ def compare(res, reader, fmt, grid, headings, quirk=None, data=None, digits=None
     columns, rows = data or (COLUMNS, ROWS)
     label = "%s reading %s%s" % (reader, fmt, "" if data is None else " (tricky values)")
     q = quirk or (lambda ctype, v, want: want)
-    want_rows = []
-    if headings:
-        want_rows.append([q("heading", (n, t, w), ("s", n)) for n, t, w in columns])
-    for row in rows:
-        want_rows.append([q(t, v, expected(fmt, t, v)) for (_, t, _), v in zip(columns, row)])
-    got_rows = crop([[canon(c) for c in r] for r in grid])
-    want_rows = crop(want_rows)
-    if digits:
-        def shown(c):
-            return ("n", "%.*g" % (digits, c[1])) if c and c[0] == "n" else c
-        got_rows = [[shown(c) for c in r] for r in got_rows]
-        want_rows = [[shown(c) for c in r] for r in want_rows]
+    want_rows = [[q("heading", (n, t, w), ("s", n)) for n, t, w in columns]] if headings else []
+    want_rows += [[q(t, v, expected(fmt, t, v)) for (_, t, _), v in zip(columns, row)] for row in rows]
+
+    def shown(c):  # numbers with the digits the reader shows
+        return ("n", "%.*g" % (digits, c[1])) if digits and c and c[0] == "n" else c
+    got_rows = [[shown(c) for c in r] for r in crop([[canon(c) for c in r] for r in grid])]
+    want_rows = [[shown(c) for c in r] for r in crop(want_rows)]
     nrows = max(len(got_rows), len(want_rows))
     bad = ["row %d col %d: got %r, want %r" % (r, c, got, want)
            for r, (got_r, want_r) in enumerate(itertools.zip_longest(got_rows, want_rows, fillvalue=[]))
