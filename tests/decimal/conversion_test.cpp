@@ -79,7 +79,8 @@ TEST(DecimalText, InputSignScaleAndErrors) {
   EXPECT_EQ(hook.last(), -302);
 }
 
-// Integers both ways at their bounds; a failed conversion leaves zero.
+// Integers both ways at their bounds (the differential run draws the values
+// and codes around them); a failed conversion leaves zero.
 TEST(DecimalIntegers, BoundsAndFailures) {
   SHDEC d;
   ConvLongToDecimal(&d, std::numeric_limits<int32_t>::min());
@@ -96,11 +97,9 @@ TEST(DecimalIntegers, BoundsAndFailures) {
     int64_t want;  // -99: refused
     int code;
   } rows[] = {
-      {"-32768.4", 0, -32768, -308}, {"32767.5", 0, -99, -307}, {"-32768.5", 0, -99, -307},
-      {"65535.49", 1, 65535, -308},  {"65535.5", 1, -99, -307}, {"-0.4", 1, 0, -308},
-      {"-1", 1, -99, -307},          {"-2147483648", 2, -2147483648LL, 0},
-      {"2147483647.5", 2, -99, -307}, {"4294967295", 3, 4294967295LL, 0},
-      {"4294967295.5", 3, -99, -307}, {"1e20", 0, -99, -307},
+      {"-32768.4", 0, -32768, -308}, {"32767.5", 0, -99, -307}, {"-1", 1, -99, -307}, {"65535.49", 1, 65535, -308},
+      {"-2147483648", 2, -2147483648LL, 0}, {"2147483647.5", 2, -99, -307}, {"4294967295", 3, 4294967295LL, 0},
+      {"4294967295.5", 3, -99, -307},
   };
   for (const auto& r : rows) {
     d = dec(r.text);
