@@ -106,19 +106,15 @@ def add_core(a, b):
 
 
 def mul_core(a, b):
-    s = a[1] + b[1]
-    ma, mb = mag_of(a), mag_of(b)
-    if ma == 0 or mb == 0:
+    s, pm = a[1] + b[1], mag_of(a) * mag_of(b)
+    if pm == 0:
         return (D(0), min(s, 23))
-    pm = ma * mb
     k = 0
     while pm // 10 ** k >= L79:
         k += 1
     fail_if(s - k < 0, OVERFLOW)
     r = at(C.multiply(a[0], b[0]), s - k)
-    if r[1] > 23:
-        r = at(r[0], 23)
-    return r
+    return at(r[0], 23) if r[1] > 23 else r
 
 
 def quotient(a, b, scale, mode):
@@ -265,22 +261,18 @@ def op_pow_int(b, n):
 
 def from_double(x):
     t = C.create_decimal(repr(x)).normalize(C).as_tuple()
-    mag = int(''.join(map(str, t.digits)))
-    scale = -t.exponent
+    mag, scale = int(''.join(map(str, t.digits))), -t.exponent
     if mag == 0:
         return (D(0), 0), []
     if scale < 0:
-        mag *= 10 ** -scale
-        scale = 0
+        mag, scale = mag * 10 ** -scale, 0
         fail_if(mag >= L79, OVERFLOW)
-    v = num(t.sign == 1, mag, scale)
-    if scale > 28:
-        # More places than a decimal holds: the nearest 28-place value to the
-        # double's exact binary value (not to its shortest digits).
-        v = at(D(x), 28)
-        if mag_of(v) == 0:
-            return v, [UNDERFLOW]
-    return v, []
+    if scale <= 28:
+        return num(t.sign == 1, mag, scale), []
+    # More places than a decimal holds: the nearest 28-place value to the
+    # double's exact binary value (not to its shortest digits).
+    v = at(D(x), 28)
+    return v, [UNDERFLOW] if mag_of(v) == 0 else []
 
 
 def from_double_round(x, places):
@@ -292,13 +284,11 @@ def from_double_round(x, places):
 
 def parse(t):
     sign, digits, exp = C.create_decimal(t.strip(' ')).as_tuple()
-    mag = int(''.join(map(str, digits)))
-    scale = -exp
+    mag, scale = int(''.join(map(str, digits))), -exp
     fail_if(mag >= L79 or scale > 28, RANGE)
     if scale < 0:
         fail_if(mag and mag * 10 ** -scale >= L79, RANGE)
-        mag *= 10 ** -scale
-        scale = 0
+        mag, scale = mag * 10 ** -scale, 0
     return num(sign == 1, mag, scale)
 
 
