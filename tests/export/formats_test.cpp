@@ -185,14 +185,13 @@ TEST_F(ExportBytes, LargeExportsCrossManyBufferBoundariesIntact) {
   EXPECT_TRUE(run(kClip, {{"S", 600, 1}}, clip_rows, 0) == clip);
 }
 
-struct Today {
-  int year, month, day;
-};
-Today today() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  return {tm.tm_year, tm.tm_mon + 1, tm.tm_mday};
+// The date dBase headers carry: year - 1900 (its low byte), month, day.
+std::string today(bool year_first) {
+  const std::time_t now = std::time(nullptr);
+  std::tm t{};
+  localtime_r(&now, &t);
+  const char y = static_cast<char>(t.tm_year & 0xFF), m = static_cast<char>(t.tm_mon + 1), d = static_cast<char>(t.tm_mday);
+  return year_first ? std::string{y, m, d} : std::string{m, d, y};
 }
 std::string db2_desc(const std::string& name, char type, int width) {
   return name + zeros(11 - name.size()) + type + static_cast<char>(width) + zeros(3);
@@ -202,12 +201,10 @@ std::string db3_desc(const std::string& name, char type, int width) {
 }
 
 TEST_F(ExportBytes, DbaseTables) {
-  const Today t = today();
   // dBase II: a 521-byte header, field names upper-cased and cut to ten bytes.
   std::string got = run(kDbase2, {{"name_of_customer", 12, 1}, {"qty", 99, 2}, {"when", 3, 4}},
                         {{std::string("Smith"), 42.0, dt(1998, 7, 4)}, {Cell{}, Cell{}, Cell{}}}, 0);
-  std::string head = std::string("\x02") + u16(2) + static_cast<char>(t.month) + static_cast<char>(t.day) +
-                     static_cast<char>(t.year & 0xFF) + u16(12 + 16 + 10 + 1) + db2_desc("NAME_OF_CU", 'C', 12) +
+  std::string head = std::string("\x02") + u16(2) + today(false) + u16(12 + 16 + 10 + 1) + db2_desc("NAME_OF_CU", 'C', 12) +
                      db2_desc("QTY", 'N', 16) + db2_desc("WHEN", 'C', 10) + "\x0D" + zeros(15 + 28 * 16 + 1);
   EXPECT_EQ(head + " Smith       " + std::string(14, ' ') + "421998/07/04 " + std::string(27, ' ') + "0" +
                    std::string(10, ' ') + "\x1A",
@@ -235,8 +232,7 @@ TEST_F(ExportBytes, DbaseTables) {
               dt(1900, 1, 1, 9, 8, 7, 120000)},
              {Cell{}, Cell{}, Cell{}, Cell{}, Cell{}}},
             OSSAVE_HEADINGS, "OUT.DAT", 7);
-  head = std::string("\x03") + static_cast<char>(t.year & 0xFF) + static_cast<char>(t.month) +
-         static_cast<char>(t.day) + u32(7) + u16(32 * 5 + 33) + u16(6 + 16 + 8 + 8 + 8 + 1) + zeros(20) +
+  head = std::string("\x03") + today(true) + u32(7) + u16(32 * 5 + 33) + u16(6 + 16 + 8 + 8 + 8 + 1) + zeros(20) +
          db3_desc("CUSTOMER_N", 'C', 6) + db3_desc("AMOUNT", 'N', 16) + db3_desc("DAY", 'D', 8) +
          db3_desc("STAMP", 'D', 8) + db3_desc("AT", 'C', 8) + "\x0D";
   EXPECT_EQ(head + " Zo\xC3\xAB's" + std::string(12, ' ') + "-3.5" + "19980704" + "20011231" + "09:08:07" + " " +
@@ -260,10 +256,7 @@ TEST_F(ExportBytes, DbaseLimits) {
   ASSERT_NE(h, nullptr);
   for (int w : {255, 255, 255, 235}) EXPECT_EQ(osSaveDbase2Column(h, "A", w, 1), 1);  // exactly 1000
   EXPECT_TRUE(!osSaveDbase2Column(h, "E", 1, 1) && !osSaveDbase2Item(h, "x") && osSaveDbase2End(h) == 1);
-  const Today t = today();
-  EXPECT_EQ(std::string("\x02") + u16(65535) + static_cast<char>(t.month) + static_cast<char>(t.day) +
-                   static_cast<char>(t.year & 0xFF) + "\x1A",
-               read_file(path("C.DBF")));
+  EXPECT_EQ(std::string("\x02") + u16(65535) + today(false) + "\x1A", read_file(path("C.DBF")));
   // dBase III: at most 4000; a refused width is not counted.
   EXPECT_EQ(osSaveDbase3End(osSaveDbase3Begin(heap_, 0, path("B.DBF").c_str(), 1, 128, 0)), 1);
   h = osSaveDbase3Begin(heap_, 0, path("Z.DBF").c_str(), 1000000000, 16, 0);
