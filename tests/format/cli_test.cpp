@@ -45,7 +45,7 @@ void check(const Case& c) {
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), c.err.empty() ? 0 : 1) << r.err;
 }
 
-TEST_F(FormatCli, Match) {
+TEST_F(FormatCli, MatchAndDate) {
   const std::string dir = std::filesystem::temp_directory_path().string();
   const Case cases[] = {
       {{"match", "--compiled", "[a-c]+"}, "xabcx abx", 0, "08 05 04 0a 61 63 0b 0b 00\n2\n", ""},
@@ -65,12 +65,6 @@ TEST_F(FormatCli, Match) {
       {{"match"}, "", 2, "", "PATTERN"},
       {{"match", "--help"}, "", 0, "Prints the number of matches...", ""},
       {{"help", "match"}, "", 0, "Prints the number of matches...", ""},
-  };
-  for (const auto& c : cases) check(c);
-}
-
-TEST_F(FormatCli, Date) {
-  const Case cases[] = {
       {{"date", "--order", "dmy", "parse", "15 Mar. 1998"}, "", 0, "1998-03-15 00:00:00.000000...", ""},
       {{"date", "parse", "5/1/2024", "--order", "dmy"}, "", 0, "2024-01-05...", ""},
       {{"date", "parse", "2024/5/1", "--order", "ymd", "--json"}, "", 0, "{\"day\":...", ""},
