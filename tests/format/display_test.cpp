@@ -32,7 +32,8 @@ std::pair<std::string, int32_t> show(char kind, const char* mask, const char* va
   unsigned char c[SHFORMAT_BUFSIZE];
   if (const int32_t e = compile(kind, c, mask)) return {"", e};
   std::string out(static_cast<size_t>(size) + 8, '\x7F');
-  const double x = value ? std::strtod(value, nullptr) : 0;
+  const std::string v = value ? value : "";  // "nan" and "inf" spelled out for every C runtime
+  const double x = v == "nan" ? std::nan("") : v == "inf" ? HUGE_VAL : std::strtod(v.c_str(), nullptr);
   const float f = static_cast<float>(x);
   SHDEC m{};
   SHDATETIME d{};
