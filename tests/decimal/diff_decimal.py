@@ -1,19 +1,13 @@
 #!/usr/bin/python3
-"""Differential test of the SHDEC operations against Python's decimal module.
+"""The SHDEC operations against a model on Python's decimal module.
 
-Random operands are sent in one batch to `zbshr dec --batch` (or the
-stand-alone driver), and every answer is compared with a model built on
-Python's decimal arithmetic: exact sums, products and quotients, rounded with
-ROUND_HALF_UP (or truncated with ROUND_DOWN) at the scale the operation
-states, including the double rounding of a product fitted below 2^79 and
-then brought to 23 places or normalised to 18 places and 19 digits. Powers
-with other exponents are checked twice: within 1e-15 of the true value, and
-digit for digit against the logarithm and exponential series worked out
-step by step at 23 places with the same model.
+usage: diff_decimal.py DRIVER [COUNT] [SEED]   (DRIVER takes 'dec --batch')
 
-usage: diff_decimal.py DRIVER [COUNT] [SEED]
-DRIVER is the zbshr program or the decimal driver (both take 'dec --batch').
-COUNT operand pairs per operation (default 100000, or $ZBSHR_DIFF_COUNT).
+Random operands go in one batch to the driver; each answer is compared with
+exact sums, products and quotients rounded half up (or truncated) at the
+scale the operation states, with the double rounding of a product fitted
+below 2^79. Powers are checked within 1e-15 of the true value and digit for
+digit against the logarithm and exponential series worked out at 23 places.
 """
 import decimal
 import math
@@ -21,13 +15,12 @@ import os
 import random
 import struct
 import subprocess
-import threading
 import sys
+import threading
 from decimal import Decimal as D, ROUND_HALF_UP as HU, ROUND_DOWN as DN
 
-C = decimal.Context(prec=400, rounding=HU, Emax=10**6, Emin=-10**6, traps=[decimal.InvalidOperation])
-CDOWN = decimal.Context(prec=400, rounding=DN, Emax=10**6, Emin=-10**6,
-                        traps=[decimal.InvalidOperation])
+C, CDOWN = (decimal.Context(prec=400, rounding=r, Emax=10**6, Emin=-10**6, traps=[decimal.InvalidOperation])
+            for r in (HU, DN))
 C40 = decimal.Context(prec=40, rounding=HU)
 L63, L79, L80 = 1 << 63, 1 << 79, 1 << 80
 
@@ -40,11 +33,20 @@ class Err(Exception):
         self.code = code
 
 
-# ---- values: (Decimal value, scale) with the value exact at that scale ----
+def fail_if(cond, code):
+    if cond:
+        raise Err(code)
+
+
+# Values are (Decimal, scale), the value exact at that scale.
 
 def num(neg, mag, scale):
     d = D(mag).scaleb(-scale, C)
     return (C.minus(d) if neg else d, scale)
+
+
+def negate(v):
+    return (C.minus(v[0]), v[1])
 
 
 def mag_of(v):
@@ -57,19 +59,14 @@ def at(d, scale, mode=HU):
 
 
 def text(v):
-    d, s = v
-    t = format(at(d, s)[0], 'f')
-    if t.startswith('-') and mag_of(v) == 0:
-        t = t[1:]
-    return t
+    t = format(at(*v)[0], 'f')
+    return t[1:] if t.startswith('-') and mag_of(v) == 0 else t
 
 
 def steps_up(mag, n):
     """How many times mag can be multiplied by ten, up to n, staying below 2^79."""
-    if mag == 0:
-        return n
     j = 0
-    while j < n and mag * 10 ** (j + 1) < L79:
+    while j < n and (mag == 0 or mag * 10 ** (j + 1) < L79):
         j += 1
     return j
 
@@ -83,8 +80,7 @@ def normalise(v):
         k = 0
         while m // 10 ** k >= L63:
             k += 1
-        if s - k < 0:
-            raise Err(OVERFLOW)
+        fail_if(s - k < 0, OVERFLOW)
         d, s = at(d, s - k)
     return (d, s)
 
@@ -104,162 +100,111 @@ def add_core(a, b):
     r = at(C.add(da, db), s)
     if mag_of(r) >= L80:
         # A carry out of the 80 bits: one digit fewer for both, then again.
-        if s == 0:
-            raise Err(OVERFLOW)
+        fail_if(s == 0, OVERFLOW)
         r = at(C.add(at(da, s - 1)[0], at(db, s - 1)[0]), s - 1)
     return r
 
 
 def mul_core(a, b):
-    s = a[1] + b[1]
-    ma, mb = mag_of(a), mag_of(b)
-    if ma == 0 or mb == 0:
+    s, pm = a[1] + b[1], mag_of(a) * mag_of(b)
+    if pm == 0:
         return (D(0), min(s, 23))
-    pm = ma * mb
     k = 0
     while pm // 10 ** k >= L79:
         k += 1
-    if s - k < 0:
-        raise Err(OVERFLOW)
+    fail_if(s - k < 0, OVERFLOW)
     r = at(C.multiply(a[0], b[0]), s - k)
-    if r[1] > 23:
-        r = at(r[0], 23)
-    return r
+    return at(r[0], 23) if r[1] > 23 else r
 
 
 def quotient(a, b, scale, mode):
-    q = CDOWN.divide(a[0], b[0])
-    return at(q, scale, mode)
+    return at(CDOWN.divide(a[0], b[0]), scale, mode)
 
 
 def set_scale(v, places, mode):
     d, s = v
     if places < s:
         return at(d, places, mode)
-    if places > s and mag_of(v) * 10 ** (places - s) >= L79 and mag_of(v) != 0:
-        raise Err(OVERFLOW)
+    fail_if(places > s and mag_of(v) * 10 ** (places - s) >= L79 and mag_of(v) != 0, OVERFLOW)
     return at(d, places)
 
-
-# ---- the operations ------------------------------------------------------------
 
 def op_add(a, b):
     return normalise(add_core(a, b)), []
 
 
-def op_sub(a, b):
-    return normalise(add_core(a, (C.minus(b[0]), b[1]))), []
+def vanished(r, *operands):
+    return [UNDERFLOW] if mag_of(r) == 0 and all(mag_of(x) for x in operands) else []
 
 
-def op_mul(a, b):
-    r = normalise(mul_core(a, b))
-    return r, ([UNDERFLOW] if mag_of(r) == 0 and mag_of(a) and mag_of(b) else [])
+def op_mul(a, b, places=None, mode=HU):
+    r = normalise(mul_core(a, b)) if places is None else set_scale(mul_core(a, b), places, mode)
+    fail_if(mag_of(r) >= L63 and places is not None, OVERFLOW)
+    return r, vanished(r, a, b)
 
 
-def op_mul_places(a, b, places, mode):
-    r = set_scale(mul_core(a, b), places, mode)
-    if mag_of(r) >= L63:
-        raise Err(OVERFLOW)
-    return r, ([UNDERFLOW] if mag_of(r) == 0 and mag_of(a) and mag_of(b) else [])
-
-
-def op_div(a, b):
-    if mag_of(b) == 0:
-        raise Err(ZERODIV)
+def op_div(a, b, places=None, mode=DN):
+    """Without places: 18 places, truncated, a zero dividend returned as it is."""
+    fail_if(mag_of(b) == 0, ZERODIV)
     if mag_of(a) == 0:
-        return a, []
-    q = quotient(a, b, 18, DN)
-    if mag_of(q) >= L79:
-        raise Err(OVERFLOW)
-    if mag_of(q) == 0:
-        raise Err(UNDERFLOW)
-    return q, []
-
-
-def op_div_places(a, b, places, mode):
-    if mag_of(b) == 0:
-        raise Err(ZERODIV)
-    if mag_of(a) == 0:
-        return (D(0), places), []
-    q = quotient(a, b, places, mode)
-    if mag_of(q) >= L63:
-        raise Err(OVERFLOW)
-    if mag_of(q) == 0:
-        raise Err(UNDERFLOW)
+        return (a if places is None else (D(0), places)), []
+    q = quotient(a, b, 18 if places is None else places, mode)
+    fail_if(mag_of(q) >= (L79 if places is None else L63), OVERFLOW)
+    fail_if(mag_of(q) == 0, UNDERFLOW)
     return q, []
 
 
 def op_mod(a, b):
-    if mag_of(b) == 0:
-        raise Err(ZERODIV)
+    fail_if(mag_of(b) == 0, ZERODIV)
     q = (C.divide_int(a[0], b[0]), 0)
-    if mag_of(q) >= L79:
-        raise Err(OVERFLOW)
-    p = mul_core(q, b)
-    r = normalise(add_core(a, (C.minus(p[0]), p[1])))
-    return r, []
+    fail_if(mag_of(q) >= L79, OVERFLOW)
+    return normalise(add_core(a, negate(mul_core(q, b)))), []
 
 
 def op_round(a, places, mode):
     if mag_of(a) == 0:
         return (D(0), places), []
     r = set_scale(a, places, mode)
-    if mag_of(r) >= L63:
-        raise Err(OVERFLOW)
-    return r, ([UNDERFLOW] if mag_of(r) == 0 else [])
-
-
-def op_cmp(a, b):
-    return C.compare(a[0], b[0])
+    fail_if(mag_of(r) >= L63, OVERFLOW)
+    return r, vanished(r)
 
 
 def op_toint(a, lo, hi):
     r = at(a[0], 0)[0]
     v = int(r)
-    if v < lo or v > hi:
-        raise Err(RANGE)
+    fail_if(v < lo or v > hi, RANGE)
     return v, ([FRACTION] if r != a[0] else [])
 
 
-# ---- the power series, step by step at 23 places ----------------------------------
-
-ONE = (D(1), 0)
-SEVEN_TENTHS = (D('0.7'), 1)
+# The power series, step by step at 23 places.
+ONE, SEVEN_TENTHS = (D(1), 0), (D('0.7'), 1)
 LN2 = (D('0.69314718055994530941723'), 23)
 LN10 = (D('2.30258509299404568401799'), 23)
 LOG2E = (D('1.44269504088896340735992'), 23)
 
 
-def neg(v):
-    return (C.minus(v[0]), v[1])
-
-
 def series_div(a, b):
     """Division inside the series: 23 places, truncated; zero is a result."""
-    if mag_of(b) == 0:
-        raise Err(ZERODIV)
+    fail_if(mag_of(b) == 0, ZERODIV)
     if mag_of(a) == 0:
         return a
     q = quotient(a, b, 23, DN)
-    if mag_of(q) >= L79:
-        raise Err(OVERFLOW)
+    fail_if(mag_of(q) >= L79, OVERFLOW)
     return q
 
 
 def ln_series(x):
-    mag, s = mag_of(x), x[1]
-    whole = mag // 10 ** s
+    whole = mag_of(x) // 10 ** x[1]
     m = (len(str(whole)) if whole else 0) + 1
-    y = (x[0].scaleb(-m, C), s + m)
+    y = (x[0].scaleb(-m, C), x[1] + m)
     if y[1] > 23:
         y = at(y[0], 23)
-    if mag_of(y) == 0:
-        raise Err(POWER)
+    fail_if(mag_of(y) == 0, POWER)
     res = mul_core((D(m), 0), LN10)
     while C.compare(y[0], SEVEN_TENTHS[0]) <= 0:
         y = add_core(y, y)
-        res = add_core(res, neg(LN2))
-    z = series_div(add_core(y, neg(ONE)), add_core(y, ONE))
+        res = add_core(res, negate(LN2))
+    z = series_div(add_core(y, negate(ONE)), add_core(y, ONE))
     z2 = mul_core(z, z)
     p = add_core(z, z)
     n = 1
@@ -273,13 +218,12 @@ def ln_series(x):
 
 
 def exp_series(x):
-    if C.compare(x[0], D(43)) > 0:
-        raise Err(OVERFLOW)
+    fail_if(C.compare(x[0], D(43)) > 0, OVERFLOW)
     if C.compare(x[0], D(-42)) < 0:
         return None
     t = at(mul_core(x, LOG2E)[0], 0)
     n = int(t[0])
-    r = x if n == 0 else add_core(x, neg(mul_core(t, LN2)))
+    r = x if n == 0 else add_core(x, negate(mul_core(t, LN2)))
     res, term, i = ONE, ONE, 1
     while True:
         term = series_div(mul_core(term, r), (D(i), 0))
@@ -287,30 +231,20 @@ def exp_series(x):
             break
         res = add_core(res, term)
         i += 1
-    if n > 0:
-        res = mul_core(res, (D(2 ** n), 0))
-    elif n < 0:
-        res = series_div(res, (D(2 ** -n), 0))
-    return res
+    return res if n == 0 else mul_core(res, (D(2 ** n), 0)) if n > 0 else series_div(res, (D(2 ** -n), 0))
 
 
 def op_pow_series(b, e):
-    if mag_of(b) == 0 or b[0] < 0:
-        raise Err(POWER)
+    fail_if(mag_of(b) == 0 or b[0] < 0, POWER)
     r = exp_series(mul_core(e, ln_series(b)))
-    if r is None:
-        return (D(0), 2), [UNDERFLOW]
-    r = normalise(r)
-    if mag_of(r) == 0:
-        return (D(0), 2), [UNDERFLOW]
-    return r, []
+    r = r and normalise(r)
+    return ((D(0), 2), [UNDERFLOW]) if r is None or mag_of(r) == 0 else (r, [])
 
 
 def op_pow_int(b, n):
     """Integral exponents: squaring and multiplying on the multiplication core."""
     if n == 0:
-        if mag_of(b) == 0 or b[0] < 0:
-            raise Err(POWER)
+        fail_if(mag_of(b) == 0 or b[0] < 0, POWER)
         return ONE, []
     p = ONE
     for bit in bin(abs(n))[2:]:
@@ -318,36 +252,27 @@ def op_pow_int(b, n):
         if bit == '1':
             p = mul_core(p, b)
     if n < 0:
-        if mag_of(p) == 0:
-            raise Err(ZERODIV)
+        fail_if(mag_of(p) == 0, ZERODIV)
         p = quotient(ONE, p, 18, DN)
-        if mag_of(p) >= L79:
-            raise Err(OVERFLOW)
+        fail_if(mag_of(p) >= L79, OVERFLOW)
     r = normalise(p)
-    if mag_of(r) == 0 and mag_of(b) != 0:
-        return (D(0), 2), [UNDERFLOW]
-    return r, []
+    return ((D(0), 2), [UNDERFLOW]) if mag_of(r) == 0 and mag_of(b) != 0 else (r, [])
 
 
 def from_double(x):
     t = C.create_decimal(repr(x)).normalize(C).as_tuple()
-    mag = int(''.join(map(str, t.digits)))
-    scale = -t.exponent
+    mag, scale = int(''.join(map(str, t.digits))), -t.exponent
     if mag == 0:
         return (D(0), 0), []
     if scale < 0:
-        mag *= 10 ** -scale
-        scale = 0
-        if mag >= L79:
-            raise Err(OVERFLOW)
-    v = num(t.sign == 1, mag, scale)
-    if scale > 28:
-        # More places than a decimal holds: the nearest 28-place value to the
-        # double's exact binary value (not to its shortest digits).
-        v = at(D(x), 28)
-        if mag_of(v) == 0:
-            return v, [UNDERFLOW]
-    return v, []
+        mag, scale = mag * 10 ** -scale, 0
+        fail_if(mag >= L79, OVERFLOW)
+    if scale <= 28:
+        return num(t.sign == 1, mag, scale), []
+    # More places than a decimal holds: the nearest 28-place value to the
+    # double's exact binary value (not to its shortest digits).
+    v = at(D(x), 28)
+    return v, [UNDERFLOW] if mag_of(v) == 0 else []
 
 
 def from_double_round(x, places):
@@ -358,50 +283,36 @@ def from_double_round(x, places):
 
 
 def parse(t):
-    d = C.create_decimal(t.strip(' '))
-    sign, digits, exp = d.as_tuple()
-    mag = int(''.join(map(str, digits)))
-    scale = -exp
-    if mag >= L79 or scale > 28:
-        raise Err(RANGE)
+    sign, digits, exp = C.create_decimal(t.strip(' ')).as_tuple()
+    mag, scale = int(''.join(map(str, digits))), -exp
+    fail_if(mag >= L79 or scale > 28, RANGE)
     if scale < 0:
-        if mag and mag * 10 ** -scale >= L79:
-            raise Err(RANGE)
-        mag *= 10 ** -scale
-        scale = 0
+        fail_if(mag and mag * 10 ** -scale >= L79, RANGE)
+        mag, scale = mag * 10 ** -scale, 0
     return num(sign == 1, mag, scale)
+
+
+def f32(x):
+    return struct.unpack('f', struct.pack('f', x))[0]
 
 
 def nearest_float32(d):
     """The float nearest to the exact decimal d (ties to even)."""
     f = float(d)
-    if f == 0 or math.isinf(f):
-        return struct.unpack('f', struct.pack('f', f))[0] if not math.isinf(f) else f
-    bits = struct.unpack('<I', struct.pack('<f', struct.unpack('f', struct.pack('f', f))[0]))[0]
-    best = None
-    for cand in (bits - 1, bits, bits + 1):
-        if cand < 0 or (cand & 0x7F800000) == 0x7F800000:
-            continue
-        c = struct.unpack('<f', struct.pack('<I', cand))[0]
-        err = abs(C.subtract(C.create_decimal(c), d))
-        key = (err, cand & 1)
-        if best is None or key < best[0]:
-            best = (key, c)
-    return best[1]
-
-
-# ---- operand generators -----------------------------------------------------------
+    if f == 0:
+        return f32(f)
+    bits = struct.unpack('<I', struct.pack('<f', f))[0]
+    cands = [struct.unpack('<f', struct.pack('<I', c))[0] for c in (bits - 1, bits, bits + 1)
+             if c >= 0 and (c & 0x7F800000) != 0x7F800000]
+    return min(cands, key=lambda c: (abs(C.subtract(C.create_decimal(c), d)), struct.pack('<f', c)[0] & 1))
 
 def rand_mag(rng, max_digits):
-    r = rng.random()
-    if r < 0.03:
+    if rng.random() < 0.03:
         return 0
     nd = rng.randint(1, max_digits)
     hi = min(10 ** nd, L79)
     lo = 10 ** (nd - 1)
-    if lo >= hi:
-        lo = hi // 10
-    return rng.randrange(lo, hi)
+    return rng.randrange(lo if lo < hi else hi // 10, hi)
 
 
 def rand_num(rng):
@@ -421,8 +332,7 @@ def rand_num(rng):
 
 
 def raw(n):
-    neg, mag, scale = n
-    return '@%d:%d:%d' % (1 if neg else 0, scale, mag)
+    return '@%d:%d:%d' % (1 if n[0] else 0, n[2], n[1])
 
 
 def rand_text(rng):
@@ -452,63 +362,50 @@ MALFORMED = ['', ' ', '   ', '.', '-', '-.', '1e', '1e+', '1.2.3', '+1', '1 2', 
 def main():
     driver = sys.argv[1]
     count = int(sys.argv[2]) if len(sys.argv) > 2 else int(os.environ.get('ZBSHR_DIFF_COUNT', 100000))
-    seed = int(sys.argv[3]) if len(sys.argv) > 3 else 20261122
-    rng = random.Random(seed)
+    rng = random.Random(int(sys.argv[3]) if len(sys.argv) > 3 else 20261122)
     lines, checks = [], []
 
-    def case(line, check):
+    def case(line, fn, *args):
+        """fn(*args) gives (value, notes) or raises Err; a tuple is the answer itself."""
         lines.append(line)
-        checks.append(check)
+        checks.append((fn, args))
 
-    def expect_value(fn, *args):
-        def work():
-            try:
-                v, warns = fn(*args)
-                return ('ok', text(v), warns)
-            except Err as e:
-                return ('err', e.code)
-        return work
+    def answer(fn, args):
+        if isinstance(fn, tuple):
+            return fn
+        try:
+            v, warns = fn(*args)
+            return ('ok', str(v) if isinstance(v, int) else text(v), warns)
+        except Err as e:
+            return ('err', e.code)
 
     for _ in range(count):
         a, b = rand_num(rng), rand_num(rng)
-        va, vb = num(*a), num(*b)
-        ra, rb = raw(a), raw(b)
+        va, vb, ra, rb = num(*a), num(*b), raw(a), raw(b)
         places = rng.randint(0, 18)
-        case('add %s %s' % (ra, rb), expect_value(op_add, va, vb))
-        case('sub %s %s' % (ra, rb), expect_value(op_sub, va, vb))
-        case('mul %s %s' % (ra, rb), expect_value(op_mul, va, vb))
-        case('mulr %s %s %d' % (ra, rb, places), expect_value(op_mul_places, va, vb, places, HU))
-        case('mult %s %s %d' % (ra, rb, places), expect_value(op_mul_places, va, vb, places, DN))
-        case('div %s %s' % (ra, rb), expect_value(op_div, va, vb))
-        case('divr %s %s %d' % (ra, rb, places), expect_value(op_div_places, va, vb, places, HU))
-        case('divt %s %s %d' % (ra, rb, places), expect_value(op_div_places, va, vb, places, DN))
-        case('mod %s %s' % (ra, rb), expect_value(op_mod, va, vb))
-        case('round %s %d' % (ra, places), expect_value(op_round, va, places, HU))
-        case('trunc %s %d' % (ra, places), expect_value(op_round, va, places, DN))
-        case('cmp %s %s' % (ra, rb), ('ok', str(int(op_cmp(va, vb))), []))
+        for op, fn, extra in (('add', op_add, ()), ('sub', lambda a, b: op_add(a, negate(b)), ()), ('mul', op_mul, ()),
+                              ('mulr', op_mul, (places, HU)), ('mult', op_mul, (places, DN)),
+                              ('div', op_div, ()), ('divr', op_div, (places, HU)),
+                              ('divt', op_div, (places, DN)), ('mod', op_mod, ())):
+            case('%s %s %s%s' % (op, ra, rb, ' %d' % places if extra else ''), fn, va, vb, *extra)
+        case('round %s %d' % (ra, places), op_round, va, places, HU)
+        case('trunc %s %d' % (ra, places), op_round, va, places, DN)
+        case('cmp %s %s' % (ra, rb), ('ok', str(int(C.compare(va[0], vb[0]))), []))
         case('mag %s %s' % (ra, rb), ('ok', str(int(C.compare(abs(va[0]), abs(vb[0])))), []))
 
-    # Exact regime of the comparison of equal values at different scales.
+    # Equal values at different scales compare equal.
     for _ in range(count // 10):
         neg, mag, scale = rand_num(rng)
         up = rng.randint(0, 5)
         if mag * 10 ** up < L79 and scale + up <= 28:
-            case('cmp %s %s' % (raw((neg, mag, scale)), raw((neg, mag * 10 ** up, scale + up))),
-                 ('ok', '0', []))
+            case('cmp %s %s' % (raw((neg, mag, scale)), raw((neg, mag * 10 ** up, scale + up))), ('ok', '0', []))
 
-    # Text input and output.
     for _ in range(count):
         t = rand_text(rng)
-        try:
-            v = parse(t)
-            exp = ('ok', text(v), [])
-        except Err as e:
-            exp = ('err', e.code)
-        case('parse ' + t, exp)
+        case('parse ' + t, lambda t: (parse(t), []), t)
     for t in MALFORMED:
         case('parse ' + t, ('err', SYNTAX))
 
-    # Integers.
     bounds = {'toint': (-32768, 32767), 'touns': (0, 65535), 'tolong': (-2 ** 31, 2 ** 31 - 1),
               'toulong': (0, 2 ** 32 - 1)}
     for _ in range(count):
@@ -517,18 +414,10 @@ def main():
         mag = rng.randrange(0, 10 ** rng.randint(1, 12))
         if rng.random() < 0.1:
             mag = rng.choice([32767, 32768, 65535, 65536, 2 ** 31 - 1, 2 ** 31, 2 ** 32 - 1, 2 ** 32])
-            mag = mag * 10 ** scale + rng.choice([0, 4, 5, -5, -6]) * 10 ** max(scale - 1, 0)
-            mag = max(mag, 0)
-        va = num(neg, mag, scale)
+            mag = max(mag * 10 ** scale + rng.choice([0, 4, 5, -5, -6]) * 10 ** max(scale - 1, 0), 0)
         op = rng.choice(list(bounds))
-        try:
-            v, warns = op_toint(va, *bounds[op])
-            exp = ('ok', str(v), warns)
-        except Err as e:
-            exp = ('err', e.code)
-        case('%s %s' % (op, raw((neg, mag, scale))), exp)
+        case('%s %s' % (op, raw((neg, mag, scale))), op_toint, num(neg, mag, scale), *bounds[op])
 
-    # Floating point.
     for _ in range(count):
         kind = rng.random()
         if kind < 0.4:
@@ -537,19 +426,9 @@ def main():
             x = round(rng.uniform(-1e5, 1e5), rng.randint(0, 6))
         else:
             x = math.copysign(10 ** rng.uniform(-32, 25), rng.choice([-1, 1]))
-        try:
-            v, warns = from_double(x)
-            exp = ('ok', text(v), warns)
-        except Err as e:
-            exp = ('err', e.code)
-        case('fromdouble %r' % x, exp)
+        case('fromdouble %r' % x, from_double, x)
         places = rng.randint(0, 18)
-        try:
-            v, warns = from_double_round(x, places)
-            exp = ('ok', text(v), warns)
-        except Err as e:
-            exp = ('err', e.code)
-        case('fromdoubler %r %d' % (x, places), exp)
+        case('fromdoubler %r %d' % (x, places), from_double_round, x, places)
         n = rand_num(rng)
         case('todouble %s' % raw(n), ('float', float(num(*n)[0])))
         if rng.random() < 0.1:
@@ -561,21 +440,19 @@ def main():
         e = D(rng.randrange(-5000, 5000)).scaleb(-3)
         if e == e.to_integral_value():
             e += D('0.001')
-        y = C40.multiply(e, C40.ln(base))
-        if abs(y) > 40:
+        if abs(C40.multiply(e, C40.ln(base))) > 40:
             continue
-        line = 'pow %s %s' % (base, e)
-        case(line, ('approx', C40.power(base, e)))
-        case(line, expect_value(op_pow_series, (base, -base.as_tuple().exponent),
-                                (e, -e.as_tuple().exponent)))
+        case('pow %s %s' % (base, e), ('approx', C40.power(base, e)))
+        case('pow %s %s' % (base, e), op_pow_series, (base, -base.as_tuple().exponent),
+             (e, -e.as_tuple().exponent))
 
     # Integral exponents over the whole range.
     for _ in range(count // 10):
         nb, mb, sb = rand_num(rng)
         n = rng.choice([rng.randint(-12, 12), rng.randint(-40, 40), rng.choice([-32768, 32767])])
         es = rng.randint(0, 3)
-        case('pow %s %s' % (raw((nb, mb, sb)), raw((n < 0, abs(n) * 10 ** es, es))),
-             expect_value(op_pow_int, num(nb, mb, sb), n))
+        case('pow %s %s' % (raw((nb, mb, sb)), raw((n < 0, abs(n) * 10 ** es, es))), op_pow_int,
+             num(nb, mb, sb), n)
 
     # The series over the whole range, overflow and vanishing included.
     for _ in range(count // 20):
@@ -583,18 +460,16 @@ def main():
         me, se = rng.randrange(1, 10 ** rng.randint(1, 6)), rng.randint(1, 4)
         if me % 10 ** se == 0:
             me += 1
-        vb, ve = num(False, mb, sb), num(rng.random() < 0.5, me, se)
-        case('pow %s %s' % (raw((False, mb, sb)), raw((ve[0] < 0, me, se))),
-             expect_value(op_pow_series, vb, ve))
+        ve = num(rng.random() < 0.5, me, se)
+        case('pow %s %s' % (raw((False, mb, sb)), raw((ve[0] < 0, me, se))), op_pow_series,
+             num(False, mb, sb), ve)
 
-    # Run the batch in the driver while the expectations are worked out here.
-    data = ('\n'.join(lines) + '\n').encode()
-    proc = subprocess.Popen([driver, 'dec', '--batch'], stdin=subprocess.PIPE,
-                            stdout=subprocess.PIPE)
+    # The driver answers while the expectations are worked out here.
+    proc = subprocess.Popen([driver, 'dec', '--batch'], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     result = {}
-    worker = threading.Thread(target=lambda: result.update(out=proc.communicate(data)[0]))
+    worker = threading.Thread(target=lambda: result.update(out=proc.communicate(('\n'.join(lines) + '\n').encode())[0]))
     worker.start()
-    checks = [c() if callable(c) else c for c in checks]
+    checks = [answer(*c) for c in checks]
     worker.join()
     if proc.returncode != 0:
         print('driver failed with status %d' % proc.returncode)
@@ -603,7 +478,7 @@ def main():
     failures = 0
     for i, (line, exp) in enumerate(zip(lines, checks)):
         got = out[i].split(' ') if i < len(out) else ['missing']
-        ok = False
+        value = len(got) == 2 and got[0] == 'ok'
         if exp[0] == 'ok':
             want = ['ok', exp[1]] + ['w%d' % w for w in exp[2]]
             ok = got == want
@@ -611,21 +486,15 @@ def main():
             want = ['err', str(exp[1])]
             ok = got == want
         elif exp[0] == 'float':
-            want = repr(exp[1])
-            ok = got[0] == 'ok' and len(got) == 2 and float(got[1]) == exp[1]
+            want, ok = repr(exp[1]), value and float(got[1]) == exp[1]
         elif exp[0] == 'float32':
-            want = repr(exp[1])
-            ok = got[0] == 'ok' and len(got) == 2 and \
-                struct.unpack('f', struct.pack('f', float(got[1])))[0] == exp[1]
-        elif exp[0] == 'approx':
-            want = str(exp[1])
-            ok = got[0] == 'ok' and len(got) == 2 and \
-                abs(D(got[1]) - exp[1]) <= abs(exp[1]) * D('1e-15') + D('2e-18')
+            want, ok = repr(exp[1]), value and f32(float(got[1])) == exp[1]
+        else:
+            want, ok = str(exp[1]), value and abs(D(got[1]) - exp[1]) <= abs(exp[1]) * D('1e-15') + D('2e-18')
         if not ok:
             failures += 1
             if failures <= 30:
-                print('MISMATCH %s\n  got:  %s\n  want: %s' % (repr(line),
-                                                              ' '.join(got), want))
+                print('MISMATCH %r\n  got:  %s\n  want: %s' % (line, ' '.join(got), want))
     print('%d cases, %d mismatches' % (len(lines), failures))
     return 1 if failures else 0
 

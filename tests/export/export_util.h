@@ -46,15 +46,8 @@ using Cell = std::variant<std::monostate, std::string, double, Dec, SHDATETIME>;
 using Rows = std::vector<std::vector<Cell>>;
 
 inline SHDATETIME dt(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, uint32_t us = 0) {
-  SHDATETIME r;
-  std::memset(&r, 0, sizeof r);
-  r.microsecond = us;
-  r.year = static_cast<int16_t>(y - 1900);
-  r.month = static_cast<uint8_t>(mo - 1);
-  r.day = static_cast<uint8_t>(d);
-  r.hour = static_cast<uint8_t>(h);
-  r.minute = static_cast<uint8_t>(mi);
-  r.second = static_cast<uint8_t>(s);
+  SHDATETIME r{};
+  shdtBuildTime(&r, y, mo, d, h, mi, s, us);
   return r;
 }
 
@@ -70,29 +63,15 @@ inline std::string f64(double d) {
   return u32(static_cast<uint32_t>(b)) + u32(static_cast<uint32_t>(b >> 32));
 }
 inline std::string zeros(size_t n) { return std::string(n, '\0'); }
-inline uint32_t at16(const std::string& s, size_t at) {
-  return static_cast<uint8_t>(s[at]) | static_cast<uint32_t>(static_cast<uint8_t>(s[at + 1])) << 8;
-}
+inline uint32_t at16(const std::string& s, size_t at) { return uint8_t(s[at]) | uint32_t(uint8_t(s[at + 1])) << 8; }
 
-// Bytes shown readably in failure messages.
-inline std::string visible(const std::string& s) {
-  std::string o;
-  for (unsigned char c : s) {
-    char b[8];
-    std::snprintf(b, sizeof b, "\\x%02X", c);
-    o += c == '\r' ? "\\r" : c == '\n' ? "\\n\n" : c == '\t' ? "\\t" : (c < 32 || c > 126) ? b : std::string(1, static_cast<char>(c));
-  }
-  return o;
-}
-#define EXPECT_BYTES(expected, actual) EXPECT_EQ(::xt::visible(expected), ::xt::visible(actual))
 
 class ExportTest : public ::testing::Test {
  protected:
   void SetUp() override {
     heap_ = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir_ = std::filesystem::temp_directory_path() /
-           ("zbshr_export_" + std::string(info->test_suite_name()) + "_" + info->name());
+    dir_ = std::filesystem::temp_directory_path() / ("zbshr_export_" + std::string(info->test_suite_name()) + "_" + info->name());
     std::filesystem::remove_all(dir_);
     std::filesystem::create_directories(dir_);
   }
@@ -108,9 +87,8 @@ class ExportTest : public ::testing::Test {
   std::string run(const Format& f, const std::vector<Col>& cols, const Rows& rows, uint32_t options,
                   const std::string& leaf = "OUT.DAT", int32_t declared_rows = -1) {
     const std::string file = path(leaf);
-    ExportState* h = f.begin(heap_, 0, file.c_str(),
-                             declared_rows >= 0 ? declared_rows : static_cast<int32_t>(rows.size()),
-                             static_cast<int32_t>(cols.size()), options);
+    ExportState* h = f.begin(heap_, 0, file.c_str(), declared_rows >= 0 ? declared_rows : int32_t(rows.size()),
+                             int32_t(cols.size()), options);
     EXPECT_NE(h, nullptr) << f.name;
     if (h == nullptr) return {};
     for (const Col& c : cols) EXPECT_EQ(f.column(h, c.name.c_str(), c.width, c.type), 1) << f.name;
@@ -124,8 +102,7 @@ class ExportTest : public ::testing::Test {
     if (const auto* s = std::get_if<std::string>(&cell)) return f.item(h, s->c_str());
     if (const auto* d = std::get_if<double>(&cell)) return f.item(h, d);
     if (const auto* d = std::get_if<Dec>(&cell)) {
-      SHDEC v;
-      std::memset(&v, 0, sizeof v);
+      SHDEC v{};
       EXPECT_NE(ConvAsciiToDecimal(&v, d->text.c_str()), nullptr) << d->text;
       return f.item(h, &v);
     }
@@ -138,8 +115,7 @@ class ExportTest : public ::testing::Test {
   }
   size_t live_blocks() const {
     ZBSTG_STAT st{};
-    zbstg_stat(heap_, &st);
-    return st.live_blocks;
+    return zbstg_stat(heap_, &st), st.live_blocks;
   }
 
   ZBSTG_HEAP heap_ = nullptr;

@@ -12,8 +12,7 @@ namespace {
 
 using Bytes = std::vector<int>;
 
-// Compiles into a generous buffer and returns the units up to and including
-// the final END and zero.
+// The compiled units up to and including the final END and zero.
 Bytes compiled(const char* pattern) {
   unsigned char buf[1024];
   std::memset(buf, 0xEE, sizeof buf);
@@ -21,10 +20,7 @@ Bytes compiled(const char* pattern) {
   Bytes out;
   for (size_t i = 0; i + 1 < sizeof buf; ++i) {
     out.push_back(buf[i]);
-    if (buf[i] == 11 && buf[i + 1] == 0 && buf[i + 2] == 0xEE) {
-      out.push_back(0);
-      break;
-    }
+    if (i > 0 && buf[i - 1] == 11 && buf[i] == 0 && buf[i + 1] == 0xEE) break;
   }
   return out;
 }
@@ -35,157 +31,95 @@ int32_t count(const char* pattern, const char* text) {
   return shregExprMatch(text, buf);
 }
 
-int32_t cmpl_error(const char* pattern, int32_t size = 1024) {
-  std::vector<unsigned char> buf(size > 0 ? size : 1);
-  return shregExprCmpl(buf.data(), pattern, size);
+TEST(FormatPatternCompile, ExactBytes) {
+  const struct {
+    uint32_t codepage;
+    const char* pattern;
+    Bytes want;
+  } rows[] = {
+      {1252, "ab", {1, 'a', 1, 'b', 11, 0}}, {1252, "^a.$", {2, 1, 'a', 4, 3, 11, 0}},
+      {1252, "a*", {7, 1, 'a', 11, 11, 0}}, {1252, "x.+y?", {1, 'x', 8, 4, 11, 9, 1, 'y', 11, 11, 0}},
+      {1252, "[a-c]+", {8, 5, 4, 10, 'a', 'c', 11, 11, 0}}, {1252, "[^xy]", {6, 3, 'x', 'y', 11, 0}},
+      {1252, "[]", {5, 1, 11, 0}}, {1252, "[^]", {6, 1, 11, 0}},
+      {1252, "a^b$c", {1, 'a', 2, 1, 'b', 3, 1, 'c', 11, 0}},  // '^' and '$' compile wherever they stand
+      {1252, "\\*a\\", {1, '*', 1, 'a', 1, '\\', 11, 0}},   // a trailing backslash stands for itself
+      {1252, "ab*c", {1, 'a', 7, 1, 'b', 11, 1, 'c', 11, 0}},  // the closure takes the last item only
+      // '-' first, after a completed range and before ']' is a plain member
+      {1252, "[-a]", {5, 3, '-', 'a', 11, 0}}, {1252, "[a-c-e]", {5, 6, 10, 'a', 'c', '-', 'e', 11, 0}},
+      {1252, "[a-]", {5, 3, 'a', '-', 11, 0}},
+      // escapes inside a set; the character after a range's '-' is taken as is
+      {1252, "[\\]\\\\]", {5, 3, ']', '\\', 11, 0}}, {1252, "[!-\\]", {5, 4, 10, '!', '\\', 11, 0}},
+      {1252, "[\\--0]", {5, 4, 10, '-', '0', 11, 0}}, {1252, "[\xE0-\xFF]", {5, 4, 10, 0xE0, 0xFF, 11, 0}},
+      {1252, "\x82*", {7, 1, 0x82, 11, 11, 0}},  // single-byte: the '*' after 0x82 is a closure
+      // double-byte: two CHARs even when the trail byte is a metacharacter; a closure takes the trail byte
+      {932, "\x82\x2A", {1, 0x82, 1, 0x2A, 11, 0}}, {932, "\xB1", {1, 0xB1, 11, 0}},
+      {932, "\x82\xA0*", {1, 0x82, 7, 1, 0xA0, 11, 11, 0}},
+      {932, "\\\x82\x2A", {1, 0x82, 1, 0x2A, 11, 0}},  // escaped or inside a set both bytes stay together
+      {932, "[\x82\x5D]", {5, 3, 0x82, 0x5D, 11, 0}}, {932, "[\x82-a]", {5, 4, 0x82, '-', 'a', 11, 0}},
+  };
+  for (const auto& r : rows) {
+    const uint32_t old = zbshr_set_codepage(r.codepage);
+    EXPECT_EQ(compiled(r.pattern), r.want) << r.pattern;
+    zbshr_set_codepage(old);
+  }
 }
 
-TEST(FormatPatternCompile, OpcodesAndOperands) {
-  EXPECT_EQ(compiled("ab"), (Bytes{1, 'a', 1, 'b', 11, 0}));
-  EXPECT_EQ(compiled("^a.$"), (Bytes{2, 1, 'a', 4, 3, 11, 0}));
-  EXPECT_EQ(compiled("a*"), (Bytes{7, 1, 'a', 11, 11, 0}));
-  EXPECT_EQ(compiled("x.+y?"), (Bytes{1, 'x', 8, 4, 11, 9, 1, 'y', 11, 11, 0}));
-  EXPECT_EQ(compiled("[a-c]+"), (Bytes{8, 5, 4, 10, 'a', 'c', 11, 11, 0}));
-  EXPECT_EQ(compiled("[^xy]"), (Bytes{6, 3, 'x', 'y', 11, 0}));
-  EXPECT_EQ(compiled("[]"), (Bytes{5, 1, 11, 0}));
-  EXPECT_EQ(compiled("[^]"), (Bytes{6, 1, 11, 0}));
-  // '^' and '$' compile wherever they stand.
-  EXPECT_EQ(compiled("a^b$c"), (Bytes{1, 'a', 2, 1, 'b', 3, 1, 'c', 11, 0}));
-  // Escapes: a literal star, and a trailing backslash stands for itself.
-  EXPECT_EQ(compiled("\\*a\\"), (Bytes{1, '*', 1, 'a', 1, '\\', 11, 0}));
-  // The closure applies only to the last item.
-  EXPECT_EQ(compiled("ab*c"), (Bytes{1, 'a', 7, 1, 'b', 11, 1, 'c', 11, 0}));
-}
-
-TEST(FormatPatternCompile, SetMembers) {
-  // '-' first, after a completed range and before ']' is a plain member.
-  EXPECT_EQ(compiled("[-a]"), (Bytes{5, 3, '-', 'a', 11, 0}));
-  EXPECT_EQ(compiled("[a-c-e]"), (Bytes{5, 6, 10, 'a', 'c', '-', 'e', 11, 0}));
-  EXPECT_EQ(compiled("[a-]"), (Bytes{5, 3, 'a', '-', 11, 0}));
-  // Escapes inside a set; the character after a range's '-' is taken as is.
-  EXPECT_EQ(compiled("[\\]\\\\]"), (Bytes{5, 3, ']', '\\', 11, 0}));
-  EXPECT_EQ(compiled("[!-\\]"), (Bytes{5, 4, 10, '!', '\\', 11, 0}));
-  EXPECT_EQ(compiled("[\\--0]"), (Bytes{5, 4, 10, '-', '0', 11, 0}));
-  // High bytes are stored as they are.
-  EXPECT_EQ(compiled("[\xE0-\xFF]"), (Bytes{5, 4, 10, 0xE0, 0xFF, 11, 0}));
-}
-
-TEST(FormatPatternCompile, DoubleByteCharacters) {
-  uint32_t old = zbshr_set_codepage(932);
-  // Lead byte and trail byte: two CHARs, even when the trail byte is a
-  // metacharacter; a half-width character is one CHAR.
-  EXPECT_EQ(compiled("\x82\x2A"), (Bytes{1, 0x82, 1, 0x2A, 11, 0}));
-  EXPECT_EQ(compiled("\xB1"), (Bytes{1, 0xB1, 11, 0}));
-  // A closure after a double-byte character applies to its trail byte.
-  EXPECT_EQ(compiled("\x82\xA0*"), (Bytes{1, 0x82, 7, 1, 0xA0, 11, 11, 0}));
-  // Escaped, or inside a set, both bytes stay together.
-  EXPECT_EQ(compiled("\\\x82\x2A"), (Bytes{1, 0x82, 1, 0x2A, 11, 0}));
-  EXPECT_EQ(compiled("[\x82\x5D]"), (Bytes{5, 3, 0x82, 0x5D, 11, 0}));
-  EXPECT_EQ(compiled("[\x82-a]"), (Bytes{5, 4, 0x82, '-', 'a', 11, 0}));
-  zbshr_set_codepage(1252);
-  // In a single-byte code page the '*' after 0x82 is a closure.
-  EXPECT_EQ(compiled("\x82*"), (Bytes{7, 1, 0x82, 11, 11, 0}));
-  zbshr_set_codepage(old);
-}
-
-TEST(FormatPatternCompile, Errors) {
-  EXPECT_EQ(cmpl_error("*a"), 5);
-  EXPECT_EQ(cmpl_error("+"), 5);
-  EXPECT_EQ(cmpl_error("^*"), 5);
-  EXPECT_EQ(cmpl_error("a$?"), 5);
-  EXPECT_EQ(cmpl_error("a**"), 5);
-  EXPECT_EQ(cmpl_error("[abc"), 2);
-  EXPECT_EQ(cmpl_error("[^"), 2);
-  EXPECT_EQ(cmpl_error("[ab\\"), 2);
-  EXPECT_EQ(cmpl_error("[a-"), 2);
-  EXPECT_EQ(cmpl_error("[]]"), 0);  // "[]" then a literal ']'
-  // A set of 254 members is the longest (length unit 255).
-  std::string ok = "[" + std::string(254, 'x') + "]";
-  EXPECT_EQ(cmpl_error(ok.c_str()), 0);
-  std::string too_long = "[" + std::string(255, 'x') + "]";
-  EXPECT_EQ(cmpl_error(too_long.c_str()), 3);
-  // Ranges count three units each.
+TEST(FormatPatternCompile, ErrorsAndExactBufferSizes) {
   std::string ranges;
-  for (int i = 0; i < 85; ++i) ranges += "a-z";
-  EXPECT_EQ(cmpl_error(("[" + ranges + "]").c_str()), 3);
-  EXPECT_EQ(cmpl_error(("[" + ranges.substr(3) + "]").c_str()), 0);
-}
-
-TEST(FormatPatternCompile, BufferSizeIsExact) {
-  // "a" needs CHAR a END 0: four bytes.
-  EXPECT_EQ(cmpl_error("a", 4), 0);
-  EXPECT_EQ(cmpl_error("a", 3), 1);
-  EXPECT_EQ(cmpl_error("ab", 6), 0);
-  EXPECT_EQ(cmpl_error("ab", 5), 1);
-  EXPECT_EQ(cmpl_error("a*", 6), 0);
-  EXPECT_EQ(cmpl_error("a*", 5), 1);
-  EXPECT_EQ(cmpl_error("[ab]", 6), 0);
-  EXPECT_EQ(cmpl_error("[ab]", 5), 1);
-  EXPECT_EQ(cmpl_error("", 2), 0);
-  EXPECT_EQ(cmpl_error("", 1), 1);
-  EXPECT_EQ(cmpl_error("", 0), 1);
-  // Nothing is written past the size given.
+  for (int i = 0; i < 85; ++i) ranges += "a-z";  // three units each
+  const struct {
+    std::string pattern;
+    int32_t size, code;
+  } rows[] = {
+      {"*a", 1024, 5}, {"+", 1024, 5}, {"^*", 1024, 5}, {"a$?", 1024, 5}, {"a**", 1024, 5},
+      {"[abc", 1024, 2}, {"[^", 1024, 2}, {"[ab\\", 1024, 2}, {"[a-", 1024, 2},
+      {"[]]", 1024, 0},  // "[]" then a literal ']'
+      {"[" + std::string(254, 'x') + "]", 1024, 0}, {"[" + std::string(255, 'x') + "]", 1024, 3},
+      {"[" + ranges + "]", 1024, 3}, {"[" + ranges.substr(3) + "]", 1024, 0},
+      {"a", 4, 0}, {"a", 3, 1}, {"ab", 6, 0}, {"ab", 5, 1}, {"a*", 6, 0}, {"a*", 5, 1},
+      {"[ab]", 6, 0}, {"[ab]", 5, 1}, {"", 2, 0}, {"", 1, 1}, {"", 0, 1},
+  };
+  for (const auto& r : rows) {
+    std::vector<unsigned char> buf(static_cast<size_t>(r.size) + 8, 0xEE);
+    EXPECT_EQ(shregExprCmpl(buf.data(), r.pattern.c_str(), r.size), r.code) << r.pattern << " " << r.size;
+    for (size_t i = static_cast<size_t>(r.size); i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xEE) << "past the size";
+  }
   unsigned char buf[16];
-  std::memset(buf, 0xEE, sizeof buf);
-  EXPECT_EQ(shregExprCmpl(buf, "abcdef", 8), 1);
-  for (int i = 8; i < 16; ++i) EXPECT_EQ(buf[i], 0xEE);
+  ASSERT_EQ(shregExprCmpl(buf, "a", sizeof buf), 0);
+  EXPECT_TRUE(shregExprMatch(nullptr, buf) == 0 && shregExprMatch("a", nullptr) == 0);
+  EXPECT_EQ(shregExprCmpl(nullptr, "a", 16), 1);
 }
 
 // The common cases are compared with a plain backtracking matcher on random
 // patterns below; these are the ones it does not draw.
 TEST(FormatPatternMatch, Counts) {
-  EXPECT_EQ(count("a*", "bbb"), 1);  // the empty match at the start, then stop
-  EXPECT_EQ(count("[a-c]+", "xabcx"), 1);
-  EXPECT_EQ(count("x.*y", "axbyxcyd"), 1);   // greedy to the last y
-  EXPECT_EQ(count("x.*y", "xbx"), 0);
-  EXPECT_EQ(count("$", "abc"), 0);         // no start position at the end
-  EXPECT_EQ(count("[]", "abc"), 0);        // an empty set never matches
-  EXPECT_EQ(count("[^]", "abc"), 3);       // an empty negated set always does
-  EXPECT_EQ(count("a+a", "a"), 1);         // PLUS may give back its one match
-  EXPECT_EQ(count("abcdefghijklmnopqrst", "xxabcdefghijklmnopqrstabcdefghijklmnopqrs"), 1);
-  EXPECT_EQ(count("a*b*c*d*e*f*g*h*i*j*k*l*m*n*x", "abcdefghijklmnx--ax"), 2);
+  const char after_nul[] = {'a', '\0', 'a', 'a', '\0'};  // the terminator is never consumed
+  // One stack frame per character would overflow; a plain backtracking
+  // search would take polynomial time over chains of closures.
+  const std::string big(2 << 20, 'a'), ab = big + "b", as(1 << 20, 'a');
+  const struct {
+    const char *pattern, *text;
+    int32_t count;
+  } rows[] = {
+      {"a*", "bbb", 1},  // the empty match at the start, then stop
+      {"[a-c]+", "xabcx", 1}, {"x.*y", "axbyxcyd", 1}, {"x.*y", "xbx", 0},
+      {"$", "abc", 0},  // no start position at the end
+      {"[]", "abc", 0}, {"[^]", "abc", 3}, {"a+a", "a", 1},  // PLUS may give back its one match
+      {"abcdefghijklmnopqrst", "xxabcdefghijklmnopqrstabcdefghijklmnopqrs", 1},
+      {"a*b*c*d*e*f*g*h*i*j*k*l*m*n*x", "abcdefghijklmnx--ax", 2},
+      {"[\x80-\xFF]", "a\x80\xC3\xFFz", 3}, {"[a-\xFF]+", "AB\x7F\x90q", 1},  // unsigned bytes
+      {"[^\x80-\xFF]", "a\x80\xC3\xFFz", 2},
+      {"[\n]", "a\nb", 0},  // one member of value 10 reads as RANGE END..0: nothing
+      {"[\nab]", "abc", 2},  // RANGE a..b
+      {"a", after_nul, 1}, {".", after_nul, 1}, {"[^b]", after_nul, 1}, {"a.", after_nul, 0}, {"a[^x]", after_nul, 0},
+      {"a*", big.c_str(), 1}, {".*b", big.c_str(), 0}, {"a+b", ab.c_str(), 1}, {".*b", ab.c_str(), 1},
+      {"a?b", ab.c_str(), 1}, {"a*a*a*a*a*a*a*b", as.c_str(), 0}, {".*.*.*.*x", as.c_str(), 0},
+      {"a+a+a+a+b", as.c_str(), 0}, {"[ab]*a*[ab]*c", as.c_str(), 0}, {"a*a*a*", as.c_str(), 1},
+  };
+  for (const auto& r : rows) EXPECT_EQ(count(r.pattern, r.text), r.count) << r.pattern;
 }
 
-TEST(FormatPatternMatch, HighBytesCompareUnsigned) {
-  EXPECT_EQ(count("[\x80-\xFF]", "a\x80\xC3\xFFz"), 3);
-  EXPECT_EQ(count("[a-\xFF]+", "AB\x7F\x90q"), 1);
-  EXPECT_EQ(count("[^\x80-\xFF]", "a\x80\xC3\xFFz"), 2);
-}
-
-TEST(FormatPatternMatch, LineFeedInSetReadsAsRange) {
-  // [\n] holds one member of value 10, read as RANGE END..0: matches nothing.
-  EXPECT_EQ(count("[\n]", "a\nb"), 0);
-  // [\nab]: RANGE a..b.
-  EXPECT_EQ(count("[\nab]", "abc"), 2);
-}
-
-TEST(FormatPatternMatch, TerminatorIsNeverConsumed) {
-  // A text whose terminator is followed by bytes that would match.
-  const char text[] = {'a', '\0', 'a', 'a', '\0'};
-  EXPECT_EQ(count("a", text), 1);
-  EXPECT_EQ(count(".", text), 1);
-  EXPECT_EQ(count("[^b]", text), 1);
-  EXPECT_EQ(count("a.", text), 0);
-  EXPECT_EQ(count("a[^x]", text), 0);
-}
-
-TEST(FormatPatternMatch, LongTextsAndDeepPatternsDoNotExhaustTheStack) {
-  std::string big(2 << 20, 'a');  // one stack frame per character would overflow
-  EXPECT_EQ(count("a*", big.c_str()), 1);
-  EXPECT_EQ(count(".*b", big.c_str()), 0);
-  big.back() = 'b';
-  EXPECT_EQ(count("a+b", big.c_str()), 1);
-  EXPECT_EQ(count(".*b", big.c_str()), 1);
-  EXPECT_EQ(count("a?b", big.c_str()), 1);
-  // Chains of closures that a plain backtracking search would take
-  // polynomial time over.
-  std::string as(1 << 20, 'a');
-  EXPECT_EQ(count("a*a*a*a*a*a*a*b", as.c_str()), 0);
-  EXPECT_EQ(count(".*.*.*.*x", as.c_str()), 0);
-  EXPECT_EQ(count("a+a+a+a+b", as.c_str()), 0);
-  EXPECT_EQ(count("[ab]*a*[ab]*c", as.c_str()), 0);
-  EXPECT_EQ(count("a*a*a*", as.c_str()), 1);
-
+TEST(FormatPatternMatch, DeepPatternsDoNotExhaustTheStack) {
   // Hundreds of thousands of closures: the depth of a pattern costs heap, not
   // machine stack (one level per closure would overflow an 8 MB stack).
   for (const char* closure : {"a?", "a*"}) {
@@ -198,14 +132,6 @@ TEST(FormatPatternMatch, LongTextsAndDeepPatternsDoNotExhaustTheStack) {
     EXPECT_EQ(shregExprMatch("aaaa", buf.data()), 0) << closure;
     EXPECT_EQ(shregExprMatch("xbab", buf.data()), 2) << closure;
   }
-}
-
-TEST(FormatPatternMatch, NullArguments) {
-  unsigned char buf[16];
-  ASSERT_EQ(shregExprCmpl(buf, "a", sizeof buf), 0);
-  EXPECT_EQ(shregExprMatch(nullptr, buf), 0);
-  EXPECT_EQ(shregExprMatch("a", nullptr), 0);
-  EXPECT_EQ(shregExprCmpl(nullptr, "a", 16), 1);
 }
 
 TEST(FormatPatternWide, CompileAndMatch) {

@@ -1,21 +1,20 @@
-// Test fixture that runs a test under given regional settings: it writes the
-// [intl] section of the system profile in a configuration folder of its own
-// (tests may run in parallel processes) and makes the library read it again.
+// Runs a test under given regional settings: the [intl] section of the
+// system profile in a configuration folder of its own (tests may run in
+// parallel processes), read again by the library after each change.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "zbshr/memory.h"
 
-// The system profile's file name in ZBSHR_HOME: Windows maps any file named
-// win.ini onto the registry, so the library's sandbox uses another name there.
+// Windows maps any file named win.ini onto the registry: the library's sandbox uses another name there.
 #if defined(_WIN32)
 #define ZBTEST_SYSTEM_PROFILE "zbshr-system.ini"
 #else
@@ -26,12 +25,9 @@ class Regional : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* home = std::getenv("ZBSHR_HOME");
-    if (home != nullptr) saved_home_ = home;
-    had_home_ = home != nullptr;
-    const std::filesystem::path base =
-        (home != nullptr && *home != '\0') ? std::filesystem::path(home)
-                                           : std::filesystem::temp_directory_path();
-    dir_ = (base / ("format-regional-" + std::to_string(getpid()))).string();
+    saved_home_ = home ? std::optional<std::string>(home) : std::nullopt;
+    dir_ = (((home && *home) ? std::filesystem::path(home) : std::filesystem::temp_directory_path()) /
+            ("format-regional-" + std::to_string(getpid()))).string();
     std::filesystem::create_directories(dir_);
     setenv("ZBSHR_HOME", dir_.c_str(), 1);
     use("");
@@ -39,21 +35,14 @@ class Regional : public ::testing::Test {
   void TearDown() override {
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
-    if (had_home_)
-      setenv("ZBSHR_HOME", saved_home_.c_str(), 1);
-    else
-      unsetenv("ZBSHR_HOME");
+    saved_home_ ? setenv("ZBSHR_HOME", saved_home_->c_str(), 1) : unsetenv("ZBSHR_HOME");
     zbshr_intl();
   }
   // Replaces the [intl] section with the given "key=value" lines.
   void use(const std::string& lines) {
-    {
-      std::ofstream f(dir_ + "/" ZBTEST_SYSTEM_PROFILE, std::ios::binary | std::ios::trunc);
-      f << "[intl]\n" << lines;
-    }
+    std::ofstream(dir_ + "/" ZBTEST_SYSTEM_PROFILE, std::ios::binary | std::ios::trunc) << "[intl]\n" << lines;
     zbshr_intl();
   }
   std::string dir_;
-  std::string saved_home_;
-  bool had_home_ = false;
+  std::optional<std::string> saved_home_;
 };
