@@ -36,12 +36,7 @@ TEST_F(Cli, EveryActionDoesWhatItSays) {
   const std::string data = pattern(20000, 11);
   spit(path("in.bin"), std::vector<uint8_t>(data.begin(), data.end()));
   // {arguments, standard input, exit status, text expected in stdout}
-  struct Step {
-    std::vector<std::string> args;
-    std::string input;
-    int code;
-    std::string out;
-  } steps[] = {
+  const std::tuple<std::vector<std::string>, std::string, int, std::string> steps[] = {
       {{"create", "@proj.zbl", "--comment", "a project"}, "", 0, ""},
       {{"put", "@proj.zbl", "W_Main", "@in.bin", "--comment", "main window"}, "", 0, ""},
       {{"put", "--comment", "menu", "@proj.zbl", "m_menu", "-"}, "menu source", 0, ""},  // options anywhere
@@ -86,18 +81,14 @@ TEST_F(Cli, EveryActionDoesWhatItSays) {
       {{"compact", "@proj.zbl"}, "", 0, "2 entries kept"},
       {{"cat", "@proj.zbl", "w_main"}, "", 0, ""},
   };
-  for (const auto& s : steps) {
-    SCOPED_TRACE(testing::PrintToString(s.args));
-    ASSERT_EQ(lib(s.args, s.input), s.code) << what();
+  for (const auto& [args, input, code, out] : steps) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    ASSERT_EQ(lib(args, input), code) << what();
     // A failure says why; no progress text when standard error is not a terminal.
-    EXPECT_EQ(last.err.empty(), s.code == 0) << what();
-    EXPECT_NE(last.out.find(s.out), std::string::npos) << what();
-    if (std::count(s.args.begin(), s.args.end(), "--json")) {
-      EXPECT_TRUE(nlohmann::json::accept(last.out)) << what();
-    }
-    if (s.args[0] == "checkouts" && s.out.empty()) {
-      EXPECT_EQ(last.out, "");
-    }
+    EXPECT_EQ(last.err.empty(), code == 0) << what();
+    EXPECT_NE(last.out.find(out), std::string::npos) << what();
+    EXPECT_TRUE(!std::count(args.begin(), args.end(), "--json") || nlohmann::json::accept(last.out)) << what();
+    EXPECT_TRUE(args[0] != "checkouts" || !out.empty() || last.out.empty()) << what();
   }
   EXPECT_TRUE(last.out == data) << "the entry survives copy, check-out, check-in and compaction";
   EXPECT_EQ(zbtest::run_program({ZBSHR_CLI, "--version"}).out.rfind("zbshr " + std::string(zbshr_version()), 0), 0u);
@@ -130,11 +121,7 @@ TEST_F(Cli, BadInputsFailWithTheReasonAndChangeNothing) {
   fs::create_directories(path("adir"));
   spit(path("text.zbl"), Bytes(4096, 'x'));
   // {arguments, exit status, text expected on standard error}
-  const struct {
-    std::vector<std::string> args;
-    int code;
-    std::string err;
-  } cases[] = {
+  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
       {{"put", "@p.zbl", "keep", "@adir"}, 1, "Is a directory"},
       {{"put", "@p.zbl", "keep", "@missing.bin"}, 1, "No such file or directory"},
       {{"put", "@p.zbl", "", "-"}, 2, "entry names cannot be empty"},
@@ -155,9 +142,9 @@ TEST_F(Cli, BadInputsFailWithTheReasonAndChangeNothing) {
     EXPECT_EQ(std::count(last.err.begin(), last.err.end(), '\n'), 1) << "one line, one hint";
     EXPECT_LE(std::count(last.out.begin(), last.out.end(), '\n'), 1) << what();  // a heading at most
   };
-  for (const auto& c : cases) {
-    fails(c.args, c.code);
-    EXPECT_NE(last.err.find(c.err), std::string::npos) << what();
+  for (const auto& [args, code, err] : cases) {
+    fails(args, code);
+    EXPECT_NE(last.err.find(err), std::string::npos) << what();
   }
   const std::vector<std::vector<std::string>> actions = {
       {"ls", "L"}, {"cat", "L", "e"}, {"put", "L", "e", "-"}, {"rm", "L", "e"}, {"cp", "L", "e", "f"},

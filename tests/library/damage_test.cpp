@@ -44,12 +44,7 @@ class Damage : public LibTest {
 // Damage in the record or chain of "a": reading and deleting "a" fail, a
 // failed delete frees nothing, and "b" stays readable.
 TEST_F(Damage, BrokenChainsAreRefusedAndNothingIsFreed) {
-  const struct {
-    const char* what;
-    size_t at;
-    uint32_t value;
-    int width;
-  } cases[] = {
+  const std::tuple<const char*, size_t, uint32_t, int> cases[] = {  // {what, offset, value (0: the file size), width}
       {"data chain cycle: block 9 back to 8", 4096 + 512 + 4, 4096, 4},
       {"first block far outside the file", kA + 8, 0x7FFFFE00u, 4},
       {"first block inside the fixed area", kA + 8, 1024, 4},
@@ -59,31 +54,23 @@ TEST_F(Damage, BrokenChainsAreRefusedAndNothingIsFreed) {
       {"comment longer than the data", kA + 20, 2000, 2},
       {"blocks in use marked free", 521, 0, 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (auto [what, at, value, width] : cases) {
     build();
-    patch(c.at, c.value ? c.value : uint32_t(bytes.size()), c.width);
-    if (c.at != 521) {
-      EXPECT_EQ(readRc("a"), LMI_E_DAMAGED);  // those blocks still read
+    patch(at, value ? value : uint32_t(bytes.size()), width);
+    EXPECT_EQ(readRc("a"), at == 521 ? 0 : LMI_E_DAMAGED) << what;  // blocks marked free still read
+    if (at != kA + 20) {
+      EXPECT_EQ(call([](LMI_HANDLE h) { return LMI_DeleteEntry(h, S("a")); }, 2), LMI_E_DAMAGED) << what;
+      EXPECT_EQ(slurp(lib), bytes) << what;
     }
-    if (c.at != kA + 20) {
-      EXPECT_EQ(call([](LMI_HANDLE h) { return LMI_DeleteEntry(h, S("a")); }, 2), LMI_E_DAMAGED);
-      EXPECT_EQ(slurp(lib), bytes);
-    }
-    EXPECT_EQ(state(lib).entries["b"].data, pattern(600, 2));
+    EXPECT_EQ(state(lib).entries["b"].data, pattern(600, 2)) << what;
   }
 }
 
 // Pointers of the directory and the bitmap chain into the wrong places.
 TEST_F(Damage, BadLinksAreRefused) {
   const auto bitmapTo = [](uint32_t at) { return [at](Damage& t) { t.patch(512 + 4, at); }; };
-  const struct {
-    const char* what;
-    int extra;
-    std::function<void(Damage&)> damage;
-    const char* name;
-    int32_t exists, write, list;
-  } cases[] = {
+  // {what, extra entries, damage, name looked up, exists, write, list}
+  const std::tuple<const char*, int, std::function<void(Damage&)>, const char*, int32_t, int32_t, int32_t> cases[] = {
       {"record running past its node", 0, [](Damage& t) { t.patch(kB + 22, 4000, 2); }, "a", LMI_E_DAMAGED, LMI_E_DAMAGED, LMI_E_DAMAGED},
       // found before the bad pointer is followed
       {"child pointer to the root", 0, [](Damage& t) { t.patch(1024 + 12, 1024); }, "a", 0, LMI_E_DAMAGED, LMI_E_DAMAGED},
@@ -93,20 +80,16 @@ TEST_F(Damage, BadLinksAreRefused) {
       {"bitmap link to a data block", 0, bitmapTo(4096 + 5 * 512), "b", 0, LMI_E_DAMAGED, 0},
       {"bitmap naming itself", 0, bitmapTo(512), "b", 0, LMI_E_DAMAGED, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    build(c.extra);
-    if (c.extra) {
-      ASSERT_NE(le32(bytes, 1024 + 12), 0u);
-    }
-    c.damage(*this);
-    EXPECT_EQ(exists(c.name), c.exists);
-    if (c.exists == 0) {
-      EXPECT_EQ(readRc("b"), 0);  // reading needs no bitmap
-    }
-    EXPECT_EQ(call([&](LMI_HANDLE h) { return put(h, "zz", "new"); }, 2), c.write);
+  for (const auto& [what, extra, damage, name, exists_, write, list] : cases) {
+    SCOPED_TRACE(what);
+    build(extra);
+    ASSERT_TRUE(!extra || le32(bytes, 1024 + 12));
+    damage(*this);
+    EXPECT_EQ(exists(name), exists_);
+    EXPECT_TRUE(exists_ || readRc("b") == 0);  // reading needs no bitmap
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return put(h, "zz", "new"); }, 2), write);
     std::vector<std::string> names;
-    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_ListEntries(h, S(".*"), collectName, &names); }), c.list);
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_ListEntries(h, S(".*"), collectName, &names); }), list);
   }
 }
 

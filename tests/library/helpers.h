@@ -91,16 +91,13 @@ inline int32_t ZBSHR_CALL collectCheckout(LMI_CHECKOUTINFO* i, void* ctx) {
 
 // Reads a whole entry of an open library; the error code goes to *rc.
 inline std::string readEntry(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) {
-  int32_t r = LMI_OpenEntry(h, S(name), 1, nullptr);
+  int32_t r = LMI_OpenEntry(h, S(name), 1, nullptr), got = 0;
   std::string out;
-  for (char buf[8192]; r == 0;) {
-    int32_t got = LMI_ReadEntry(h, buf, sizeof buf);
-    if (got <= 0) {
-      LMI_CloseEntry(h);
-      r = got < 0 ? got : 0;
-      break;
-    }
-    out.append(buf, size_t(got));
+  char buf[8192];
+  while (r == 0 && (got = LMI_ReadEntry(h, buf, sizeof buf)) > 0) out.append(buf, size_t(got));
+  if (r == 0) {
+    LMI_CloseEntry(h);
+    r = got;
   }
   if (rc) *rc = r;
   return out;
@@ -132,14 +129,11 @@ inline LibState snapshot(ZBSTG_HEAP heap, const std::string& file, bool times = 
   return st;
 }
 
-// Where the tests make their libraries: a memory file system when there is
-// one, since every change ends with syncs that a disk makes slow (the crash
-// tests end processes instead of relying on the disk). ZBSHR_TEST_ON_DISK=1
-// keeps them in the temporary folder.
+// Libraries live in memory where possible (each change ends with syncs);
+// ZBSHR_TEST_ON_DISK=1 keeps them in the temporary folder.
 inline fs::path scratchRoot() {
 #ifndef _WIN32
-  std::error_code ec;
-  if (!std::getenv("ZBSHR_TEST_ON_DISK") && fs::is_directory("/dev/shm", ec)) return "/dev/shm";
+  if (!std::getenv("ZBSHR_TEST_ON_DISK") && fs::is_directory("/dev/shm")) return "/dev/shm";
 #endif
   return fs::temp_directory_path();
 }
@@ -152,9 +146,7 @@ class LibTest : public ::testing::Test {
   void SetUp() override {
     heap = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    static const std::string tag = std::to_string(std::random_device{}() % 1000000000u);
-    dir = (scratchRoot() / "zbshr-lib-tests" / (std::string(info->test_suite_name()) + "." + info->name() + "-" + tag))
-              .string();
+    dir = (scratchRoot() / "zbshr-lib-tests" / (std::string(info->name()) + std::to_string(std::random_device{}()))).string();
     // Library paths are folded to lower case; keep the folder lower case too.
     for (auto& c : dir) c = char(std::tolower(static_cast<unsigned char>(c)));
     fs::remove_all(dir);
@@ -182,7 +174,7 @@ class LibTest : public ::testing::Test {
     return LMI_CloseEntry(h);
   }
   std::string get(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) { return readEntry(h, name, rc); }
-  // Opens the library for writing, runs f on the handle and closes it; f's result.
+  // Runs f on the library opened in `mode` and closes it; f's result.
   template <class F>
   int32_t with(const std::string& p, F f, int mode = 2) {
     LMI_HANDLE h = open(p, mode);
@@ -194,10 +186,8 @@ class LibTest : public ::testing::Test {
   LibState state(const std::string& p, bool times = false) { return snapshot(heap, p, times); }
   std::vector<std::string> problems(LMI_HANDLE h) { return zbshr::lm::verify(zbshr::lm::library_of(h)).problems; }
   std::vector<std::string> verifyFile(const std::string& p) {
-    LMI_HANDLE h = open(p, 1);
-    if (!h) return {"cannot open"};
-    auto r = problems(h);
-    LMI_CloseLibrary(h);
+    std::vector<std::string> r{"cannot open"};
+    with(p, [&](LMI_HANDLE h) { return (r = problems(h)), 0; }, 1);
     return r;
   }
 };

@@ -1,6 +1,6 @@
-// Randomized operations applied both to a library and to an in-memory model;
-// after every step the library must hold exactly the model's entries and
-// pass the checker.
+// Random operations applied both to a library and to an in-memory model;
+// after every step the library must list exactly the model's entries (and,
+// every fullEvery steps, hold their bytes) and pass the checker.
 #include "helpers.h"
 
 using namespace lmtest;
@@ -35,16 +35,12 @@ class Model_ : public LibTest {
   }
   std::string anyName() { return pool[rnd(uint32_t(pool.size()))]; }
   std::string existing() { return std::next(model.begin(), rnd(uint32_t(model.size())))->first; }
-  void closeLib() {
+  // Closes the library (as a host does before a move or copy) and opens it again unless `only`.
+  void reopen(bool only = false) {
     if (h) {
       ASSERT_EQ(LMI_CloseLibrary(h), 0);
     }
-    h = nullptr;
-  }
-  void reopen() {
-    closeLib();
-    h = open(lib, 2, rnd(3) == 0 ? 512 + int(rnd(63488)) : 0);
-    ASSERT_NE(h, nullptr);
+    h = only ? nullptr : open(lib, 2, rnd(3) == 0 ? 512 + int(rnd(63488)) : 0);
   }
   // The entry `from` copied to `to` in the model: a copy without a comment keeps the target's.
   void copyInModel(const std::string& from, const std::string& to) {
@@ -53,8 +49,6 @@ class Model_ : public LibTest {
     model[to] = e;
   }
   void check(bool bytes) {
-    bool own = !h;
-    if (own) h = open(lib, 1);
     ASSERT_NE(h, nullptr);
     auto probs = problems(h);
     ASSERT_TRUE(probs.empty()) << probs[0];
@@ -62,12 +56,7 @@ class Model_ : public LibTest {
     ASSERT_EQ(LMI_ListEntriesExtended(h, S(".*"), collectEx, &listed), 0);
     for (auto& [name, e] : model) want[name] = {std::to_string(e.data.size()), e.comment};
     ASSERT_EQ(listed, want);
-    for (auto& [name, e] : model) {
-      if (bytes) {
-        ASSERT_EQ(get(h, name), e.data) << name;
-      }
-    }
-    if (own) closeLib();
+    for (auto& [name, e] : model) ASSERT_TRUE(!bytes || get(h, name) == e.data) << name;
     maxSize = std::max<uint64_t>(maxSize, fs::file_size(lib));
   }
   size_t randomSize(size_t big) {
@@ -76,16 +65,15 @@ class Model_ : public LibTest {
     if (r % 3 == 1) return 502 * (1 + rnd(6)) + rnd(3) - 1;
     return r % 3 == 0 && rnd(8) == 0 ? 0 : rnd(3000);
   }
-  // Moves or copies `from` to `to` with the library closed, as a host does.
-  int32_t transfer(bool copy, const std::string& from, const std::string& to, const char* src, const char* dst) {
-    closeLib();
-    return (copy ? LMI_CopyEntry : LMI_MoveEntry)(heap, S(from), to.empty() ? nullptr : (char*)S(to), S(src),
-                                                 dst ? (char*)S(dst) : nullptr);
-  }
 
   void run(int steps, size_t big, int fullEvery, uint64_t minBytes) {
     lib = create("model.zbl");
     std::string other = create("other.zbl");
+    auto transfer = [&](bool copy, const std::string& from, const std::string& to, const std::string& src, const char* dst) {
+      reopen(true);
+      return (copy ? LMI_CopyEntry : LMI_MoveEntry)(heap, S(from), to.empty() ? nullptr : (char*)S(to), S(src),
+                                                   dst ? (char*)S(dst) : nullptr);
+    };
     reopen();
     for (int step = 0; step < steps; ++step) {
       uint32_t op = rnd(100);
@@ -107,30 +95,30 @@ class Model_ : public LibTest {
       } else if (op < 85) {  // rename or copy within the library
         std::string from = existing(), to = anyName();
         if (from == to) continue;
-        ASSERT_EQ(transfer(op >= 75, from, to, lib.c_str(), nullptr), 0);
+        ASSERT_EQ(transfer(op >= 75, from, to, lib, nullptr), 0);
         if (op < 75) {
           model[to] = model[from];
           model.erase(from);
         } else {
           copyInModel(from, to);
         }
-        reopen();
       } else if (op < 90) {  // copy out and move back under another name
         std::string from = existing(), to = from + "_back";
-        ASSERT_EQ(transfer(true, from, "", lib.c_str(), other.c_str()), 0);
+        ASSERT_EQ(transfer(true, from, "", lib, other.c_str()), 0);
         if (to.size() + 25 <= 3040) {
-          ASSERT_EQ(transfer(false, from, to, other.c_str(), lib.c_str()), 0);
+          ASSERT_EQ(transfer(false, from, to, other, lib.c_str()), 0);
           copyInModel(from, to);
         }
-        reopen();
       } else {
         reopen();
       }
+      if (!h) reopen();  // after a move or copy
       check(step % fullEvery == 0);
       if (HasFatalFailure()) return;
     }
-    closeLib();
+    reopen();  // everything must have reached the file
     check(true);
+    reopen(true);
     EXPECT_TRUE(verifyFile(other).empty());
     EXPECT_GE(maxSize, minBytes);  // how far the run grew the library
   }
