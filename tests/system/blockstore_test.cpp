@@ -5,7 +5,7 @@
 
 namespace {
 
-// The store's temporary files (any case: some systems give temporary names in lower case).
+// The store's temporary files, ZBT*.TMP in any case (some systems give temporary names in lower case).
 std::vector<fs::path> temp_files() {
   char dir[300];
   zbshr::plat::GetTempPathA(sizeof dir, dir);
@@ -13,7 +13,7 @@ std::vector<fs::path> temp_files() {
   for (auto& e : fs::directory_iterator(dir)) {
     std::string n = e.path().filename().string();
     for (auto& c : n) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    if (n.rfind("ZBT", 0) == 0 && n.size() > 4 && n.substr(n.size() - 4) == ".TMP") out.push_back(e.path());
+    if (n.rfind("ZBT", 0) == 0 && n.size() > 4 && n.ends_with(".TMP")) out.push_back(e.path());
   }
   return out;
 }
@@ -25,9 +25,8 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   auto before = temp_files();
   ZBFSTG st = zbfstg_begin(heap_, 4);
   ASSERT_NE(st, nullptr);
-  std::vector<fs::path> fresh;
-  for (auto& p : temp_files())
-    if (std::find(before.begin(), before.end(), p) == before.end()) fresh.push_back(p);
+  auto fresh = temp_files();
+  std::erase_if(fresh, [&](const fs::path& p) { return std::count(before.begin(), before.end(), p) > 0; });
   ASSERT_EQ(fresh.size(), 1u);
   const fs::path file = fresh[0];
   // The n bytes of the copy read at `pos` (in the store's pool), or "<none>".
@@ -45,13 +44,7 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   // record overwrites the start, the position counter runs on, and a read
   // trusts a length only while it stays within the file.
   const std::string big(70000, 'k');
-  const struct {
-    std::string data;
-    int32_t pos;
-    std::string file;
-    int32_t at;
-    std::string copy;
-  } steps[] = {
+  const std::tuple<std::string, int32_t, std::string, int32_t, std::string> steps[] = {
       {"hello", 0, le32(5) + "hello", 0, "hello"},
       {"xy", 9, le32(2) + "xyllo", 0, "xy"},
       {"", 15, le32(0) + "xyllo", 9, "<none>"},
@@ -60,10 +53,10 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
       {big, 41, le32(70000) + big, 0, big},
       {"abcd", 70045, le32(4) + "abcd" + big.substr(4), 1, "<none>"},  // a length made of record bytes
   };
-  for (const auto& s : steps) {
-    EXPECT_EQ(zbfstg_alloc(st, s.data.data(), int32_t(s.data.size())), s.pos) << s.pos;
-    EXPECT_EQ(slurp(file), s.file) << s.pos;
-    EXPECT_EQ(copy(s.at, s.copy == "<none>" ? 0 : s.copy.size()), s.copy) << s.pos;
+  for (const auto& [data, pos, bytes, at, read] : steps) {
+    EXPECT_EQ(zbfstg_alloc(st, data.data(), int32_t(data.size())), pos);
+    EXPECT_EQ(slurp(file), bytes) << pos;
+    EXPECT_EQ(copy(at, read == "<none>" ? 0 : read.size()), read) << pos;
   }
   EXPECT_EQ(copy(1 << 30, 1) + copy(-4, 1) + copy(70004, 1), "<none><none><none>");
   zbshr::plat::inject_fault(zbshr::plat::Fault::Write, 2, 1);  // the data write
@@ -74,12 +67,10 @@ TEST_F(BlockStore, RecordsAtTheFileStartAndCopiesReadBack) {
   std::string bytes = slurp(file);
   EXPECT_EQ(zbfstg_free(st, 0), 1);  // freeing changes nothing
   EXPECT_EQ(slurp(file), bytes);
-  EXPECT_EQ(zbfstg_alloc(st, nullptr, 3), 0);
-  EXPECT_EQ(zbfstg_alloc(st, "abc", -1), 0);
+  EXPECT_EQ((std::vector<int32_t>{zbfstg_alloc(st, nullptr, 3), zbfstg_alloc(st, "abc", -1), zbfstg_alloc(nullptr, "a", 1),
+                                  zbfstg_end(nullptr)}), std::vector<int32_t>(4, 0));
   EXPECT_EQ(zbfstg_end(st), 1);
   EXPECT_FALSE(fs::exists(file));
-  EXPECT_EQ(zbfstg_alloc(nullptr, "a", 1), 0);
-  EXPECT_EQ(zbfstg_end(nullptr), 0);
   EXPECT_EQ(zbfstg_get(nullptr, 0), nullptr);
   EXPECT_EQ(zbfstg_begin(nullptr, 0), nullptr);
 }

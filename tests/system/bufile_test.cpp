@@ -23,12 +23,8 @@ class BufFile : public systest::ScratchTest {
 
 TEST_F(BufFile, FlushingRules) {
   ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "full.txt", 8), 1);
-  // {bytes written (null: a flush), result, position/room and file after}
-  const struct {
-    const char* data;
-    uint32_t n, result;
-    const char* after;
-  } steps[] = {
+  // {bytes written (null: a flush), length, result, position/room and file after}
+  const std::tuple<const char*, uint32_t, uint32_t, const char*> steps[] = {
       {"12345678", 8, 8, "8/0 "},  // a full buffer waits for the next write
       {"9", 1, 1, "1/7 12345678"},
       {nullptr, 0, 1, "0/8 123456789"},
@@ -37,25 +33,23 @@ TEST_F(BufFile, FlushingRules) {
       {"ab", 2, 2, "2/6 123456789"},
       {"cdefghijklmnopq", 15, 15, "1/7 123456789abcdefghijklmnop"},  // whole buffers go out
   };
-  for (const auto& s : steps) {
-    EXPECT_EQ(osFileWrite(&f_, s.data, s.n), s.result) << (s.data ? s.data : "flush");
-    EXPECT_EQ(at("full.txt"), s.after);
+  for (auto [data, n, result, after] : steps) {
+    EXPECT_EQ(osFileWrite(&f_, data, n), result) << after;
+    EXPECT_EQ(at("full.txt"), after);
   }
   EXPECT_EQ(osFileClose(&f_, 7), 7);  // the keep flag comes back as given
   EXPECT_EQ(slurp("full.txt"), "123456789abcdefghijklmnopq");
   // The default buffer, from the caller's pool; closing without keep drops what is pending.
   ASSERT_EQ(osFileOpenNew(heap_, 5, &f_, "out.txt", 0), 1);
   EXPECT_EQ(at("out.txt"), "0/16284 ");
-  EXPECT_EQ(f_.capacity, 16284);
-  EXPECT_EQ(f_.readMode, 0);
+  EXPECT_EQ(std::to_string(f_.capacity) + "/" + std::to_string(f_.readMode), "16284/0");
   EXPECT_EQ(zbstg_size(heap_, f_.buffer), 16284u);
   EXPECT_EQ(zbstg_get_pointer_subpool(heap_, f_.buffer), 5u);
   EXPECT_EQ(write("pending"), 7u);
   EXPECT_EQ(osFileSize(&f_), 0u);  // always 0 when writing
   EXPECT_EQ(osFileClose(&f_, 0), 0);
   EXPECT_EQ(at("out.txt"), "0/0 ");
-  EXPECT_EQ(f_.hFile, 0);
-  EXPECT_EQ(f_.buffer, nullptr);
+  EXPECT_TRUE(f_.hFile == 0 && f_.buffer == nullptr);
 }
 
 // Random pieces written and read back through buffers of several sizes, the
@@ -92,8 +86,7 @@ TEST_F(BufFile, ReadBackInRandomPieces) {
   ASSERT_EQ(osFileOpenRead(heap_, 0, &f_, "rt.bin", 6), 1);
   char buf[8];
   EXPECT_EQ(osFileRead(&f_, buf, 4), 4u);
-  EXPECT_EQ(at("rt.bin").substr(0, 4), "4/2 ");
-  EXPECT_EQ(f_.readMode, 1);
+  EXPECT_EQ(at("rt.bin").substr(0, 4) + std::to_string(f_.readMode), "4/2 1");
   osFileClose(&f_, 0);
   ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "w.txt", 0), 1);
   EXPECT_EQ(osFileRead(&f_, buf, 4), 0u);  // writing only
@@ -103,8 +96,7 @@ TEST_F(BufFile, ReadBackInRandomPieces) {
 
 TEST_F(BufFile, FailuresReportTheErrorAndChangeNothing) {
   EXPECT_EQ(osFileOpenRead(heap_, 0, &f_, "missing.txt", 0), 0);
-  EXPECT_EQ(f_.of.nErrCode, plat::ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(f_.buffer, nullptr);
+  EXPECT_TRUE(f_.of.nErrCode == plat::ERROR_FILE_NOT_FOUND && f_.buffer == nullptr);
   EXPECT_EQ(osFileOpenNew(heap_, 0, &f_, "no-such-folder/x.txt", 0), 0);
   EXPECT_NE(f_.of.nErrCode, 0);
   EXPECT_EQ((std::vector<int32_t>{osFileOpenNew(heap_, 0, nullptr, "x.txt", 0), osFileOpenNew(heap_, 0, &f_, nullptr, 0),
@@ -131,8 +123,7 @@ TEST_F(BufFile, FailuresReportTheErrorAndChangeNothing) {
   // A failing final flush makes close answer 0, and the object is closed.
   plat::inject_fault(plat::Fault::Write, 1, 1);
   EXPECT_EQ(osFileClose(&f_, 1), 0);
-  EXPECT_EQ(f_.hFile, 0);
-  EXPECT_EQ(f_.buffer, nullptr);
+  EXPECT_TRUE(f_.hFile == 0 && f_.buffer == nullptr);
 }
 
 }  // namespace

@@ -27,9 +27,7 @@ TEST_F(OpenFile, RecordModesAndAccess) {
   EXPECT_EQ((std::vector<int32_t>{osOpenFile("x.txt", nullptr, OF_READ), osFileExists(nullptr)}), (std::vector<int32_t>{-1, 0}));
   std::memset(&of, 0xAB, sizeof of);
   EXPECT_EQ(osOpenFile(nullptr, &of, OF_READ), -1);
-  EXPECT_EQ(of.cBytes, 268);
-  EXPECT_NE(of.nErrCode, 0);
-  EXPECT_EQ(of.reserved, 0u);
+  EXPECT_TRUE(of.cBytes == 268 && of.nErrCode != 0 && of.reserved == 0u);
   // Parse builds the absolute path only, and zeroes the rest of the record.
   std::memset(&of, 0xAB, sizeof of);
   EXPECT_EQ(osOpenFile("sub/../notyet.txt", &of, OF_PARSE), 1);
@@ -45,23 +43,18 @@ TEST_F(OpenFile, RecordModesAndAccess) {
   EXPECT_EQ((std::vector<int32_t>{osOpenFile("f.txt", &of, OF_EXIST), osFileExists("f.txt"), osFileExists("absent.txt")}),
             (std::vector<int32_t>{1, 1, 0}));
   EXPECT_EQ(fs::path(of.szPathName), fs::current_path() / "f.txt");
-  // {mode, bytes a 1-byte read gets (-1: no read access), writes, contents
+  // {mode, bytes a 1-byte read gets (-1: no read access), a 2-byte write, contents
   // after writing "ZZ"}: create empties the file and adds write access.
-  const struct {
-    uint16_t mode;
-    int read;
-    bool write;
-    const char* after;
-  } cases[] = {{OF_READ, 1, false, "abc"},     {OF_WRITE, -1, true, "ZZc"}, {OF_READWRITE, 1, true, "aZZ"},
-               {OF_CREATE, 0, true, "ZZ"},     {OF_CREATE | OF_WRITE, -1, true, "ZZ"}};
-  for (const auto& c : cases) {
+  const std::tuple<int, int, int, const char*> cases[] = {{OF_READ, 1, -1, "abc"}, {OF_WRITE, -1, 2, "ZZc"},
+      {OF_READWRITE, 1, 2, "aZZ"}, {OF_CREATE, 0, 2, "ZZ"}, {OF_CREATE | OF_WRITE, -1, 2, "ZZ"}};
+  for (auto [mode, read, write, after] : cases) {
     spill("f.txt", "abc");
-    int32_t h = osOpenFile("f.txt", &of, c.mode);
+    int32_t h = osOpenFile("f.txt", &of, uint16_t(mode));
     char b[4] = {};
-    EXPECT_EQ(plat::_lread(h, b, 1), c.read) << c.mode;
-    EXPECT_EQ(plat::_lwrite(h, "ZZ", 2), c.write ? 2 : -1) << c.mode;
+    EXPECT_EQ(plat::_lread(h, b, 1), read) << mode;
+    EXPECT_EQ(plat::_lwrite(h, "ZZ", 2), write) << mode;
     plat::_lclose(h);
-    EXPECT_EQ(slurp("f.txt"), c.after) << c.mode;
+    EXPECT_EQ(slurp("f.txt"), after) << mode;
   }
   EXPECT_EQ(osOpenFile("f.txt", &of, OF_DELETE), 1);
   EXPECT_FALSE(fs::exists("f.txt"));
@@ -71,10 +64,7 @@ TEST_F(OpenFile, SharingModesConflict) {
   spill("s.txt", "s");
   OSOFSTRUCT a, b;
   // {first open, second open, second succeeds}; closing releases every share.
-  const struct {
-    uint16_t first, second;
-    bool ok;
-  } cases[] = {
+  const std::tuple<int, int, bool> cases[] = {
       {OF_READ | OF_SHARE_EXCLUSIVE, OF_READ | OF_SHARE_DENY_NONE, false},
       {OF_READ | OF_SHARE_DENY_WRITE, OF_READ | OF_SHARE_DENY_WRITE, true},
       {OF_READ | OF_SHARE_DENY_WRITE, OF_READWRITE, false},
@@ -83,13 +73,11 @@ TEST_F(OpenFile, SharingModesConflict) {
       {OF_READ | OF_SHARE_DENY_NONE, OF_READ | OF_SHARE_DENY_NONE, true},
       {OF_READ | OF_SHARE_EXCLUSIVE, 0, false},  // alone: every share was released
   };
-  for (const auto& c : cases) {
-    int32_t h1 = osOpenFile("s.txt", &a, c.first), h2 = c.second ? osOpenFile("s.txt", &b, c.second) : -1;
-    EXPECT_NE(h1, -1) << c.first;
-    EXPECT_EQ(h2 != -1, c.ok) << c.first << " then " << c.second;
-    if (h2 == -1 && c.second) {
-      EXPECT_EQ(b.nErrCode, plat::ERROR_SHARING_VIOLATION);
-    }
+  for (auto [first, second, ok] : cases) {
+    int32_t h1 = osOpenFile("s.txt", &a, uint16_t(first)), h2 = second ? osOpenFile("s.txt", &b, uint16_t(second)) : -1;
+    EXPECT_NE(h1, -1) << first;
+    EXPECT_EQ(h2 != -1, ok) << first << " then " << second;
+    EXPECT_TRUE(h2 != -1 || !second || b.nErrCode == plat::ERROR_SHARING_VIOLATION);
     for (int32_t h : {h2, h1})
       if (h != -1) plat::_lclose(h);
   }

@@ -18,12 +18,8 @@ namespace {
 class ProfileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(std::random_device{}()));
-    home_ = root_ / "home";
-    hostdir_ = root_ / "Program Files" / "host";
     fs::create_directories(home_);
     fs::create_directories(hostdir_);
-    for (int i = 0; i < 2; ++i) saved_[i] = std::getenv(kVars[i]) ? std::getenv(kVars[i]) : "";
     setenv("ZBSHR_HOME", home_.string().c_str(), 1);
     SetHost("zb050.exe");
   }
@@ -43,26 +39,23 @@ class ProfileTest : public ::testing::Test {
   std::string S(const fs::path& p) const { return slashes(p.string()); }
 
   static constexpr const char* kVars[2] = {"ZBSHR_HOME", "ZBSHR_HOST_PROGRAM"};
-  fs::path root_, home_, hostdir_;
-  std::string saved_[2];
+  std::string saved_[2] = {std::getenv(kVars[0]) ? std::getenv(kVars[0]) : "", std::getenv(kVars[1]) ? std::getenv(kVars[1]) : ""};
+  fs::path root_ = fs::temp_directory_path() / ("zbshr-prof-" + std::to_string(std::random_device{}()));
+  fs::path home_ = root_ / "home", hostdir_ = root_ / "Program Files" / "host";
 };
 
 TEST_F(ProfileTest, RecognisesHostsByProgramName) {
-  const struct {
-    const char *program, *short_name, *product;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*> cases[] = {  // {program, short name, product}
       {"zb050.exe", "zb", "Quillbrander"},  {"ZB050.EXE", "zb", "Quillbrander"},
       {"zb050", "zb", "Quillbrander"},      {"kw050.exe", "kw", "Kestrel Reports"},
       {"KWRT050", "kw", "Kestrel Reports"}, {"dv050.exe", "dv", "DVBuilder"},
       {"other-tool", "zb", "Quillbrander"},
   };
-  for (const auto& c : cases) {
+  for (auto [program, short_name, product] : cases) {
     char sn[8], prod[32], folder[300];
-    SetHost(c.program);
+    SetHost(program);
     OS_UtilGetHostInfo(sn, sizeof sn, prod, sizeof prod, folder, sizeof folder);
-    EXPECT_STREQ(sn, c.short_name) << c.program;
-    EXPECT_STREQ(prod, c.product) << c.program;
-    EXPECT_EQ(slashes(folder), S(hostdir_)) << c.program;
+    EXPECT_EQ(std::string(sn) + "|" + prod + "|" + slashes(folder), std::string(short_name) + "|" + product + "|" + S(hostdir_));
   }
 }
 
@@ -74,16 +67,11 @@ TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfile) {
   EXPECT_EQ(slashes(file), S(hostdir_ / "zb.ini"));
   // {system profile, start-up path}: "InitPath" applies only while
   // "InitPath050" is absent or empty; no separator is added after a drive.
-  const struct {
-    const char *profile, *path;
-  } cases[] = {
-      {"[Quillbrander]\nInitPath=/srv/old\n", "/srv/old/"},
-      {"[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n", "/srv/new/"},
-      {"[Quillbrander]\nInitPath050=\nInitPath=C:\n", "C:"},
-  };
-  for (const auto& c : cases) {
-    SystemProfile(c.profile);
-    EXPECT_EQ(InitPath(), c.path) << c.profile;
+  for (auto [profile, want] : {std::pair<const char*, const char*>{"[Quillbrander]\nInitPath=/srv/old\n", "/srv/old/"},
+                               {"[quillbrander]\nInitPath050 = /srv/new/ \nInitPath=/srv/old\n", "/srv/new/"},
+                               {"[Quillbrander]\nInitPath050=\nInitPath=C:\n", "C:"}}) {
+    SystemProfile(profile);
+    EXPECT_EQ(InitPath(), want) << profile;
   }
   SetHost("dv050.exe");  // other hosts read their own product's section
   EXPECT_EQ(InitPath(), S(hostdir_) + "/");

@@ -1,6 +1,5 @@
-// Shared helpers of the system-family tests: a scratch folder per test, whole
-// file reads and writes that do not go through the library, and paths and
-// text compared the same way on every system.
+// Shared helpers of the system-family tests: a scratch current folder, whole
+// file reads and writes that bypass the library, text compared alike on every system.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,19 +28,14 @@ inline void spill(const fs::path& p, const std::string& bytes) {
   if (p.has_parent_path()) fs::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary | std::ios::trunc) << bytes;
 }
-// '/' for every separator, and line ends as LF: the same text on Windows.
 inline std::string slashes(std::string s) { return std::replace(s.begin(), s.end(), '\\', '/'), s; }
 inline std::string lf(std::string s) { return s.erase(std::remove(s.begin(), s.end(), '\r'), s.end()), s; }
 
-// A fresh current folder under the temporary folder, and a heap.
 class ScratchTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("zbshr-sys-" + std::to_string(std::random_device{}()));
     fs::create_directories(dir_);
-    old_cwd_ = fs::current_path();
     fs::current_path(dir_);
-    heap_ = zbstg_begin(0);
   }
   void TearDown() override {
     zbstg_end(heap_);
@@ -49,8 +43,9 @@ class ScratchTest : public ::testing::Test {
     std::error_code ec;
     fs::remove_all(dir_, ec);
   }
-  fs::path dir_, old_cwd_;
-  ZBSTG_HEAP heap_ = nullptr;
+  fs::path dir_ = fs::temp_directory_path() / ("zbshr-sys-" + std::to_string(std::random_device{}()));
+  fs::path old_cwd_ = fs::current_path();
+  ZBSTG_HEAP heap_ = zbstg_begin(0);
 };
 
 }  // namespace systest
