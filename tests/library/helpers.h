@@ -176,8 +176,8 @@ class LibTest : public ::testing::Test {
   std::string get(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) { return readEntry(h, name, rc); }
   // Runs f on the library opened in `mode` and closes it; f's result.
   template <class F>
-  int32_t with(const std::string& p, F f, int mode = 2) {
-    LMI_HANDLE h = open(p, mode);
+  int32_t with(const std::string& p, F f, int mode = 2, int readAhead = 0) {
+    LMI_HANDLE h = open(p, mode, readAhead);
     if (!h) return -1000;
     int32_t rc = f(h);
     LMI_CloseLibrary(h);

@@ -1,8 +1,5 @@
-// `zbshr profile` run as a user would: where the profile is written, and
-// `get` exiting with 1 for a missing key as `git config` does.
-#include <gtest/gtest.h>
+// `zbshr profile` run as a user would: where the profile is written, and `get` exiting with 1 for a missing key.
 #include <nlohmann/json.hpp>
-
 
 #include "common/run_program.h"
 #include "sys_fixture.h"
@@ -10,8 +7,6 @@
 #ifdef ZBSHR_CLI
 
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(ProfileCli, WritesUnderTheConfigurationFolderAndReportsMissingKeys) {
   if (!fs::exists(ZBSHR_CLI)) GTEST_SKIP() << "the zbshr program is not built";

@@ -1,7 +1,4 @@
-// Profile files and the start-up path, under a scratch configuration folder
-// and a stand-in host program path.
-#include <cstring>
-
+// Profile files and the start-up path, under a scratch configuration folder and a stand-in host program path.
 #include "platform/platform.h"
 #include "sys_fixture.h"
 
@@ -151,20 +148,17 @@ TEST_F(ProfileTest, LocalProfileReadsAndWrites) {
   EXPECT_EQ(OS_UtilGetProfInt("settings", "count", 0), 17);
   EXPECT_EQ(Read(OS_UtilGetProfStr, "Settings", "missing", "default-text", 8), "7:default");
   setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
-  char pf[300];
-  EXPECT_EQ(OS_UtilGetProfileFile(pf, sizeof pf, 1), 6);
-  EXPECT_STREQ(pf, "kw.ini");
+  EXPECT_EQ(Read([](const char*, const char*, const char*, char* b, int n) { return OS_UtilGetProfileFile(b, n, 1); },
+                 "", "", ""), "6:kw.ini");
   EXPECT_NE(OS_UtilPutProfStr("Run", "Mode", "fast"), 0);
   EXPECT_EQ(lf(slurp(home_ / "kw.ini")), "[Run]\nMode=fast\n");
   EXPECT_EQ(Read(OS_UtilGetProfStr, "run", "mode", ""), "4:fast");
 }
 
 TEST_F(ProfileTest, SharedProfileAbsentAndPresent) {
-  EXPECT_EQ(OS_NetworkSharedProfileAccessible(), 0);
-  EXPECT_EQ(OS_NetworkGetProfInt("s", "k", -7), -7);
-  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6), "5:longe");
-  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6), "0:");
-  EXPECT_EQ(OS_NetworkPutProfStr("s", "k", "v"), 0);
+  EXPECT_EQ((std::vector<int32_t>{OS_NetworkSharedProfileAccessible(), OS_NetworkGetProfInt("s", "k", -7),
+                                  OS_NetworkPutProfStr("s", "k", "v")}), (std::vector<int32_t>{0, -7, 0}));
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6) + Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6), "5:longe0:");
   fs::path shared = root_ / "net" / "shared.ini";
   spill(shared, "[Team]\nSize=0x10\n");
   spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
