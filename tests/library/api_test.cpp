@@ -1,5 +1,4 @@
-// LMI_ operations: argument checks and their order, entry states, listing,
-// copy, move and rename, check-out records.
+// LMI_ operations: argument checks and their order, entry states, listing, copy, move and rename, check-out records.
 #include <functional>
 
 #include "helpers.h"

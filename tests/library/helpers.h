@@ -28,19 +28,14 @@ inline Bytes slurp(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(f), {});
 }
 inline void spit(const std::string& path, const Bytes& b) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
-}
-inline uint32_t le32(const Bytes& b, size_t o) {
-  return uint32_t(b[o]) | uint32_t(b[o + 1]) << 8 | uint32_t(b[o + 2]) << 16 | uint32_t(b[o + 3]) << 24;
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
 }
 inline uint16_t le16(const Bytes& b, size_t o) { return uint16_t(b[o] | b[o + 1] << 8); }
+inline uint32_t le32(const Bytes& b, size_t o) { return le16(b, o) | uint32_t(le16(b, o + 2)) << 16; }
 inline void set32(Bytes& b, size_t o, uint32_t v, int width = 4) {
   for (int i = 0; i < width; ++i) b[o + size_t(i)] = uint8_t(v >> (8 * i));
 }
-inline std::string str(const Bytes& b, size_t o, size_t n) {
-  return std::string(reinterpret_cast<const char*>(b.data() + o), n);
-}
+inline std::string str(const Bytes& b, size_t o, size_t n) { return std::string(reinterpret_cast<const char*>(&b[o]), n); }
 inline std::string pattern(size_t n, uint32_t seed) {
   std::string s(n, 0);
   std::mt19937 g(seed);
@@ -140,16 +135,14 @@ inline fs::path scratchRoot() {
 
 class LibTest : public ::testing::Test {
  public:
-  ZBSTG_HEAP heap = nullptr;
+  ZBSTG_HEAP heap = zbstg_begin(0);
   std::string dir;
 
   void SetUp() override {
-    heap = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir = (scratchRoot() / "zbshr-lib-tests" / (std::string(info->name()) + std::to_string(std::random_device{}()))).string();
     // Library paths are folded to lower case; keep the folder lower case too.
     for (auto& c : dir) c = char(std::tolower(static_cast<unsigned char>(c)));
-    fs::remove_all(dir);
     fs::create_directories(dir);
   }
   void TearDown() override {

@@ -28,7 +28,7 @@ class Layout : public LibTest {
   }
 };
 
-TEST_F(Layout, EmptyLibraryIsExactly4096Bytes) {
+TEST_F(Layout, CreateNamesRefusalsAndTheEmptyLibraryOf4096Bytes) {
   std::string p = create("empty.zbl", "a comment");
   Bytes b = slurp(p), want(4096, 0);
   ASSERT_EQ(b.size(), 4096u);
@@ -41,9 +41,6 @@ TEST_F(Layout, EmptyLibraryIsExactly4096Bytes) {
   EXPECT_EQ(b, want);
   EXPECT_NEAR(double(le32(b, 22)), double(std::time(nullptr)), 60.0);
   EXPECT_TRUE(verifyFile(p).empty());
-}
-
-TEST_F(Layout, CreateNamesAndRefusals) {
   S noext(path("Proj"));
   EXPECT_EQ(LMI_CreateLibrary(heap, noext, nullptr), 0);
   EXPECT_EQ(noext.get(), path("proj"));  // folded in the caller's buffer
@@ -90,8 +87,7 @@ TEST_F(Layout, CommentAtTheFrontOfTheData) {
 }
 
 // A hole in the middle stays; the tail goes away, free blocks before it too; a
-// chain that does not fit the free blocks is appended whole; a small entry
-// takes the first free block.
+// chain that does not fit the free blocks is appended whole; a small entry takes the first free block.
 TEST_F(Layout, TailReleaseAndReuseOfFreedBlocks) {
   std::string p = create("t.zbl");
   fill(p, {{"a", std::string(2000, 'a')}, {"b", std::string(2000, 'b')}, {"c", std::string(2000, 'c')}});  // 4 blocks each

@@ -1,6 +1,5 @@
 // Checking, salvage, repair, compaction and the last-error text: entries are
-// compared whole (data, comment, time) and every rewritten library must pass
-// the checker.
+// compared whole (data, comment, time) and every rewritten library must pass the checker.
 #include "helpers.h"
 
 using namespace lmtest;
@@ -148,7 +147,7 @@ TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpaceOrData) {
                           [](const Found& f) { return f.entry == "ghost" && f.code == ZBSHR_LIB_NOTE_INFO; }));
 }
 
-TEST_F(Recovery, VerifyAndListingStopAtADirectoryCycle) {
+TEST_F(Recovery, VerifyListingAndCompactionStopAtADirectoryCycle) {
   std::string lib = create("c.zbl");
   Entries want = fill(lib, 300);
   Bytes bytes = slurp(lib);
@@ -159,6 +158,11 @@ TEST_F(Recovery, VerifyAndListingStopAtADirectoryCycle) {
   for (uint32_t r : under) want.erase(name(bytes, r));
   cycle(bytes);
   spit(lib, bytes);
+  // Compaction refuses it and leaves it as it was.
+  EXPECT_EQ(zbshr_lib_compact(lib.c_str(), nullptr, nullptr), LMI_E_DAMAGED);
+  EXPECT_EQ(slurp(lib), bytes);
+  EXPECT_FALSE(fs::exists(lib + ".compacting"));
+  EXPECT_NE(lastError(LMI_E_DAMAGED).find("salvage"), std::string::npos);
   EXPECT_EQ(verifyPath(lib), 1);
   ASSERT_EQ(found.size(), 2u);  // the cycle, and the blocks of the cut-off subtree
   EXPECT_NE(found[0].text.find("cycle"), std::string::npos) << found[0].text;
@@ -222,8 +226,7 @@ TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
   EXPECT_EQ(state(lib, true).entries["big"].data, pattern(2200000, 7));
   ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "more", pattern(600000, 8)); }), 0);  // growth works again
   EXPECT_EQ(verifyPath(lib), 0);
-  // When the bitmap's block holds something else, the checker says so, and
-  // repair refuses and changes nothing.
+  // When the bitmap's block holds something else, the checker says so, and repair refuses and changes nothing.
   std::memcpy(&bytes[2064384], "DAT*", 4);
   set32(bytes, 512 + 4, 2064384);
   spit(lib, bytes);
@@ -263,18 +266,6 @@ TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   // New entries still go in, and the library stays sound.
   ASSERT_EQ(with(lib, [&](LMI_HANDLE g) { return put(g, "w_00000150", "back") || put(g, "zzz", "last"); }), 0);
   EXPECT_EQ(verifyPath(lib), 0);
-}
-
-TEST_F(Recovery, CompactRefusesADamagedLibraryAndLeavesItAsItWas) {
-  std::string lib = create("d.zbl");
-  fill(lib, 300);
-  Bytes bytes = slurp(lib);
-  cycle(bytes);
-  spit(lib, bytes);
-  EXPECT_EQ(zbshr_lib_compact(lib.c_str(), nullptr, nullptr), LMI_E_DAMAGED);
-  EXPECT_EQ(slurp(lib), bytes);
-  EXPECT_FALSE(fs::exists(lib + ".compacting"));
-  EXPECT_NE(lastError(LMI_E_DAMAGED).find("salvage"), std::string::npos);
 }
 
 // A comment length is checked against both the 255-byte limit and the
