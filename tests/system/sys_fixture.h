@@ -51,7 +51,3 @@ class ScratchTest : public ::testing::Test {
 }  // namespace systest
 
 namespace fs = std::filesystem;
-using systest::lf;
-using systest::slashes;
-using systest::slurp;
-using systest::spill;

@@ -18,6 +18,7 @@
 namespace {
 
 namespace plat = zbshr::plat;
+using namespace systest;
 
 static_assert(sizeof(OSOFSTRUCT) == 268 && offsetof(OSOFSTRUCT, nErrCode) == 2 &&
               offsetof(OSOFSTRUCT, reserved) == 4 && offsetof(OSOFSTRUCT, szPathName) == 8);
@@ -135,7 +136,7 @@ class BufFile : public systest::ScratchTest {
   OSFILE f_{};
 };
 
-TEST_F(BufFile, FlushingRules) {
+TEST_F(BufFile, FlushingRulesAndFailures) {
   ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "full.txt", 8), 1);
   // {bytes written (null: a flush), length, result, position/room and file after}
   const std::tuple<const char*, uint32_t, uint32_t, const char*> steps[] = {
@@ -162,6 +163,30 @@ TEST_F(BufFile, FlushingRules) {
   EXPECT_EQ(osFileSize(&f_), 0u);  // always 0 when writing
   EXPECT_EQ(osFileClose(&f_, 0), 0);
   EXPECT_TRUE(at("out.txt") == "0/0 " && f_.hFile == 0 && f_.buffer == nullptr);
+  // Failures report the error and change nothing.
+  EXPECT_TRUE(osFileOpenRead(heap_, 0, &f_, "missing.txt", 0) == 0 && f_.of.nErrCode == plat::ERROR_FILE_NOT_FOUND &&
+              f_.buffer == nullptr);
+  EXPECT_TRUE(osFileOpenNew(heap_, 0, &f_, "no-such-folder/x.txt", 0) == 0 && f_.of.nErrCode != 0);
+  EXPECT_EQ((std::vector<int32_t>{osFileOpenNew(heap_, 0, nullptr, "x.txt", 0), osFileOpenNew(heap_, 0, &f_, nullptr, 0),
+                                  osFileClose(nullptr, 1), int32_t(osFileSize(nullptr))}), std::vector<int32_t>(4, 0));
+  EXPECT_TRUE(osFileOpenNew(heap_, 0, &f_, "big.txt", 0x80000000u) == 0 && !fs::exists("big.txt"));
+  ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "short.txt", 8), 1);
+  EXPECT_EQ(write("ABCDEFGH"), 8u);
+  // A failed write or flush changes nothing; partway through a long write
+  // the bytes taken so far stay in the full buffer.
+  const OSFILE before = f_;
+  for (const char* s : {"I", static_cast<const char*>(nullptr)}) {
+    plat::inject_fault(plat::Fault::Write, 1, 1);
+    EXPECT_EQ(write(s), 0u);
+    EXPECT_TRUE(std::memcmp(&before, &f_, sizeof f_) == 0 && std::string(f_.buffer, 8) == "ABCDEFGH");
+  }
+  EXPECT_EQ((std::vector<uint32_t>{write(nullptr), write("12345")}), (std::vector<uint32_t>{1, 5}));
+  plat::inject_fault(plat::Fault::Write, 1, 1);
+  EXPECT_EQ(write("6789xyz"), 0u);
+  EXPECT_EQ(at("short.txt").substr(0, 4) + std::string(f_.buffer, 8), "8/0 12345678");
+  // A failing final flush makes close answer 0, and the object is closed.
+  plat::inject_fault(plat::Fault::Write, 1, 1);
+  EXPECT_TRUE(osFileClose(&f_, 1) == 0 && f_.hFile == 0 && f_.buffer == nullptr);
 }
 
 // Random pieces written and read back through buffers of several sizes, the
@@ -204,42 +229,14 @@ TEST_F(BufFile, ReadBackInRandomPieces) {
   EXPECT_TRUE(osFileClose(&f_, 1) == 1 && write("x") == 0u);  // closed
 }
 
-TEST_F(BufFile, FailuresReportTheErrorAndChangeNothing) {
-  EXPECT_TRUE(osFileOpenRead(heap_, 0, &f_, "missing.txt", 0) == 0 && f_.of.nErrCode == plat::ERROR_FILE_NOT_FOUND &&
-              f_.buffer == nullptr);
-  EXPECT_TRUE(osFileOpenNew(heap_, 0, &f_, "no-such-folder/x.txt", 0) == 0 && f_.of.nErrCode != 0);
-  EXPECT_EQ((std::vector<int32_t>{osFileOpenNew(heap_, 0, nullptr, "x.txt", 0), osFileOpenNew(heap_, 0, &f_, nullptr, 0),
-                                  osFileClose(nullptr, 1), int32_t(osFileSize(nullptr))}), std::vector<int32_t>(4, 0));
-  EXPECT_TRUE(osFileOpenNew(heap_, 0, &f_, "big.txt", 0x80000000u) == 0 && !fs::exists("big.txt"));
-  ASSERT_EQ(osFileOpenNew(heap_, 0, &f_, "short.txt", 8), 1);
-  EXPECT_EQ(write("ABCDEFGH"), 8u);
-  // A failed write or flush changes nothing; partway through a long write
-  // the bytes taken so far stay in the full buffer.
-  const OSFILE before = f_;
-  for (const char* s : {"I", static_cast<const char*>(nullptr)}) {
-    plat::inject_fault(plat::Fault::Write, 1, 1);
-    EXPECT_EQ(write(s), 0u);
-    EXPECT_TRUE(std::memcmp(&before, &f_, sizeof f_) == 0 && std::string(f_.buffer, 8) == "ABCDEFGH");
-  }
-  EXPECT_EQ((std::vector<uint32_t>{write(nullptr), write("12345")}), (std::vector<uint32_t>{1, 5}));
-  plat::inject_fault(plat::Fault::Write, 1, 1);
-  EXPECT_EQ(write("6789xyz"), 0u);
-  EXPECT_EQ(at("short.txt").substr(0, 4) + std::string(f_.buffer, 8), "8/0 12345678");
-  // A failing final flush makes close answer 0, and the object is closed.
-  plat::inject_fault(plat::Fault::Write, 1, 1);
-  EXPECT_TRUE(osFileClose(&f_, 1) == 0 && f_.hFile == 0 && f_.buffer == nullptr);
-}
 
 // The store's temporary files, ZBT*.TMP in any case (some systems give temporary names in lower case).
 std::vector<fs::path> temp_files() {
   char dir[300];
   zbshr::plat::GetTempPathA(sizeof dir, dir);
   std::vector<fs::path> out;
-  for (auto& e : fs::directory_iterator(dir)) {
-    std::string n = e.path().filename().string();
-    for (auto& c : n) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    if (n.rfind("ZBT", 0) == 0 && n.size() > 4 && n.ends_with(".TMP")) out.push_back(e.path());
-  }
+  for (auto& e : fs::directory_iterator(dir))
+    if (std::string n = lower(e.path().filename()); n.rfind("zbt", 0) == 0 && n.ends_with(".tmp")) out.push_back(e.path());
   return out;
 }
 std::string le32(uint32_t v) { return {char(v & 0xFF), char((v >> 8) & 0xFF), char((v >> 16) & 0xFF), char(v >> 24)}; }
@@ -344,7 +341,7 @@ TEST_F(ProfileTest, RecognisesHostsByProgramName) {
   }
 }
 
-TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfile) {
+TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfileAndItsBoundaries) {
   EXPECT_EQ(InitPath() + "|" + InitPath(300, "a.txt"), S(hostdir_) + "/|" + S(hostdir_ / "a.txt"));
   char file[300];
   OS_UtilGetProfileFile(file, sizeof file, 0);
@@ -359,11 +356,9 @@ TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfile) {
   }
   SetHost("dv050.exe");  // other hosts read their own product's section
   EXPECT_EQ(InitPath(), S(hostdir_) + "/");
-}
-
-// The path is read into the caller's size less one, so a stored value is cut
-// or refused early enough for its separator (and the file name) to fit.
-TEST_F(ProfileTest, InitPathBoundaries) {
+  SetHost("zb050.exe");
+  // The path is read into the caller's size less one, so a stored value is cut or refused early enough for its
+  // separator (and the file name) to fit.
   SystemProfile("[Quillbrander]\nInitPath050=/abcdefghij\n");  // 12 with separator
   EXPECT_EQ(InitPath(25, "file.ini"), "file.ini");  // 12 + 8 + 4 reaches size - 1
   EXPECT_EQ(InitPath(26, "file.ini"), "/abcdefghij/file.ini");
