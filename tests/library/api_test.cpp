@@ -9,14 +9,10 @@ namespace {
 
 class Api : public LibTest {};
 
-// Each call, in the state the rows leave, gives the code expected.
-struct Call {
-  const char* what;
-  int32_t want;
-  std::function<int32_t()> call;
-};
+// {what, code expected, call}: each call, in the state the rows before it leave, gives the code expected.
+using Call = std::tuple<const char*, int32_t, std::function<int32_t()>>;
 void expectCodes(const std::vector<Call>& calls) {
-  for (const Call& c : calls) EXPECT_EQ(c.call(), c.want) << c.what;
+  for (const auto& [what, want, call] : calls) EXPECT_EQ(call(), want) << what;
 }
 
 TEST_F(Api, OpenAndDeleteLibraryRefuseBadArguments) {

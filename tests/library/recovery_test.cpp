@@ -32,9 +32,8 @@ class Recovery : public LibTest {
   Entries fill(const std::string& lib, int n) {
     LMI_HANDLE h = open(lib, 2);
     for (int i = 0; i < n; ++i) {
-      char name[32];
-      std::snprintf(name, sizeof name, "e%03d", (i * 37) % n);
-      std::string c = i == 1 ? std::string(255, 'c') : i % 3 ? "note " + std::to_string(i) : "";
+      const std::string name = "e" + std::to_string(1000 + (i * 37) % n).substr(1);
+      const std::string c = i == 1 ? std::string(255, 'c') : i % 3 ? "note " + std::to_string(i) : "";
       EXPECT_EQ(put(h, name, pattern(size_t((i * 131) % 1700), uint32_t(i)), c.empty() ? nullptr : c.c_str()), 0);
     }
     LMI_CloseLibrary(h);
@@ -439,12 +438,10 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
     return rc;
   };
   EXPECT_EQ(fault(plat::Fault::Write, 4, [&] { return put(h, "x", pattern(5000, 4)); }), 0);
-  ASSERT_EQ(LMI_OpenEntry(h, S("y"), 3, nullptr), 0);
-  ASSERT_EQ(LMI_WriteEntry(h, "abc", 3), 3);
+  ASSERT_TRUE(LMI_OpenEntry(h, S("y"), 3, nullptr) == 0 && LMI_WriteEntry(h, "abc", 3) == 3);
   EXPECT_EQ(fault(plat::Fault::Write, 2, [&] { return LMI_CloseEntry(h); }), LMI_E_DISK_FULL);
   EXPECT_EQ(fault(plat::Fault::Read, 2, [&] { int32_t rc; get(h, "x", &rc); return rc; }), LMI_E_IO);
-  EXPECT_EQ(get(h, "x"), pattern(5000, 4));
-  EXPECT_TRUE(problems(h).empty());
+  EXPECT_TRUE(get(h, "x") == pattern(5000, 4) && problems(h).empty());
   zbshr_set_msgbox_handler(nullptr, nullptr);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
   zbshr_lib_write_through(was);
