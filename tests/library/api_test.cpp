@@ -89,7 +89,7 @@ TEST_F(Api, EntryStateErrors) {
       {"open y", 0, [&] { return LMI_OpenEntry(h, S("y"), 3, "c"); }},
       {"write y", 5, [&] { return LMI_WriteEntry(h, "12345", 5); }},
       {"close the library", 0, [&] { return LMI_CloseLibrary(h); }},
-      {"y kept", 1, [&] { return with(p, [&](LMI_HANDLE g) { return get(g, "y") == "12345"; }, 1); }},
+      {"y kept", 1, [&] { return with(p, [&](LMI_HANDLE g) { return readEntry(g, "y") == "12345"; }, 1); }},
       {"read-only open", 1, [&] { return (r = open(p, 1)) != nullptr; }},
       {"write entry in read-only", LMI_E_READ_ONLY, [&] { return LMI_OpenEntry(r, S("x"), 3, nullptr); }},
       {"delete in read-only", LMI_E_READ_ONLY, [&] { return LMI_DeleteEntry(r, S("x")); }},
@@ -193,8 +193,6 @@ TEST_F(Api, SequentialCopyFindsAMisplacedEntry) {
   }
 }
 
-// ---------------------------------------------------------------- check-out records
-
 // A path with '/' separators in lower case: Windows may store either form.
 std::string norm(std::string p) {
   for (auto& c : p) c = c == '\\' ? '/' : char(std::tolower(static_cast<unsigned char>(c)));
@@ -271,8 +269,7 @@ TEST_F(Api, RegistrationsAndRawLists) {
   EXPECT_TRUE(problemsAfter.size() == 1u && problemsAfter[0].find("belong to nothing") != std::string::npos);  // the old list
 }
 
-// On-disk layout of library files: exact bytes of headers, bitmaps, nodes,
-// records and data chains, checked by reading the file independently.
+// On-disk layout: exact bytes of headers, bitmaps, nodes, records and data chains, read from the file independently.
 
 class Layout : public LibTest {
  protected:
@@ -458,9 +455,8 @@ TEST_F(Layout, BitmapChainGrowsPastTwoAndFourMegabytes) {
   zbshr_lib_write_through(was);
 }
 
-// Random operations applied both to a library and to an in-memory model;
-// after every step the library must list exactly the model's entries (and,
-// every fullEvery steps, hold their bytes) and pass the checker.
+// Random operations on both a library and an in-memory model; after every step the library must list exactly the
+// model's entries (and, every fullEvery steps, hold their bytes) and pass the checker.
 
 using Model = std::map<std::string, Entry>;
 
@@ -511,7 +507,7 @@ class Model_ : public LibTest {
     ASSERT_EQ(LMI_ListEntriesExtended(h, S(".*"), collectEx, &listed), 0);
     for (auto& [name, e] : model) want[name] = {std::to_string(e.data.size()), e.comment};
     ASSERT_EQ(listed, want);
-    for (auto& [name, e] : model) ASSERT_TRUE(!bytes || get(h, name) == e.data) << name;
+    for (auto& [name, e] : model) ASSERT_TRUE(!bytes || readEntry(h, name) == e.data) << name;
     maxSize = std::max<uint64_t>(maxSize, fs::file_size(lib));
   }
   size_t randomSize(size_t big) {

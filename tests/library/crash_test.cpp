@@ -1,8 +1,6 @@
-// Crash consistency. A clean run of each operation counts its changes to
-// files (writes, length changes, syncs); then for each change a child runs it
-// again and ends right before it (or after a write torn at a 512-byte file
-// boundary), or the change fails here. The libraries must then pass verify
-// and hold exactly the state before or after; a failed operation, before.
+// Crash consistency. A clean run of each operation counts its changes to files (writes, length changes, syncs); then
+// for each change a child runs it again and ends right before it (or after a write torn at a 512-byte boundary), or the
+// change fails here. The libraries must pass verify and hold the state before or after; a failed operation, before.
 #if defined(_WIN32)
 #include <gtest/gtest.h>
 TEST(Crash, NeedsPosixProcesses) { GTEST_SKIP() << "the crash tests fork and end child processes (POSIX only)"; }
@@ -59,8 +57,7 @@ const char* const kFiles[] = {"a.zbl", "b.zbl", "c.zbl"};
 
 class Crash : public LibTest {
  public:
-  // One operation on library f. A failed close leaves the handle open (and
-  // the operation done); a second close, as a host does, must then succeed.
+  // One operation on library f; a failed close leaves the handle open, and a second close must then succeed.
   template <class F>
   int32_t on(const std::string& f, F op, int mode = 2) {
     LMI_HANDLE h = open(path(f), mode);
@@ -81,8 +78,7 @@ class Crash : public LibTest {
     for (const char* f : kFiles) s[f] = state(path(f));
     return s;
   }
-  // Every library passes the checker, leaks included; `backwards` checks (and
-  // so first opens, which resolves its journal) the last library first.
+  // Every library passes the checker, leaks included; `backwards` checks (and resolves the journal of) the last first.
   void verifyAll(bool backwards) {
     for (int i = 0; i < 3; ++i) {
       std::string f = path(kFiles[backwards ? 2 - i : i]);
@@ -201,9 +197,8 @@ const Operation kOps[] = {
      [](Crash&, State& s) { s["c.zbl"] = {true, true, {}, {}, "made"}; }},
 };
 
-// Under sanitizers (slow) one change in kEvery is tried.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr int kEvery = 3;
+constexpr int kEvery = 3;  // sanitizers are slow: one change in three is tried
 #else
 constexpr int kEvery = 1;
 #endif
@@ -261,15 +256,14 @@ TEST_F(Crash, AFailedOperationLeavesNothingForLaterCallsToPublish) {
     ASSERT_EQ(putIn("a.zbl", "x", pattern(5000, 1), "kept"), 0);
     LMI_HANDLE h = open(lib, 2);
     EXPECT_NE(hooked(Mode::Fail, at, [&] { return put(h, "x", pattern(3, 2)); }), 0);
-    EXPECT_EQ(get(h, "x"), pattern(5000, 1)) << at;
+    EXPECT_EQ(readEntry(h, "x"), pattern(5000, 1)) << at;
     EXPECT_TRUE(put(h, "y", pattern(700, 3)) == 0 && LMI_CloseLibrary(h) == 0);
     EXPECT_EQ(state(lib).entries, (std::map<std::string, Entry>{{"x", {pattern(5000, 1), "kept"}}, {"y", {pattern(700, 3), ""}}}));
     EXPECT_EQ(zbshr_lib_verify(lib.c_str(), nullptr, nullptr), 0);
   }
 }
 
-// A journal left by a killed writer is rolled back by the next reader; a
-// reader that cannot write the file refuses to open it instead.
+// A journal left by a killed writer is rolled back by the next reader, or refused by one that cannot write the file.
 TEST_F(Crash, AReaderRollsBackAHotJournalOrRefuses) {
   std::string lib = create("h.zbl");
   ASSERT_EQ(putIn("h.zbl", "x", pattern(9000, 4)), 0);
@@ -295,8 +289,7 @@ TEST_F(Crash, AReaderRollsBackAHotJournalOrRefuses) {
   EXPECT_TRUE(state(lib) == before && !fs::exists(lib + "-journal"));
 }
 
-// Where no journal can be made beside the library (a read-only folder; here
-// the journal's name leads into a folder that does not exist), a change fails, changes nothing and says why.
+// Where no journal can be made (its name leads into a missing folder), a change fails, changes nothing and says why.
 TEST_F(Crash, AChangeWithoutAJournalFailsAndSaysWhy) {
   std::string lib = create("ro.zbl");
   ASSERT_EQ(putIn("ro.zbl", "x", pattern(2000, 1)), 0);
@@ -306,14 +299,13 @@ TEST_F(Crash, AChangeWithoutAJournalFailsAndSaysWhy) {
   EXPECT_EQ(put(h, "x", pattern(10, 2)), LMI_E_IO);
   char why[512];
   EXPECT_TRUE(zbshr_lib_last_error(why, sizeof why) == LMI_E_IO && std::string(why).find("rollback journal") != std::string::npos);
-  EXPECT_EQ(get(h, "x"), pattern(2000, 1));
+  EXPECT_EQ(readEntry(h, "x"), pattern(2000, 1));
   LMI_CloseLibrary(h);
   fs::remove(lib + "-journal");
   EXPECT_EQ(state(lib), before);
 }
 
-// An executable's trailer is off the file while open for writing; after a
-// killed writer the next open, reader or writer, puts it back.
+// An executable's trailer is off the file while open for writing; after a killed writer the next open puts it back.
 TEST_F(Crash, AnExecutableKilledWhileOpenForWritingGetsItsTrailerBack) {
   std::string p = path("app.exe");
   spit(p, exeWith(slurp(create("inner.zbl"))));
@@ -326,7 +318,7 @@ TEST_F(Crash, AnExecutableKilledWhileOpenForWritingGetsItsTrailerBack) {
   for (int mode : {1, 2}) {
     spit(p, left);
     spit(p + "-trailer", keeper);
-    EXPECT_EQ(with(p, [&](LMI_HANDLE h) { return get(h, "w_main") == pattern(900, 3); }, mode), 1) << mode;
+    EXPECT_EQ(with(p, [&](LMI_HANDLE h) { return readEntry(h, "w_main") == pattern(900, 3); }, mode), 1) << mode;
     Bytes now = slurp(p);
     ASSERT_EQ(now.size(), left.size() + 512);
     EXPECT_TRUE(str(now, now.size() - 512, 4) == "TRL*" && le32(now, now.size() - 508) == 1536u && !fs::exists(p + "-trailer"));
@@ -351,9 +343,8 @@ void randomStep(Crash& t, const std::string& f, uint32_t seed, int i) {
   }
 }
 
-// A child doing random operations is killed at a random moment; the library
-// must hold the state after its last finished operation or the next one (as
-// replayed on another library). ZBSHR_CRASH_ROUNDS makes a longer soak.
+// A child doing random operations is killed at a random moment; the library must hold the state after its last finished
+// operation or the next one (as replayed on another library). ZBSHR_CRASH_ROUNDS makes a longer soak.
 TEST_F(Crash, RandomKillsLeaveAStateTheOperationsPassedThrough) {
   const char* env = std::getenv("ZBSHR_CRASH_ROUNDS");
   for (int round = 0, rounds = env ? std::atoi(env) : 12; round < rounds; ++round) {

@@ -124,8 +124,7 @@ inline LibState snapshot(ZBSTG_HEAP heap, const std::string& file, bool times = 
   return st;
 }
 
-// Libraries live in memory where possible (each change ends with syncs);
-// ZBSHR_TEST_ON_DISK=1 keeps them in the temporary folder.
+// Libraries live in memory where possible (changes end with syncs); ZBSHR_TEST_ON_DISK=1 keeps them on disk.
 inline fs::path scratchRoot() {
 #ifndef _WIN32
   if (!std::getenv("ZBSHR_TEST_ON_DISK") && fs::is_directory("/dev/shm")) return "/dev/shm";
@@ -166,7 +165,6 @@ class LibTest : public ::testing::Test {
     }
     return LMI_CloseEntry(h);
   }
-  std::string get(LMI_HANDLE h, const std::string& name, int32_t* rc = nullptr) { return readEntry(h, name, rc); }
   // Runs f on the library opened in `mode` and closes it; f's result.
   template <class F>
   int32_t with(const std::string& p, F f, int mode = 2, int readAhead = 0) {

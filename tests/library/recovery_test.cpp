@@ -54,8 +54,6 @@ class Recovery : public LibTest {
     return d + 1;
   }
   static std::string name(const Bytes& b, uint32_t rec) { return reinterpret_cast<const char*>(&b[rec + 24]); }
-  // Points the root's first child back at the root.
-  static void cycle(Bytes& b) { set32(b, le32(b, 1024 + 4) ? 1024 + 4 : 1024 + 12, 1024); }
   int32_t verifyPath(const std::string& lib) {
     found.clear();
     return zbshr_lib_verify(lib.c_str(), collectCb, &found);
@@ -155,7 +153,7 @@ TEST_F(Recovery, VerifyListingAndCompactionStopAtADirectoryCycle) {
   std::vector<uint32_t> under;
   walk(bytes, child, &under);
   for (uint32_t r : under) want.erase(name(bytes, r));
-  cycle(bytes);
+  set32(bytes, le32(bytes, 1024 + 4) ? 1024 + 4 : 1024 + 12, 1024);  // the root's first child points back at it
   spit(lib, bytes);
   // Compaction refuses it and leaves it as it was.
   EXPECT_EQ(zbshr_lib_compact(lib.c_str(), nullptr, nullptr), LMI_E_DAMAGED);
@@ -170,8 +168,7 @@ TEST_F(Recovery, VerifyListingAndCompactionStopAtADirectoryCycle) {
   Entries listed;
   for (auto& n : seen) listed[n] = want.count(n) ? want.at(n) : Entry{"<not expected>", "", 0};
   EXPECT_TRUE(listed == want && seen.size() == want.size());  // each once
-  // Repair cuts the cycle and frees the subtree's blocks; what is still
-  // reachable is unchanged, and the library checks clean.
+  // Repair cuts the cycle and frees the subtree's blocks; what is reachable is unchanged, and checks clean.
   found.clear();
   EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == 2 && clean(lib));
   EXPECT_EQ(state(lib, true).entries, want);
@@ -194,8 +191,7 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   for (bool breakList : {false, true}) {
     SCOPED_TRACE(breakList ? "unreadable check-out list" : "leak and wrong bit");
     Bytes b = bytes;
-    // The list's own block is then neither readable nor leaked data: the
-    // old leak stays, the wrong bit is fixed and the list dropped.
+    // The list's block is then neither readable nor leaked: the old leak stays, the bit is fixed, the list dropped.
     if (breakList) b[le32(b, 284)] = 'X';
     spit(lib, b);
     found.clear();
@@ -262,8 +258,7 @@ TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   EXPECT_EQ(verifyPath(lib), 0);
 }
 
-// A comment length is checked against both the 255-byte limit and the
-// entry's own length, each at its boundary; each byte of a signature counts.
+// A comment length is checked against 255 and the entry's length, each at its boundary; each signature byte counts.
 TEST_F(Recovery, VerifyChecksRecordFields) {
   std::string lib = create("v.zbl");
   ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "e", std::string(300, 'd'), "c") || put(h, "f", "12345", "c"); }), 0);
@@ -320,8 +315,7 @@ TEST_F(Recovery, LastErrorTellsWhyACallFailed) {
   EXPECT_TRUE(zbshr_lib_last_error(small, sizeof small) == LMI_E_IO && std::strlen(small) == 4u);
 }
 
-// Damaged and hostile files give LMI_E_DAMAGED or LMI_E_IO, never a crash or a hang,
-// and the undamaged entries stay readable. Disk errors go through the retry dialog.
+// Damaged files give LMI_E_DAMAGED or LMI_E_IO, never a crash or a hang, and the undamaged entries stay readable.
 
 constexpr size_t kA = 1024 + 32, kB = kA + 26;  // the records of "a" and "b" in the root
 
@@ -345,12 +339,11 @@ class Damage : public LibTest {
   }
   int32_t call(std::function<int32_t(LMI_HANDLE)> f, int mode = 1) { return with(lib, f, mode); }
   int32_t readRc(const char* n) {
-    return call([&](LMI_HANDLE h) { int32_t rc; get(h, n, &rc); return rc; });
+    return call([&](LMI_HANDLE h) { int32_t rc; readEntry(h, n, &rc); return rc; });
   }
 };
 
-// Damage in the record or chain of "a": reading and deleting "a" fail, a
-// failed delete frees nothing, and "b" stays readable.
+// Damage in the record or chain of "a": reading and deleting "a" fail, freeing nothing, and "b" stays readable.
 TEST_F(Damage, BrokenChainsAreRefusedAndNothingIsFreed) {
   const std::tuple<const char*, size_t, uint32_t, int> cases[] = {  // {what, offset, value (0: the file size), width}
       {"data chain cycle: block 9 back to 8", 4096 + 512 + 4, 4096, 4},
@@ -411,8 +404,7 @@ TEST_F(Damage, TruncatedAndForeignFilesDoNotOpen) {
   EXPECT_EQ(readRc("a"), LMI_E_DAMAGED);
 }
 
-// ---------------------------------------------------------------- disk errors
-
+// Disk errors go through the retry dialog.
 int g_answer, g_asked;
 int32_t ZBSHR_CALL answer(void*, const char*, const char*, uint32_t style) {
   EXPECT_EQ(style & 0x1F, 0x15u);  // Retry and Cancel, stop icon
@@ -427,8 +419,7 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   LMI_HANDLE h = open(lib, 2);
   ASSERT_NE(h, nullptr);
   zbshr_set_msgbox_handler(answer, nullptr);
-  // The dialog's answer (4 Retry, 2 Cancel) to a fault in the first write or
-  // read of the action, and how often it was asked.
+  // The dialog's answer (4 Retry, 2 Cancel) to a fault in the action's first write or read; asked once.
   auto fault = [&](plat::Fault f, int a, auto action) {
     g_asked = 0, g_answer = a;
     plat::inject_fault(f, 1, 1);
@@ -440,8 +431,8 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   EXPECT_EQ(fault(plat::Fault::Write, 4, [&] { return put(h, "x", pattern(5000, 4)); }), 0);
   ASSERT_TRUE(LMI_OpenEntry(h, S("y"), 3, nullptr) == 0 && LMI_WriteEntry(h, "abc", 3) == 3);
   EXPECT_EQ(fault(plat::Fault::Write, 2, [&] { return LMI_CloseEntry(h); }), LMI_E_DISK_FULL);
-  EXPECT_EQ(fault(plat::Fault::Read, 2, [&] { int32_t rc; get(h, "x", &rc); return rc; }), LMI_E_IO);
-  EXPECT_TRUE(get(h, "x") == pattern(5000, 4) && problems(h).empty());
+  EXPECT_EQ(fault(plat::Fault::Read, 2, [&] { int32_t rc; readEntry(h, "x", &rc); return rc; }), LMI_E_IO);
+  EXPECT_TRUE(readEntry(h, "x") == pattern(5000, 4) && problems(h).empty());
   zbshr_set_msgbox_handler(nullptr, nullptr);
   EXPECT_EQ(LMI_CloseLibrary(h), 0);
   zbshr_lib_write_through(was);
