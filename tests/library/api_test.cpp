@@ -15,6 +15,23 @@ void expectCodes(const std::vector<Call>& calls) {
   for (const auto& [what, want, call] : calls) EXPECT_EQ(call(), want) << what;
 }
 
+// The setting as the process starts, before a test changes it: with ZBSHR_LIB_WRITE_THROUGH unset, changes are synced.
+const int32_t kStartWriteThrough = zbshr_lib_write_through(-1);
+int g_syncs = 0;
+
+TEST_F(Api, ChangesAreSyncedUnlessTheEnvironmentSaysOtherwise) {
+  const char* env = std::getenv("ZBSHR_LIB_WRITE_THROUGH");
+  const int32_t was = zbshr_lib_write_through(kStartWriteThrough);
+  zbshr::lm::io_hook = [](char kind, bool, uint64_t, uint32_t) -> int64_t {
+    g_syncs += kind == 's';
+    return -1;
+  };
+  EXPECT_EQ(with(create("s.zbl"), [&](LMI_HANDLE h) { return put(h, "x", "data"); }), 0);
+  zbshr::lm::io_hook = nullptr;
+  zbshr_lib_write_through(was);
+  EXPECT_EQ(g_syncs > 0, !env || std::string(env) != "0") << g_syncs;
+}
+
 TEST_F(Api, OpenAndDeleteLibraryRefuseBadArguments) {
   std::string p = create("a.zbl");
   spit(path("junk.zbl"), Bytes(4096, 7));

@@ -438,4 +438,21 @@ TEST_F(Damage, ShortWriteRetriedOrCancelled) {
   zbshr_lib_write_through(was);
 }
 
+// Whichever write of a change comes out short (the header's, at offset 0, too), Retry writes it again in its place.
+TEST_F(Damage, ShortWritesRetriedGoToTheirPlace) {
+  zbshr_set_msgbox_handler(answer, nullptr);
+  g_answer = 4;  // Retry
+  LMI_LIBRARYMOD mod{0, 0, "renamed"};
+  const LibState want{true, true, {{"a", {pattern(1300, 1), "", 0}}, {"b", {pattern(600, 2), "", 0}}}, {}, "renamed"};
+  for (int nth = 1, asked = 1; asked && nth < 50; ++nth, asked = g_asked) {
+    build();
+    g_asked = 0;
+    zbshr::plat::inject_fault(zbshr::plat::Fault::Write, nth, 1);
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_ModifyLibrary(h, &mod); }, 3), 0) << nth;
+    zbshr::plat::clear_faults();
+    EXPECT_TRUE(state(lib) == want && verifyFile(lib).empty()) << nth;
+  }
+  zbshr_set_msgbox_handler(nullptr, nullptr);
+}
+
 }  // namespace
