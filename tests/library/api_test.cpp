@@ -22,10 +22,7 @@ int g_syncs = 0;
 TEST_F(Api, ChangesAreSyncedUnlessTheEnvironmentSaysOtherwise) {
   const char* env = std::getenv("ZBSHR_LIB_WRITE_THROUGH");
   const int32_t was = zbshr_lib_write_through(kStartWriteThrough);
-  zbshr::lm::io_hook = [](char kind, bool, uint64_t, uint32_t) -> int64_t {
-    g_syncs += kind == 's';
-    return -1;
-  };
+  zbshr::lm::io_hook = [](char kind, bool, uint64_t, uint32_t) -> int64_t { return (g_syncs += kind == 's'), -1; };
   EXPECT_EQ(with(create("s.zbl"), [&](LMI_HANDLE h) { return put(h, "x", "data"); }), 0);
   zbshr::lm::io_hook = nullptr;
   zbshr_lib_write_through(was);
@@ -63,7 +60,6 @@ TEST_F(Api, PathsAreFoldedAndResolvedWithoutRegardToCase) {
   EXPECT_TRUE(fs::exists(path("Project/app.zbl")));  // in the existing, differently spelled folder
   S mixed(path("PROJECT/APP.ZBL")), name("Window_Main");
   LMI_HANDLE h = LMI_OpenLibrary(heap, mixed, 2, 0);
-  ASSERT_NE(h, nullptr);
   EXPECT_EQ(mixed.get(), path("project/app.zbl"));
   EXPECT_TRUE(LMI_OpenEntry(h, name, 3, nullptr) == 0 && name.get() == "window_main");
   EXPECT_TRUE(LMI_CloseEntry(h) == 0 && LMI_CloseLibrary(h) == 0);
@@ -72,7 +68,6 @@ TEST_F(Api, PathsAreFoldedAndResolvedWithoutRegardToCase) {
 TEST_F(Api, EntryStateErrors) {
   std::string p = create("a.zbl");
   LMI_HANDLE h = open(p, 2), r = nullptr;
-  ASSERT_NE(h, nullptr);
   char buf[10];
   LMI_ENTRYINFO info;
   LMI_LIBRARYMOD mod{0, 0, "new"};
@@ -293,7 +288,6 @@ class Layout : public LibTest {
   // Puts the entries ({name, data}) into library p, one handle for all.
   void fill(const std::string& p, std::vector<std::pair<std::string, std::string>> entries, int ra = 0) {
     LMI_HANDLE h = open(p, 2, ra);
-    ASSERT_NE(h, nullptr);
     for (auto& [n, d] : entries) ASSERT_EQ(put(h, n, d), 0) << n;
     ASSERT_EQ(LMI_CloseLibrary(h), 0);
   }
@@ -423,8 +417,7 @@ TEST_F(Layout, OldLayoutWith1024ByteNodes) {
   EXPECT_TRUE(str(a, 18, 4) == "0100" && le16(a, 1024 + 16) < 992);
   uint32_t right = le32(a, 1024 + 12);  // a new node, on a block boundary after the 2048 fixed bytes
   EXPECT_TRUE(right && str(a, right, 4) == "NOD*" && (right - 2048) % 512 == 0) << right;
-  EXPECT_TRUE(verifyFile(p).empty());
-  EXPECT_EQ(state(p).entries.size(), 60u);
+  EXPECT_TRUE(verifyFile(p).empty() && state(p).entries.size() == 60u);
   b[5] = 'X';  // a file whose product name differs is refused
   spit(p, b);
   EXPECT_EQ(open(p, 1), nullptr);
@@ -438,7 +431,6 @@ TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
   EXPECT_EQ(with(p, [&](LMI_HANDLE g) { return int32_t(zbshr::lm::library_of(g)->base + fs::file_size(p) - exe.size()); }, 1),
             1536);
   LMI_HANDLE h = open(p, 2);
-  ASSERT_NE(h, nullptr);
   EXPECT_EQ(fs::file_size(p), exe.size() - 512);  // the trailer is off while open
   ASSERT_EQ(put(h, "w_main", std::string(700, 'w')), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
@@ -446,8 +438,7 @@ TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
   ASSERT_EQ(a.size(), exe.size() + 2 * 512);
   EXPECT_TRUE(str(a, a.size() - 512, 4) == "TRL*" && le32(a, a.size() - 508) == 1536u);
   EXPECT_EQ(le32(a, 1536 + 1024 + 32 + 8), 1536u + 4096);  // stored offsets are absolute
-  EXPECT_TRUE(std::equal(exe.begin(), exe.begin() + 1536, a.begin()));
-  EXPECT_EQ(state(p).entries["w_main"].data, std::string(700, 'w'));
+  EXPECT_TRUE(std::equal(exe.begin(), exe.begin() + 1536, a.begin()) && state(p).entries["w_main"].data == std::string(700, 'w'));
   EXPECT_TRUE(verifyFile(p).empty());
 }
 
