@@ -157,13 +157,12 @@ TEST_F(Api, CopyKeepsCommentAndTime) {
   std::string a = create("a.zbl"), b = create("b.zbl");
   LMI_HANDLE h = open(a, 2);
   ASSERT_EQ(put(h, "obj", pattern(5000, 1), "the comment"), 0);
-  {  // Age the entry so that a copy made now would show a different time.
-    auto* lib = zbshr::lm::library_of(h);
-    zbshr::lm::Search s;
-    ASSERT_EQ(zbshr::lm::find_entry(lib, "obj", &s), zbshr::lm::kFound);
-    zbshr::lm::wr32(zbshr::lm::record_ptr(lib, s.node, s.rec) + 16, 1000000);
-    ASSERT_EQ(zbshr::lm::write_node(lib, s.node), 0);
-  }
+  // Age the entry so that a copy made now would show a different time.
+  auto* lib = zbshr::lm::library_of(h);
+  zbshr::lm::Search s;
+  ASSERT_EQ(zbshr::lm::find_entry(lib, "obj", &s), zbshr::lm::kFound);
+  zbshr::lm::wr32(zbshr::lm::record_ptr(lib, s.node, s.rec) + 16, 1000000);
+  ASSERT_EQ(zbshr::lm::write_node(lib, s.node), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   const Entry obj{pattern(5000, 1), "the comment", 1000000};
   ASSERT_EQ(LMI_CopyEntry(heap, S("OBJ"), nullptr, S(a), S(b)), 0);

@@ -74,7 +74,6 @@ TEST_F(Recovery, SalvageSavesEveryEntryWhoseRecordSurvives) {
   Bytes bytes = slurp(lib);
   ASSERT_NE(le32(bytes, 1024 + 12) | le32(bytes, 1024 + 4), 0u) << "the tree should have children";
   for (size_t n : {3072, 512}) {  // the whole root node, or its first block
-    SCOPED_TRACE(n);
     Entries kept = want;  // records inside the zeroed bytes are gone for good
     for (uint32_t r : records(bytes, 1024))
       if (r < 1024 + n) kept.erase(name(bytes, r));
@@ -83,10 +82,10 @@ TEST_F(Recovery, SalvageSavesEveryEntryWhoseRecordSurvives) {
     std::string bad = path("bad.zbl"), out = path("out.zbl");
     spit(bad, damaged);
     fs::remove(out);
-    ASSERT_EQ(zbshr_lib_salvage(bad.c_str(), out.c_str(), collectCb, &found), int32_t(kept.size()));
+    ASSERT_EQ(zbshr_lib_salvage(bad.c_str(), out.c_str(), collectCb, &found), int32_t(kept.size())) << n;
     // Check-out records and the library comment come along.
-    EXPECT_EQ(state(out, true), (LibState{true, true, kept, {"|e007||r", "|e299||r"}, "library comment"}));
-    EXPECT_TRUE(clean(out));
+    EXPECT_EQ(state(out, true), (LibState{true, true, kept, {"|e007||r", "|e299||r"}, "library comment"})) << n;
+    EXPECT_TRUE(clean(out)) << n;
   }
 }
 
@@ -189,14 +188,13 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   spit(lib, bytes);
   ASSERT_EQ(verifyPath(lib), 1);
   for (bool breakList : {false, true}) {
-    SCOPED_TRACE(breakList ? "unreadable check-out list" : "leak and wrong bit");
     Bytes b = bytes;
     // The list's block is then neither readable nor leaked: the old leak stays, the bit is fixed, the list dropped.
     if (breakList) b[le32(b, 284)] = 'X';
     spit(lib, b);
     found.clear();
-    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (breakList ? 3 : 2) && clean(lib));
-    EXPECT_EQ(state(lib, true).entries, want);
+    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (breakList ? 3 : 2) && clean(lib)) << breakList;
+    EXPECT_EQ(state(lib, true).entries, want) << breakList;
     EXPECT_EQ(state(lib).checkouts.size(), breakList ? 0u : 1u);
   }
 }
@@ -375,15 +373,14 @@ TEST_F(Damage, BadLinksAreRefused) {
       {"bitmap naming itself", 0, bitmapTo(512), "b", 0, LMI_E_DAMAGED, 0},
   };
   for (const auto& [what, extra, damage, name, exists_, write, list] : cases) {
-    SCOPED_TRACE(what);
     build(extra);
     ASSERT_TRUE(!extra || le32(bytes, 1024 + 12));
     damage(*this);
-    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_EntryExists(h, S(name)); }), exists_);
-    EXPECT_TRUE(exists_ || readRc("b") == 0);  // reading needs no bitmap
-    EXPECT_EQ(call([&](LMI_HANDLE h) { return put(h, "zz", "new"); }, 2), write);
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_EntryExists(h, S(name)); }), exists_) << what;
+    EXPECT_TRUE(exists_ || readRc("b") == 0) << what;  // reading needs no bitmap
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return put(h, "zz", "new"); }, 2), write) << what;
     std::vector<std::string> names;
-    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_ListEntries(h, S(".*"), collectName, &names); }), list);
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_ListEntries(h, S(".*"), collectName, &names); }), list) << what;
   }
 }
 
