@@ -74,7 +74,7 @@ TEST_F(Cli, EveryActionDoesWhatItSays) {
       {{"verify", "@proj.zbl"}, "", 0, "no damage found"},
       {{"repair", "@proj.zbl"}, "", 0, "problems fixed"},
       {{"compact", "@proj.zbl"}, "", 0, "2 entries kept"},
-      {{"cat", "@proj.zbl", "w_main"}, "", 0, ""},
+      {{"cat", "@proj.zbl", "w_main"}, "", 0, data},  // it survives copy, check-out, check-in and compaction
   };
   for (const auto& [args, input, code, out] : steps) {
     SCOPED_TRACE(testing::PrintToString(args));
@@ -85,7 +85,6 @@ TEST_F(Cli, EveryActionDoesWhatItSays) {
     EXPECT_TRUE(!std::count(args.begin(), args.end(), "--json") || nlohmann::json::accept(last.out)) << what();
     EXPECT_TRUE(args[0] != "checkouts" || !out.empty() || last.out.empty()) << what();
   }
-  EXPECT_TRUE(last.out == data) << "the entry survives copy, check-out, check-in and compaction";
   EXPECT_EQ(zbtest::run_program({ZBSHR_CLI, "--version"}).out.rfind("zbshr " + std::string(zbshr_version()), 0), 0u);
 }
 
@@ -126,8 +125,8 @@ TEST_F(Cli, BadInputsFailWithTheReasonAndChangeNothing) {
   };
   auto fails = [&](const std::vector<std::string>& args, int code) {
     EXPECT_EQ(lib(args, "new data"), code) << testing::PrintToString(args) << what();
-    EXPECT_TRUE(std::count(last.err.begin(), last.err.end(), '\n') == 1 && std::count(last.out.begin(), last.out.end(), '\n') <= 1)
-        << testing::PrintToString(args) << what();
+    EXPECT_EQ(std::count(last.err.begin(), last.err.end(), '\n'), 1) << what();  // one line, one hint
+    EXPECT_LE(std::count(last.out.begin(), last.out.end(), '\n'), 1) << what();  // a heading at most
   };
   for (const auto& [args, code, err] : cases) {
     fails(args, code);

@@ -319,7 +319,8 @@ TEST_F(Crash, AnExecutableKilledWhileOpenForWritingGetsItsTrailerBack) {
     spit(p + "-trailer", keeper);
     EXPECT_EQ(with(p, [&](LMI_HANDLE h) { return readEntry(h, "w_main") == pattern(900, 3); }, mode), 1) << mode;
     Bytes now = slurp(p);
-    EXPECT_TRUE(now.size() == left.size() + 512 && str(now, now.size() - 512, 4) == "TRL*" && le32(now, now.size() - 508) == 1536u && !fs::exists(p + "-trailer"));
+    EXPECT_TRUE(now.size() == left.size() + 512 && str(now, now.size() - 512, 4) == "TRL*") << mode;
+    EXPECT_TRUE(le32(now, now.size() - 508) == 1536u && !fs::exists(p + "-trailer")) << mode;
     EXPECT_EQ(zbshr_lib_verify(p.c_str(), nullptr, nullptr), 0);
   }
 }

@@ -16,9 +16,9 @@
 #include "zbshr/memory.h"
 #include "zbshr/system.h"
 
-namespace systest {
-
 namespace fs = std::filesystem;
+
+namespace systest {
 
 inline std::string slurp(const fs::path& p) {
   std::ifstream f(p, std::ios::binary);
@@ -49,5 +49,3 @@ class ScratchTest : public ::testing::Test {
 };
 
 }  // namespace systest
-
-namespace fs = std::filesystem;

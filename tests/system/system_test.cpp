@@ -425,7 +425,8 @@ TEST_F(ProfileTest, LocalAndSharedProfileReadsAndWrites) {
   SetHost("zb050.exe");
   EXPECT_EQ((std::vector<int32_t>{OS_NetworkSharedProfileAccessible(), OS_NetworkGetProfInt("s", "k", -7),
                                   OS_NetworkPutProfStr("s", "k", "v")}), (std::vector<int32_t>{0, -7, 0}));
-  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6) + Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6), "5:longe0:");
+  EXPECT_EQ(Read(OS_NetworkGetProfStr, "s", "k", "longer-default", 6) + Read(OS_NetworkGetProfStr, "s", "k", nullptr, 6),
+            "5:longe0:");
   fs::path shared = root_ / "net" / "shared.ini";
   spill(shared, "[Team]\nSize=0x10\n");
   spill(hostdir_ / "zb.ini", "[zb]\nsharedIni=" + shared.string() + "\n");
