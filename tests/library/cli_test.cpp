@@ -151,5 +151,41 @@ TEST_F(Cli, BadInputsFailWithTheReasonAndChangeNothing) {
   EXPECT_TRUE(verifyFile(path("p.zbl")).empty());
 }
 
+#ifndef _WIN32
+// A put interrupted while it reads its input stores nothing: the library keeps the old entry whole
+// and checks clean, and no file is left beside it.
+TEST_F(Cli, InterruptedPutStoresNothing) {
+  ASSERT_EQ(lib({"create", "@i.zbl"}), 0);
+  ASSERT_EQ(lib({"put", "@i.zbl", "e", "-"}, "old data"), 0);
+  signal(SIGPIPE, SIG_IGN);  // a child that ends early makes write() fail, not this program
+  for (int sig : {SIGINT, SIGTERM}) {
+    int in[2];
+    ASSERT_EQ(pipe(in), 0);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+    posix_spawn_file_actions_addclose(&fa, in[1]);
+    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    std::string exe = ZBSHR_CLI, l = path("i.zbl");
+    std::vector<char*> argv{exe.data(), (char*)"lib", (char*)"put", l.data(), (char*)"e", (char*)"-", nullptr};
+    pid_t pid;
+    ASSERT_EQ(posix_spawn(&pid, exe.c_str(), &fa, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&fa);
+    close(in[0]);
+    const std::string chunk(1 << 16, 'n');
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(write(in[1], chunk.data(), chunk.size()), ssize_t(chunk.size())) << sig;
+    kill(pid, sig);  // the program is still waiting for the rest of its input
+    (void)!write(in[1], chunk.data(), chunk.size());  // fails once the program has stopped
+    close(in[1]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + sig) << status;
+    ASSERT_EQ(lib({"cat", "@i.zbl", "e"}), 0);
+    EXPECT_EQ(last.out, "old data");
+    EXPECT_EQ(lib({"verify", "@i.zbl"}), 0) << what();
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);  // i.zbl alone
+  }
+}
+#endif
 
 }  // namespace
