@@ -117,20 +117,14 @@ TEST(FormatPatternMatch, Counts) {
       {"a+a+a+a+b", as.c_str(), 0}, {"[ab]*a*[ab]*c", as.c_str(), 0}, {"a*a*a*", as.c_str(), 1},
   };
   for (const auto& r : rows) EXPECT_EQ(count(r.pattern, r.text), r.count) << r.pattern;
-}
-
-TEST(FormatPatternMatch, DeepPatternsDoNotExhaustTheStack) {
-  // Hundreds of thousands of closures: the depth of a pattern costs heap, not
-  // machine stack (one level per closure would overflow an 8 MB stack).
+  // Hundreds of thousands of closures: the depth of a pattern costs heap, not machine stack.
   for (const char* closure : {"a?", "a*"}) {
     std::string pat;
     for (int k = 0; k < 200000; ++k) pat += closure;
     pat += 'b';
     std::vector<unsigned char> buf(pat.size() * 2 + 8);
     ASSERT_EQ(shregExprCmpl(buf.data(), pat.c_str(), static_cast<int32_t>(buf.size())), 0);
-    EXPECT_EQ(shregExprMatch("aaab", buf.data()), 1) << closure;
-    EXPECT_EQ(shregExprMatch("aaaa", buf.data()), 0) << closure;
-    EXPECT_EQ(shregExprMatch("xbab", buf.data()), 2) << closure;
+    for (auto [text, n] : {std::pair{"aaab", 1}, {"aaaa", 0}, {"xbab", 2}}) EXPECT_EQ(shregExprMatch(text, buf.data()), n);
   }
 }
 
@@ -224,8 +218,10 @@ int count(const unsigned char* c, const char* text) {
 
 }  // namespace ref
 
-TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
-  const char* atoms[] = {"a", "b", "c", ".", "[ab]", "[^a]", "[b-c]", "^", "$", "\\."};
+// Random patterns and texts: the matcher against the plain reading above, and the wide form against the
+// narrow one (the same units, the same counts).
+TEST(FormatPatternMatch, AgreesWithPlainBacktrackingAndTheWideForm) {
+  const char* atoms[] = {"a", "b", "c", ".", "[ab]", "[^a]", "[b-c]", "^", "$", "\\.", "\\*", "[\\]-]"};
   const char* closures[] = {"", "", "*", "+", "?"};
   uint32_t seed = 12345;
   auto rnd = [&](uint32_t n) {
@@ -233,50 +229,21 @@ TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
     return (seed >> 16) % n;
   };
   for (int iter = 0; iter < 20000; ++iter) {
-    std::string pat;
-    int len = 1 + rnd(iter % 10 == 0 ? 18 : 4);  // some longer than 12 elements
-    for (int k = 0; k < len; ++k) {
-      const char* a = atoms[rnd(10)];
+    std::string pat, text;
+    for (int k = 0, n = 1 + rnd(iter % 10 == 0 ? 18 : 4); k < n; ++k) {  // some longer than 12 elements
+      const char* a = atoms[rnd(12)];
       pat += a;
       if (a[0] != '^' && a[0] != '$') pat += closures[rnd(5)];
     }
-    std::string text;
-    int tl = rnd(12);
-    for (int k = 0; k < tl; ++k) text += "abc."[rnd(4)];
+    for (int k = 0, n = rnd(12); k < n; ++k) text += "abc.]-*"[rnd(7)];
     unsigned char buf[256];
-    ASSERT_EQ(shregExprCmpl(buf, pat.c_str(), sizeof buf), 0) << pat;
-    ASSERT_EQ(shregExprMatch(text.c_str(), buf), ref::count(buf, text.c_str()))
-        << "pattern " << pat << " text " << text;
-  }
-}
-
-TEST(FormatPatternWide, AgreesWithNarrowOnAsciiInput) {
-  const char* atoms[] = {"a", "b", ".", "[ab]", "[^a]", "[a-b]", "^", "$", "\\*", "[\\]-]"};
-  const char* closures[] = {"", "*", "+", "?"};
-  uint32_t seed = 99;
-  auto rnd = [&](uint32_t n) {
-    seed = seed * 1664525u + 1013904223u;
-    return (seed >> 16) % n;
-  };
-  for (int iter = 0; iter < 5000; ++iter) {
-    std::string pat;
-    for (int k = 0, n = 1 + rnd(5); k < n; ++k) {
-      const char* a = atoms[rnd(10)];
-      pat += a;
-      if (a[0] != '^' && a[0] != '$') pat += closures[rnd(4)];
-    }
-    std::string text;
-    for (int k = 0, n = rnd(20); k < n; ++k) text += "ab]-*"[rnd(5)];
-    unsigned char nb[128];
-    uint16_t wb[128];
+    uint16_t wb[256];
     const std::u16string wpat(pat.begin(), pat.end()), wtext(text.begin(), text.end());
-    const int32_t en = shregExprCmpl(nb, pat.c_str(), sizeof nb);
-    const int32_t ew = shregExprCmplW(wb, reinterpret_cast<const uint16_t*>(wpat.c_str()), 128);
-    ASSERT_EQ(en, ew) << pat;
-    if (en != 0) continue;
-    for (size_t i = 0; i == 0 || nb[i - 1] != 0; ++i) ASSERT_EQ(nb[i], wb[i]) << pat;
-    ASSERT_EQ(shregExprMatch(text.c_str(), nb),
-              shregExprMatchW(reinterpret_cast<const uint16_t*>(wtext.c_str()), wb))
-        << pat << " / " << text;
+    ASSERT_EQ(shregExprCmpl(buf, pat.c_str(), sizeof buf), 0) << pat;
+    ASSERT_EQ(shregExprCmplW(wb, reinterpret_cast<const uint16_t*>(wpat.c_str()), 256), 0) << pat;
+    for (size_t i = 0; i == 0 || buf[i - 1] != 0; ++i) ASSERT_EQ(buf[i], wb[i]) << pat;
+    const int32_t n = shregExprMatch(text.c_str(), buf);
+    ASSERT_EQ(n, ref::count(buf, text.c_str())) << "pattern " << pat << " text " << text;
+    ASSERT_EQ(n, shregExprMatchW(reinterpret_cast<const uint16_t*>(wtext.c_str()), wb)) << pat << " / " << text;
   }
 }
