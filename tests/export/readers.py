@@ -1,14 +1,8 @@
 #!/usr/bin/python3
-"""Exported files read back by real readers, cells compared with what was exported.
-
-usage: readers.py ZBSHR_PROGRAM WORK_FOLDER
-
-A sample of every type and null and a set of tricky values go through
-`zbshr export` in every format and are read with xlrd, dbfread, sqlite3,
-LibreOffice headless and Gnumeric's ssconvert (the last two through CSV).
-A missing reader is reported as SKIPPED. Known disagreements of a reader
-(docs/EXPORT.md) are stated; all else must match.
-"""
+# A sample of every type and null and a set of tricky values go through `zbshr export` in every format and
+# are read back with xlrd, dbfread, sqlite3, LibreOffice headless and Gnumeric's ssconvert (the last two
+# through CSV); a missing reader is SKIPPED. Known disagreements of a reader (docs/EXPORT.md) are stated; all
+# else must match. usage: readers.py ZBSHR_PROGRAM WORK_FOLDER
 
 import csv
 import datetime
@@ -21,14 +15,8 @@ import shutil
 import subprocess
 import sys
 
-COLUMNS = [  # (name, type, width)
-    ("name", "string", 24),
-    ("qty", "number", None),
-    ("price", "decimal", 2),
-    ("day", "date", None),
-    ("at", "time", None),
-    ("stamp", "datetime", None),
-]
+COLUMNS = [("name", "string", 24), ("qty", "number", None), ("price", "decimal", 2), ("day", "date", None),
+           ("at", "time", None), ("stamp", "datetime", None)]  # (name, type, width)
 
 # Python values: str, float, str (decimal text), date, (h, m, s, us), datetime; None = null.
 ROWS = [
@@ -84,17 +72,14 @@ NUMBER_ROOM = {"dif": 15, "dbase3": 16, "csv": 29, "sql": 29, "sylk": 29}
 
 
 def general_fit(v, room):
-    """A double as the general form shows it (15 significant digits, "%.15G"),
-    with fewer digits while the text is longer than room."""
-    # a shortened text never rounds past the largest double
+    """"%.15G", with fewer digits while longer than room; never rounded past the largest double."""
     return next(t for t in ("%.*G" % (k, v) for k in range(15, 0, -1))
                 if len(t) <= room and (t == "%.15G" % v or not math.isinf(float(t))))
 
 
 def decimal_fit(text, room):
-    """A decimal as the general form shows it (all digits, plain), with fewer
-    digits (rounded half away from zero) while it does not fit, and the
-    exponent form only when no plain text fits."""
+    """All digits, plain, with fewer (rounded half away from zero) while it does not fit; the exponent form
+    only when no plain text fits."""
     d = decimal.Decimal(text)
     n = len(d.normalize().as_tuple().digits)
     rounded = [decimal.Context(prec=k, rounding=decimal.ROUND_HALF_UP).plus(d) for k in range(n, 0, -1)]
@@ -103,18 +88,15 @@ def decimal_fit(text, room):
     return next(t for t in plain + [m + "E" + e[0] + e[1:].rjust(2, "0") for m, e in exp] if len(t) <= room)
 
 
-# Every cell a reader shows is reduced to one of:
-#   None, ("s", text), ("n", float), ("d", (y, m, d)), ("t", (h, m, s, us)),
-#   ("dt", (y, m, d, h, m, s, us))
-# so that a date shown as 7/4/1998 by one reader and as 07/04/98 by another
-# compare equal, while a wrong day, a lost fraction or a changed text do not.
+# Every cell a reader shows is reduced to None, ("s", text), ("n", float), ("d", (y, m, d)),
+# ("t", (h, m, s, us)) or ("dt", (y, m, d, h, m, s, us)): 7/4/1998 and 07/04/98 compare equal.
 
 DATE_RE = re.compile(r"^(?:(\d{1,2})/(\d{1,2})/(\d{4}|\d{2})|(\d{4})[-/](\d{1,2})[-/](\d{1,2}))$")
 TIME_RE = re.compile(r"^(\d{1,2}):(\d{2})(?::(\d{2}))?(?:[:.](\d{1,6}))?(?:\s*([AaPp][Mm]))?$")
 
 
 def parse_date(t):
-    """(y, m, d) of m/d/y (two-digit years 30-99 in the 1900s) or y-m-d."""
+    # m/d/y (two-digit years 30-99 in the 1900s) or y-m-d
     m = DATE_RE.match(t)
     if not m:
         return None
@@ -160,8 +142,6 @@ def canon(v):
 
 
 def expected(fmt, ctype, v):
-    """The cell a faithful reader must show for value v of a column of type
-    ctype exported as fmt, from the null and type rules of each format."""
     if v is None:  # DIF, SYLK and dBase write a zero for a null number
         return ("n", 0.0) if fmt in ("dif", "sylk", "dbase3") and ctype in ("number", "decimal") else None
     if ctype == "string":
@@ -179,20 +159,8 @@ def expected(fmt, ctype, v):
     return ("dt", (v.year, v.month, v.day, v.hour, v.minute, v.second, v.microsecond))
 
 
-class Result:
-    failures = checked = 0
-
-    def __init__(self):
-        self.skipped = []
-
-    def skip(self, what, why):
-        print("SKIPPED %s: %s" % (what, why))
-        self.skipped.append(what)
-
-
 def crop(grid):
-    """The used range of a grid: leading and trailing empty rows and columns
-    removed (some readers export only the used range)."""
+    """The used range of a grid (some readers export only that)."""
     cells = [(r, c) for r, row in enumerate(grid) for c, v in enumerate(row) if v is not None]
     if not cells:
         return []
@@ -202,10 +170,8 @@ def crop(grid):
 
 
 def compare(res, reader, fmt, grid, headings, quirk=None, data=None, digits=None):
-    """grid: the rows of cells as the reader shows them. quirk maps (ctype,
-    value, wanted cell) to the cell this reader is known to show instead
-    (headings have ctype "heading"); data: the columns and rows exported (the
-    sample by default); digits: the significant digits shown (all if None)."""
+    """quirk maps (ctype, value, wanted cell) to the cell this reader is known to show instead (headings
+    have ctype "heading"); digits: the significant digits shown (all if None)."""
     columns, rows = data or (COLUMNS, ROWS)
     label = "%s reading %s%s" % (reader, fmt, "" if data is None else " (tricky values)")
     q = quirk or (lambda ctype, v, want: want)
@@ -233,9 +199,14 @@ def xlrd_grid(xlrd, path):
              else sh.cell(r, c).value for c in range(sh.ncols)] for r in range(sh.nrows)]
 
 
+def skip(res, what, why):
+    print("SKIPPED %s: %s" % (what, why))
+    res["skipped"].append(what)
+
+
 def check(res, label, ok, detail=""):
-    res.checked += 1
-    res.failures += not ok
+    res["checked"] += 1
+    res["failures"] += not ok
     print("ok   %s" % label if ok else "FAIL %s%s" % (label, (": " + detail) if detail else ""))
 
 
@@ -243,8 +214,7 @@ def read_xlrd(res, files):
     try:
         import xlrd
     except ImportError as e:
-        res.skip("xlrd", "python3-xlrd is not installed (%s)" % e)
-        return
+        return skip(res, "xlrd", "python3-xlrd is not installed (%s)" % e)
     compare(res, "xlrd", "excel", xlrd_grid(xlrd, files["excel"]), True)
     compare(res, "xlrd", "excel", xlrd_grid(xlrd, files["t_excel"]), True, data=TRICKY)
     # A 300-character text: the record holds all of it, but the count byte
@@ -258,8 +228,7 @@ def read_dbfread(res, files):
     try:
         import dbfread
     except ImportError as e:
-        res.skip("dbfread", "python3-dbfread is not installed (%s)" % e)
-        return
+        return skip(res, "dbfread", "python3-dbfread is not installed (%s)" % e)
     for key, data in (("dbase3", None), ("t_dbase3", TRICKY)):
         # The header carries no code page: name the encoding.
         table = dbfread.DBF(files[key], encoding="cp1252", char_decode_errors="strict")
@@ -275,8 +244,7 @@ def read_sqlite(res, files):
     try:
         import sqlite3
     except ImportError as e:
-        res.skip("sqlite3", "Python's sqlite3 module is not available (%s)" % e)
-        return
+        return skip(res, "sqlite3", "Python's sqlite3 module is not available (%s)" % e)
     for key, table, data in (("sql", "out_sql", None), ("t_sql", "out_t_sql", TRICKY)):
         db = sqlite3.connect(":memory:")
         try:
@@ -289,22 +257,12 @@ def read_sqlite(res, files):
         compare(res, "sqlite3", "sql", grid, False, data=data)
 
 
-def read_csv_file(path):
-    with open(path, newline="", encoding="utf-8", errors="replace") as f:
-        return [row for row in csv.reader(f)]
-
-
-# The formats the spreadsheet programs are asked to open, with the heading
-# rows they will see (dBase and DIF carry names as field names / labels).
-SHEET_FORMATS = ["csv", "dif", "sylk", "excel", "wk", "dbase3"]
-# The tricky values are not read from CSV: a line break inside a text starts
-# a new row there, by design.
+# The tricky values are not read from CSV: a line break inside a text starts a new row there, by design.
 TRICKY_FORMATS = ["dif", "sylk", "excel", "wk", "dbase3"]
 
 
 def sheet_quirk(reader, fmt):
-    """Known, documented disagreements between a reader and the bytes
-    (docs/EXPORT.md). Returns a function (ctype, value, want) -> shown cell."""
+    """Known disagreements between a reader and the bytes: a function (ctype, value, want) -> shown cell."""
     rules = []
 
     def text_rule(applies, change):
@@ -360,10 +318,10 @@ def sheet_quirk(reader, fmt):
 
 
 def read_sheets(res, files, work):
-    """LibreOffice converts every file in one run; ssconvert one at a time."""
+    # LibreOffice converts every file in one run; ssconvert one at a time
     soffice = shutil.which("soffice") or shutil.which("libreoffice")
     ssconvert = shutil.which("ssconvert")
-    checks = [(files[f], f, None) for f in SHEET_FORMATS] + [(files["t_" + f], f, TRICKY) for f in TRICKY_FORMATS]
+    checks = [(files[f], f, None) for f in ["csv"] + TRICKY_FORMATS] + [(files["t_" + f], f, TRICKY) for f in TRICKY_FORMATS]
     lo_out, gn_out = os.path.join(work, "lo"), os.path.join(work, "gnumeric")
     if soffice:
         os.makedirs(lo_out, exist_ok=True)
@@ -377,10 +335,10 @@ def read_sheets(res, files, work):
             check(res, "LibreOffice converting within 10 minutes", False)
             soffice = None
     else:
-        res.skip("LibreOffice", "soffice is not installed (Debian: libreoffice-calc-nogui, libreoffice-base-drivers)")
+        skip(res, "LibreOffice", "soffice is not installed (Debian: libreoffice-calc-nogui, libreoffice-base-drivers)")
     os.makedirs(gn_out, exist_ok=True)
     if not ssconvert:
-        res.skip("Gnumeric", "ssconvert is not installed (Debian: gnumeric)")
+        skip(res, "Gnumeric", "ssconvert is not installed (Debian: gnumeric)")
 
     def lo_converted(path):
         got = os.path.join(lo_out, os.path.splitext(os.path.basename(path))[0] + ".csv")
@@ -400,14 +358,13 @@ def read_sheets(res, files, work):
                 continue
             # LibreOffice's CSV writes values with 15 significant digits (8 for a worksheet)
             digits = (8 if fmt == "wk" else 15) if reader == "LibreOffice" else None
-            compare(res, reader, fmt, read_csv_file(got), True, sheet_quirk(reader.lower(), fmt),
+            with open(got, newline="", encoding="utf-8", errors="replace") as f:
+                grid = list(csv.reader(f))
+            compare(res, reader, fmt, grid, True, sheet_quirk(reader.lower(), fmt),
                     data=data, digits=digits)
 
 
 def main():
-    if len(sys.argv) != 3:
-        print(__doc__)
-        return 2
     zbshr, work = sys.argv[1], sys.argv[2]
     # A Windows build runs under Wine through a launcher script (run-*.sh):
     # it is given the files by their Windows names (drive Z: is the root).
@@ -434,12 +391,12 @@ def main():
         if p.returncode != 0:
             print("FAIL zbshr export --format %s %s: %s" % (fmt, source, p.stdout.decode(errors="replace")))
             return 1
-    res = Result()
+    res = {"checked": 0, "failures": 0, "skipped": []}
     for reader in (read_xlrd, read_dbfread, read_sqlite):
         reader(res, files)
     read_sheets(res, files, work)
-    print("%d checks, %d failed, skipped: %s" % (res.checked, res.failures, ", ".join(res.skipped) or "none"))
-    return 1 if res.failures else 0
+    print("%(checked)d checks, %(failures)d failed, skipped: " % res + (", ".join(res["skipped"]) or "none"))
+    return 1 if res["failures"] else 0
 
 
 if __name__ == "__main__":
