@@ -1,17 +1,14 @@
-// Helpers of the export tests: the ten formats as one table of calls, typed
-// cells, a scratch folder, and little-endian byte builders.
+// Helpers of the export tests: the ten formats as one table of calls, typed cells, a scratch folder, and
+// little-endian byte builders.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <variant>
-#include <vector>
 
 #include "zbshr/decimal.h"
 #include "zbshr/export.h"
@@ -82,8 +79,7 @@ class ExportTest : public ::testing::Test {
   }
   std::string path(const std::string& leaf) const { return (dir_ / leaf).string(); }
 
-  // A whole export whose every call must succeed: the file's bytes (the
-  // clipboard's text for Clip).
+  // A whole export whose every call must succeed: the file's bytes (the clipboard's text for Clip).
   std::string run(const Format& f, const std::vector<Col>& cols, const Rows& rows, uint32_t options,
                   const std::string& leaf = "OUT.DAT", int32_t declared_rows = -1) {
     const std::string file = path(leaf);
