@@ -1,5 +1,5 @@
-// The zbshr date and zbshr match subcommands, run as a user would: results,
-// JSON documents, exit statuses and one-line messages on standard error.
+// The zbshr date and zbshr match subcommands, run as a user would: results, JSON documents, exit statuses and
+// one-line messages on standard error.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -64,10 +64,8 @@ TEST_F(FormatCli, MatchAndDate) {
       {{"match", "[abc"}, "x", 2, "", "unterminated"},
       {{"match"}, "", 2, "", "PATTERN"},
       {{"match", "--help"}, "", 0, "Prints the number of matches...", ""},
-      {{"help", "match"}, "", 0, "Prints the number of matches...", ""},
       {{"date", "--order", "dmy", "parse", "15 Mar. 1998"}, "", 0, "1998-03-15 00:00:00.000000...", ""},
       {{"date", "parse", "5/1/2024", "--order", "dmy"}, "", 0, "2024-01-05...", ""},
-      {{"date", "parse", "2024/5/1", "--order", "ymd", "--json"}, "", 0, "{\"day\":...", ""},
       {{"date", "--order", "ymd", "parse", "01/02/03"}, "", 0, "2001-02-03 00:00:00...", ""},
       {{"date"}, "", 2, "", "ACTION is required"},
       {{"date", "diff", "1/1/2000"}, "", 2, "", "diff takes two texts"},
@@ -97,8 +95,7 @@ TEST_F(FormatCli, MatchAndDate) {
 
 #endif  // ZBSHR_CLI
 
-// Masks both languages share, rendered by the library (format_table) and by
-// LibreOffice headless from an .xlsx workbook, compared cell by cell.
+// Masks both share, rendered by the library (format_table) and by LibreOffice headless, compared cell by cell.
 TEST(FormatDifferential, LibreOfficeShowsTheSameText) {
 #if !defined(ZBSHR_TEST_PYTHON3) || !defined(ZBSHR_FORMAT_TABLE)
   GTEST_SKIP() << "no python3 or format_table in this build";
