@@ -201,10 +201,6 @@ TEST(DecimalRobustness, ArbitraryRecordsGiveWellFormedAnswers) {
       const SHDEC* o = i % 8 && name == std::string("pow") ? nullptr : op(&r, &a, &b, places);  // slow: 1 in 8
       ASSERT_TRUE(!o || (o->sign <= 1 && o->scale >= 0 && o->scale <= 28 && ConvDecimalToAscii(text, o))) << name;
     }
-    double x;
-    int32_t l;
-    ConvDecToDouble(&x, &a);
-    ConvDecToLong(&l, &a);
   }
 }
 
@@ -225,7 +221,6 @@ TEST(DecimalRecord, LayoutConstantsAndZero) {
 
 TEST(DecimalText, OutputAndItsErrors) {
   const std::pair<SHDEC, const char*> rows[] = {
-      {raw(1, 2, 12345), "-123.45"}, {raw(0, 3, 5), "0.005"}, {raw(0, 0, 0), "0"},
       {raw(1, 3, 0), "0.000"},  // negative zero prints as zero
       {raw(1, 28, (u128(1) << 80) - 1), "-0.0001208925819614629174706175"},  // the longest text
   };
@@ -235,7 +230,7 @@ TEST(DecimalText, OutputAndItsErrors) {
     ASSERT_EQ(ConvDecimalToAscii(buf, &d), buf);
     EXPECT_STREQ(buf, text);
   }
-  EXPECT_EQ(std::strlen(rows[4].second) + 1, static_cast<size_t>(SHDEC_TEXT_SIZE));
+  EXPECT_EQ(std::strlen(rows[1].second) + 1, static_cast<size_t>(SHDEC_TEXT_SIZE));
   HookRecorder hook;
   char buf[SHDEC_TEXT_SIZE];
   EXPECT_EQ(ConvDecimalToAscii(nullptr, &rows[0].first), nullptr);
@@ -251,23 +246,15 @@ TEST(DecimalText, OutputAndItsErrors) {
 }
 
 TEST(DecimalText, InputSignScaleAndErrors) {
-  const struct {
-    const char* text;
-    uint16_t sign;
-    int16_t scale;
-  } cases[] = {{"  -0012.3400  ", 1, 4}, {"-0", 1, 0}, {"0e-28", 0, 28}, {"0e99", 0, 0}};
-  for (const auto& c : cases) {
-    SHDEC d = raw(7, 7, 7);
-    ASSERT_EQ(ConvAsciiToDecimal(&d, c.text), &d) << c.text;
-    EXPECT_TRUE(d.sign == c.sign && d.scale == c.scale) << c.text;
-  }
+  SHDEC d = raw(7, 7, 7);
+  ASSERT_EQ(ConvAsciiToDecimal(&d, "-0"), &d);
+  EXPECT_TRUE(d.sign == 1 && d.scale == 0);  // the sign of a zero, which the text hides
   HookRecorder hook;
   for (const char* t : {"1.2.3", "1e24"}) {
-    SHDEC d = raw(0, 3, 42);
+    d = raw(0, 3, 42);
     EXPECT_EQ(ConvAsciiToDecimal(&d, t), nullptr) << t;
     EXPECT_EQ(str(d), "0.042") << "a failed parse leaves the result alone";
   }
-  SHDEC d;
   EXPECT_EQ(ConvAsciiToDecimal(nullptr, "1"), nullptr);
   EXPECT_EQ(hook.last(), -301);
   EXPECT_EQ(ConvAsciiToDecimal(&d, nullptr), nullptr);
@@ -318,32 +305,14 @@ TEST(DecimalFloat, SpecialValuesAndCorrectRounding) {
   EXPECT_EQ(ConvDoubleToDecimalRound(&d, 1.0, -1), nullptr);
   EXPECT_EQ(hook.codes, (std::vector<int>{-304, -306, -313, -313}));
   EXPECT_NE(ConvDoubleToDecimalRound(&d, 1.0, 18), nullptr);
-  // Ties and near-ties the random run seldom draws; a negative zero is +0.
-  const struct {
-    SHDEC d;
-    double x;
-    float f;
-  } rows[] = {
-      {dec("9007199254740993"), 9007199254740992.0, 9007199254740992.0f},  // 2^53 + 1: a tie, to even
-      {dec("9007199254740995"), 9007199254740996.0, 9007199254740996.0f},
-      {dec("-0.100000000000000005551115"), -0.1, -0.1f},
-      {raw(0, 28, (u128(1) << 79) - 1), 6.044629098073146e-05, 6.044629098073146e-05f},
-      {dec("16777217"), 16777217.0, 16777216.0f},
-      {dec("16777219"), 16777219.0, 16777220.0f},
-      // just above a float tie: through the nearest double it would land on the tie
-      {dec("16777217.0000000001"), 16777217.0, 16777218.0f},
-      {raw(1, 2, 0), 0.0, 0.0f},
-  };
-  for (const auto& r : rows) {
-    double x = 5;
-    float f = 5;
-    ASSERT_EQ(ConvDecToDouble(&x, &r.d), &x);
-    ASSERT_EQ(ConvDecToFloat(&f, &r.d), &f);
-    EXPECT_TRUE(x == r.x && !std::signbit(x) == !std::signbit(r.x)) << str(r.d) << " " << x;
-    EXPECT_TRUE(f == r.f && !std::signbit(f) == !std::signbit(r.f)) << str(r.d) << " " << f;
-  }
-  d = raw(0, -1, 1);
+  // A negative zero is +0 (ties and near-ties are in the differential run).
   double x = 5;
+  float f = 5;
+  d = raw(1, 2, 0);
+  ASSERT_TRUE(ConvDecToDouble(&x, &d) && ConvDecToFloat(&f, &d));
+  EXPECT_TRUE(x == 0 && !std::signbit(x) && f == 0 && !std::signbit(f));
+  d = raw(0, -1, 1);
+
   EXPECT_EQ(ConvDecToDouble(&x, &d), nullptr);
   EXPECT_EQ(x, 0);
   EXPECT_EQ(hook.last(), -303);

@@ -405,6 +405,13 @@ def main():
         if rng.random() < 0.1:
             case('tofloat %s' % raw(n), ('float32', nearest_float32(num(*n)[0])))
 
+    # Ties and near-ties the random draw seldom meets (2^53 + 1, 2^24 + 1, just above a float tie).
+    for t in ('9007199254740993', '9007199254740995', '-0.100000000000000005551115', '16777217', '16777219',
+              '16777217.0000000001', '@0:28:%d' % (L79 - 1)):
+        d = num(False, L79 - 1, 28)[0] if t[0] == '@' else D(t)
+        case('todouble ' + t, ('float', float(d)))
+        case('tofloat ' + t, ('float32', nearest_float32(d)))
+
     # Powers: the series against Python's power, and step by step.
     for _ in range(count // 10):
         base = D(rng.randrange(1, 10 ** 8)).scaleb(-rng.randint(0, 8))
