@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # The SHDEC operations against a model on Python's decimal module: exact results rounded half up (or
-# truncated) at the scale each operation states; powers within 1e-15 of the true value and digit for digit
-# against the series worked out at 23 places. usage: diff_decimal.py DRIVER [COUNT] [SEED]
+# truncated) at the scale each operation states; powers digit for digit against the series worked out at 23
+# places. usage: diff_decimal.py DRIVER [COUNT] [SEED]
 import decimal
 import math
 import random
@@ -339,7 +339,7 @@ def main():
     lines, checks = [], []
 
     def case(line, fn, *args):
-        """fn(*args) gives (value, notes) or raises Err; a tuple is the answer itself."""
+        # fn(*args) gives (value, notes) or raises Err; a tuple is the answer itself
         lines.append(line)
         if isinstance(fn, tuple):
             return checks.append(fn)
@@ -350,7 +350,9 @@ def main():
             checks.append(('err', e.args[0]))
 
     for _ in range(count):
-        a, b = rand_num(rng), rand_num(rng)
+        a, b, up = rand_num(rng), rand_num(rng), rng.randint(0, 5)
+        if rng.random() < 0.1 and a[1] * 10 ** up < L79 and a[2] + up <= 28:  # equal values at other scales
+            b = (rng.random() < 0.5, a[1] * 10 ** up, a[2] + up)
         va, vb, ra, rb = num(*a), num(*b), raw(a), raw(b)
         places = rng.randint(0, 18)
         for op, fn, extra in (('add', lambda a, b: (normalise(add_core(a, b)), []), ()),
@@ -364,12 +366,6 @@ def main():
         case('cmp %s %s' % (ra, rb), ('ok', str(int(C.compare(va[0], vb[0]))), []))
         case('mag %s %s' % (ra, rb), ('ok', str(int(C.compare(abs(va[0]), abs(vb[0])))), []))
 
-    # Equal values at different scales compare equal.
-    for _ in range(count // 10):
-        neg, mag, scale = rand_num(rng)
-        up = rng.randint(0, 5)
-        if mag * 10 ** up < L79 and scale + up <= 28:
-            case('cmp %s %s' % (raw((neg, mag, scale)), raw((neg, mag * 10 ** up, scale + up))), ('ok', '0', []))
 
     for _ in range(count):
         t = rand_text(rng)
@@ -420,7 +416,6 @@ def main():
             e += D('0.001')
         if abs(C40.multiply(e, C40.ln(base))) > 40:
             continue
-        case('pow %s %s' % (base, e), ('approx', C40.power(base, e)))
         case('pow %s %s' % (base, e), op_pow_series, (base, -base.as_tuple().exponent),
              (e, -e.as_tuple().exponent))
 
@@ -453,8 +448,6 @@ def main():
             ok = got == want
         elif exp[0] in ('float', 'float32'):
             want, ok = repr(exp[1]), value and (f32 if exp[0] == 'float32' else float)(float(got[1])) == exp[1]
-        else:
-            want, ok = str(exp[1]), value and abs(D(got[1]) - exp[1]) <= abs(exp[1]) * D('1e-15') + D('2e-18')
         failures += not ok
         if not ok and failures <= 30:
             print('MISMATCH %r\n  got:  %s\n  want: %s' % (line, ' '.join(got), want))
