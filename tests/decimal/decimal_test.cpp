@@ -68,8 +68,8 @@ const std::pair<const char*, Op> kOps[] = {
     {"trunc", OP1(TruncateDecimal)}};
 #define OPA(f) [](SHDEC* r, const SHDEC* a, const SHDEC*, int32_t) { return f(r, a); }
 
-// Zero results carry a sign and a scale the text form hides.
-TEST(DecimalZeros, SignAndScaleOfZeroResults) {
+// The record's layout; zero results carry a sign and a scale the text form hides.
+TEST(DecimalRecord, LayoutAndTheSignAndScaleOfZeros) {
   HookRecorder hook;
   const SHDEC p = dec("1.5"), n = dec("-1.5"), nz5 = raw(1, 5, 0), nz15 = raw(1, 15, 0);
   const SHDEC seven = dec("7"), m5 = dec("-5.000000000000000");
@@ -104,11 +104,20 @@ TEST(DecimalZeros, SignAndScaleOfZeroResults) {
   SHDEC r;
   EXPECT_EQ(str(*AbsoluteDecimal(&r, &n)), "1.5");
   EXPECT_EQ(str(*ChangeSignDecimal(&r, &p)), "-1.5");
+  // -1234567.89: sign 1, scale 2, magnitude 123456789 = 0x075BCD15, words low first.
+  const SHDEC d = dec("-1234567.89");
+  const unsigned char want[14] = {1, 0, 2, 0, 0x15, 0xCD, 0x5B, 0x07, 0, 0, 0, 0, 0, 0};
+  ASSERT_EQ(sizeof(SHDEC), 14u);
+  EXPECT_EQ(std::memcmp(&d, want, 14), 0);
+  SHDEC z = raw(1, 7, 99);
+  ASSERT_EQ(ZeroDecimal(&z), &z);
+  EXPECT_TRUE(z.sign == 0 && z.scale == 2 && mag_of(z) == 0);
+  EXPECT_EQ(ZeroDecimal(nullptr), nullptr);
+  EXPECT_EQ(hook.last(), -301);
 }
 
-// Every operation rejects a null operand with -301 and a scale outside
-// 0..28 with -303, and validates in order: first operand, second operand,
-// result, places, divisor.
+// Every operation rejects a null operand with -301 and a scale outside 0..28 with -303, and validates in
+// order: first operand, second operand, result, places, divisor.
 TEST(DecimalErrors, ValidationOrder) {
   HookRecorder hook;
   const SHDEC good = dec("1"), zero = dec("0");
@@ -143,29 +152,19 @@ TEST(DecimalErrors, ValidationOrder) {
   }
   const SHDEC bad = raw(0, 29, 1);
   SHDEC r;
-  const struct {
-    const char* name;
-    int got, want;
-  } ones[] = {
-      {"round bad", RoundDecimal(&r, &bad, 99) ? 0 : hook.last(), -303},
-      {"round places", RoundDecimal(&r, &good, 19) ? 0 : hook.last(), -313},
-      {"trunc null", TruncateDecimal(nullptr, &good, 99) ? 0 : hook.last(), -301},
-      {"trunc places", TruncateDecimal(&r, &good, -1) ? 0 : hook.last(), -313},
-      {"abs bad", AbsoluteDecimal(&r, &bad) ? 0 : hook.last(), -303},
-      {"neg null", ChangeSignDecimal(nullptr, &good) ? 0 : hook.last(), -301},
-      {"cmp bad", CompareDecimal(&good, &bad), -303},
-      {"cmp null", CompareDecimal(nullptr, &bad), -301},
-      {"mag bad", MagnitudeOfDecimal(&bad, &good), -303},
-      {"sign bad", TestSignDecimal(&bad), -303},
-      {"precision null", DecimalPrecision(nullptr), -301},
-      {"precision bad", DecimalPrecision(&bad), -303},
+  const std::pair<int, int> ones[] = {  // (got, wanted)
+      {RoundDecimal(&r, &bad, 99) ? 0 : hook.last(), -303},     {RoundDecimal(&r, &good, 19) ? 0 : hook.last(), -313},
+      {TruncateDecimal(nullptr, &good, 99) ? 0 : hook.last(), -301},
+      {TruncateDecimal(&r, &good, -1) ? 0 : hook.last(), -313}, {AbsoluteDecimal(&r, &bad) ? 0 : hook.last(), -303},
+      {ChangeSignDecimal(nullptr, &good) ? 0 : hook.last(), -301}, {CompareDecimal(&good, &bad), -303},
+      {CompareDecimal(nullptr, &bad), -301}, {MagnitudeOfDecimal(&bad, &good), -303}, {TestSignDecimal(&bad), -303},
+      {DecimalPrecision(nullptr), -301}, {DecimalPrecision(&bad), -303},
   };
-  for (const auto& o : ones) EXPECT_EQ(o.got, o.want) << o.name;
+  for (size_t i = 0; i < std::size(ones); ++i) EXPECT_EQ(ones[i].first, ones[i].second) << "row " << i;
   for (int extra : hook.extras) EXPECT_EQ(extra, 0);
 }
 
-// The exported attachment sees every code and detaches; the library's own
-// hook only lets the call return null.
+// The exported attachment sees every code and detaches; the library's own hook only lets the call return null.
 TEST(DecimalErrors, HookAttachDetachAndDefault) {
   HookRecorder hook;
   SHDEC_ERROR_HOOK mine = zbshr_set_decimal_error_hook(nullptr);
@@ -178,9 +177,8 @@ TEST(DecimalErrors, HookAttachDetachAndDefault) {
   EXPECT_EQ(hook.codes, std::vector<int>{-306});
 }
 
-// Arbitrary records (odd sign bits, any scale, magnitudes up to 2^80 - 1)
-// through every operation: each answer is either null or a well-formed
-// record, and nothing reads or writes outside the records.
+// Arbitrary records (odd sign bits, any scale, magnitudes up to 2^80 - 1) through every operation: each answer
+// is either null or a well-formed record, and nothing reads or writes outside the records.
 TEST(DecimalRobustness, ArbitraryRecordsGiveWellFormedAnswers) {
   HookRecorder hook;
   uint64_t s = 0x9E3779B97F4A7C15ULL;
@@ -202,20 +200,6 @@ TEST(DecimalRobustness, ArbitraryRecordsGiveWellFormedAnswers) {
       ASSERT_TRUE(!o || (o->sign <= 1 && o->scale >= 0 && o->scale <= 28 && ConvDecimalToAscii(text, o))) << name;
     }
   }
-}
-
-TEST(DecimalRecord, LayoutConstantsAndZero) {
-  // -1234567.89: sign 1, scale 2, magnitude 123456789 = 0x075BCD15, words low first.
-  const SHDEC d = dec("-1234567.89");
-  const unsigned char want[14] = {1, 0, 2, 0, 0x15, 0xCD, 0x5B, 0x07, 0, 0, 0, 0, 0, 0};
-  ASSERT_EQ(sizeof(SHDEC), 14u);
-  EXPECT_EQ(std::memcmp(&d, want, 14), 0);
-  SHDEC z = raw(1, 7, 99);
-  ASSERT_EQ(ZeroDecimal(&z), &z);
-  EXPECT_TRUE(z.sign == 0 && z.scale == 2 && mag_of(z) == 0);
-  HookRecorder hook;
-  EXPECT_EQ(ZeroDecimal(nullptr), nullptr);
-  EXPECT_EQ(hook.last(), -301);
 }
 
 TEST(DecimalText, SignsScalesAndErrorsBothWays) {

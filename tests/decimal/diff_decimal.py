@@ -442,12 +442,11 @@ def main():
     failures = 0
     for line, exp, got in zip(lines, checks, out + ['missing'] * len(lines)):
         got = got.split(' ')
-        value = len(got) == 2 and got[0] == 'ok'
         if exp[0] in ('ok', 'err'):
             want = [exp[0], str(exp[1])] + ['w%d' % w for w in exp[2:] and exp[2]]
             ok = got == want
-        elif exp[0] in ('float', 'float32'):
-            want, ok = repr(exp[1]), value and (f32 if exp[0] == 'float32' else float)(float(got[1])) == exp[1]
+        else:  # 'float', 'float32'
+            want, ok = repr(exp[1]), len(got) == 2 and got[0] == 'ok' and (f32 if exp[0] == 'float32' else float)(float(got[1])) == exp[1]
         failures += not ok
         if not ok and failures <= 30:
             print('MISMATCH %r\n  got:  %s\n  want: %s' % (line, ' '.join(got), want))
