@@ -1,7 +1,6 @@
-// Display formats: compiled masks applied to numbers, decimals, dates and
-// strings, under the default and other regional settings and code pages.
-// Masks spreadsheets share are compared with LibreOffice (cli_test.cpp); the rows here are the library's own
-// codes, rules and error numbers.
+// Display formats: compiled masks applied to numbers, decimals, dates and strings, under several regional
+// settings and code pages. Masks spreadsheets share are compared with LibreOffice (cli_test.cpp); the rows
+// here are the library's own codes, rules and error numbers.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -27,9 +26,8 @@ int32_t compile(char kind, unsigned char* c, const char* mask, int32_t size = SH
   return shformatCmplDateTimeMask(c, mask, size);
 }
 
-// Applies mask to value (nullptr: a null) read as kind: n double, f float,
-// m decimal, s string, d a date built from "Y-M-D h:m:s.f", 1/2/3 a text
-// parsed as date and time, date or time. Returns the text and the code.
+// Applies mask to value (nullptr: a null) read as kind: n double, f float, m decimal, s string, d a date
+// built from "Y-M-D h:m:s.f", 1/2/3 a text parsed as date and time, date or time. Returns text and code.
 std::pair<std::string, int32_t> show(char kind, const char* mask, const char* value, int32_t size = 300) {
   unsigned char c[SHFORMAT_BUFSIZE];
   if (const int32_t e = compile(kind, c, mask)) return {"", e};
@@ -275,8 +273,8 @@ TEST_F(FormatDisplay, ColoursAreReportedAndConditionsChooseSections) {
   EXPECT_EQ(shformatColor(c, &nan, &k), SHFORMAT_E_VALUE);
 }
 
-// Weekdays are the calendar's own before 1899 too, and a day the month
-// does not have is refused; checked against the standard library calendar.
+// Weekdays are the calendar's own before 1899 too, and a day the month does not have is refused; checked
+// against the standard library calendar.
 TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
   using namespace std::chrono;
   std::mt19937 rng(11);
@@ -296,9 +294,8 @@ TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
             std::to_string(days * 24 + 14) + ":05 " + std::to_string(days * 86400 + 14 * 3600 + 5 * 60 + 9));
 }
 
-// Random doubles against Python: "[GENERAL]" reads as "%.15g" does (with an
-// upper-case E and no sign on zero), and a fixed mask as the shortest decimal
-// form of the double rounded half away from zero.
+// Random doubles against Python: "[GENERAL]" reads as "%.15g" does (with an upper-case E and no sign on
+// zero), and a fixed mask as the shortest decimal form of the double rounded half away from zero.
 TEST_F(FormatDisplay, GeneralAndFixedMasksAgreeWithPython) {
   std::vector<double> v;
   std::mt19937_64 rng(77);

@@ -1,6 +1,7 @@
 // Pattern compiler (exact compiled bytes, errors) and matcher (counts).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -90,12 +91,11 @@ TEST(FormatPatternCompile, ErrorsAndExactBufferSizes) {
   EXPECT_EQ(shregExprCmpl(nullptr, "a", 16), 1);
 }
 
-// The common cases are compared with a plain backtracking matcher on random
-// patterns below; these are the ones it does not draw.
+// The common cases are compared with a plain backtracking matcher on random patterns below; these are the
+// ones it does not draw.
 TEST(FormatPatternMatch, Counts) {
   const char after_nul[] = {'a', '\0', 'a', 'a', '\0'};  // the terminator is never consumed
-  // One stack frame per character would overflow; a plain backtracking
-  // search would take polynomial time over chains of closures.
+  // One stack frame per character would overflow; a plain search would take polynomial time over closures.
   const std::string big(2 << 20, 'a'), ab = big + "b", as(1 << 20, 'a');
   const struct {
     const char *pattern, *text;
@@ -129,28 +129,23 @@ TEST(FormatPatternMatch, Counts) {
 }
 
 TEST(FormatPatternWide, CompileAndMatch) {
+  auto w = [](const char16_t* s) { return reinterpret_cast<const uint16_t*>(s); };
   uint16_t buf[64];
-  const std::u16string pat = u"[\u0100-\uFFFF]+x";
-  ASSERT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(pat.c_str()), 64), 0);
+  ASSERT_EQ(shregExprCmplW(buf, w(u"[\u0100-\uFFFF]+x"), 64), 0);
   const uint16_t expect[] = {8, 5, 4, 10, 0x100, 0xFFFF, 11, 1, 'x', 11, 0};
-  for (size_t i = 0; i < sizeof expect / sizeof expect[0]; ++i) EXPECT_EQ(buf[i], expect[i]) << i;
-  const std::u16string text = u"\u3042\u3044x ax \u0101x";
-  EXPECT_EQ(shregExprMatchW(reinterpret_cast<const uint16_t*>(text.c_str()), buf), 2);
-
+  EXPECT_TRUE(std::equal(std::begin(expect), std::end(expect), buf));
+  EXPECT_EQ(shregExprMatchW(w(u"\u3042\u3044x ax \u0101x"), buf), 2);
   // The size counts units; the set limit is 255 units as in the narrow form.
-  const std::u16string ab = u"ab";
-  EXPECT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(ab.c_str()), 6), 0);
-  EXPECT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(ab.c_str()), 5), 1);
-  std::u16string big = u"[" + std::u16string(255, u'q') + u"]";
+  EXPECT_EQ(shregExprCmplW(buf, w(u"ab"), 6), 0);
+  EXPECT_EQ(shregExprCmplW(buf, w(u"ab"), 5), 1);
+  const std::u16string big = u"[" + std::u16string(255, u'q') + u"]";
   std::vector<uint16_t> wbuf(600);
-  EXPECT_EQ(shregExprCmplW(wbuf.data(), reinterpret_cast<const uint16_t*>(big.c_str()), 600), 3);
+  EXPECT_EQ(shregExprCmplW(wbuf.data(), w(big.c_str()), 600), 3);
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// A plain reading of the matching rules over the compiled bytes, without the
-// skips and memos of the library, to check them on random patterns and texts.
+// A plain reading of the matching rules over the compiled bytes, without the skips and memos of the library.
 namespace ref {
 
 const unsigned char* item_end(const unsigned char* c) {
