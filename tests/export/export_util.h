@@ -1,5 +1,4 @@
-// Helpers of the export tests: the ten formats as one table of calls, typed cells, a scratch folder, and
-// little-endian byte builders.
+// The ten formats as one table of calls, typed cells, a scratch folder, and little-endian byte builders.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -63,6 +62,18 @@ inline std::string zeros(size_t n) { return std::string(n, '\0'); }
 inline uint32_t at16(const std::string& s, size_t at) { return uint8_t(s[at]) | uint32_t(uint8_t(s[at + 1])) << 8; }
 
 
+inline int32_t put(const Format& f, ExportState* h, const Cell& cell) {
+  if (std::holds_alternative<std::monostate>(cell)) return f.item(h, nullptr);
+  if (const auto* s = std::get_if<std::string>(&cell)) return f.item(h, s->c_str());
+  if (const auto* d = std::get_if<double>(&cell)) return f.item(h, d);
+  if (const auto* d = std::get_if<Dec>(&cell)) {
+    SHDEC v{};
+    EXPECT_NE(ConvAsciiToDecimal(&v, d->text.c_str()), nullptr) << d->text;
+    return f.item(h, &v);
+  }
+  return f.item(h, &std::get<SHDATETIME>(cell));
+}
+
 class ExportTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -92,17 +103,6 @@ class ExportTest : public ::testing::Test {
       for (const Cell& cell : row) EXPECT_EQ(put(f, h, cell), 1) << f.name;
     EXPECT_EQ(f.end(h), 1) << f.name;
     return f.item == osSaveClipItem ? clipboard() : read_file(file);
-  }
-  static int32_t put(const Format& f, ExportState* h, const Cell& cell) {
-    if (std::holds_alternative<std::monostate>(cell)) return f.item(h, nullptr);
-    if (const auto* s = std::get_if<std::string>(&cell)) return f.item(h, s->c_str());
-    if (const auto* d = std::get_if<double>(&cell)) return f.item(h, d);
-    if (const auto* d = std::get_if<Dec>(&cell)) {
-      SHDEC v{};
-      EXPECT_NE(ConvAsciiToDecimal(&v, d->text.c_str()), nullptr) << d->text;
-      return f.item(h, &v);
-    }
-    return f.item(h, &std::get<SHDATETIME>(cell));
   }
   static std::string clipboard() {
     std::string s(static_cast<size_t>(zbshr_clipboard_text(nullptr, 0)) + 1, '\0');

@@ -146,8 +146,7 @@ TEST_F(ExportProtocol, WriteFailuresAreReported) {
 // ---------------------------------------------------------------- edges
 
 TEST_F(ExportProtocol, NumbersTooLongForTheirRoomLoseDigitsNotTheValue) {
-  // The readers' run (readers.py) checks the other formats against Python; these are the ones it does not read:
-  // a decimal in CSV (29 characters) and a dBase II field (16).
+  // readers.py checks the other formats; these it does not read: a decimal in CSV (29 characters), dBase II (16).
   EXPECT_EQ(run(kCsv, {{"N", 10, OSSAVE_DECIMAL}}, {{Dec{"-0.0000000000000000000000012345"}}}, 0),
             "-0.00000000000000000000000123\r\n");
   EXPECT_NE(run(kDbase2, {{"N", 10, OSSAVE_NUMBER}}, {{2.0 / 3}}, 0).find(" 0.66666666666667\x1A"), std::string::npos);
@@ -161,13 +160,12 @@ TEST_F(ExportRegional, SeparatorsAreTheRegionalOnes) {
   const std::string file = dir_ + "/sep.dif";
   ExportState* h = osSaveDifBegin(heap, 0, file.c_str(), 2, 3, 0);
   ASSERT_NE(h, nullptr);
-  const double third = 1.0 / 3;
-  SHDEC d;
-  ASSERT_NE(ConvAsciiToDecimal(&d, "-0.0000000000000000000000012345"), nullptr);
-  const SHDATETIME t = dt(1900, 1, 1, 12, 30, 45, 1);  // the fraction follows the time separator
   EXPECT_TRUE(osSaveDifColumn(h, "N", 10, OSSAVE_NUMBER) && osSaveDifColumn(h, "D", 10, OSSAVE_DECIMAL) &&
               osSaveDifColumn(h, "T", 8, OSSAVE_TIME));
-  EXPECT_TRUE(osSaveDifItem(h, &third) && osSaveDifItem(h, &d) && osSaveDifItem(h, &t) && osSaveDifEnd(h));
+  // the fraction of a second follows the time separator
+  for (const Cell& c : {Cell{1.0 / 3}, Cell{Dec{"-0.0000000000000000000000012345"}}, Cell{dt(1900, 1, 1, 12, 30, 45, 1)}})
+    EXPECT_EQ(put(kDif, h, c), 1);
+  EXPECT_EQ(osSaveDifEnd(h), 1);
   zbstg_end(heap);
   const std::string got = read_file(file);
   EXPECT_NE(got.find("0,0,3333333333333\r\nV\r\n0,-1,2345E-24\r\nV\r\n1,0\r\n\"12.30.45.000001\"\r\n"), std::string::npos);

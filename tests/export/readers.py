@@ -12,6 +12,7 @@ import math
 import os
 import re
 import shutil
+import sqlite3
 import subprocess
 import sys
 
@@ -49,9 +50,8 @@ def write_input(path, columns, rows):
             f.write(",".join(csv_cell(t, v) for (_, t, _), v in zip(columns, row)) + "\r\n")
 
 
-# The values where formats and readers part ways: line breaks and tabs inside
-# texts, bytes above 0x7F, and numbers whose general text (15 significant
-# digits) is longer than the buffer a format renders it into.
+# The values where formats and readers part ways: line breaks and tabs inside texts, bytes above 0x7F, and
+# numbers whose general text (15 significant digits) is longer than the buffer a format renders it into.
 TRICKY_COLUMNS = [("text", "string", 40), ("num", "number", None), ("dec", "decimal", 28)]
 TRICKY_ROWS = [
     ["line\nbreak", 1 / 3, "-0.0000000000000000000000012345"],
@@ -63,8 +63,7 @@ TRICKY_ROWS = [
     ["third", 2 / 3, "-0.0000000000000000000000000001"],
     ["neg", -123456789012345.0, "12.5"],
 ]
-# Characters a number may take in each text format (the rendering buffer less
-# its terminator; a dBase number field is 16 wide).
+# Characters a number may take in each text format (the buffer less its terminator; a dBase field is 16 wide).
 NUMBER_ROOM = {"dif": 15, "dbase3": 16, "csv": 29, "sql": 29, "sylk": 29}
 
 
@@ -233,10 +232,6 @@ def read_dbfread(res, files):
 
 
 def read_sqlite(res, files):
-    try:
-        import sqlite3
-    except ImportError as e:
-        return skip(res, "sqlite3", "Python's sqlite3 module is not available (%s)" % e)
     for key, table, data in (("sql", "out_sql", None), ("t_sql", "out_t_sql", TRICKY)):
         db = sqlite3.connect(":memory:")
         with open(files[key], encoding="cp1252") as f:
@@ -290,8 +285,7 @@ def sheet_quirk(reader, fmt):
                      if t in ("number", "decimal") and w and w[0] == "n" and math.isinf(w[1])
                      and not math.isinf(float(v)) else w)
     if reader == "gnumeric" and fmt == "excel":
-        # Text cells vanish from a stream that has no FONT/XF records; dates
-        # and times are text cells too.
+        # Text cells (dates and times too) vanish from a stream that has no FONT/XF records.
         rules.append(lambda t, v, w: w if w is not None and w[0] == "n" else None)
     if fmt == "dbase3":  # field names (LibreOffice adds their type and size)
         desc = {"string": "C,%d", "number": "N,16,0", "decimal": "N,16,0", "date": "D", "time": "C,8", "datetime": "D"}
@@ -350,8 +344,7 @@ def read_sheets(res, files, work):
 
 def main():
     zbshr, work = sys.argv[1], sys.argv[2]
-    # A Windows build runs under Wine through a launcher script (run-*.sh):
-    # it is given the files by their Windows names (drive Z: is the root).
+    # A Windows build runs under Wine through a launcher script (run-*.sh), given Windows names (Z: is the root).
     under_wine = os.path.basename(zbshr).startswith("run-") and zbshr.endswith(".sh")
 
     def native(path):
@@ -362,8 +355,7 @@ def main():
     write_input(src, COLUMNS, ROWS)
     write_input(tricky, TRICKY_COLUMNS, TRICKY_ROWS)
     exts = {"csv": "csv", "sql": "sql", "dif": "dif", "sylk": "slk", "excel": "xls", "wk": "wks", "dbase3": "dbf"}
-    # (key, format, input, extra options); --force: the tricky numbers are
-    # longer than some formats' room and are written shortened
+    # (key, format, input, extra options); --force: the tricky numbers are written shortened where too long
     jobs = [(f, f, src, []) for f in exts] + [("t_" + f, f, tricky, ["--force"]) for f in exts if f != "csv"]
     files = {}
     for key, fmt, source, extra in jobs:
