@@ -147,18 +147,6 @@ std::string tabbed(const std::string& q2) {
          "\r\n" + q2 + "\t-2.5\t\t\t" + kAt2 + "\t\r\n\t\t-0.75\t" + kD3 + "\t\t" + kS3 + "\r\n";
 }
 
-std::string dif_sample(const std::string& file) {
-  std::string w = "TABLE\r\n0,1\r\n\"" + file + "\"\r\nVECTORS\r\n0,6\r\n\"\"\r\nTUPLES\r\n0,3\r\n\"\"\r\n";
-  for (int i = 0; i < 6; ++i) w += "LABEL\r\n" + std::to_string(i + 1) + ",1\r\n\"" + kCols[i].name + "\"\r\n";
-  return w + "DATA\r\n0,0\r\n\"\"\r\n"
-         "-1,0\r\nBOT\r\n1,0\r\n\"plain\"\r\n0,1\r\nV\r\n0,12.5\r\nV\r\n1,0\r\n\"" + kD1 + "\"\r\n1,0\r\n\"" +
-         kT1 + "\"\r\n1,0\r\n\"" + kS1 + "\"\r\n"
-         "-1,0\r\nBOT\r\n1,0\r\n\"a,b \"\"q\"\"\"\r\n0,-2.5\r\nV\r\n0,0.0\r\nV\r\n1,0\r\n\"\"\r\n1,0\r\n\"" +
-         kAt2 + "\"\r\n1,0\r\n\"\"\r\n"
-         "-1,0\r\nBOT\r\n1,0\r\n\"\"\r\n0,0\r\nV\r\n0,-0.75\r\nV\r\n1,0\r\n\"" + kD3 + "\"\r\n1,0\r\n\"\"\r\n1,0\r\n\"" +
-         kS3 + "\"\r\n-1,0\r\nEOD\r\n";
-}
-
 using ExportBytes = ExportTest;
 
 TEST_F(ExportBytes, SampleInEveryTextFormat) {
@@ -178,24 +166,8 @@ TEST_F(ExportBytes, SampleInEveryTextFormat) {
       {&kText, OSSAVE_HEADINGS, tabbed("\"a,b \"\"q\"\"\"")},
       {&kClip, OSSAVE_HEADINGS, tabbed("a,b \"q\"")},
       {&kSylk, OSSAVE_HEADINGS, sylk},
-      {&kDif, 0, dif_sample(path("OUT.DAT"))},  // the labels are written whatever the options
   };
   for (const auto& c : cases) EXPECT_EQ(c.want, run(*c.f, kCols, kRows, c.options)) << c.f->name;
-}
-
-TEST_F(ExportBytes, QuotingOfStrings) {
-  const Rows strs{{std::string("say \"hi\"")}, {std::string("\"lead")},  {std::string("tab\there")},
-                  {std::string("two\r\nlines")}, {std::string("O'Hara; Jr")}, {std::string("a,b")},
-                  {std::string("")}, {Cell{}}};
-  const struct {
-    const Format* f;
-    std::string want;
-  } cases[] = {
-      {&kCsv, "say \"hi\"\r\n\"lead\r\ntab\there\r\ntwo\r\nlines\r\nO'Hara; Jr\r\n\"a,b\"\r\n\r\n\r\n"},
-      {&kText, "\"say \"\"hi\"\"\"\r\n\"\"\"lead\"\r\n\"tab\there\"\r\n\"two\r\nlines\"\r\nO'Hara; Jr\r\na,b\r\n\r\n\r\n"},
-      {&kClip, "say \"hi\"\r\n\"\"\"lead\"\r\n\"tab\there\"\r\n\"two\r\nlines\"\r\nO'Hara; Jr\r\na,b\r\n\r\n\r\n"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.want, run(*c.f, {{"S", 30, 1}}, strs, 0)) << c.f->name;
 }
 
 std::string xl_label(int row, int col, const std::string& t) {
@@ -215,7 +187,7 @@ std::string wk_head(int rows, int cols) {
 const std::string kXlEof = u16(0x0A) + u16(0), kWkEof = u16(1) + u16(0);
 const std::string s300(300, 's');
 
-TEST_F(ExportBytes, RecordsTypesNullsAndEmptyTables) {
+TEST_F(ExportBytes, QuotingRecordsTypesNullsAndEmptyTables) {
   const std::vector<Col> cols{{"NAME", 10, 1}, {"QTY", 5, 2}, {"PRICE", 8, 6}, {"ODD", 3, 9}};
   const Rows rows{{std::string("Widget, \"big\""), 2.5, Dec{"-12.25"}, std::string("x")},
                   {Cell{}, Cell{}, Cell{}, Cell{}},  // nulls leave every cell out
@@ -224,6 +196,9 @@ TEST_F(ExportBytes, RecordsTypesNullsAndEmptyTables) {
   const std::string dif_head = "TABLE\r\n0,1\r\n\"" + path("OUT.DAT") + "\"\r\nVECTORS\r\n0,2\r\n\"\"\r\nTUPLES\r\n0,0"
                                "\r\n\"\"\r\nLABEL\r\n1,1\r\n\"U\"\r\nLABEL\r\n2,1\r\n\"N\"\r\nDATA\r\n0,0\r\n\"\"\r\n";
   const std::vector<Col> un{{"U", 1, 0}, {"N", 1, 2}};
+  const Rows strs{{std::string("say \"hi\"")}, {std::string("\"lead")},  {std::string("tab\there")},
+                  {std::string("two\r\nlines")}, {std::string("O'Hara; Jr")}, {std::string("a,b")},
+                  {std::string("")}, {Cell{}}};
   const struct {
     const char* what;
     const Format* f;
@@ -233,6 +208,12 @@ TEST_F(ExportBytes, RecordsTypesNullsAndEmptyTables) {
     int32_t declared;
     std::string want;
   } cases[] = {
+      {"csv quoting", &kCsv, {{"S", 30, 1}}, strs, 0, -1,
+       "say \"hi\"\r\n\"lead\r\ntab\there\r\ntwo\r\nlines\r\nO'Hara; Jr\r\n\"a,b\"\r\n\r\n\r\n"},
+      {"text quoting", &kText, {{"S", 30, 1}}, strs, 0, -1,
+       "\"say \"\"hi\"\"\"\r\n\"\"\"lead\"\r\n\"tab\there\"\r\n\"two\r\nlines\"\r\nO'Hara; Jr\r\na,b\r\n\r\n\r\n"},
+      {"clip quoting", &kClip, {{"S", 30, 1}}, strs, 0, -1,
+       "say \"hi\"\r\n\"\"\"lead\"\r\n\"tab\there\"\r\n\"two\r\nlines\"\r\nO'Hara; Jr\r\na,b\r\n\r\n\r\n"},
       {"csv: an unknown type writes only its separator; headings are never quoted", &kCsv,
        {{"a,b", 1, 77}, {"X", 1, 2}}, {{std::string("gone"), 1.0}}, OSSAVE_HEADINGS, -1, "a,b,X\r\n,1\r\n"},
       {"sql: every type, widths, nulls, texts for dates", &kSql,
