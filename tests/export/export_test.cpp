@@ -90,7 +90,8 @@ class ExportTest : public ::testing::Test {
   void SetUp() override {
     heap_ = zbstg_begin(0);
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir_ = std::filesystem::temp_directory_path() / ("zbshr_export_" + std::string(info->test_suite_name()) + "_" + info->name());
+    dir_ = std::filesystem::temp_directory_path() /
+           ("zbshr_export_" + std::string(info->test_suite_name()) + "_" + info->name() + "_" + std::to_string(getpid()));
     std::filesystem::remove_all(dir_);
     std::filesystem::create_directories(dir_);
   }

@@ -300,7 +300,6 @@ def sheet_quirk(reader, fmt):
 
 
 def read_sheets(res, files, work):
-    # LibreOffice converts every file in one run; ssconvert one at a time
     soffice = shutil.which("soffice") or shutil.which("libreoffice")
     ssconvert = shutil.which("ssconvert")
     checks = [(files[f], f, None) for f in ["csv"] + TRICKY_FORMATS] + [(files["t_" + f], f, TRICKY) for f in TRICKY_FORMATS]
