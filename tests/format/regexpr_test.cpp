@@ -1,6 +1,7 @@
 // Pattern compiler (exact compiled bytes, errors) and matcher (counts).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -90,12 +91,11 @@ TEST(FormatPatternCompile, ErrorsAndExactBufferSizes) {
   EXPECT_EQ(shregExprCmpl(nullptr, "a", 16), 1);
 }
 
-// The common cases are compared with a plain backtracking matcher on random
-// patterns below; these are the ones it does not draw.
+// The common cases are compared with a plain backtracking matcher on random patterns below; these are the
+// ones it does not draw.
 TEST(FormatPatternMatch, Counts) {
   const char after_nul[] = {'a', '\0', 'a', 'a', '\0'};  // the terminator is never consumed
-  // One stack frame per character would overflow; a plain backtracking
-  // search would take polynomial time over chains of closures.
+  // One stack frame per character would overflow; a plain search would take polynomial time over closures.
   const std::string big(2 << 20, 'a'), ab = big + "b", as(1 << 20, 'a');
   const struct {
     const char *pattern, *text;
@@ -117,46 +117,35 @@ TEST(FormatPatternMatch, Counts) {
       {"a+a+a+a+b", as.c_str(), 0}, {"[ab]*a*[ab]*c", as.c_str(), 0}, {"a*a*a*", as.c_str(), 1},
   };
   for (const auto& r : rows) EXPECT_EQ(count(r.pattern, r.text), r.count) << r.pattern;
-}
-
-TEST(FormatPatternMatch, DeepPatternsDoNotExhaustTheStack) {
-  // Hundreds of thousands of closures: the depth of a pattern costs heap, not
-  // machine stack (one level per closure would overflow an 8 MB stack).
+  // Hundreds of thousands of closures: the depth of a pattern costs heap, not machine stack.
   for (const char* closure : {"a?", "a*"}) {
     std::string pat;
     for (int k = 0; k < 200000; ++k) pat += closure;
     pat += 'b';
     std::vector<unsigned char> buf(pat.size() * 2 + 8);
     ASSERT_EQ(shregExprCmpl(buf.data(), pat.c_str(), static_cast<int32_t>(buf.size())), 0);
-    EXPECT_EQ(shregExprMatch("aaab", buf.data()), 1) << closure;
-    EXPECT_EQ(shregExprMatch("aaaa", buf.data()), 0) << closure;
-    EXPECT_EQ(shregExprMatch("xbab", buf.data()), 2) << closure;
+    for (auto [text, n] : {std::pair{"aaab", 1}, {"aaaa", 0}, {"xbab", 2}}) EXPECT_EQ(shregExprMatch(text, buf.data()), n);
   }
 }
 
 TEST(FormatPatternWide, CompileAndMatch) {
+  auto w = [](const char16_t* s) { return reinterpret_cast<const uint16_t*>(s); };
   uint16_t buf[64];
-  const std::u16string pat = u"[\u0100-\uFFFF]+x";
-  ASSERT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(pat.c_str()), 64), 0);
+  ASSERT_EQ(shregExprCmplW(buf, w(u"[\u0100-\uFFFF]+x"), 64), 0);
   const uint16_t expect[] = {8, 5, 4, 10, 0x100, 0xFFFF, 11, 1, 'x', 11, 0};
-  for (size_t i = 0; i < sizeof expect / sizeof expect[0]; ++i) EXPECT_EQ(buf[i], expect[i]) << i;
-  const std::u16string text = u"\u3042\u3044x ax \u0101x";
-  EXPECT_EQ(shregExprMatchW(reinterpret_cast<const uint16_t*>(text.c_str()), buf), 2);
-
+  EXPECT_TRUE(std::equal(std::begin(expect), std::end(expect), buf));
+  EXPECT_EQ(shregExprMatchW(w(u"\u3042\u3044x ax \u0101x"), buf), 2);
   // The size counts units; the set limit is 255 units as in the narrow form.
-  const std::u16string ab = u"ab";
-  EXPECT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(ab.c_str()), 6), 0);
-  EXPECT_EQ(shregExprCmplW(buf, reinterpret_cast<const uint16_t*>(ab.c_str()), 5), 1);
-  std::u16string big = u"[" + std::u16string(255, u'q') + u"]";
+  EXPECT_EQ(shregExprCmplW(buf, w(u"ab"), 6), 0);
+  EXPECT_EQ(shregExprCmplW(buf, w(u"ab"), 5), 1);
+  const std::u16string big = u"[" + std::u16string(255, u'q') + u"]";
   std::vector<uint16_t> wbuf(600);
-  EXPECT_EQ(shregExprCmplW(wbuf.data(), reinterpret_cast<const uint16_t*>(big.c_str()), 600), 3);
+  EXPECT_EQ(shregExprCmplW(wbuf.data(), w(big.c_str()), 600), 3);
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// A plain reading of the matching rules over the compiled bytes, without the
-// skips and memos of the library, to check them on random patterns and texts.
+// A plain reading of the matching rules over the compiled bytes, without the skips and memos of the library.
 namespace ref {
 
 const unsigned char* item_end(const unsigned char* c) {
@@ -224,8 +213,10 @@ int count(const unsigned char* c, const char* text) {
 
 }  // namespace ref
 
-TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
-  const char* atoms[] = {"a", "b", "c", ".", "[ab]", "[^a]", "[b-c]", "^", "$", "\\."};
+// Random patterns and texts: the matcher against the plain reading above, and the wide form against the
+// narrow one (the same units, the same counts).
+TEST(FormatPatternMatch, AgreesWithPlainBacktrackingAndTheWideForm) {
+  const char* atoms[] = {"a", "b", "c", ".", "[ab]", "[^a]", "[b-c]", "^", "$", "\\.", "\\*", "[\\]-]"};
   const char* closures[] = {"", "", "*", "+", "?"};
   uint32_t seed = 12345;
   auto rnd = [&](uint32_t n) {
@@ -233,50 +224,21 @@ TEST(FormatPatternMatch, AgreesWithPlainBacktrackingOnRandomInput) {
     return (seed >> 16) % n;
   };
   for (int iter = 0; iter < 20000; ++iter) {
-    std::string pat;
-    int len = 1 + rnd(iter % 10 == 0 ? 18 : 4);  // some longer than 12 elements
-    for (int k = 0; k < len; ++k) {
-      const char* a = atoms[rnd(10)];
+    std::string pat, text;
+    for (int k = 0, n = 1 + rnd(iter % 10 == 0 ? 18 : 4); k < n; ++k) {  // some longer than 12 elements
+      const char* a = atoms[rnd(12)];
       pat += a;
       if (a[0] != '^' && a[0] != '$') pat += closures[rnd(5)];
     }
-    std::string text;
-    int tl = rnd(12);
-    for (int k = 0; k < tl; ++k) text += "abc."[rnd(4)];
+    for (int k = 0, n = rnd(12); k < n; ++k) text += "abc.]-*"[rnd(7)];
     unsigned char buf[256];
-    ASSERT_EQ(shregExprCmpl(buf, pat.c_str(), sizeof buf), 0) << pat;
-    ASSERT_EQ(shregExprMatch(text.c_str(), buf), ref::count(buf, text.c_str()))
-        << "pattern " << pat << " text " << text;
-  }
-}
-
-TEST(FormatPatternWide, AgreesWithNarrowOnAsciiInput) {
-  const char* atoms[] = {"a", "b", ".", "[ab]", "[^a]", "[a-b]", "^", "$", "\\*", "[\\]-]"};
-  const char* closures[] = {"", "*", "+", "?"};
-  uint32_t seed = 99;
-  auto rnd = [&](uint32_t n) {
-    seed = seed * 1664525u + 1013904223u;
-    return (seed >> 16) % n;
-  };
-  for (int iter = 0; iter < 5000; ++iter) {
-    std::string pat;
-    for (int k = 0, n = 1 + rnd(5); k < n; ++k) {
-      const char* a = atoms[rnd(10)];
-      pat += a;
-      if (a[0] != '^' && a[0] != '$') pat += closures[rnd(4)];
-    }
-    std::string text;
-    for (int k = 0, n = rnd(20); k < n; ++k) text += "ab]-*"[rnd(5)];
-    unsigned char nb[128];
-    uint16_t wb[128];
+    uint16_t wb[256];
     const std::u16string wpat(pat.begin(), pat.end()), wtext(text.begin(), text.end());
-    const int32_t en = shregExprCmpl(nb, pat.c_str(), sizeof nb);
-    const int32_t ew = shregExprCmplW(wb, reinterpret_cast<const uint16_t*>(wpat.c_str()), 128);
-    ASSERT_EQ(en, ew) << pat;
-    if (en != 0) continue;
-    for (size_t i = 0; i == 0 || nb[i - 1] != 0; ++i) ASSERT_EQ(nb[i], wb[i]) << pat;
-    ASSERT_EQ(shregExprMatch(text.c_str(), nb),
-              shregExprMatchW(reinterpret_cast<const uint16_t*>(wtext.c_str()), wb))
-        << pat << " / " << text;
+    ASSERT_EQ(shregExprCmpl(buf, pat.c_str(), sizeof buf), 0) << pat;
+    ASSERT_EQ(shregExprCmplW(wb, reinterpret_cast<const uint16_t*>(wpat.c_str()), 256), 0) << pat;
+    for (size_t i = 0; i == 0 || buf[i - 1] != 0; ++i) ASSERT_EQ(buf[i], wb[i]) << pat;
+    const int32_t n = shregExprMatch(text.c_str(), buf);
+    ASSERT_EQ(n, ref::count(buf, text.c_str())) << "pattern " << pat << " text " << text;
+    ASSERT_EQ(n, shregExprMatchW(reinterpret_cast<const uint16_t*>(wtext.c_str()), wb)) << pat << " / " << text;
   }
 }

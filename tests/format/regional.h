@@ -1,6 +1,5 @@
-// Runs a test under given regional settings: the [intl] section of the
-// system profile in a configuration folder of its own (tests may run in
-// parallel processes), read again by the library after each change.
+// Runs a test under given regional settings: the [intl] section of the system profile in a configuration
+// folder of its own (tests may run in parallel processes), read again by the library after each change.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,7 +37,6 @@ class Regional : public ::testing::Test {
     saved_home_ ? setenv("ZBSHR_HOME", saved_home_->c_str(), 1) : unsetenv("ZBSHR_HOME");
     zbshr_intl();
   }
-  // Replaces the [intl] section with the given "key=value" lines.
   void use(const std::string& lines) {
     std::ofstream(dir_ + "/" ZBTEST_SYSTEM_PROFILE, std::ios::binary | std::ios::trunc) << "[intl]\n" << lines;
     zbshr_intl();

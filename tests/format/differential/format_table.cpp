@@ -1,7 +1,5 @@
-// Renders "KIND<TAB>MASK<TAB>VALUE" lines through the display formats, one
-// output line each (the text, or "!error N"), for the comparison with a
-// spreadsheet (libreoffice_diff.py). KIND: n a number, d a date and time
-// "YYYY-MM-DD HH:MM:SS.ffffff", s a string.
+// Renders "KIND<TAB>MASK<TAB>VALUE" lines (KIND: n a number, d a date "YYYY-MM-DD HH:MM:SS.ffffff", s a
+// string) through the display formats, one output line each: the text, or "!error N".
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>

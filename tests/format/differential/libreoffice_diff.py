@@ -1,13 +1,7 @@
 #!/usr/bin/env python3
-"""Display masks rendered by zbshr and by LibreOffice, compared.
-
-Usage: libreoffice_diff.py FORMAT_TABLE WORKDIR
-
-FORMAT_TABLE renders the cases (cases.tsv: masks whose meaning both share)
-through the library; the same masks become cell formats of an .xlsx workbook
-that LibreOffice headless converts to CSV as shown, and each cell's text is
-compared. Exits 77 (skipped) when LibreOffice is not installed.
-"""
+# Display masks rendered by the library (FORMAT_TABLE, from cases.tsv) and by LibreOffice headless (the same
+# masks as cell formats of an .xlsx workbook converted to CSV), compared cell by cell; 77 when LibreOffice is
+# not installed. usage: libreoffice_diff.py FORMAT_TABLE WORKDIR
 import csv
 import datetime
 import os
@@ -21,12 +15,6 @@ from xml.sax.saxutils import escape
 # (kind, mask, value text) from cases.tsv; lines without a tab are comments.
 with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "cases.tsv"), encoding="latin-1") as f:
     CASES = [tuple(line.split("\t")) for line in f.read().split("\n") if "\t" in line]
-
-
-def library_outputs(driver):
-    lines = "".join("%s\t%s\t%s\n" % c for c in CASES)
-    r = subprocess.run([driver], input=lines.encode(), capture_output=True, check=True)
-    return r.stdout.decode("latin-1").split("\n")[: len(CASES)]
 
 
 def serial(text):
@@ -92,14 +80,10 @@ def libreoffice_outputs(soffice, work):
                     "--convert-to", "csv:Text - txt - csv (StarCalc):44,34,76,1,,1033,false,true,true",
                     "--outdir", work, book], check=True, capture_output=True, env=env, timeout=300)
     with open(os.path.join(work, "table.csv"), encoding="utf-8", newline="") as f:
-        rows = list(csv.reader(f))
-    return [r[0] if r else "" for r in rows] + [""] * (len(CASES) - len(rows))
+        return [r[0] if r else "" for r in csv.reader(f)] + [""] * len(CASES)
 
 
 def main():
-    if len(sys.argv) != 3:
-        print(__doc__)
-        return 2
     driver, work = sys.argv[1], sys.argv[2]
     soffice = shutil.which("soffice") or shutil.which("libreoffice")
     if not soffice:
@@ -107,12 +91,12 @@ def main():
         return 77
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
-    ours = library_outputs(driver)
-    theirs = libreoffice_outputs(soffice, work)
+    lines = "".join("%s\t%s\t%s\n" % c for c in CASES)
+    ours = subprocess.run([driver], input=lines.encode(), capture_output=True, check=True).stdout.decode("latin-1")
     failed = 0
-    for (kind, mask, v), a, b in zip(CASES, ours, theirs):
+    for (kind, mask, v), a, b in zip(CASES, ours.split("\n"), libreoffice_outputs(soffice, work)):
+        failed += a != b
         if a != b:
-            failed += 1
             print("MISMATCH %s %r %r: zbshr %r, LibreOffice %r" % (kind, mask, v, a, b))
     print("%d passed, %d failed" % (len(CASES) - failed, failed))
     return 1 if failed else 0
