@@ -110,6 +110,7 @@ TEST_F(Api, EntryStateErrors) {
       {"write-only open", 1, [&] { return (r = open(p, 3)) != nullptr; }},
       {"read in write-only", LMI_E_NOT_READABLE, [&] { return LMI_OpenEntry(r, S("x"), 1, nullptr); }},
       {"modify without record", LMI_E_NULL_INFO, [&] { return LMI_ModifyLibrary(r, nullptr); }},
+      {"modify without a comment", 0, [&] { LMI_LIBRARYMOD none{}; return LMI_ModifyLibrary(r, &none); }},
       {"modify", 0, [&] { return LMI_ModifyLibrary(r, &mod); }},
       {"close write-only", 0, [&] { return LMI_CloseLibrary(r); }},
   });

@@ -213,6 +213,13 @@ TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
   EXPECT_EQ(state(lib, true).entries["big"].data, pattern(2200000, 7));
   ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "more", pattern(600000, 8)); }), 0);  // growth works again
   EXPECT_EQ(verifyPath(lib), 0);
+  // A bitmap whose mark is lost is not trusted by a change, and repair writes it anew.
+  Bytes lost = slurp(lib);
+  std::memset(&lost[2064384], 0, 512);
+  spit(lib, lost);
+  EXPECT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "more2", "x"); }), LMI_E_DAMAGED);
+  EXPECT_TRUE(slurp(lib) == lost && zbshr_lib_repair(lib.c_str(), nullptr, nullptr) >= 1 && verifyPath(lib) == 0);
+  EXPECT_EQ(state(lib, true).entries["more"].data, pattern(600000, 8));
   // When the bitmap's block holds something else, the checker says so, and repair refuses and changes nothing.
   std::memcpy(&bytes[2064384], "DAT*", 4);
   set32(bytes, 512 + 4, 2064384);
