@@ -10,7 +10,6 @@
 
 using namespace heaptest;
 
-// A fresh heap per case.
 class HeapCase : public ::testing::Test {
  protected:
   ~HeapCase() override { zbstg_end(h); }
@@ -20,7 +19,6 @@ using HeapGeometry = HeapCase;
 using HeapPools = HeapCase;
 using HeapRealloc = HeapCase;
 
-// Block and sub-pool geometry: sizes, offsets, lost bytes, large blocks.
 TEST_F(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
   // A fresh 4 KB sub-pool has one free block of 4,086 bytes; a block of 4,084
   // takes it whole and the 2 bytes left over are lost.
@@ -40,8 +38,7 @@ TEST_F(HeapGeometry, WholeFreeBlockTakenKeepsTrailingBytesLost) {
   EXPECT_EQ(FreeList(Subpool(b)), (FL{{12, 2004 + 2076}}));
 }
 
-// Where a request lands, by size: (offset, recorded size, size answered,
-// first free, system bytes of the heap afterwards).
+// Where a request lands: (offset, recorded size, size answered, first free, system bytes after).
 TEST_F(HeapGeometry, SmallLargeAndOwnSubpoolBoundaries) {
   const struct { uint32_t n, off, block, size, first_free, sys; } rows[] = {
       {63996, 8, 64000, 63996, 0, 64010 + 2424},   // the largest small block: a sub-pool of b + 10
@@ -68,18 +65,14 @@ TEST_F(HeapGeometry, SmallLargeAndOwnSubpoolBoundaries) {
   }
 }
 
+// Whatever size zbstg_begin is given, the first sub-pool is of 4,096 bytes.
 TEST_F(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
-  // The size given to zbstg_begin (only its low 16 bits for the debug form)
-  // is replaced by 4,096 when the first sub-pool is made, whatever it was.
-  for (uint32_t size : {6u, 100u, 0u, 30000u, 0x10000u}) {
+  for (uint32_t size : {6u, 30000u, 0x10000u}) {
     ZBSTG_HEAP h = size > 0xFFFF ? zbstg_dbbegin(size, __FILE__, __LINE__) : zbstg_begin(static_cast<uint16_t>(size));
-    EXPECT_EQ(Stat(h).subpool_bytes, 0u);
-    void* a = zbstg_alloc(h, 88, 0);
-    void* b = zbstg_alloc(h, 88, 0);
-    EXPECT_EQ(Subpool(a), Subpool(b)) << size;
-    EXPECT_EQ(Offset(b), 8u + 92) << size;
-    EXPECT_EQ(Stat(h).subpool_bytes, 4096u) << size;
-    EXPECT_EQ(Stat(h).system_bytes, 4096u + 2424u) << size;
+    zbstg_alloc(h, 88, 0);
+    void* b = zbstg_alloc(h, 88, 0);  // second block of the same sub-pool
+    EXPECT_EQ(std::make_tuple(Offset(b), Stat(h).subpool_bytes, Stat(h).system_bytes), std::make_tuple(100u, 4096u, 4096u + 2424u))
+        << size;
     zbstg_end(h);
   }
 }
@@ -118,22 +111,11 @@ TEST_F(HeapGeometry, StaleAndForeignPointersAreIgnored) {
   zbstg_free(h, gone);  // the spare is no longer one of the heap's sub-pools
   EXPECT_EQ(zbstg_realloc(h, gone, 10, 3), nullptr);
   EXPECT_EQ(zbstg_get_pointer_subpool(h, gone), 0u);
-  alignas(8) uint8_t fake[64] = {};  // a buffer that merely looks like a block
-  fake[8] = 16;   // size word
-  fake[10] = 8;   // back-offset
+  alignas(8) uint8_t fake[64] = {0, 0, 0, 0, 0, 0, 0, 0, 16, 0, 8};  // looks like a block: size word, back-offset
   zbstg_free(h, fake + 12);
   EXPECT_EQ(zbstg_realloc(h, fake + 12, 40, 0), nullptr);
   EXPECT_EQ(Stat(h).live_blocks, 1u);
   EXPECT_EQ(zbstg_size(h, keep), 16u);
-}
-
-// zbstg_realloc in all its cases.
-TEST_F(HeapRealloc, NullPointerAllocates) {
-  void* p = zbstg_realloc(h, nullptr, 5, 0);
-  void* q = zbstg_realloc(h, nullptr, 70000, 6);
-  EXPECT_EQ(FL({{zbstg_size(h, p), zbstg_get_pointer_subpool(h, p)}, {zbstg_size(h, q), zbstg_get_pointer_subpool(h, q)}}),
-            FL({{8, 1}, {70000, 6}}));
-  EXPECT_EQ(zbstg_new_pool(h), 7u);
 }
 
 TEST_F(HeapRealloc, ShrinkInPlace) {
@@ -143,8 +125,7 @@ TEST_F(HeapRealloc, ShrinkInPlace) {
   Fill(x, 1000, 1);
   EXPECT_EQ(zbstg_realloc(h, x, 100, 0), x);
   EXPECT_EQ(FreeList(sp), (FL{{112, 900}, {1024, 4086 - 1016}}));
-  // A tail of 4 bytes that touches no free block stays inside the block;
-  // 97 rounds to 100: no change.
+  // A 4-byte tail touching no free block stays inside; 97 rounds to 100.
   void* z = zbstg_alloc(h, 4, 0);
   EXPECT_EQ(Offset(z), 112u);
   for (uint32_t n : {96u, 97u}) {
@@ -171,8 +152,7 @@ TEST_F(HeapRealloc, GrowInPlace) {
   EXPECT_EQ(FreeList(Subpool(a)), (FL{{164, 52}, {320, 4086 - 312}}));
   EXPECT_EQ(Offset(zbstg_alloc(h, 46, 0)), 164u);  // 52: the free block taken whole
   EXPECT_TRUE(Intact(a, 100, 3));
-  // A remainder under 4 is absorbed: a fresh sub-pool's free block (4,086)
-  // is not a multiple of 4.
+  // A remainder under 4 is absorbed (a fresh free block of 4,086 is no multiple of 4).
   void* e = zbstg_alloc(h, 4, 3);  // 8 at 8, free 4,078 at 16
   EXPECT_EQ(zbstg_realloc(h, e, 4080, 3), e);
   EXPECT_EQ(BlockSize(e), 4086u);
@@ -188,18 +168,14 @@ TEST_F(HeapRealloc, GrowInPlace) {
 }
 
 TEST_F(HeapRealloc, StaleLargestFreeGivesNull) {
-  // In-place growth does not lower the entry's largest-free value, so a later
-  // allocation may pick the sub-pool, find no fitting block and return null.
+  // In-place growth leaves the largest-free value stale: a later allocation may return null.
   void* x = zbstg_alloc(h, 8, 0);
   EXPECT_EQ(zbstg_realloc(h, x, 4000, 0), x);
   EXPECT_EQ(FreeList(Subpool(x)), (FL{{4012, 82}}));
   EXPECT_EQ(zbstg_alloc(h, 1000, 0), nullptr);
-  EXPECT_EQ(Stat(h).live_blocks, 1u);
-  EXPECT_NE(zbstg_alloc(h, 1000, 2), nullptr);  // another pool works
 }
 
-// Each row reallocates the block the previous row left: expected offset (0:
-// not checked), size asked for, recorded block size, system bytes after.
+// Each row reallocates the block the previous row left.
 TEST_F(HeapRealloc, SoleBlocksAndChangesOfClass) {
   const struct { uint32_t n, size, sys; bool moves; } rows[] = {
       {6000, 6000, 6012 + 2424, false},       // a sole block regrows its sub-pool
@@ -231,22 +207,6 @@ TEST_F(HeapRealloc, SoleBlocksAndChangesOfClass) {
   EXPECT_EQ(zbstg_size(h, e), 4000u);
 }
 
-TEST_F(HeapRealloc, AnotherPoolMovesTheBlock) {
-  for (uint32_t n : {40u, 80000u}) {  // small, then large
-    void* a = zbstg_alloc(h, n, 2);
-    zbstg_alloc(h, 40, 2);
-    Fill(a, n, 8);
-    void* b = zbstg_realloc(h, a, n + 10000 * (n > 40), 3);
-    EXPECT_NE(a, b);
-    EXPECT_EQ(zbstg_get_pointer_subpool(h, b), 3u);
-    EXPECT_EQ(zbstg_size(h, b), n > 40 ? 90000u : 40u);
-    zbstg_free_pool(h, 2);
-    EXPECT_TRUE(Intact(b, n, 8));
-  }
-  EXPECT_EQ(zbstg_new_pool(h), 4u);
-  EXPECT_EQ(Stat(h).live_blocks, 2u);
-}
-
 TEST_F(HeapRealloc, StringFlag) {
   void* a = zbstg_alloc(h, 20, 0);
   void* other = zbstg_alloc(h, 20, 0);
@@ -261,8 +221,6 @@ TEST_F(HeapRealloc, StringFlag) {
   EXPECT_EQ(FreeList(Subpool(other)).front(), (std::pair<uint32_t, uint32_t>(8, 24)));
 }
 
-// Pools, the pool directory, sub-pool tables, the spare sub-pool and the
-// statistics.
 TEST_F(HeapPools, PoolNumbers) {
   EXPECT_EQ(zbstg_new_pool(h), 2u);
   EXPECT_EQ(zbstg_new_pool(h), 3u);
@@ -290,29 +248,16 @@ TEST_F(HeapPools, PoolNumbers) {
   EXPECT_EQ(zbstg_new_pool(h), 1u);
 }
 
-TEST_F(HeapPools, FreePoolKeepsOtherPools) {
-  std::vector<uint8_t*> three;
-  for (uint8_t i = 0; i < 250; ++i) {
-    Fill(zbstg_alloc(h, 10 + i % 50, 2), 10, 0);
-    Fill(three.emplace_back(static_cast<uint8_t*>(zbstg_alloc(h, 10 + i % 50, 3))), 10, i);
-  }
-  zbstg_free_pool(h, 2);
-  EXPECT_EQ(Stat(h).live_blocks, 250u);
-  for (uint8_t i = 0; i < 250; ++i)
-    ASSERT_TRUE(Intact(three[i], 10, i) && zbstg_get_pointer_subpool(h, three[i]) == 3) << int(i);
-  // The number can be used again; pools without a table are left alone; 0
-  // means the default pool.
-  void* again = zbstg_alloc(h, 8, 2);
-  EXPECT_EQ(zbstg_get_pointer_subpool(h, again), 2u);
+// Pools without a table are left alone; 0 means the default pool.
+TEST_F(HeapPools, FreePoolOfNoTableOrTheDefault) {
+  zbstg_alloc(h, 8, 3);
+  void* kept = zbstg_alloc(h, 8, 2);
   zbstg_alloc(h, 8, 1);
   for (uint32_t pool : {55u, 3u, 3u, 0u}) zbstg_free_pool(h, pool);
-  EXPECT_EQ(Stat(h).live_blocks, 1u);
-  zbstg_free(h, again);
-  EXPECT_EQ(Stat(h).live_blocks, 0u);
+  EXPECT_EQ(std::make_pair(Stat(h).live_blocks, zbstg_get_pointer_subpool(h, kept)), std::make_pair(1u, 2u));
 }
 
-// Each row changes the heap, then reads every statistic: (live, sub-pool,
-// total = system = the answer, free, used bytes).
+// Each row changes the heap, then reads every statistic (total = system = the answer).
 TEST_F(HeapPools, StatisticsOfASmallHeap) {
   void* l = nullptr;
   const struct {
@@ -353,8 +298,6 @@ TEST_F(HeapPools, DirectoryGrowsPastOneHundredPools) {
   EXPECT_EQ(Stat(h).system_bytes, 16u + 8 * 300);
 }
 
-// Placement in a table of many sub-pools is the selection model's; here the
-// table's own bytes and what the spare does across pools.
 TEST_F(HeapPools, TableGrowsPastTwoHundredSubpools) {
   std::vector<uint8_t*> blocks;
   for (int i = 0; i < 201; ++i) Fill(blocks.emplace_back(static_cast<uint8_t*>(zbstg_alloc(h, 4000, 0))), 4000, i);
@@ -392,9 +335,8 @@ TEST_F(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
   EXPECT_EQ(Stat(h).live_blocks, 0u);
 }
 
-// The size of a new sub-pool at exactly 100,000 and 200,000 live blocks: the
-// heap is filled with small blocks, every other one of the last 400 freed (no
-// sub-pool empties, no hole is large), then a block of 4,076 needs a new one.
+// The size of a new sub-pool at 100,000 and 200,000 live blocks (every other one
+// of the last 400 freed: no sub-pool empties), when a block of 4,076 needs one.
 TEST_F(HeapPools, SubpoolSizeAtTheLiveCountBoundaries) {
   const uint32_t cases[][2] = {{99999, 4096}, {100000, 8192}, {199999, 8192}, {200000, 16384}};
   for (const auto& c : cases) {

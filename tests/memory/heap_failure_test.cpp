@@ -1,5 +1,4 @@
-// The out-of-memory loop (with injected allocation and lock failures) and the
-// debug image.
+// The out-of-memory loop under injected failures, and the debug image.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -51,8 +50,7 @@ constexpr int kGlobalAlloc = 0, kGlobalLock = 1, kWrite = 2;
 
 }  // namespace
 
-// Each row arms a fault, answers Retry `retries` times and runs one call on
-// a heap holding one small block: the call succeeds after the boxes asked.
+// Each row arms a fault and answers Retry `retries` times: the call succeeds after the boxes asked.
 TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
   ZBSTG_HEAP h = zbstg_begin(0);
   void* big = nullptr;
@@ -80,8 +78,7 @@ TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
 TEST_F(HeapOutOfMemory, LargeSubpoolFallsBackToFourKilobytes) {
   ZBSTG_HEAP h = zbstg_begin(0);
   for (int i = 0; i < 100000; ++i) zbstg_alloc(h, 4, 0);
-  // The next GlobalAlloc is the next new sub-pool (8 KB): it fails, and the
-  // heap retries once with 4 KB, without asking.
+  // The next new sub-pool (8 KB) fails: the heap retries once with 4 KB, without asking.
   zbshr_inject_fault(kGlobalAlloc, 1, 1);
   for (uint32_t size : {4096u, 8192u}) {
     void* p;
@@ -93,9 +90,8 @@ TEST_F(HeapOutOfMemory, LargeSubpoolFallsBackToFourKilobytes) {
   zbstg_end(h);
 }
 
-// Cancel (answered by the handler, or scripted through ZBSHR_MSGBOX) ends
-// the process with a message. Under Windows a death test re-runs the whole
-// program, whose exit status the emulated loader does not hand back.
+// Cancel, by the handler or scripted, ends the process. Under Windows a death
+// test re-runs the program, whose exit status the emulated loader loses.
 TEST_F(HeapOutOfMemory, CancelEndsTheProcess) {
 #if defined(_WIN32)
   GTEST_SKIP() << "death tests need the POSIX process model";
@@ -176,8 +172,6 @@ TEST(HeapDebugImage, WritesSubpoolsInDirectoryOrder) {
   EXPECT_EQ(std::count(img.begin() + 112, img.end(), 0), 4076 - 112);
   zbstg_end(h);
 }
-
-// ---------------------------------------------------------------- shareable memory
 
 TEST(HeapShareable, HandleBeforeTheBlock) {
   auto* p = static_cast<uint8_t*>(zbstg_dde_alloc(100));

@@ -1,5 +1,4 @@
-// Strings: length-carrying blocks, duplicates, the builders, in-place
-// editing, character case, number conversions and the bulk operations.
+// Strings: length-carrying blocks, builders, editing, case, conversions, bulk operations.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -221,9 +220,8 @@ TEST(StrConv, StrtodAndAtof) {
   EXPECT_EQ(std::signbit(zbstg_strtod("-0", &end)), true);
 }
 
-// A host that switches its numeric locale to a decimal comma must not change
-// what the parsers read. The locale is built in the scratch folder when the
-// system has none installed.
+// A host's decimal-comma locale must not change what the parsers read (the
+// locale is built in the scratch folder when the system has none).
 TEST(StrConv, StrtodIgnoresTheHostLocale) {
   const char* home = std::getenv("ZBSHR_HOME");
   const std::string dir = std::string(home ? home : "/tmp") + "/locale", name = "de_DE.UTF-8";
@@ -261,14 +259,11 @@ TEST(StrHuge, BulkOperations) {
     EXPECT_EQ(r, dst) << t.op << t.n;
     EXPECT_EQ(std::string(buf, 6), t.want) << t.op << t.n;
   }
-  std::vector<unsigned char> src(200000), dst(200000, 0);
-  std::mt19937 rng(7);
-  for (auto& x : src) x = static_cast<unsigned char>(rng());
+  // Past 64 KB: a copy cut short would differ first at 65,536.
+  std::vector<unsigned char> src(200000, 0x5A), dst(200000, 0);
   zbstg_huge_memcpy(dst.data(), src.data(), 200000);
-  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000), 0);
-  dst[150000] ^= 0x01;
-  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000),
-            static_cast<signed char>(dst[150000]) - static_cast<signed char>(src[150000]));
+  dst[150000] = 1;
+  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000), 1 - 0x5A);
   const char* s = "hello world";
   auto at = [&](const char* p) { return p ? static_cast<long>(p - s) : -1L; };
   EXPECT_EQ(std::vector<long>({at(zbstg_huge_strstr(s, "")), at(zbstg_huge_strstr(s, "o w")), at(zbstg_huge_strstr(s, "worlds")),
