@@ -22,22 +22,18 @@ using namespace heaptest;
 
 namespace {
 
-struct BoxLog {
-  int calls = 0, retries = 0;  // answers Retry this many times, then Cancel
-  std::string seen;            // "text|caption|style" of each box, caption null or empty
-};
-BoxLog g_box;
+int g_retries = 0;   // answers Retry this many times, then Cancel
+std::string g_seen;  // "text|caption|style;" of each box, caption null or empty
 
 int32_t ZBSHR_CALL Answer(void*, const char* text, const char* caption, uint32_t style) {
-  ++g_box.calls;
-  g_box.seen += std::string(text ? text : "(null)") + "|" + (caption ? caption : "") + "|" + std::to_string(style) + ";";
-  return g_box.retries-- > 0 ? 4 : 2;  // Retry : Cancel
+  g_seen += std::string(text ? text : "(null)") + "|" + (caption ? caption : "") + "|" + std::to_string(style) + ";";
+  return g_retries-- > 0 ? 4 : 2;  // Retry : Cancel
 }
 
 class HeapOutOfMemory : public ::testing::Test {
  protected:
   void SetUp() override {
-    g_box = BoxLog{};
+    g_seen.clear();
     zbshr_set_msgbox_handler(Answer, nullptr);
   }
   void TearDown() override {
@@ -61,7 +57,8 @@ TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
       {kGlobalAlloc, 1, 1, 3, [&] { return zbstg_realloc(h, big, 200000, 0); }, 200000, 1},  // growing it
   };
   for (const auto& r : rows) {
-    g_box = BoxLog{0, r.retries, ""};
+    g_retries = r.retries;
+    g_seen.clear();
     zbshr_inject_fault(r.fault, r.at, r.count);
     void* p = r.call();
     ASSERT_NE(p, nullptr);
@@ -69,7 +66,7 @@ TEST_F(HeapOutOfMemory, RetryAfterFailedAllocationsAndLocks) {
     EXPECT_EQ(zbstg_size(h, p), r.size);
     std::string want;
     for (uint32_t i = 0; i < r.boxes; ++i) want += "Out of Memory||8213;";  // MB_SYSTEMMODAL | MB_ICONHAND | MB_RETRYCANCEL
-    EXPECT_EQ(g_box.seen, want);
+    EXPECT_EQ(g_seen, want);
     EXPECT_TRUE(r.size != 100 || Stat(h).system_bytes == 4096u + 2424u);
   }
   zbstg_end(h);
@@ -86,7 +83,7 @@ TEST_F(HeapOutOfMemory, LargeSubpoolFallsBackToFourKilobytes) {
     while (Offset(p) != 8);
     EXPECT_EQ(FreeList(Subpool(p)).at(0).second + 18, size);
   }
-  EXPECT_EQ(g_box.calls, 0);
+  EXPECT_EQ(g_seen, "");
   zbstg_end(h);
 }
 
@@ -101,8 +98,7 @@ TEST_F(HeapOutOfMemory, CancelEndsTheProcess) {
   for (bool scripted : {false, true}) {
     EXPECT_EXIT(
         {
-          g_box = BoxLog{};
-          g_box.retries = 2;
+          g_retries = 2;
           zbshr_set_msgbox_handler(scripted ? nullptr : Answer, nullptr);
           if (scripted) setenv("ZBSHR_MSGBOX", "retry,retry,cancel", 1);
           ZBSTG_HEAP h = zbstg_begin(0);

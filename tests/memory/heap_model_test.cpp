@@ -138,7 +138,6 @@ namespace {
 
 struct Entry {
   const uint8_t* sp = nullptr;
-  uint32_t bytes = 0;    // size the sub-pool was made with
   uint32_t largest = 0;  // the heap's largest-free value for it
 };
 
@@ -147,7 +146,6 @@ struct Model {
   std::unordered_map<const uint8_t*, size_t> index;
   int64_t last_used = -1;
   uint32_t subpool_size = 4088;
-  bool spare = false;
 
   static uint32_t LargestFree(const uint8_t* sp) {
     uint32_t m = 0;
@@ -199,13 +197,12 @@ TEST(HeapSelection, PlacementFollowsTheTableAndFreeListRules) {
         } else {
           ASSERT_EQ(m.index.count(sp), 0u) << "expected a new sub-pool, step " << step;
           ASSERT_EQ(Offset(p), 8u);
-          const uint32_t bytes = 4086 <= b ? b + 10 : 4096;  // a spare is taken only when it fits
-          if (b < 4086) m.spare = false;
+          const uint32_t bytes = 4086 <= b ? b + 10 : 4096;
           m.subpool_size = 4096;
           size_t slot = 0;
           while (slot < m.table.size() && m.table[slot].sp) ++slot;
           if (slot == m.table.size()) m.table.emplace_back();
-          m.table[slot] = {sp, bytes, bytes - 10};
+          m.table[slot] = {sp, bytes - 10};
           m.index[sp] = slot;
           idx = static_cast<int64_t>(slot);
           fit = {8, bytes - 10};
@@ -228,7 +225,6 @@ TEST(HeapSelection, PlacementFollowsTheTableAndFreeListRules) {
       Entry& e = m.table[i];
       if (last) {
         // The sub-pool was released (its bytes may be gone: read nothing).
-        if (!m.spare && e.bytes >= 4096 && e.bytes <= 4196) m.spare = true;
         m.index.erase(sp);
         e = Entry{};
         continue;

