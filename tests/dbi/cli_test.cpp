@@ -1,15 +1,17 @@
 // The sqlcache subcommand and the demo step, run as a program.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "common/run_program.h"
 
-#if defined(ZBSHR_DBI_DRIVER)
+#if defined(ZBSHR_CLI)
 namespace {
 
 TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
+  const std::string demo = (std::filesystem::temp_directory_path() / "zbshr_dbi_demo").string();
   // out: the whole standard output, or a part of it when `part`.
   const struct { std::vector<std::string> args; std::string input; int code; std::string out; bool part; } cases[] = {
       {{"sqlcache", "--params", "Log=1, SQLCache=1", "SELECT 1", " SELECT 1", "SELECT 2", "SELECT 1"},
@@ -26,11 +28,11 @@ TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
       {{"sqlcache", "--params"}, "", 2, "", false},
       {{"sqlcache", "--bogus", "SELECT 1"}, "", 2, "", false},
       {{"sqlcache", "--help"}, "", 0, "usage: zbshr sqlcache", true},
-      {{"demo"}, "", 0, "statistics: 3 Cache Hits,5 Cache Misses,3 entries in Cache", true},
-      {{"demo"}, "", 0, "5 prepared, 5 dropped", true},
+      {{"demo", "--dir", demo}, "", 0, "statistics: 3 Cache Hits,5 Cache Misses,3 entries in Cache", true},
+      {{"demo", "--dir", demo}, "", 0, "5 prepared, 5 dropped", true},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> argv = {ZBSHR_DBI_DRIVER};
+    std::vector<std::string> argv = {ZBSHR_CLI};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     const zbtest::RunResult r = zbtest::run_program(argv, {c.input, {}, 0, ""});
     SCOPED_TRACE(c.args.back() + " / " + r.err);
@@ -38,6 +40,7 @@ TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
     EXPECT_TRUE(c.part ? r.out.find(c.out) != std::string::npos : c.code ? r.err.find("zbshr sqlcache: ") == 0 : r.out == c.out)
         << r.out;
   }
+  std::filesystem::remove_all(demo);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The statement cache against a fake driver that records every request, and
-// against a plain model of the cache (a deque of available statements, most
-// recently released first).
+// against a model (a deque of available statements, most recently released first).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,7 +47,6 @@ class Dbi : public ::testing::Test {
     ZBSTG_STAT st{};
     return zbstg_stat(heap_, &st), st.live_blocks;
   }
-  DBI_CONNECTION* conn() { return &conn_; }
   static Strings Available(const DBI_SQLCACHE* cache) {
     Strings out;
     const SHLISTNODE* n = cache->entries->first;
@@ -66,23 +64,19 @@ class Dbi : public ::testing::Test {
   std::vector<intptr_t> dropped;  // statement handles, in the order dropped
 };
 
-TEST_F(Dbi, RegisterCopiesTheTextWithoutLeadingBlanks) {
-  char text[] = " \t\r\n  SELECT 1 ";
-  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(conn(), text, H(7));
-  ASSERT_NE(e, nullptr);
-  text[6] = 'X';  // an owned copy, trailing blank kept
-  EXPECT_STREQ(V(e->text), "SELECT 1 ");
-  EXPECT_EQ(std::make_tuple(V(e->statement), V(e->columns), e->use_count, zbstg_get_pointer_subpool(heap_, V(e->text))),
-            std::make_tuple(H(7), nullptr, 0u, pool_));
-  DBI_SQLCacheDiscardEntry(conn(), e, 0);  // the block stays, zeroed
-  EXPECT_TRUE(!V(e->text) && !V(e->statement));
-  EXPECT_EQ(Live(), base_ + 1);
+// Leading blanks are the random workload's; here the copy, the discard forms and null arguments.
+TEST_F(Dbi, RegisterCopiesTheText) {
+  char text[] = "SELECT 1 ";
+  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(&conn_, text, H(7));
+  text[0] = 'X';  // an owned copy, trailing blank kept
+  EXPECT_EQ(std::make_tuple(std::string(V(e->text)), V(e->columns), e->use_count, zbstg_get_pointer_subpool(heap_, V(e->text))),
+            std::make_tuple(std::string("SELECT 1 "), nullptr, 0u, pool_));
+  DBI_SQLCacheDiscardEntry(&conn_, e, 0);  // the block stays, zeroed
+  EXPECT_TRUE(!V(e->text) && !V(e->statement) && Live() == base_ + 1);
   zbstg_free(heap_, e);
-  e = DBI_SQLCacheRegisterSQLStatement(conn(), " \n", H(2));
-  EXPECT_STREQ(V(e->text), "");
-  DBI_SQLCacheDiscardEntry(conn(), e, 1);
+  DBI_SQLCacheDiscardEntry(&conn_, DBI_SQLCacheRegisterSQLStatement(&conn_, " \n", H(2)), 1);
   EXPECT_EQ(dropped, (std::vector<intptr_t>{7, 2}));
-  EXPECT_TRUE(!DBI_SQLCacheRegisterSQLStatement(conn(), nullptr, H(1)) && !DBI_SQLCacheRegisterSQLStatement(nullptr, "SELECT 1", H(1)));
+  EXPECT_TRUE(!DBI_SQLCacheRegisterSQLStatement(&conn_, nullptr, H(1)) && !DBI_SQLCacheRegisterSQLStatement(nullptr, "SELECT 1", H(1)));
   EXPECT_EQ(Live(), base_);
 }
 
@@ -102,7 +96,7 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
   for (int capacity : {-3, 0, 1, 3, 8, 40}) {
     SCOPED_TRACE(capacity);
     dropped.clear();
-    DBI_SQLCACHE* cache = DBI_SQLCacheBegin(conn(), capacity);
+    DBI_SQLCACHE* cache = DBI_SQLCacheBegin(&conn_, capacity);
     std::deque<std::pair<std::string, intptr_t>> model;  // available, head first
     std::vector<intptr_t> model_dropped;
     std::vector<DBI_SQLCACHE_ENTRY*> in_use;
@@ -112,7 +106,7 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
       if (in_use.empty() || (rng() % 3 != 0 && in_use.size() < 5)) {
         const std::string& text = texts[rng() % texts.size()];
         const std::string sent = std::string("  \t\r\n").substr(0, rng() % 6) + text;
-        DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRequestSqlStatement(conn(), cache, sent.c_str());
+        DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRequestSqlStatement(&conn_, cache, sent.c_str());
         auto it = std::find_if(model.begin(), model.end(), [&](auto& m) { return m.first == text; });
         if (it != model.end()) {
           ++hits;
@@ -122,7 +116,7 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
         } else {
           ++misses;
           ASSERT_EQ(e, nullptr) << step;
-          e = DBI_SQLCacheRegisterSQLStatement(conn(), sent.c_str(), H(next++));
+          e = DBI_SQLCacheRegisterSQLStatement(&conn_, sent.c_str(), H(next++));
         }
         in_use.push_back(e);
       } else {
@@ -134,8 +128,8 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
           model.pop_back();
         }
         model.emplace_front(V(e->text), reinterpret_cast<intptr_t>(V(e->statement)));
-        DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);
-        if (rng() % 8 == 0) DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);  // linked once
+        DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &cache);
+        if (rng() % 8 == 0) DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &cache);  // linked once
         ASSERT_EQ(dropped, model_dropped) << step;
       }
       Strings want;
@@ -143,18 +137,18 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
       ASSERT_EQ(Available(cache), want) << step;
       ASSERT_EQ(std::make_pair(cache->hits, cache->misses), std::make_pair(hits, misses));
     }
-    conn()->sql_cache = cache;
+    conn_.sql_cache = cache;
     const std::string stats = std::to_string(hits) + " Cache Hits," + std::to_string(misses) +
                               " Cache Misses," + std::to_string(model.size()) + " entries in Cache";
-    EXPECT_EQ(DBI_SQLCacheStatistics(conn(), 0), stats);
+    EXPECT_EQ(DBI_SQLCacheStatistics(&conn_, 0), stats);
     // Flush drops the available entries head first; those in use come back later.
     for (auto& m : model) model_dropped.push_back(m.second);
-    DBI_SQLCacheFlushEntries(conn(), &conn()->sql_cache);
+    DBI_SQLCacheFlushEntries(&conn_, &conn_.sql_cache);
     EXPECT_EQ(dropped, model_dropped);
     EXPECT_EQ(std::make_pair(cache->entries->count, cache->hits), std::make_pair(0, hits));
-    for (DBI_SQLCACHE_ENTRY* e : in_use) DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);
-    DBI_SQLCacheEnd(conn(), cache);
-    EXPECT_EQ(conn()->sql_cache, nullptr);
+    for (DBI_SQLCACHE_ENTRY* e : in_use) DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &cache);
+    DBI_SQLCacheEnd(&conn_, cache);
+    EXPECT_EQ(conn_.sql_cache, nullptr);
     std::map<intptr_t, int> counts;
     for (intptr_t h : dropped) ++counts[h];
     EXPECT_EQ(static_cast<intptr_t>(counts.size()), next - 1);
@@ -164,60 +158,58 @@ TEST_F(Dbi, RandomWorkloadMatchesTheModel) {
 }
 
 TEST_F(Dbi, NullEntryIsReportedAndTheRequestFieldsRestored) {
-  DBI_SQLCACHE* cache = DBI_SQLCacheBegin(conn(), 2);
-  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(conn(), "SELECT a", H(1));
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);
+  DBI_SQLCACHE* cache = DBI_SQLCacheBegin(&conn_, 2);
+  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(&conn_, "SELECT a", H(1));
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &cache);
   int marker = 0;
-  conn()->request = 12;
-  conn()->arg1 = &marker, conn()->arg2 = H(0x55), conn()->arg3 = H(0x66);
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), nullptr, &cache);
+  conn_.request = 12;
+  conn_.arg1 = &marker, conn_.arg2 = H(0x55), conn_.arg3 = H(0x66);
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, nullptr, &cache);
   EXPECT_EQ(requests, Strings{"241|assertion failed! pEntry && pList|zbdbi6|-"});
-  EXPECT_EQ(std::make_tuple(V(conn()->request), V(conn()->arg1), V(conn()->arg2), V(conn()->arg3)),
+  EXPECT_EQ(std::make_tuple(V(conn_.request), V(conn_.arg1), V(conn_.arg2), V(conn_.arg3)),
             std::make_tuple(12, static_cast<void*>(&marker), H(0x55), H(0x66)));
   EXPECT_EQ(Available(cache), Strings{"SELECT a"});
   // No slot: nothing reported; no cache in the slot: the entry stays the caller's.
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), nullptr, nullptr);
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, nullptr, nullptr);
   DBI_SQLCACHE* none = nullptr;
-  e = DBI_SQLCacheRegisterSQLStatement(conn(), "SELECT z", H(9));
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &none);
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, nullptr);
+  e = DBI_SQLCacheRegisterSQLStatement(&conn_, "SELECT z", H(9));
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &none);
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, nullptr);
   EXPECT_EQ(requests.size(), 1u);
-  DBI_SQLCacheDiscardEntry(conn(), e, 1);
+  DBI_SQLCacheDiscardEntry(&conn_, e, 1);
   // An entry in the list cannot be discarded behind the cache's back.
-  e = DBI_SQLCacheRequestSqlStatement(conn(), cache, "SELECT a");
-  DBI_SQLCacheMakeSQLStatementAvailable(conn(), e, &cache);
-  DBI_SQLCacheDiscardEntry(conn(), e, 1);
+  e = DBI_SQLCacheRequestSqlStatement(&conn_, cache, "SELECT a");
+  DBI_SQLCacheMakeSQLStatementAvailable(&conn_, e, &cache);
+  DBI_SQLCacheDiscardEntry(&conn_, e, 1);
   EXPECT_EQ(Available(cache), Strings{"SELECT a"});
   EXPECT_EQ(dropped, std::vector<intptr_t>{9});
   // DBI_AttrInfo alone leaves the request fields as sent.
-  EXPECT_EQ(DBI_AttrInfo(conn(), "src", "msg"), 1);
-  EXPECT_EQ(V(conn()->request), 241);
+  EXPECT_EQ(DBI_AttrInfo(&conn_, "src", "msg"), 1);
+  EXPECT_EQ(V(conn_.request), 241);
   EXPECT_EQ(requests.back().substr(0, 12), "241|msg|src|");
   DBI_CONNECTION silent{};
   EXPECT_EQ(DBI_AttrInfo(nullptr, "src", "msg") + DBI_AttrInfo(&silent, "src", "msg"), 0);
-  DBI_SQLCacheEnd(conn(), cache);
+  DBI_SQLCacheEnd(&conn_, cache);
   EXPECT_EQ(Live(), base_);
-  DBI_SQLCacheEnd(conn(), nullptr);  // null arguments are ignored
-  DBI_SQLCacheFlushEntries(conn(), &none);
-  EXPECT_EQ(DBI_SQLCacheRequestSqlStatement(conn(), nullptr, "x"), nullptr);
+  DBI_SQLCacheEnd(&conn_, nullptr);  // null arguments are ignored
+  DBI_SQLCacheFlushEntries(&conn_, &none);
+  EXPECT_EQ(DBI_SQLCacheRequestSqlStatement(&conn_, nullptr, "x"), nullptr);
 }
 
+// The text itself is the random workload's; here its buffer and edges.
 TEST_F(Dbi, StatisticsText) {
   EXPECT_EQ(DBI_SQLCacheStatistics(nullptr, 1), nullptr);
-  const char* s = DBI_SQLCacheStatistics(conn(), 0);
-  EXPECT_STREQ(s, "");  // no cache, nothing stored
-  EXPECT_EQ(V(conn()->statistics), nullptr);
-  conn()->sql_cache = DBI_SQLCacheBegin(conn(), 3);
-  EXPECT_STREQ(DBI_SQLCacheStatistics(conn(), 1), "");  // no lookup yet
-  EXPECT_EQ(V(conn()->statistics), s);                 // one static buffer
-  const uint32_t counts[][2] = {{1, 0}, {0, 1}, {4294967295u, 4000000000u}};
-  for (auto& c : counts) {
-    conn()->sql_cache->hits = c[0], conn()->sql_cache->misses = c[1];
-    EXPECT_EQ(DBI_SQLCacheStatistics(conn(), 0), s);
-    EXPECT_EQ(std::string(s), std::to_string(c[0]) + " Cache Hits," + std::to_string(c[1]) + " Cache Misses,0 entries in Cache");
+  const char* s = DBI_SQLCacheStatistics(&conn_, 0);
+  EXPECT_TRUE(!*s && !V(conn_.statistics));  // no cache, nothing stored
+  conn_.sql_cache = DBI_SQLCacheBegin(&conn_, 3);
+  EXPECT_STREQ(DBI_SQLCacheStatistics(&conn_, 1), "");  // no lookup yet
+  EXPECT_EQ(V(conn_.statistics), s);                   // one static buffer
+  for (auto [hits, misses] : {std::pair{1u, 0u}, {0u, 1u}, {4294967295u, 4000000000u}}) {
+    conn_.sql_cache->hits = hits, conn_.sql_cache->misses = misses;
+    EXPECT_EQ(std::string(DBI_SQLCacheStatistics(&conn_, 0)),
+              std::to_string(hits) + " Cache Hits," + std::to_string(misses) + " Cache Misses,0 entries in Cache");
   }
-  DBI_SQLCacheEnd(conn(), conn()->sql_cache);
-  EXPECT_STREQ(DBI_SQLCacheStatistics(conn(), 0), "");
+  DBI_SQLCacheEnd(&conn_, conn_.sql_cache);
 }
 
 // A null description comes back as an empty column.
@@ -232,12 +224,12 @@ TEST_F(Dbi, DescribeIsCachedAndRebuilt) {
   for (DBI_COLUMN* c : {&cols[0], &cols[1], &cols[2], static_cast<DBI_COLUMN*>(nullptr)}) shlist_insert(described, c);
   shlist_get_first(described);
   shlist_get_next(described);
-  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(conn(), "SELECT x", H(1));
-  DBI_SQLCacheRegisterDescribe(conn(), e, described);
-  DBI_SQLCacheRegisterDescribe(conn(), e, described);  // replaces the first copy
+  DBI_SQLCACHE_ENTRY* e = DBI_SQLCacheRegisterSQLStatement(&conn_, "SELECT x", H(1));
+  DBI_SQLCacheRegisterDescribe(&conn_, e, described);
+  DBI_SQLCacheRegisterDescribe(&conn_, e, described);  // replaces the first copy
   EXPECT_EQ(shlist_get_curr(described), static_cast<void*>(&cols[1]));  // position kept
   n1[0] = 'X';  // the cache has its own copies
-  SHLIST* rebuilt = DBI_SQLCacheRequestDescribe(conn(), e);
+  SHLIST* rebuilt = DBI_SQLCacheRequestDescribe(&conn_, e);
   ASSERT_EQ(shlist_get_count(rebuilt), 4);
   n1[0] = 'i';
   int i = 0;
@@ -256,13 +248,13 @@ TEST_F(Dbi, DescribeIsCachedAndRebuilt) {
     EXPECT_TRUE(!V(r->buffer) && !V(r->driver_data));  // fetch state is not cached
     EXPECT_EQ(zbstg_get_pointer_subpool(heap_, d), pool_);
   }
-  DBI_SQLCACHE_ENTRY* bare = DBI_SQLCacheRegisterSQLStatement(conn(), "SELECT y", H(2));
-  DBI_SQLCacheRegisterDescribe(conn(), bare, shlist_new(heap_, pool_));  // empty: nothing
-  EXPECT_EQ(DBI_SQLCacheRequestDescribe(conn(), bare), nullptr);
+  DBI_SQLCACHE_ENTRY* bare = DBI_SQLCacheRegisterSQLStatement(&conn_, "SELECT y", H(2));
+  DBI_SQLCacheRegisterDescribe(&conn_, bare, shlist_new(heap_, pool_));  // empty: nothing
+  EXPECT_EQ(DBI_SQLCacheRequestDescribe(&conn_, bare), nullptr);
   const uint32_t before = Live();
-  DBI_SQLCacheDiscardEntry(conn(), e, 1);  // list and 4 nodes, 4 records, 5 names, text, entry
+  DBI_SQLCacheDiscardEntry(&conn_, e, 1);  // list and 4 nodes, 4 records, 5 names, text, entry
   EXPECT_EQ(Live(), before - (1 + 4 + 4 + 5 + 1 + 1));
-  DBI_SQLCacheDiscardEntry(conn(), bare, 1);
+  DBI_SQLCacheDiscardEntry(&conn_, bare, 1);
 }
 
 TEST_F(Dbi, CacheSizeParameterAndSetup) {
@@ -279,29 +271,29 @@ TEST_F(Dbi, CacheSizeParameterAndSetup) {
       {"SQLCache=/", -1}, {"SQLCache='1'2", 12}, {"SQLCache=' 5'", -1}, {"SQLCache='1''2'", -1},
       {"=5, SQLCache=3", 3}, {"SQLCache=5=6", -1}, {"X='a''b,SQLCache=4'", -1}, {"SQLCache=\"4\"\"\"", -1},
   };
-  conn()->sql_cache = DBI_SQLCacheBegin(conn(), 99);
+  conn_.sql_cache = DBI_SQLCacheBegin(&conn_, 99);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);
-    conn()->sql_cache->capacity = 99;
-    conn()->params = c.params;
-    EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(conn()), c.stored >= 0 ? 1 : 0);
-    EXPECT_EQ(conn()->sql_cache->capacity, c.stored >= 0 ? c.stored : 99);
+    conn_.sql_cache->capacity = 99;
+    conn_.params = c.params;
+    EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(&conn_), c.stored >= 0 ? 1 : 0);
+    EXPECT_EQ(conn_.sql_cache->capacity, c.stored >= 0 ? c.stored : 99);
   }
-  conn()->params = nullptr;
-  EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(conn()) + DBI_SQLCacheSetSelectCacheSize(nullptr), 0);
-  DBI_SQLCacheEnd(conn(), conn()->sql_cache);
-  conn()->params = "SQLCache=4";
-  EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(conn()), 0);  // no cache to store into
-  DBI_SQLCACHE* cache = DBI_SQLCacheSetup(conn());
+  conn_.params = nullptr;
+  EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(&conn_) + DBI_SQLCacheSetSelectCacheSize(nullptr), 0);
+  DBI_SQLCacheEnd(&conn_, conn_.sql_cache);
+  conn_.params = "SQLCache=4";
+  EXPECT_EQ(DBI_SQLCacheSetSelectCacheSize(&conn_), 0);  // no cache to store into
+  DBI_SQLCACHE* cache = DBI_SQLCacheSetup(&conn_);
   ASSERT_NE(cache, nullptr);
-  EXPECT_EQ(std::make_tuple(conn()->sql_cache, cache->capacity, zbstg_get_pointer_subpool(heap_, cache)), std::make_tuple(cache, 4, pool_));
-  conn()->params = "SQLCache=6";
-  EXPECT_EQ(DBI_SQLCacheSetup(conn()), cache);  // created once
+  EXPECT_EQ(std::make_tuple(conn_.sql_cache, cache->capacity, zbstg_get_pointer_subpool(heap_, cache)), std::make_tuple(cache, 4, pool_));
+  conn_.params = "SQLCache=6";
+  EXPECT_EQ(DBI_SQLCacheSetup(&conn_), cache);  // created once
   EXPECT_EQ(cache->capacity, 6);
-  DBI_SQLCacheEnd(conn(), cache);
-  conn()->params = nullptr;
-  EXPECT_EQ(DBI_SQLCacheSetup(conn())->capacity, 0);
-  DBI_SQLCacheEnd(conn(), conn()->sql_cache);
+  DBI_SQLCacheEnd(&conn_, cache);
+  conn_.params = nullptr;
+  EXPECT_EQ(DBI_SQLCacheSetup(&conn_)->capacity, 0);
+  DBI_SQLCacheEnd(&conn_, conn_.sql_cache);
   EXPECT_EQ(DBI_SQLCacheSetup(nullptr), nullptr);
   EXPECT_EQ(Live(), base_);
 }
