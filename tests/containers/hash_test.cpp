@@ -3,7 +3,6 @@
 #include <deque>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -63,14 +62,13 @@ TEST_F(ContainersHash, OperationsAgainstAMultimap) {
                            : shhash_new_arg(buckets, AsKeyFn(RecNameArg), unique, 0, heap_, 0,
                                             reinterpret_cast<intptr_t>(&calls));
     std::map<std::string, std::deque<void*>> model;
-    std::vector<std::unique_ptr<Rec>> recs;
+    std::deque<Rec> recs;
     int items = 0;
     for (int step = 0; step < 2500; ++step) {
       const std::string& k = keys[rng() % keys.size()];
       auto& q = model[k];
       if (rng() % 3) {
-        recs.push_back(std::make_unique<Rec>(Rec{k.c_str()}));
-        void* data = kind < 2 ? S(k.c_str()) : recs.back().get();
+        void* data = kind < 2 ? S(k.c_str()) : &recs.emplace_back(Rec{k.c_str()});
         const int32_t want = unique && !q.empty() ? 2 : 1;
         ASSERT_EQ(shhash_insert(t, data), want) << step;
         if (want == 1) q.push_back(data), ++items;
@@ -154,10 +152,8 @@ TEST_F(ContainersHash, TraversalStatisticsClear) {
                {2, "abcde", 2.5, 2.5, 3}, {4, "abcdefgh", 2.0, 2.0, 2}, {0, "ab", 1.0, 0.0, 0}};
   for (const auto& s : stats) {
     SHHASH* t = shhash_new(s.buckets, nullptr, 0, 0, heap_, 0);
-    std::vector<std::string> ks;
-    ks.reserve(16);
-    for (const char* k = s.keys; *k; ++k) ks.emplace_back(1, *k);
-    for (auto& k : ks) EXPECT_EQ(shhash_insert(t, k.data()), s.buckets ? 1 : 0);
+    for (const char* k = s.keys; *k; ++k)  // one-letter keys that outlive the table
+      EXPECT_EQ(shhash_insert(t, S(&"a\0b\0c\0d\0e\0f\0g\0h"[2 * (*k - 'a')])), s.buckets ? 1 : 0);
     SHHASH_STAT st{};
     EXPECT_EQ(shhash_statistics(t, &st), &st);
     EXPECT_EQ(std::make_tuple(st.expected_chain, st.actual_chain, st.longest_chain), std::make_tuple(s.expected, s.actual, s.longest))
