@@ -171,21 +171,19 @@ TEST_F(HomeTest, RegistryRoundTrip) {
     ASSERT_EQ(std::make_pair(type, size), std::make_pair(c.type, static_cast<DWORD>(c.data.size()))) << c.name;
     EXPECT_TRUE(c.result != ERROR_SUCCESS || std::string(reinterpret_cast<char*>(buf), size) == c.data) << c.name;
   }
-  DWORD size = 0;
-  EXPECT_EQ(RegQueryValueExA(r, "InitPath", nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
-  EXPECT_EQ(size, sizeof path);
-  EXPECT_EQ(std::vector<LONG>({RegSetValueExA(r, "x", 0, REG_SZ, bin, 1), RegCloseKey(r), RegCloseKey(r)}),  // opened for reading
-            std::vector<LONG>({ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_INVALID_HANDLE}));
+  DWORD size = 0;  // no buffer: the size alone
+  EXPECT_EQ(std::vector<LONG>({RegQueryValueExA(r, "InitPath", nullptr, nullptr, nullptr, &size), static_cast<LONG>(size),
+                               RegSetValueExA(r, "x", 0, REG_SZ, bin, 1), RegCloseKey(r), RegCloseKey(r)}),  // opened for reading
+            std::vector<LONG>({ERROR_SUCCESS, sizeof path, ERROR_ACCESS_DENIED, ERROR_SUCCESS, ERROR_INVALID_HANDLE}));
   // Parents exist implicitly; missing keys do not.
-  ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &r), ERROR_SUCCESS);
-  RegCloseKey(r);
-  EXPECT_EQ(std::vector<LONG>({RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Other", 0, KEY_READ, &r),
+  EXPECT_EQ(std::vector<LONG>({RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_READ, &r), RegCloseKey(r),
+                               RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Other", 0, KEY_READ, &r),
                                RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, KEY_READ, &r)}),
-            std::vector<LONG>(2, ERROR_FILE_NOT_FOUND));
+            std::vector<LONG>({ERROR_SUCCESS, ERROR_SUCCESS, ERROR_FILE_NOT_FOUND, ERROR_FILE_NOT_FOUND}));
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "SOFTWARE\\example\\TOOL", 0, nullptr, 0, KEY_WRITE, nullptr, &k, &disp),
             ERROR_SUCCESS);
-  EXPECT_EQ(disp, 2u);  // opened existing
-  EXPECT_EQ(std::vector<LONG>({RegDeleteValueA(k, "SHORT"), RegDeleteValueA(k, "Short")}), std::vector<LONG>({ERROR_SUCCESS, ERROR_FILE_NOT_FOUND}));
+  EXPECT_EQ(std::vector<LONG>({static_cast<LONG>(disp), RegDeleteValueA(k, "SHORT"), RegDeleteValueA(k, "Short")}),
+            std::vector<LONG>({2, ERROR_SUCCESS, ERROR_FILE_NOT_FOUND}));  // opened existing
   RegCloseKey(k);
   for (const char* bad : {"Soft]ware", "Soft\nware", "Soft\rware"})  // would break the file's lines
     EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, bad, 0, nullptr, 0, KEY_WRITE, nullptr, &k, &disp), ERROR_INVALID_PARAMETER);
@@ -195,7 +193,6 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   const std::string text = s_.read("home/registry.dat");
   EXPECT_NE(text.find("[HKEY_CURRENT_USER\\Software\\Example\\Tool]"), std::string::npos) << text;
   EXPECT_NE(text.find("\"InitPath\"=1:\"/opt/tool/\\x00\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("Short"), std::string::npos);
   s_.write("home/registry.dat",
            "[HKEY_LOCAL_MACHINE\\Software\\Hand]\ngarbage line\n\"\"=4:\"\\x2a\\x00\\x00\\x00\"\n");
   ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "software\\hand", 0, KEY_READ, &r), ERROR_SUCCESS);
@@ -227,12 +224,9 @@ TEST(Clipboard, KeepsTheTextAndPipesItToACommand) {
     EXPECT_EQ(zbshr_clipboard_text(nullptr, 0), static_cast<int32_t>(data.size()));
   }
   EXPECT_EQ(s.read("clip.txt"), text);
-  ASSERT_TRUE(OpenClipboard(nullptr));
-  EmptyClipboard();
-  CloseClipboard();
+  EXPECT_TRUE(OpenClipboard(nullptr) && EmptyClipboard() && CloseClipboard());
   char buf[64] = "zz";
-  EXPECT_EQ(zbshr_clipboard_text(buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "");
+  EXPECT_TRUE(zbshr_clipboard_text(buf, sizeof buf) == 0 && !*buf);
 }
 
 // Two processes writing at once (registry values and profile keys) lose
