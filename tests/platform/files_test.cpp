@@ -335,15 +335,14 @@ TEST(Paths, SearchPathOrderAndExtension) {
 TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   ZBTEST_POSIX_ONLY("POSIX spellings of temporary names, /proc");
   Scratch s;
-  char name[260], second[260];
+  char name[260];
   const UINT u = GetTempFileNameA(s.dir().c_str(), "zbfstore", 0, name);
   ASSERT_NE(u, 0u);
   char expect[64];
   std::snprintf(expect, sizeof expect, "zbf%X.TMP", u);
   EXPECT_EQ(std::string(name), s.path(expect));
   EXPECT_EQ(std::filesystem::file_size(name), 0u);
-  EXPECT_NE(GetTempFileNameA(s.dir().c_str(), "zbf", 0, second), 0u);
-  EXPECT_STRNE(name, second);
+  EXPECT_NE(GetTempFileNameA(s.dir().c_str(), "zbf", 0, name), u);  // the first name is taken
   EXPECT_EQ(GetTempFileNameA(s.dir().c_str(), "ab", 0x1A2B, name), 0x1A2Bu);  // a given number only builds the name
   EXPECT_EQ(std::string(name), s.path("ab1A2B.TMP"));
   EXPECT_FALSE(std::filesystem::exists(name));

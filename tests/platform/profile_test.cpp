@@ -287,8 +287,7 @@ TEST_F(HomeTest, GarbageFilesAreReadSafely) {
       }
       for (const char* key : {static_cast<const char*>(nullptr), "b"}) {
         n = GetPrivateProfileStringA("a", key, "dd", buf.data(), size, f.c_str());
-        ASSERT_LT(n, size);
-        ASSERT_EQ(buf[n], '\0');
+        ASSERT_TRUE(n < size && buf[n] == '\0');
       }
       ASSERT_EQ(std::string(buf.end() - 8, buf.end()), "########");  // nothing past the buffer
     }

@@ -10,9 +10,7 @@
 
 #include "platform/platform.h"
 
-// Opens a test of the POSIX emulation itself (its spellings, its knobs, its
-// use of POSIX processes): on Windows the real API answers, and the test is
-// skipped with the reason given.
+// Opens a test of the POSIX emulation itself: on Windows the real API answers.
 #if defined(_WIN32)
 #define ZBTEST_POSIX_ONLY(why) GTEST_SKIP() << "tests the POSIX emulation: " << why
 #else
