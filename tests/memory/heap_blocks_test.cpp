@@ -77,23 +77,6 @@ TEST_F(HeapGeometry, SubpoolSizeIsRechosenAtTheFirstSubpool) {
   }
 }
 
-// Services kept for their callers: fixed answers, the debug forms as the plain ones.
-TEST_F(HeapGeometry, SmallStatusServices) {
-  ZBSTG_HEAP h = zbstg_dbbegin_allocflags(0, 0x42, __FILE__, __LINE__);
-  zbstg_dumpLeaks(h);
-  zbstg_dumpHeap(h);
-  void* p = zbstg_alloc(h, 16, 0);
-  void* q = zbstg_dballoc(h, 5, 0, __FILE__, __LINE__);
-  const uint32_t small = zbstg_size(h, q);
-  q = zbstg_dbrealloc(h, q, 100, 0, __FILE__, __LINE__);
-  EXPECT_EQ(std::vector<uint64_t>({static_cast<uint64_t>(zbstg_validate(h)), zbstg_sos(h, 77), zbstg_sos(h, 5),
-                                   static_cast<uint64_t>(zbstg_nextGeneration(h)), reinterpret_cast<uintptr_t>(zbstg_alloc_align(h, 16, 16, 0)),
-                                   reinterpret_cast<uintptr_t>(zbstg_realloc_align(h, p, 32, 16, 0)), zbstg_size(h, p), small,
-                                   zbstg_size(h, q), Stat(h).live_blocks}),
-            std::vector<uint64_t>({1, 0, 77, 0, 0, 0, 16, 8, 100, 2}));
-  zbstg_end(h);
-}
-
 TEST_F(HeapGeometry, StaleAndForeignPointersAreIgnored) {
   void* a = zbstg_alloc(h, 16, 9);
   void* b = zbstg_alloc(h, 16, 9);
