@@ -28,17 +28,14 @@ struct CodePage {  // restores the single-byte code page however a test ends
 };
 
 TEST_F(StrHeap, AllocStringStrdupAndLengths) {
-  // n + 2 bytes asked: a flagged block whose last word is n; from n + 2 =
-  // 63,997 on, a plain block of n + 1 bytes.
+  // n + 2 bytes asked: a flagged block whose last word is n; past 63,996 a plain block of n + 1.
   const struct { uint32_t n, size; bool flagged; int32_t len; } cases[] = {{10, 12, true, 9}, {0, 4, true, -1}, {63994, 63996, true, 63993}, {63995, 63996, false, 3}};
   for (const auto& c : cases) {
     auto* p = static_cast<char*>(zbstg_allocstring(heap_, c.n, 0));
-    ASSERT_NE(p, nullptr);
     std::memcpy(p, "xyz", c.flagged ? std::min<uint32_t>(c.n, 2) : 4);  // read only when plain
-    EXPECT_EQ(zbstg_size(heap_, p), c.size) << c.n;
-    EXPECT_EQ((heaptest::W(p, -2) & 0x8000) != 0, c.flagged) << c.n;
-    EXPECT_EQ(c.flagged ? heaptest::W(p, c.size - 2) : c.n, c.n);
-    EXPECT_EQ(zbstg_allocstringlen(p), c.len) << c.n;
+    EXPECT_EQ(std::vector<int64_t>({zbstg_size(heap_, p), (heaptest::W(p, -2) & 0x8000) != 0,
+                                    c.flagged ? heaptest::W(p, c.size - 2) : c.n, zbstg_allocstringlen(p)}),
+              std::vector<int64_t>({c.size, c.flagged, c.n, c.len})) << c.n;
     zbstg_free(heap_, p);
   }
   EXPECT_EQ(zbstg_allocstring(heap_, static_cast<uint32_t>(-1), 0), nullptr);
