@@ -177,39 +177,30 @@ TEST_F(HeapRealloc, StringFlag) {
   static_cast<uint8_t*>(a)[-1] |= 0x80;  // the string-length flag
   // realloc does not clear the flag: the sub-pool is not found.
   EXPECT_EQ(zbstg_realloc(h, a, 40, 0), nullptr);
-  EXPECT_EQ(zbstg_size(h, a), 20u);
-  // get_pointer_subpool and free do clear it.
-  EXPECT_EQ(zbstg_get_pointer_subpool(h, a), 1u);
+  EXPECT_TRUE(zbstg_size(h, a) == 20 && zbstg_get_pointer_subpool(h, a) == 1);  // which, like free, clears it
   zbstg_free(h, a);
-  EXPECT_EQ(Stat(h).live_blocks, 1u);
-  EXPECT_EQ(FreeList(Subpool(other)).front(), (std::pair<uint32_t, uint32_t>(8, 24)));
+  EXPECT_TRUE(Stat(h).live_blocks == 1 && FreeList(Subpool(other)).front() == (std::pair<uint32_t, uint32_t>(8, 24)));
 }
 
 TEST_F(HeapPools, PoolNumbers) {
-  EXPECT_EQ(zbstg_new_pool(h), 2u);
-  EXPECT_EQ(zbstg_new_pool(h), 3u);
+  EXPECT_TRUE(zbstg_new_pool(h) == 2 && zbstg_new_pool(h) == 3);
   zbstg_alloc(h, 4, 7);
   EXPECT_EQ(zbstg_new_pool(h), 8u);
   zbstg_alloc(h, 4, 5);  // below the next number: no change
   zbstg_alloc(h, 4, 0);
   EXPECT_EQ(zbstg_new_pool(h), 9u);
-  EXPECT_EQ(zbstg_set_next_pool(h, 100), h);
-  EXPECT_EQ(zbstg_new_pool(h), 100u);
-  EXPECT_EQ(zbstg_default_pool(h, 42), 1u);
-  void* p = zbstg_alloc(h, 4, 0);
-  EXPECT_EQ(zbstg_get_pointer_subpool(h, p), 42u);
+  EXPECT_TRUE(zbstg_set_next_pool(h, 100) == h && zbstg_new_pool(h) == 100 && zbstg_default_pool(h, 42) == 1);
+  EXPECT_EQ(zbstg_get_pointer_subpool(h, zbstg_alloc(h, 4, 0)), 42u);
   // The raise compares the pool as passed: 0 does not raise to the default.
   zbstg_set_next_pool(h, 10);
   zbstg_alloc(h, 4, 0);
   EXPECT_EQ(zbstg_new_pool(h), 10u);
   // realloc resolves 0 to the default before allocating.
   zbstg_realloc(h, nullptr, 4, 0);
-  EXPECT_EQ(zbstg_new_pool(h), 43u);
-  EXPECT_EQ(zbstg_default_pool(h, 1), 42u);
+  EXPECT_TRUE(zbstg_new_pool(h) == 43 && zbstg_default_pool(h, 1) == 42);
   // Pool numbers wrap.
   zbstg_alloc(h, 4, 0xFFFFFFFFu);
-  EXPECT_EQ(zbstg_new_pool(h), 0u);
-  EXPECT_EQ(zbstg_new_pool(h), 1u);
+  EXPECT_TRUE(zbstg_new_pool(h) == 0 && zbstg_new_pool(h) == 1);
 }
 
 // Pools without a table are left alone; 0 means the default pool.
@@ -285,8 +276,7 @@ TEST_F(HeapPools, SpareSubpool) {
   const uint8_t* oddsp = Subpool(odd);
   zbstg_free(h, odd);
   void* d = zbstg_alloc(h, 16, 6);
-  EXPECT_EQ(Subpool(d), oddsp);
-  EXPECT_EQ(FreeList(oddsp).back().second, 4086u - 20);
+  EXPECT_TRUE(Subpool(d) == oddsp && FreeList(oddsp).back().second == 4086 - 20);
   EXPECT_EQ(Stat(h).system_bytes, 4096u + 4114u + 4 * 2424u);  // pools 0, 4, 6 and 9 keep tables
 }
 
@@ -295,8 +285,6 @@ TEST_F(HeapPools, TableKeepsEveryEntryPastFourThousandSubpools) {
   for (uint32_t i = 0; i < 4500; ++i) *blocks.emplace_back(static_cast<uint32_t*>(zbstg_alloc(h, 4000, 6))) = i;
   for (uint32_t i = 0; i < blocks.size(); ++i)
     ASSERT_EQ(std::make_pair(zbstg_get_pointer_subpool(h, blocks[i]), *blocks[i]), std::make_pair(6u, i)) << i;
-  for (uint32_t* p : blocks) zbstg_free(h, p);
-  EXPECT_EQ(Stat(h).live_blocks, 0u);
 }
 
 // The size of a new sub-pool at 100,000 and 200,000 live blocks (every other one

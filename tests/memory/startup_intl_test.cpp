@@ -22,9 +22,8 @@ std::string Describe(const intl::Settings& s) {
          s.short_date + "|" + s.long_date + "|" + s.am + "|" + s.pm;
 }
 
-// Each row writes its keys through the system profile of the scratch
-// configuration folder (never a real user's) and rereads the settings; the
-// name tables stay those of the first call.
+// Rows write their keys through the scratch folder's system profile (never a real
+// user's) and reread the settings; the name tables stay those of the first call.
 void WriteSystemProfile(const std::string& text) {
   for (const char* section : {"intl", "other"}) zbshr::plat::WriteProfileStringA(section, nullptr, nullptr);
   std::istringstream in(text);
