@@ -95,20 +95,15 @@ int32_t ZBSHR_CALL Recorder(void* ctx, const char* text, const char* caption, ui
 
 class MessageBoxTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* v = std::getenv("ZBSHR_MSGBOX");
-    saved_ = v ? v : "";
-    had_ = v != nullptr;
-    reset_message_box_script();
-  }
+  void SetUp() override { reset_message_box_script(); }
   void TearDown() override {
     zbshr_set_msgbox_handler(nullptr, nullptr);
     if (had_) setenv("ZBSHR_MSGBOX", saved_.c_str(), 1);
     else unsetenv("ZBSHR_MSGBOX");
     reset_message_box_script();
   }
-  std::string saved_;
-  bool had_ = false;
+  const bool had_ = std::getenv("ZBSHR_MSGBOX") != nullptr;
+  const std::string saved_ = had_ ? std::getenv("ZBSHR_MSGBOX") : "";
 };
 
 TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
