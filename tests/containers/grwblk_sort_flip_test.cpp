@@ -1,6 +1,7 @@
 // Growable blocks, heap sort, binary searches and byte-order flipping.
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <random>
 
 #include "helpers.h"
@@ -107,14 +108,12 @@ TEST(ContainersSort, BinarySearchesAndKeywords) {
   EXPECT_EQ(sh_binary_search(&k, items, 4, 7, nullptr) + sh_binary_search(&k, nullptr, 4, 7, CmpKey), -2);
   const SHKEYWORD exact[] = {{"AND", 1}, {"OR", 2}, {"and", 3}, {"not", 4}, {"or", 5}, {"z", 6}, {"\xe9t\xe9", 7}};
   const SHKEYWORD nocase[] = {{"Between", 10}, {"from", 11}, {"IN", 12}, {"select", 13}, {"WHERE", 14}};
-  const struct { const char* key; int32_t exact, nocase; } cases[] = {{"AND", 1, -1}, {"and", 3, -1}, {"or", 5, -1}, {"Or", -1, -1}, {"an", -1, -1},
-               {"andx", -1, -1}, {"z", 6, -1}, {"\xe9t\xe9", 7, -1}, {"BETWEEN", -1, 10},
-               {"In", -1, 12}, {"where", -1, 14}, {"Select", -1, 13}, {"sel", -1, -1},
-               {"from", -1, 11}, {"fromm", -1, -1}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(shBinSrch(c.key, exact, 7), c.exact) << c.key;
-    EXPECT_EQ(shBinSrchi(c.key, nocase, 5), c.nocase) << c.key;
-  }
+  const struct { const char* key; int32_t exact, nocase; } cases[] = {
+      {"AND", 1, -1}, {"and", 3, -1}, {"or", 5, -1}, {"Or", -1, -1}, {"an", -1, -1}, {"andx", -1, -1}, {"z", 6, -1},
+      {"\xe9t\xe9", 7, -1}, {"BETWEEN", -1, 10}, {"In", -1, 12}, {"where", -1, 14}, {"Select", -1, 13}, {"sel", -1, -1},
+      {"from", -1, 11}, {"fromm", -1, -1}};
+  for (const auto& c : cases)
+    EXPECT_EQ(std::make_pair(shBinSrch(c.key, exact, 7), shBinSrchi(c.key, nocase, 5)), std::make_pair(c.exact, c.nocase)) << c.key;
   EXPECT_EQ(shBinSrch("and", exact, 0) + shBinSrchi(nullptr, nocase, 5), -2);
 }
 
@@ -144,9 +143,9 @@ TEST(ContainersFlip, EachFlipAndTheLoop) {
   };
   for (const auto& r : rows) {
     Bytes b(18);
-    for (int i = 0; i < 18; ++i) b[i] = static_cast<unsigned char>(i + 1);
-    EXPECT_EQ(static_cast<unsigned char*>(r.flip(b.data())) - b.data(), r.end) << &r - rows;
-    EXPECT_EQ(Bytes(b.begin(), b.begin() + r.want.size()), r.want) << &r - rows;
+    std::iota(b.begin(), b.end(), 1);
+    const long end = static_cast<unsigned char*>(r.flip(b.data())) - b.data();
+    EXPECT_EQ(std::make_pair(end, Bytes(b.begin(), b.begin() + r.want.size())), std::make_pair(long{r.end}, r.want)) << &r - rows;
   }
   for (auto f : {shFlipShort, shFlipLong, shFlipDouble, shFlipSHDEC}) EXPECT_EQ(f(nullptr), nullptr);
   EXPECT_EQ(shFlipDataLoop(nullptr, Flip3, 3, 0), nullptr);

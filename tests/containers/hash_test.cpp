@@ -56,10 +56,8 @@ TEST_F(ContainersHash, OperationsAgainstAMultimap) {
   for (int kind = 0; kind < 6; ++kind) {
     const int unique = kind % 2;
     const int32_t buckets = kind < 2 ? 1 : kind < 4 ? 3 : 64;
-    SHHASH* t = kind < 2 ? shhash_new(buckets, nullptr, unique, 0, heap_, 0)
-                : kind < 4 ? shhash_new(buckets, RecName, unique, 0, heap_, 0)
-                           : shhash_new_arg(buckets, AsKeyFn(RecNameArg), unique, 0, heap_, 0,
-                                            reinterpret_cast<intptr_t>(&calls));
+    SHHASH* t = kind < 4 ? shhash_new(buckets, kind < 2 ? nullptr : RecName, unique, 0, heap_, 0)
+                         : shhash_new_arg(buckets, AsKeyFn(RecNameArg), unique, 0, heap_, 0, reinterpret_cast<intptr_t>(&calls));
     std::map<std::string, std::deque<void*>> model;
     std::deque<Rec> recs;
     int items = 0;
