@@ -41,10 +41,6 @@ void* ZBSHR_CALLBACK RecNameArg(intptr_t arg, void* data) {
   ++*reinterpret_cast<int*>(arg);
   return RecName(data);
 }
-SHHASH_KEYFN AsKeyFn(SHHASH_KEYFN_ARG f) {
-  return reinterpret_cast<SHHASH_KEYFN>(reinterpret_cast<void (*)()>(f));
-}
-
 // Random inserts, searches, searchNext walks and removals against a multimap
 // (per key, the items in insertion order), through the three kinds of key.
 TEST_F(ContainersHash, OperationsAgainstAMultimap) {
@@ -57,7 +53,8 @@ TEST_F(ContainersHash, OperationsAgainstAMultimap) {
     const int unique = kind % 2;
     const int32_t buckets = kind < 2 ? 1 : kind < 4 ? 3 : 64;
     SHHASH* t = kind < 4 ? shhash_new(buckets, kind < 2 ? nullptr : RecName, unique, 0, heap_, 0)
-                         : shhash_new_arg(buckets, AsKeyFn(RecNameArg), unique, 0, heap_, 0, reinterpret_cast<intptr_t>(&calls));
+                         : shhash_new_arg(buckets, reinterpret_cast<SHHASH_KEYFN>(reinterpret_cast<void (*)()>(RecNameArg)), unique,
+                                          0, heap_, 0, reinterpret_cast<intptr_t>(&calls));
     std::map<std::string, std::deque<void*>> model;
     std::deque<Rec> recs;
     int items = 0;
