@@ -66,14 +66,12 @@ TEST(Files, ReadWriteSeekAndHandles) {
   EXPECT_TRUE(SetFilePointer(f, 2, nullptr, FILE_BEGIN) == 2 && ReadFile(f, buf, 3, &n) && std::string(buf, n) == "234");
   LONG high = 1;
   const struct { LONG distance; LONG* high; DWORD method, result, error; } seeks[] = {  // high: the high half, or none
-      {-2, nullptr, FILE_END, 8, ERROR_SUCCESS},
-      {-1, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS},
+      {-2, nullptr, FILE_END, 8, ERROR_SUCCESS}, {-1, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS},
       {-100, nullptr, FILE_CURRENT, INVALID_SET_FILE_POINTER, ERROR_NEGATIVE_SEEK},  // position kept
       {0, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS},
       {5, &high, FILE_BEGIN, 5, ERROR_SUCCESS},  // 4 GiB + 5
       {-5, nullptr, FILE_CURRENT, INVALID_SET_FILE_POINTER, ERROR_INVALID_PARAMETER},
-      {3, &high, FILE_BEGIN, 3, ERROR_SUCCESS},
-      {0x7FFFFFFF, nullptr, FILE_CURRENT, 0x80000002u, ERROR_SUCCESS},
+      {3, &high, FILE_BEGIN, 3, ERROR_SUCCESS}, {0x7FFFFFFF, nullptr, FILE_CURRENT, 0x80000002u, ERROR_SUCCESS},
       {0x7FFFFFFD, nullptr, FILE_CURRENT, 0xFFFFFFFFu, ERROR_SUCCESS},  // a position, not a failure
       {10, nullptr, FILE_CURRENT, INVALID_SET_FILE_POINTER, ERROR_INVALID_PARAMETER},
   };
@@ -265,14 +263,12 @@ TEST(Paths, SpellingsAndNormalisation) {
 
   const std::string cwd = std::filesystem::current_path().string();
   const struct { const char* in; DWORD size; std::string out; DWORD result; const char* part; } full[] = {  // out: when it fits
-      {"/a/b/../c/./d.txt", 512, "/a/c/d.txt", 10, "d.txt"},
-      {"\\x\\..\\..\\y\\", 512, "/y/", 3, nullptr},
+      {"/a/b/../c/./d.txt", 512, "/a/c/d.txt", 10, "d.txt"}, {"\\x\\..\\..\\y\\", 512, "/y/", 3, nullptr},
       {"/", 512, "/", 1, nullptr},
       {"nosuch/../f.ini", 512, (cwd == "/" ? "" : cwd) + "/f.ini", static_cast<DWORD>(cwd.size() + 6 - (cwd == "/")), "f.ini"},
       {"/a/c/d.txt", 11, "/a/c/d.txt", 10, "d.txt"},
       {"/a/c/d.txt", 10, "", 11, nullptr},  // too small: the size needed, terminator included
-      {"", 512, "", 0, nullptr},
-      {nullptr, 512, "", 0, nullptr},
+      {"", 512, "", 0, nullptr}, {nullptr, 512, "", 0, nullptr},
   };
   for (const auto& c : full) {
     char buf[512];

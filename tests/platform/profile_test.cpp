@@ -47,23 +47,17 @@ TEST_F(HomeTest, ReadingRules) {
   const std::string f = s_.path("a.ini");
   using namespace std::string_literals;
   const struct { const char *sec, *key, *def; DWORD size; std::string want; } cases[] = {  // want: the count's bytes and the terminator
-      {"general", "NAME", "d", 256, "Alpha Beta\0"s},
-      {"GENERAL", "quoted", "d", 256, "  padded  \0"s},
-      {"General", "single", "d", 256, "x\0"s},
-      {"General", "mismatched", "d", 256, "\"x'\0"s},
+      {"general", "NAME", "d", 256, "Alpha Beta\0"s}, {"GENERAL", "quoted", "d", 256, "  padded  \0"s},
+      {"General", "single", "d", 256, "x\0"s}, {"General", "mismatched", "d", 256, "\"x'\0"s},
       {"General", "empty", "d", 256, "\0"s},
       {"General", "extra", "dflt  ", 256, "dflt\0"s},  // only the first section of a name counts
-      {"numbers", "hex", "", 256, "0x1F\0"s},
-      {"nosuch", "x", nullptr, 256, "\0"s},
+      {"numbers", "hex", "", 256, "0x1F\0"s}, {"nosuch", "x", nullptr, 256, "\0"s},
       {"General", "name", "", 6, "Alpha\0"s},  // cut to size - 1
-      {"General", "nokey", "default", 4, "def\0"s},
-      {"General", "name", "", 1, "\0"s},
+      {"General", "nokey", "default", 4, "def\0"s}, {"General", "name", "", 1, "\0"s},
       {nullptr, nullptr, "", 256, "General\0Numbers\0general\0\0"s},  // ends with an extra terminator
       {"NUMBERS", nullptr, "", 256, "dec\0neg\0hex\0plus\0none\0big\0\0"s},
       {"numbers", nullptr, "", 10, "dec\0neg\0\0"s},  // cut short: two terminators, size - 2
-      {nullptr, nullptr, "", 5, "Gen\0"s},
-      {nullptr, nullptr, "", 2, "\0"s},
-      {"none", nullptr, "", 256, "\0"s},
+      {nullptr, nullptr, "", 5, "Gen\0"s}, {nullptr, nullptr, "", 2, "\0"s}, {"none", nullptr, "", 256, "\0"s},
   };
   for (const auto& c : cases)
     EXPECT_EQ(Get(c.sec, c.key, c.def, f, c.size), c.want) << (c.sec ? c.sec : "-") << "/" << (c.key ? c.key : "-") << "/" << c.size;
