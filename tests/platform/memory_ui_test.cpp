@@ -1,7 +1,6 @@
 // Global memory, message boxes, resources, code pages, collation and fault
 // injection of the platform layer.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -141,14 +140,6 @@ TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
   EXPECT_EQ(MessageBoxA(nullptr, "", "", MB_OK | 0x10), IDOK);
   setenv("ZBSHR_MSGBOX", "ok", 1);
   EXPECT_EQ(MessageBoxA(nullptr, "t", "c", MB_OKCANCEL), IDOK);
-}
-
-TEST(FatalExit, PrintsTextAndEndsWithNonZeroStatus) {
-  ZBTEST_POSIX_ONLY("the child's exit status is a POSIX wait status");
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(FatalAppExitA(0, "Insufficient memory to continue."),
-              [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) != 0; },
-              "^Insufficient memory to continue\\.\n$");
 }
 
 TEST(Resources, NamesCaptionsAndImages) {
