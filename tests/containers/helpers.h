@@ -9,8 +9,7 @@
 #include "zbshr/containers.h"
 #include "zbshr/memory.h"
 
-// A fresh heap per test; the live-block count tells whether a container
-// freed everything it allocated.
+// A fresh heap per test; the live-block count tells whether a container freed everything.
 class HeapTest : public ::testing::Test {
  protected:
   void SetUp() override { heap_ = zbstg_begin(0); }

@@ -72,8 +72,8 @@ TEST_F(ContainersList, OperationsFollowTheCursorRules) {
   }
   EXPECT_EQ(live(), base);
   EXPECT_TRUE(!shlist_get_count(nullptr) && !shlist_get_first(nullptr) && !shlist_get_handle(nullptr) &&
-              !shlist_insert(nullptr, S("a")) && !shlist_addbefore(nullptr, S("a")) && !shlist_sort(nullptr, nullptr, 0));
-  EXPECT_EQ(shlist_traversal(nullptr, 0, nullptr), 1);
+              !shlist_insert(nullptr, S("a")) && !shlist_addbefore(nullptr, S("a")) && !shlist_sort(nullptr, nullptr, 0) &&
+              shlist_traversal(nullptr, 0, nullptr) == 1);
   shlist_delete(nullptr);
 }
 
@@ -178,9 +178,7 @@ TEST_F(ContainersList, SortFlagsAndPools) {
   // deleteFree frees the data too, in the list's heap.
   l = shlist_new(heap_, 3);
   for (int i = 0; i < 10; ++i) shlist_insert(l, zbstg_alloc(heap_, 8, 3));
-  EXPECT_EQ(live(), base + 21);
-  EXPECT_EQ(shlist_deleteFree(l), 0);
-  EXPECT_EQ(live(), base);
+  EXPECT_TRUE(live() == base + 21 && shlist_deleteFree(l) == 0 && live() == base);
 }
 
 }  // namespace

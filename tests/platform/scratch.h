@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -37,9 +37,8 @@ class Scratch {
 
   void write(const std::string& name, const std::string& content) const { std::ofstream(path(name), std::ios::binary) << content; }
   std::string read(const std::string& name) const {
-    std::stringstream ss;
-    ss << std::ifstream(path(name), std::ios::binary).rdbuf();
-    return ss.str();
+    std::ifstream in(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   }
 
  private:
