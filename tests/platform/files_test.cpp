@@ -82,12 +82,12 @@ TEST(Files, ReadWriteSeekAndHandles) {
   }
   EXPECT_TRUE(ReadFile(f, buf, 5, &n) && n == 0);  // past the end: nothing, no failure
   inject_fault(Fault::Seek, 1, 1);  // fails exactly one call
-  EXPECT_EQ(WithError(SetFilePointer(f, 0, nullptr, FILE_BEGIN)), Err(INVALID_SET_FILE_POINTER, ERROR_SEEK));
-  EXPECT_EQ(SetFilePointer(f, 4, nullptr, FILE_BEGIN), 4u);
+  EXPECT_TRUE(WithError(SetFilePointer(f, 0, nullptr, FILE_BEGIN)) == Err(INVALID_SET_FILE_POINTER, ERROR_SEEK) &&
+              SetFilePointer(f, 4, nullptr, FILE_BEGIN) == 4);
   int64_t size = 0, mtime = 0;
   EXPECT_TRUE(SetEndOfFile(f) && GetFileSizeEx(f, &size) && size == 4 && FlushFileBuffers(f));
-  EXPECT_TRUE(get_file_time_unix(f, &mtime) && std::abs(mtime - static_cast<int64_t>(time(nullptr))) <= 300);
-  EXPECT_TRUE(CloseHandle(f) && s.read("rw.dat") == "0123");
+  EXPECT_TRUE(get_file_time_unix(f, &mtime) && std::abs(mtime - static_cast<int64_t>(time(nullptr))) <= 300 && CloseHandle(f) &&
+              s.read("rw.dat") == "0123");
   EXPECT_EQ(WithError(CloseHandle(f)), Fails(ERROR_INVALID_HANDLE));
   // Handles that are closed, never opened here, out of range or of the wrong
   // access are refused with the error Windows gives.
@@ -322,8 +322,8 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_EQ(GetTempFileNameA(s.path("missing").c_str(), "x", 0, name), 0u);
   char long_name[300];  // the name with its terminator must fit 260 bytes
   const std::string deep = "/" + std::string(247, 'd');  // + "/ab1A2B.TMP": 259 characters
-  EXPECT_TRUE(GetTempFileNameA(deep.c_str(), "ab", 0x1A2B, long_name) == 0x1A2B && std::strlen(long_name) == 259);
-  EXPECT_EQ(WithError(GetTempFileNameA((deep + "d").c_str(), "ab", 0x1A2B, long_name)), Err(0, ERROR_BUFFER_OVERFLOW));
+  EXPECT_TRUE(GetTempFileNameA(deep.c_str(), "ab", 0x1A2B, long_name) == 0x1A2B && std::strlen(long_name) == 259 &&
+              WithError(GetTempFileNameA((deep + "d").c_str(), "ab", 0x1A2B, long_name)) == Err(0, ERROR_BUFFER_OVERFLOW));
   const std::string old = getenv("TMPDIR") ? getenv("TMPDIR") : "";
   setenv("TMPDIR", s.dir().c_str(), 1);
   char buf[4096];
@@ -348,8 +348,8 @@ TEST(Files, MoveReplacesInOneStep) {
   Scratch s;
   s.write("new.txt", "new");
   s.write("old.txt", "old");
-  EXPECT_EQ(WithError(MoveFileExA(s.path("new.txt").c_str(), s.path("old.txt").c_str(), 0)), Fails(ERROR_ALREADY_EXISTS));
-  EXPECT_TRUE(MoveFileExA(s.path("NEW.TXT").c_str(), s.path("old.txt").c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) &&
+  EXPECT_TRUE(WithError(MoveFileExA(s.path("new.txt").c_str(), s.path("old.txt").c_str(), 0)) == Fails(ERROR_ALREADY_EXISTS) &&
+              MoveFileExA(s.path("NEW.TXT").c_str(), s.path("old.txt").c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) &&
               s.read("old.txt") == "new");
   EXPECT_FALSE(std::filesystem::exists(s.path("new.txt")));
   HFILE open = CreateFileA(s.path("old.txt").c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);

@@ -183,8 +183,7 @@ TEST(Clipboard, OpenCloseRulesAndACommandThatReadsNothing) {
   HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE | GMEM_DDESHARE, big.size() + 1);
   std::memcpy(GlobalLock(h), big.c_str(), big.size() + 1);
   GlobalUnlock(h);
-  EXPECT_EQ(SetClipboardData(CF_TEXT, h), h);
-  EXPECT_EQ(std::vector<BOOL>({CloseClipboard(), CloseClipboard()}), std::vector<BOOL>({1, 0}));
+  EXPECT_EQ(std::vector<intptr_t>({SetClipboardData(CF_TEXT, h) == h, CloseClipboard(), CloseClipboard()}), std::vector<intptr_t>({1, 1, 0}));
   unsetenv("ZBSHR_CLIPBOARD_CMD");
   EXPECT_EQ(zbshr_clipboard_text(nullptr, 0), static_cast<int32_t>(big.size()));
   EXPECT_TRUE(OpenClipboard(nullptr) && EmptyClipboard() && CloseClipboard());
