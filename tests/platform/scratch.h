@@ -4,15 +4,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <utility>
 
 #include "platform/platform.h"
 
-// Opens a test of the POSIX emulation itself (its spellings, its knobs, its
-// use of POSIX processes): on Windows the real API answers, and the test is
-// skipped with the reason given.
+// Opens a test of the POSIX emulation itself: on Windows the real API answers.
 #if defined(_WIN32)
 #define ZBTEST_POSIX_ONLY(why) GTEST_SKIP() << "tests the POSIX emulation: " << why
 #else
@@ -39,9 +37,8 @@ class Scratch {
 
   void write(const std::string& name, const std::string& content) const { std::ofstream(path(name), std::ios::binary) << content; }
   std::string read(const std::string& name) const {
-    std::stringstream ss;
-    ss << std::ifstream(path(name), std::ios::binary).rdbuf();
-    return ss.str();
+    std::ifstream in(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   }
 
  private:
