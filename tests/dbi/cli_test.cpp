@@ -25,6 +25,9 @@ TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
       {{"demo", "--dir", demo}, "", 0, "after flush: 3 Cache Hits,5 Cache Misses,0 entries in Cache; 5 prepared, 5 dropped", true},
   };
   for (const auto& c : cases) {
+#if defined(_WIN32)
+    if (c.args[0] == "demo") continue;  // its export step would replace the user's clipboard text
+#endif
     std::vector<std::string> argv = {ZBSHR_CLI};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     const zbtest::RunResult r = zbtest::run_program(argv, {c.input, {}, 0, ""});
