@@ -104,6 +104,7 @@ TEST_F(Recovery, SalvageReportsBrokenEntriesAndRefusesAnExistingTarget) {
   spit(lib, bytes);
   EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), out.c_str(), collectCb, &found), 1);
   EXPECT_TRUE(std::any_of(found.begin(), found.end(), [](const Found& f) { return f.code < 0 && f.entry == "broken"; }));
+  EXPECT_TRUE(std::any_of(found.begin(), found.end(), [](const Found& f) { return f.text == "saved 'good' (900 bytes)"; }));
   const Entries good{{"good", {pattern(900, 1), "kept"}}};
   EXPECT_EQ(state(out).entries, good);
   // Without its header the entries are still found; the header's loss is reported.
