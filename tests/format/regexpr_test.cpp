@@ -78,7 +78,7 @@ TEST(FormatPatternCompile, ErrorsAndExactBufferSizes) {
       {"[" + std::string(254, 'x') + "]", 1024, 0}, {"[" + std::string(255, 'x') + "]", 1024, 3},
       {"[" + ranges + "]", 1024, 3}, {"[" + ranges.substr(3) + "]", 1024, 0},
       {"a", 4, 0}, {"a", 3, 1}, {"ab", 6, 0}, {"ab", 5, 1}, {"a*", 6, 0}, {"a*", 5, 1},
-      {"[ab]", 6, 0}, {"[ab]", 5, 1}, {"", 2, 0}, {"", 1, 1}, {"", 0, 1},
+      {"[ab]", 6, 0}, {"[ab]", 5, 1}, {"a\\b", 6, 0}, {"a\\b", 3, 1}, {"", 2, 0}, {"", 1, 1}, {"", 0, 1},
   };
   for (const auto& r : rows) {
     std::vector<unsigned char> buf(static_cast<size_t>(r.size) + 8, 0xEE);

@@ -447,6 +447,9 @@ TEST_F(ProfileTest, PutInitPathFallsBackToTheSystemProfile) {
   EXPECT_NE(OS_UtilPutInitPath(cfg.string().c_str()), 0);
   EXPECT_NE(lf(slurp(home_ / ZBTEST_SYSTEM_PROFILE)).find("InitPath050=" + cfg.string()), std::string::npos);
   EXPECT_EQ(InitPath(), S(cfg) + "/");
+  fs::remove(home_ / ZBTEST_SYSTEM_PROFILE);
+  fs::create_directories(home_ / ZBTEST_SYSTEM_PROFILE);  // nowhere left to store it
+  EXPECT_EQ(OS_UtilPutInitPath(cfg.string().c_str()), 0);
 }
 
 
