@@ -442,6 +442,21 @@ TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
   EXPECT_TRUE(verifyFile(p).empty());
 }
 
+// A kept-aside base found when the executable still ends in its trailer (the writer stopped after putting it
+// back): nothing is added, and the kept base goes.
+TEST_F(Layout, TrailerKeptAsideIsNotAddedTwice) {
+  const Bytes exe = exeWith(slurp(create("inner.zbl")));
+  const std::string p = path("app.exe");
+  spit(p, exe);
+  Bytes side(12, 0);
+  std::memcpy(side.data(), "TRS*", 4);
+  set32(side, 4, 1536);
+  set32(side, 8, ~1536u);
+  spit(p + "-trailer", side);
+  EXPECT_TRUE(verifyFile(p).empty());
+  EXPECT_TRUE(slurp(p) == exe && !fs::exists(p + "-trailer"));
+}
+
 TEST_F(Layout, BitmapChainGrowsPastTwoAndFourMegabytes) {
   int32_t was = zbshr_lib_write_through(0);  // more than 8 MB of held-back writes go out on the way
   std::string p = create("big.zbl"), data = pattern(2 << 20, 3);
