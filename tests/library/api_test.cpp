@@ -70,6 +70,7 @@ TEST_F(Api, EntryStateErrors) {
   LMI_HANDLE h = open(p, 2), r = nullptr;
   char buf[10];
   LMI_ENTRYINFO info;
+  LMI_ENTRYINFOEX infoEx{};
   LMI_LIBRARYMOD mod{0, 0, "new"};
   expectCodes({
       {"no handle", LMI_E_NULL_HANDLE, [&] { return LMI_OpenEntry(nullptr, S("x"), 1, nullptr); }},
@@ -86,6 +87,7 @@ TEST_F(Api, EntryStateErrors) {
       {"write", 3, [&] { return LMI_WriteEntry(h, "abc", 3); }},
       {"info of the entry in hand", 0, [&] { return LMI_EntryInformation(h, S("x"), &info); }},
       {"its size", 3, [&] { return info.size; }},
+      {"its (empty) comment", 0, [&] { infoEx.comment[0] = 'z'; return LMI_EntryInfoExtended(h, S("x"), &infoEx) | infoEx.comment[0]; }},
       {"info of another", LMI_E_BUSY, [&] { return LMI_EntryInformation(h, S("y"), &info); }},
       {"info without record", LMI_E_NULL_INFO, [&] { return LMI_EntryInformation(h, S("x"), nullptr); }},
       {"close", 0, [&] { return LMI_CloseEntry(h); }},

@@ -107,6 +107,9 @@ TEST_F(Recovery, SalvageReportsBrokenEntriesAndRefusesAnExistingTarget) {
   EXPECT_TRUE(std::any_of(found.begin(), found.end(), [](const Found& f) { return f.text == "saved 'good' (900 bytes)"; }));
   const Entries good{{"good", {pattern(900, 1), "kept"}}};
   EXPECT_EQ(state(out).entries, good);
+  LMI_HANDLE w = open(lib, 2);  // salvage let go of the source
+  EXPECT_NE(w, nullptr);
+  LMI_CloseLibrary(w);
   // Without its header the entries are still found; the header's loss is reported.
   std::fill(bytes.begin(), bytes.begin() + 512, 0);
   spit(lib, bytes);

@@ -419,6 +419,8 @@ TEST_F(ProfileTest, LocalAndSharedProfileReadsAndWrites) {
   setenv("ZBSHR_HOST_PROGRAM", "kw050", 1);
   EXPECT_EQ(Read([](const char*, const char*, const char*, char* b, int n) { return OS_UtilGetProfileFile(b, n, 1); },
                  "", "", ""), "6:kw.ini");
+  EXPECT_EQ(Read([](const char*, const char*, const char*, char* b, int n) { return OS_UtilGetProfileFile(b, n, 1); },
+                 "", "", "", 4), "6:kw.");
   EXPECT_TRUE(OS_UtilPutProfStr("Run", "Mode", "fast") != 0 && lf(slurp(home_ / "kw.ini")) == "[Run]\nMode=fast\n");
   EXPECT_EQ(Read(OS_UtilGetProfStr, "run", "mode", ""), "4:fast");
   // The shared profile is absent until the host folder's profile names one.
