@@ -401,6 +401,7 @@ TEST_F(Layout, FullRootGrowsRightAndLeftChildren) {
   EXPECT_EQ(str(b, right + 32 + 24, 46) + str(b, left + 32 + 24, 46), z + '\0' + a + '\0');
   EXPECT_EQ(b.size(), 4096u + 14 * 512);
   EXPECT_TRUE(verifyFile(p).empty());
+  EXPECT_TRUE(zbshr_lib_repair(p.c_str(), nullptr, nullptr) == 0 && slurp(p) == b);  // a node just past the fixed area is sound
 }
 
 TEST_F(Layout, OldLayoutWith1024ByteNodes) {
@@ -425,23 +426,29 @@ TEST_F(Layout, OldLayoutWith1024ByteNodes) {
   EXPECT_EQ(open(p, 1), nullptr);
 }
 
-// A library appended to an executable, found through the trailer (the file unchanged while read).
+// A library appended to an executable, found through the trailer (the file unchanged while read). The stub need
+// not fill whole blocks. Without a trailer the library follows the run-time stub.
 TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
-  const Bytes exe = exeWith(slurp(create("inner.zbl")));
-  const std::string p = path("app.exe");
+  const Bytes inner = slurp(create("inner.zbl")), exe = exeWith(inner, 1000);
+  const std::string p = path("app.exe"), data = pattern(4000, 5);
   spit(p, exe);
   EXPECT_EQ(with(p, [&](LMI_HANDLE g) { return int32_t(zbshr::lm::library_of(g)->base + fs::file_size(p) - exe.size()); }, 1),
-            1536);
+            1000);
   LMI_HANDLE h = open(p, 2);
   EXPECT_EQ(fs::file_size(p), exe.size() - 512);  // the trailer is off while open
-  ASSERT_EQ(put(h, "w_main", std::string(700, 'w')), 0);
+  ASSERT_EQ(put(h, "w_main", data), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   Bytes a = slurp(p);
-  ASSERT_EQ(a.size(), exe.size() + 2 * 512);
-  EXPECT_TRUE(str(a, a.size() - 512, 4) == "TRL*" && le32(a, a.size() - 508) == 1536u);
-  EXPECT_EQ(le32(a, 1536 + 1024 + 32 + 8), 1536u + 4096);  // stored offsets are absolute
-  EXPECT_TRUE(std::equal(exe.begin(), exe.begin() + 1536, a.begin()) && state(p).entries["w_main"].data == std::string(700, 'w'));
+  ASSERT_EQ(a.size(), exe.size() + 8 * 512);  // the eight data blocks, at the end
+  EXPECT_TRUE(str(a, a.size() - 512, 4) == "TRL*" && le32(a, a.size() - 508) == 1000u);
+  EXPECT_EQ(le32(a, 1000 + 1024 + 32 + 8), 1000u + 4096);  // stored offsets are absolute
+  EXPECT_TRUE(std::equal(exe.begin(), exe.begin() + 1000, a.begin()) && state(p).entries["w_main"].data == data);
   EXPECT_TRUE(verifyFile(p).empty());
+  Bytes bare(16384, 0x90);
+  bare.insert(bare.end(), inner.begin(), inner.end());
+  spit(p, bare);
+  EXPECT_EQ(with(p, [&](LMI_HANDLE g) { return put(g, "w_main", data); }), 0);
+  EXPECT_TRUE(state(p).entries["w_main"].data == data && slurp(p).size() == bare.size() + 8 * 512);
 }
 
 // A kept-aside base found when the executable still ends in its trailer (the writer stopped after putting it

@@ -42,13 +42,13 @@ inline std::string pattern(size_t n, uint32_t seed) {
   for (auto& c : s) c = char(g());
   return s;
 }
-// An executable of 1536 bytes with a library appended and the trailer naming it.
-inline Bytes exeWith(const Bytes& lib) {
-  Bytes exe(1536 + lib.size() + 512, 0x90);
-  std::copy(lib.begin(), lib.end(), exe.begin() + 1536);
+// An executable of `stub` bytes with a library appended and the trailer naming it.
+inline Bytes exeWith(const Bytes& lib, uint32_t stub = 1536) {
+  Bytes exe(stub + lib.size() + 512, 0x90);
+  std::copy(lib.begin(), lib.end(), exe.begin() + stub);
   std::fill(exe.end() - 512, exe.end(), 0);
   std::memcpy(&exe[exe.size() - 512], "TRL*", 4);
-  set32(exe, exe.size() - 508, 1536);
+  set32(exe, exe.size() - 508, stub);
   return exe;
 }
 
