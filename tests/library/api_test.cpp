@@ -46,6 +46,15 @@ TEST_F(Api, OpenAndDeleteLibraryRefuseBadArguments) {
       {"close no handle", LMI_E_NULL_HANDLE, [&] { return LMI_CloseLibrary(nullptr); }},
       {"delete without heap", LMI_E_NULL_HEAP, [&] { return LMI_DeleteLibrary(nullptr, S(p)); }},
       {"delete no path", LMI_E_ARGUMENT, [&] { return LMI_DeleteLibrary(heap, nullptr); }},
+      {"checks without a path: wrong codes", 0, [&] {
+         int32_t wrong = 0;
+         for (const char* q : {(const char*)nullptr, ""})
+           wrong += (zbshr_lib_verify(q, nullptr, nullptr) != LMI_E_ARGUMENT) + (zbshr_lib_repair(q, nullptr, nullptr) != LMI_E_ARGUMENT) +
+                    (zbshr_lib_compact(q, nullptr, nullptr) != LMI_E_ARGUMENT) +
+                    (zbshr_lib_salvage(q, "out.zbl", nullptr, nullptr) != LMI_E_ARGUMENT) +
+                    (zbshr_lib_salvage(p.c_str(), q, nullptr, nullptr) != LMI_E_ARGUMENT);
+         return wrong;
+       }},
       {"delete a file that is no library", LMI_E_IO, [&] { return LMI_DeleteLibrary(heap, S(path("junk.zbl"))); }},
       {"delete", 0, [&] { return LMI_DeleteLibrary(heap, S(p)); }},
       {"deleted", 0, [&] { return int32_t(fs::exists(p)) + 2 * !fs::exists(path("junk.zbl")); }},

@@ -148,6 +148,26 @@ TEST_F(Recovery, SalvageDoesNotBringBackRecordsLeftInFreeSpaceOrData) {
                           [](const Found& f) { return f.entry == "ghost" && f.code == ZBSHR_LIB_NOTE_INFO; }));
 }
 
+// Past the first bitmap's range too: a node image left in a freed block is not brought back.
+TEST_F(Recovery, SalvageReadsTheFreeBitsOfEveryBitmap) {
+  std::string lib = create("m.zbl");
+  ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "big", pattern(2100000, 7)) || put(h, "mid", "m") || put(h, "end", "e"); }), 0);
+  Bytes bytes = slurp(lib);
+  const uint32_t rec = records(bytes, 1024)[1], mid = le32(bytes, rec + 8);  // the block after the last of "big"
+  ASSERT_TRUE(name(bytes, rec) == "mid" && mid > 2064384u);
+  ASSERT_EQ(with(lib, [](LMI_HANDLE h) { return LMI_DeleteEntry(h, S("mid")); }), 0);
+  bytes = slurp(lib);
+  Bytes old(bytes.begin() + 1024, bytes.begin() + 1024 + 512);
+  std::memcpy(&old[32 + 24], "ghost", 6);
+  old[32 + 22] = 6;
+  old[18] = old[22] = 32 + 24;
+  std::copy(old.begin(), old.end(), bytes.begin() + mid);
+  spit(lib, bytes);
+  zbshr_lib_salvage(lib.c_str(), path("out.zbl").c_str(), nullptr, nullptr);
+  const auto got = state(path("out.zbl")).entries;
+  EXPECT_TRUE(got.size() == 2 && got.at("big").data == pattern(2100000, 7) && got.at("end").data == "e");
+}
+
 TEST_F(Recovery, VerifyListingAndCompactionStopAtADirectoryCycle) {
   std::string lib = create("c.zbl");
   Entries want = fill(lib, 300);
@@ -370,6 +390,9 @@ TEST_F(Damage, BrokenChainsAreRefusedAndNothingIsFreed) {
     build();
     patch(at, value ? value : uint32_t(bytes.size()), width);
     EXPECT_EQ(readRc("a"), at == 521 ? 0 : LMI_E_DAMAGED) << what;  // blocks marked free still read
+    // Without a comment the information needs no data block.
+    LMI_ENTRYINFOEX ex;
+    EXPECT_EQ(call([&](LMI_HANDLE h) { return LMI_EntryInfoExtended(h, S("a"), &ex); }), at == kA + 20 ? LMI_E_DAMAGED : 0) << what;
     if (at != kA + 20) {
       EXPECT_TRUE(call([](LMI_HANDLE h) { return LMI_DeleteEntry(h, S("a")); }, 2) == LMI_E_DAMAGED && slurp(lib) == bytes) << what;
     }
