@@ -52,13 +52,6 @@ static inline bool bit_at(const Library* h, uint32_t i) {
   return img[8 + j / 8] & (0x80 >> (j % 8));
 }
 
-bool block_in_use(Library* h, uint32_t off) {
-  if (off < h->base || (off - h->base) % kBlock) return false;
-  uint32_t i = (off - h->base) / kBlock;
-  if (i / kBitsPerMap >= h->maps.size()) return false;
-  return bit_at(h, i);
-}
-
 int32_t mark_blocks(Library* h, uint32_t count, uint32_t* offs, bool allocating) {
   int32_t rc = load_maps(h);
   if (rc) return rc;

@@ -311,7 +311,6 @@ int32_t alloc_blocks(Library* h, uint32_t count, bool contiguous, bool mayRetryS
 // Toggles each block's bit; `allocating` says whether the bits must be clear
 // (allocation) or set (freeing) beforehand: a mismatch is damage and changes nothing.
 int32_t mark_blocks(Library* h, uint32_t count, uint32_t* offs, bool allocating);
-bool block_in_use(Library* h, uint32_t off);
 int32_t free_chain(Library* h, uint32_t length, uint32_t first);
 int32_t release_tail(Library* h);
 
