@@ -436,10 +436,10 @@ TEST_F(Layout, OldLayoutWith1024ByteNodes) {
 }
 
 // A library appended to an executable, found through the trailer (the file unchanged while read). The stub need
-// not fill whole blocks. Without a trailer the library follows the run-time stub.
+// not fill whole blocks, so no link ends in a zero byte. Without a trailer the library follows the run-time stub.
 TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
   const Bytes inner = slurp(create("inner.zbl")), exe = exeWith(inner, 1000);
-  const std::string p = path("app.exe"), data = pattern(4000, 5);
+  const std::string p = path("app.exe"), data = pattern(4100 * 502, 5);  // past the first bitmap
   spit(p, exe);
   EXPECT_EQ(with(p, [&](LMI_HANDLE g) { return int32_t(zbshr::lm::library_of(g)->base + fs::file_size(p) - exe.size()); }, 1),
             1000);
@@ -448,16 +448,18 @@ TEST_F(Layout, TrailerReadOnlyAndReadWrite) {
   ASSERT_EQ(put(h, "w_main", data), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
   Bytes a = slurp(p);
-  ASSERT_EQ(a.size(), exe.size() + 8 * 512);  // the eight data blocks, at the end
+  ASSERT_EQ(a.size(), exe.size() + 4101 * 512);  // the data blocks and a bitmap, at the end
   EXPECT_TRUE(str(a, a.size() - 512, 4) == "TRL*" && le32(a, a.size() - 508) == 1000u);
   EXPECT_EQ(le32(a, 1000 + 1024 + 32 + 8), 1000u + 4096);  // stored offsets are absolute
   EXPECT_TRUE(std::equal(exe.begin(), exe.begin() + 1000, a.begin()) && state(p).entries["w_main"].data == data);
   EXPECT_TRUE(verifyFile(p).empty());
+  EXPECT_EQ(with(p, [](LMI_HANDLE g) { return LMI_DeleteEntry(g, S("w_main")); }), 0);
+  EXPECT_EQ(slurp(p).size(), exe.size());
   Bytes bare(16384, 0x90);
   bare.insert(bare.end(), inner.begin(), inner.end());
   spit(p, bare);
   EXPECT_EQ(with(p, [&](LMI_HANDLE g) { return put(g, "w_main", data); }), 0);
-  EXPECT_TRUE(state(p).entries["w_main"].data == data && slurp(p).size() == bare.size() + 8 * 512);
+  EXPECT_TRUE(state(p).entries["w_main"].data == data && slurp(p).size() == bare.size() + 4101 * 512);
 }
 
 // A kept-aside base found when the executable still ends in its trailer (the writer stopped after putting it
