@@ -212,14 +212,22 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   bytes[512 + 8 + first / 512 / 8] &= uint8_t(~(0x80 >> (first / 512 % 8)));
   spit(lib, bytes);
   ASSERT_EQ(verifyPath(lib), 1);
+  const uint32_t other = records(bytes, 1024).back();  // an entry with data, in the root
+  ASSERT_TRUE(le32(bytes, other + 12) > 0 && le32(bytes, other + 8) != first);
   for (bool breakList : {false, true}) {
     Bytes b = bytes;
+    Entries w = want;
     // The list's block is then neither readable nor leaked: the old leak stays, the bit is fixed, the list dropped.
-    if (breakList) b[le32(b, 284)] = 'X';
+    // A data block whose tag is wrong in its last byte empties its entry.
+    if (breakList) {
+      b[le32(b, 284)] = 'X';
+      b[le32(b, other + 8) + 3] = '!';
+      w[name(b, other)] = {"", "", w[name(b, other)].time};
+    }
     spit(lib, b);
     found.clear();
-    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (breakList ? 3 : 2) && clean(lib)) << breakList;
-    EXPECT_EQ(state(lib, true).entries, want) << breakList;
+    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (breakList ? 4 : 2) && clean(lib)) << breakList;
+    EXPECT_EQ(state(lib, true).entries, w) << breakList;
     EXPECT_EQ(state(lib).checkouts.size(), breakList ? 0u : 1u);
   }
 }

@@ -325,7 +325,7 @@ TEST_F(ProfileTest, RecognisesHostsByProgramName) {
   for (auto [program, short_name, product] : cases) {
     char sn[8], prod[32], folder[300];
     SetHost(program);
-    OS_UtilGetHostInfo(sn, sizeof sn, prod, sizeof prod, folder, sizeof folder);
+    EXPECT_EQ(OS_UtilGetHostInfo(sn, sizeof sn, prod, sizeof prod, folder, sizeof folder), 1);
     EXPECT_EQ(std::string(sn) + "|" + prod + "|" + slashes(folder), std::string(short_name) + "|" + product + "|" + S(hostdir_));
   }
 }
