@@ -295,12 +295,15 @@ TEST_F(ExportBytes, DbaseTables) {
   EXPECT_EQ(head + " Smith       " + std::string(14, ' ') + "421998/07/04 " + std::string(27, ' ') + "0" +
                    std::string(10, ' ') + "\x1A",
                got);
-  // 32 columns: the last descriptor is followed by a single terminator.
-  std::vector<Col> c32;
-  for (int i = 0; i < 32; ++i) c32.push_back({"C" + std::to_string(i), 1, 1});
-  got = run(kDbase2, c32, {}, 0);
-  ASSERT_EQ(got.size(), 522u);
-  EXPECT_TRUE(got[6] == 33 && got.substr(8 + 31 * 16, 16) == db2_desc("C31", 'C', 1) && got.substr(520) == "\x0D\x1A");
+  // 31 and 32 columns: the header is 521 bytes either way; the 32nd descriptor is followed by a single terminator.
+  for (int n : {31, 32}) {
+    std::vector<Col> cs;
+    for (int i = 0; i < n; ++i) cs.push_back({"C" + std::to_string(i), 1, 1});
+    got = run(kDbase2, cs, {}, 0);
+    ASSERT_EQ(got.size(), 522u) << n;
+    EXPECT_TRUE(got[6] == n + 1 && got.substr(8 + (n - 1) * 16, 16) == db2_desc("C" + std::to_string(n - 1), 'C', 1) &&
+                got.substr(8 + n * 16) == "\x0D" + zeros(512 - n * 16) + "\x1A") << n;
+  }
   // Widths clamp to 1..255; the numeric, date and time types take fixed ones.
   got = run(kDbase2, {{"S0", 0, 1}, {"S300", 300, 1}, {"N", 3, 2}, {"D", 300, 6}, {"DT", 0, 3}, {"T", 2, 5}, {"X", 7, 42}}, {}, 0);
   const int widths[] = {255, 255, 16, 16, 10, 8, 7};

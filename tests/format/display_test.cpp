@@ -224,6 +224,11 @@ TEST_F(FormatDisplay, CompileErrorsAndUnsupportedCodes) {
            {'n', std::string(200, '0')}, {'d', std::string(200, 'x')}, {'s', std::string(200, '@')},
            {'n', alt}, {'d', dates}, {'d', keywords}})
     EXPECT_EQ(compile(kind, c, mask.c_str()), 0) << mask;
+  // The compiled form counts placeholders, percent signs and scaling commas up to a limit each.
+  for (const auto& [head, ch, most] : {std::tuple{"", '0', 255}, {"0.", '0', 100}, {"0E+", '0', 9}, {"0", '%', 10}, {"0", ',', 10}}) {
+    EXPECT_EQ(compile('n', c, (head + std::string(most, ch)).c_str()), 0) << head << ch;
+    EXPECT_EQ(compile('n', c, (head + std::string(most + 1, ch)).c_str()), SHFORMAT_E_NUMERIC) << head << ch;
+  }
   use("sLongDate=" + dates.substr(0, 63) + "\nsShortDate=" + dates.substr(0, 31) + "\n");
   EXPECT_EQ(shformatCmplDateTimeMask(c, keywords.c_str(), sizeof c), 0);
   // Error texts: each code has its own, cut to the buffer.

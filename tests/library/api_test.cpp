@@ -391,18 +391,25 @@ TEST_F(Layout, TailReleaseAndReuseOfFreedBlocks) {
 }
 
 TEST_F(Layout, FullRootGrowsRightAndLeftChildren) {
-  std::string p = create("tree.zbl");
-  LMI_HANDLE h = open(p, 2);
-  for (int i = 0; i == 0 || zbshr::lm::rd16(zbshr::lm::root_img(zbshr::lm::library_of(h)) + 16) >= 24 + 46; ++i) {
-    char name[64];
-    std::snprintf(name, sizeof name, "m%03d_%s", i, std::string(40, 'n').c_str());
-    ASSERT_EQ(put(h, name, ""), 0);
-  }
+  const auto fullRoot = [&](const char* file) {  // m000_nnn... onwards until the next one would not fit
+    LMI_HANDLE h = open(create(file), 2);
+    for (int i = 0; i == 0 || zbshr::lm::rd16(zbshr::lm::root_img(zbshr::lm::library_of(h)) + 16) >= 24 + 46; ++i)
+      EXPECT_EQ(put(h, "m" + std::to_string(1000 + i).substr(1) + "_" + std::string(40, 'n'), ""), 0);
+    return h;
+  };
+  // A name inside the range of a root with no children: a new left child takes just enough of the smallest.
+  LMI_HANDLE h = fullRoot("mid.zbl");
+  ASSERT_TRUE(put(h, "m010_" + std::string(40, 'o'), "") == 0 && LMI_CloseLibrary(h) == 0);
+  Bytes b = slurp(path("mid.zbl"));
+  const uint32_t mid = le32(b, 1024 + 4);
+  EXPECT_TRUE(mid && le16(b, mid + 20) == 1 && str(b, mid + 32 + 24, 46) == "m000_" + std::string(40, 'n') + '\0') << mid;
+  std::string p = path("tree.zbl");
+  h = fullRoot("tree.zbl");
   const std::string z(45, 'z'), a(45, 'a');
   ASSERT_EQ(put(h, z, "zz"), 0);
   ASSERT_EQ(put(h, a, "aa"), 0);
   ASSERT_EQ(LMI_CloseLibrary(h), 0);
-  Bytes b = slurp(p);
+  b = slurp(p);
   uint32_t left = le32(b, 1024 + 4), right = le32(b, 1024 + 12);
   ASSERT_EQ(right, 4096u);           // the first new node: blocks 8..13
   ASSERT_EQ(left, 4096u + 7 * 512);  // after the first entry's data block

@@ -210,8 +210,10 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   for (uint32_t r : records(bytes, 1024)) first = first ? first : le32(bytes, r + 8);
   ASSERT_GE(first, 4096u);
   bytes[512 + 8 + first / 512 / 8] &= uint8_t(~(0x80 >> (first / 512 % 8)));
+  bytes[512 + 8] &= 0x7F;  // and the header's own block
   spit(lib, bytes);
   ASSERT_EQ(verifyPath(lib), 1);
+  EXPECT_TRUE(found.size() == 2 && found[1].text == "2 blocks in use are marked free (first at block 0)");
   const uint32_t other = records(bytes, 1024).back();  // an entry with data, in the root
   ASSERT_TRUE(le32(bytes, other + 12) > 0 && le32(bytes, other + 8) != first);
   for (bool breakList : {false, true}) {

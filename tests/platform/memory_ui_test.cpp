@@ -110,7 +110,7 @@ TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
   EXPECT_EQ(seen, "|Out of Memory|8213");
   EXPECT_EQ(zbshr_set_msgbox_handler(nullptr, nullptr), &Recorder);
   // A scripted answer that is no button of the box gives the default one.
-  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel,yes,ignore,7,,1,8,", 1);
+  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel,yes,ignore,7,,1,8,,no,8", 1);
   const struct {
     UINT style;
     int32_t want;
@@ -119,6 +119,7 @@ TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
       {MB_OK, IDOK}, {MB_YESNO, IDNO}, {MB_YESNOCANCEL, IDYES}, {MB_ABORTRETRYIGNORE, IDIGNORE},
       {MB_YESNO, IDNO} /* 7 */, {MB_OKCANCEL, IDCANCEL} /* empty */, {MB_OKCANCEL, IDOK} /* 1 */,
       {MB_ABORTRETRYIGNORE, IDABORT} /* 8 */, {MB_YESNOCANCEL, IDCANCEL} /* empty */,
+      {0x6, IDNO}, {0x6, IDOK} /* 8: a box of unknown buttons takes any of 1..7 */,
   };
   for (const auto& b : boxes) EXPECT_EQ(MessageBoxA(nullptr, "t", "c", b.style), b.want) << b.style;
   // Used up: the default answer, the text printed on standard error.
