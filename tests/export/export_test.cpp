@@ -470,6 +470,8 @@ TEST_F(ExportProtocol, NumbersTooLongForTheirRoomLoseDigitsNotTheValue) {
   // readers.py checks the other formats; these it does not read: a decimal in CSV (29 characters), dBase II (16).
   EXPECT_EQ(run(kCsv, {{"N", 10, OSSAVE_DECIMAL}}, {{Dec{"-0.0000000000000000000000012345"}}}, 0),
             "-0.00000000000000000000000123\r\n");
+  EXPECT_NE(run(kDbase2, {{"N", 10, OSSAVE_DECIMAL}}, {{Dec{"123456789.123456789"}}}, 0).find(" 123456789.123457\x1A"),
+            std::string::npos);
   EXPECT_NE(run(kDbase2, {{"N", 10, OSSAVE_NUMBER}}, {{2.0 / 3}}, 0).find(" 0.66666666666667\x1A"), std::string::npos);
 }
 

@@ -148,7 +148,7 @@ TEST_F(FormatParse, ResultsAndErrorsInEveryOrder) {
       {"", "feb. 3 2004", SHDT_DATETIME, "2004-2-3 0:0:0.0"}, {"", "may 3 2004", SHDT_DATETIME, "2004-5-3 0:0:0.0"},
       {"", "may. 3 2004", SHDT_DATETIME, "2004-5-3 0:0:0.0"},  // after "May" the '.' is a separator
       {"", "may./3 2004", SHDT_DATETIME, "!6"}, {"", "jun./3 2004", SHDT_DATETIME, "2004-6-3 0:0:0.0"},
-      {"", "2000-02-30", SHDT_DATE, "!1"}, {"", "1999-02-29", SHDT_DATE, "!1"}, {"", "4/31/2001", SHDT_DATE, "!1"},
+      {"", "2000-02-30", SHDT_DATE, "!1"}, {"", "1999-02-29", SHDT_DATE, "!1"}, {"", "1999-02-28", SHDT_DATE, "1999-2-28 255:119:119.2004318071"}, {"", "4/31/2001", SHDT_DATE, "!1"},
       {"", "1/32/2001", SHDT_DATE, "!1"}, {"", "1/0/2001", SHDT_DATE, "!1"}, {"", "1998-13-01", SHDT_DATE, "!2"},
       {"", "0/1/2001", SHDT_DATE, "!2"}, {"", "1/2/3", SHDT_DATE, "!7"}, {"", "1/2/003", SHDT_DATE, "!7"},
       {"", "1/2/20033", SHDT_DATE, "!7"}, {"", "1/2", SHDT_DATE, "!6"}, {"", "", SHDT_DATE, "!6"},

@@ -113,6 +113,7 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'm', "#,##0,", "1234567", "1,235"}, {0, 'm', "0.0,,", "-987654321", "-987.7"},
       {0, 'm', "# ?/?", "1.25", "1 1/4"}, {0, 'm', "# ??" "/??", "-3.14159", "-3 14/99"},
       {0, 'm', "0/100", "0.237", "24/100"}, {0, 'n', "0/-", "5", "5/-"},  // no denominator: a literal
+      {0, 'n', "0 ?/9", "1.3333", "1 3/9"},
       {0, 'm', "[GENERAL]%", "0.5", "50%"},
       {0, 'm', "##0.0E+0", "12345.6789", "12.3E+3"}, {0, 'm', "[<0]\"neg\";0", "-2", "neg"},
       {0, 'm', "0.0?", "2", "2.0 "}, {0, 'm', "[>=10]0;0.0", "9.99", "10.0"},
@@ -287,7 +288,7 @@ TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
   const char* names[] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
   for (int i = 0; i < 3000; ++i) {
     const int y = 1 + static_cast<int>(rng() % 9999), m = 1 + static_cast<int>(rng() % 12);
-    const int dd = 1 + static_cast<int>(rng() % 31);
+    const int dd = 1 + static_cast<int>(rng() % 32);
     const std::string v = std::to_string(y) + "-" + std::to_string(m) + "-" + std::to_string(dd) + " 0:0:0.0";
     const year_month_day ymd{year{y}, month{static_cast<unsigned>(m)}, day{static_cast<unsigned>(dd)}};
     const auto [text, code] = show('d', "dddd d", v.c_str());

@@ -110,13 +110,21 @@ TEST_F(Recovery, SalvageReportsBrokenEntriesAndRefusesAnExistingTarget) {
   LMI_HANDLE w = open(lib, 2);  // salvage let go of the source
   EXPECT_NE(w, nullptr);
   LMI_CloseLibrary(w);
-  // Without its header the entries are still found; the header's loss is reported.
+  // Without its header the entries are still found; the header's loss is reported. A record whose name
+  // could not fit in a node is no entry, wherever it lies.
   std::fill(bytes.begin(), bytes.begin() + 512, 0);
+  Bytes junk(4096, 'L');
+  std::memcpy(junk.data(), "ENT*0000", 8);
+  std::fill(junk.begin() + 8, junk.begin() + 24, 0);
+  set32(junk, 22, 3100, 2);
+  junk[24 + 3099] = 0;
+  bytes.insert(bytes.end(), junk.begin(), junk.end());
   spit(lib, bytes);
   found.clear();
   EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), path("out2.zbl").c_str(), collectCb, &found), 1);
   EXPECT_EQ(state(path("out2.zbl")).entries, good);
   EXPECT_TRUE(!found.empty() && found[0].text.find("header") != std::string::npos);
+  EXPECT_TRUE(std::none_of(found.begin(), found.end(), [](const Found& f) { return f.entry.size() > 8; }));
   // The target must be a new file; a missing source is an open error.
   EXPECT_EQ(zbshr_lib_salvage(lib.c_str(), out.c_str(), nullptr, nullptr), LMI_E_EXISTS);
   EXPECT_TRUE(zbshr_lib_salvage(path("none.zbl").c_str(), path("o2.zbl").c_str(), nullptr, nullptr) == LMI_E_IO &&

@@ -103,6 +103,15 @@ TEST(Files, ReadWriteSeekAndHandles) {
   EXPECT_TRUE(!SetEndOfFile(ro) && GetFileSize(-5, nullptr) == INVALID_FILE_SIZE);
   CloseHandle(ro);
   CloseHandle(wo);
+#if !defined(_WIN32)
+  // With standard input closed a file may be given descriptor 0; it closes like any other.
+  const int in = dup(0);
+  close(0);
+  const HFILE z = CreateFileA(p.c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);
+  EXPECT_TRUE(CloseHandle(z) && !CloseHandle(z)) << z;
+  dup2(in, 0);
+  close(in);
+#endif
 }
 
 TEST(Files, WriteThroughOpensSynchronouslyAndHandlesAreNotInherited) {
@@ -314,8 +323,8 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   char name[260];
   const UINT u = GetTempFileNameA(s.dir().c_str(), "zbfstore", 0, name);
   char expect[64];
-  std::snprintf(expect, sizeof expect, "zbf%X.TMP", u);
-  EXPECT_TRUE(u != 0 && std::string(name) == s.path(expect) && std::filesystem::file_size(name) == 0);
+  std::snprintf(expect, sizeof expect, "zbf%04X.TMP", u);
+  EXPECT_TRUE(u != 0 && u <= 0xFFFF && std::string(name) == s.path(expect) && std::filesystem::file_size(name) == 0);
   EXPECT_NE(GetTempFileNameA(s.dir().c_str(), "zbf", 0, name), u);  // the first name is taken
   EXPECT_TRUE(GetTempFileNameA(s.dir().c_str(), "ab", 0x1A2B, name) == 0x1A2B && std::string(name) == s.path("ab1A2B.TMP") &&
               !std::filesystem::exists(name));  // a given number only builds the name

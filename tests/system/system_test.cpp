@@ -37,6 +37,7 @@ TEST_F(OpenFile, RecordModesAccessAndPathLimit) {
   EXPECT_EQ((std::vector<int32_t>{osOpenFile("x.txt", nullptr, OF_READ), osFileExists(nullptr)}), (std::vector<int32_t>{-1, 0}));
   std::memset(&of, 0xAB, sizeof of);
   EXPECT_EQ(osOpenFile(nullptr, &of, OF_READ), -1);
+  EXPECT_TRUE(osOpenFile("", &of, OF_PARSE) == -1 && of.szPathName[0] == '\0');  // an empty name has no full form
   EXPECT_TRUE(of.cBytes == 268 && of.nErrCode != 0 && of.reserved == 0u);
   // Parse builds the absolute path only, and zeroes the rest of the record.
   std::memset(&of, 0xAB, sizeof of);
