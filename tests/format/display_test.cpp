@@ -89,7 +89,7 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'n', ".00", "0.5", ".50"}, {0, 'n', ".00", "12.5", "12.50"},  // integer digits are never dropped
       {0, 'n', "0.0#", "2", "2.0"}, {0, 'n', "\\#0", "7", "#7"},
       {0, 'n', "0.0e-0", "12345", "1.2e4"}, {0, 'n', "00.0E+0", "12345", "12.3E+3"},
-      {0, 'n', ".00E+00", "123456", ".12E+06"},  // no integer placeholder: no integer digit
+      {0, 'n', ".00E+00", "123456", ".12E+06"}, {0, 'n', "0.00E+00", "500", "5.00E+02"},  // no integer placeholder: no integer digit
       {0, 'n', "0.00;(0.00);\"zero\";\"n/a\"", nullptr, "n/a"}, {0, 'n', "0.00", nullptr, ""},
       {0, 'n', "0;-0;", "0", ""}, {0, 'n', "[GENERAL];[GENERAL]-", "-2.5", "2.5-"},
       {0, 'n', "0.0;\\;0.0", "-1", ";1.0"},  // an escaped ';' is a literal

@@ -115,7 +115,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   DWORD disp = 0;
   ASSERT_TRUE(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\Example\\Tool", 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
                               nullptr, &k, &disp) == ERROR_SUCCESS && disp == 1);  // created
-  const char path[] = "/opt/tool/";
+  const char path[] = "/opt/my tool/";
   const uint8_t bin[] = {0, 1, 0xFF, '"', '\\', '\n'};
   ASSERT_EQ(std::vector<LONG>({RegSetValueExA(k, "InitPath", 0, REG_SZ, reinterpret_cast<const uint8_t*>(path), sizeof path),
                                 RegSetValueExA(k, "Short", 0, REG_SZ, reinterpret_cast<const uint8_t*>("ab"), 2),
@@ -160,7 +160,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   // The file alone carries the data: a hand-edited file is read back.
   const std::string text = s_.read("home/registry.dat");
   EXPECT_TRUE(text.find("[HKEY_CURRENT_USER\\Software\\Example\\Tool]") != std::string::npos &&
-              text.find("\"InitPath\"=1:\"/opt/tool/\\x00\"") != std::string::npos) << text;
+              text.find("\"InitPath\"=1:\"/opt/my tool/\\x00\"") != std::string::npos) << text;
   s_.write("home/registry.dat",
            "[HKEY_LOCAL_MACHINE\\Software\\Hand]\ngarbage line\n\"\"=4:\"\\x2a\\x00\\x00\\x00\"\n"
            "[X]\n\"late\"=4:\"\\x01\\x00\\x00\\x00\"\n");  // a key of one letter holds what follows
