@@ -170,10 +170,15 @@ TEST_F(Recovery, SalvageReadsTheFreeBitsOfEveryBitmap) {
   old[32 + 22] = 6;
   old[18] = old[22] = 32 + 24;
   std::copy(old.begin(), old.end(), bytes.begin() + mid);
-  spit(lib, bytes);
-  zbshr_lib_salvage(lib.c_str(), path("out.zbl").c_str(), nullptr, nullptr);
-  const auto got = state(path("out.zbl")).entries;
-  EXPECT_TRUE(got.size() == 2 && got.at("big").data == pattern(2100000, 7) && got.at("end").data == "e");
+  for (bool badTag : {false, true}) {  // a bitmap with a wrong tag is not read, even at its right place
+    bytes[2064384] = badTag ? 'X' : 'F';
+    spit(lib, bytes);
+    fs::remove(path("out.zbl"));
+    zbshr_lib_salvage(lib.c_str(), path("out.zbl").c_str(), nullptr, nullptr);
+    const auto got = state(path("out.zbl")).entries;
+    EXPECT_TRUE(got.size() == 2u + badTag && got.count("ghost") == badTag && got.at("big").data == pattern(2100000, 7) &&
+                got.at("end").data == "e") << badTag;
+  }
 }
 
 TEST_F(Recovery, VerifyListingAndCompactionStopAtADirectoryCycle) {
@@ -224,21 +229,27 @@ TEST_F(Recovery, RepairRebuildsBitmapsAndDropsAnUnreadableList) {
   EXPECT_TRUE(found.size() == 2 && found[1].text == "2 blocks in use are marked free (first at block 0)");
   const uint32_t other = records(bytes, 1024).back();  // an entry with data, in the root
   ASSERT_TRUE(le32(bytes, other + 12) > 0 && le32(bytes, other + 8) != first);
-  for (bool breakList : {false, true}) {
+  for (int damage : {0, 1, 2}) {  // none; the list's tag and a data tag; the list's last record
     Bytes b = bytes;
     Entries w = want;
     // The list's block is then neither readable nor leaked: the old leak stays, the bit is fixed, the list dropped.
     // A data block whose tag is wrong in its last byte empties its entry.
-    if (breakList) {
+    if (damage == 1) {
       b[le32(b, 284)] = 'X';
       b[le32(b, other + 8) + 3] = '!';
       w[name(b, other)] = {"", "", w[name(b, other)].time};
     }
+    const auto list = b.begin() + le32(b, 284), rec = std::search(list, list + 512, rec1, rec1 + sizeof rec1 - 1);
+    ASSERT_NE(rec, list + 512);
+    if (damage == 2) rec[sizeof rec1 - 2] = 'q';  // no such kind: a sound chain of damaged records
     spit(lib, b);
+    verifyPath(lib);
+    EXPECT_EQ(std::count_if(found.begin(), found.end(), [](auto& f) { return f.text == "check-out list: its records are damaged"; }),
+              damage == 2);
     found.clear();
-    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (breakList ? 4 : 2) && clean(lib)) << breakList;
-    EXPECT_EQ(state(lib, true).entries, w) << breakList;
-    EXPECT_EQ(state(lib).checkouts.size(), breakList ? 0u : 1u);
+    EXPECT_TRUE(zbshr_lib_repair(lib.c_str(), collectCb, &found) == (damage == 1 ? 4 : damage == 2 ? 3 : 2) && clean(lib)) << damage;
+    EXPECT_EQ(state(lib, true).entries, w) << damage;
+    EXPECT_EQ(state(lib).checkouts.size(), damage ? 0u : 1u);
   }
 }
 

@@ -109,7 +109,7 @@ TEST(StrEdit, RemoveTrimWordCap) {
       {'w', 0, "hello-WORLD foo_bar", "Hello World Foo Bar"},
       {'w', 0, "ONE\ttWO\nthree\rfOUR", "One\tTwo\nThree\rFour"},
       {'w', 0, "\xB1" "abc d\xB1" "EF", "\xB1" "Abc D\xB1" "ef"},  // no letter, no word start
-      {'w', 0, "9lives", "9lives"}, {'w', 0, "\x82" "Ab", "\x82" "ab"},
+      {'w', 0, "9lives", "9lives"}, {'w', 0, "\xE0" "B", "\xC0" "b"}, {'w', 0, "\x82" "Ab", "\x82" "ab"},
       {'j', 0, "\x82" "Ab", "\x82" "AB"},  // one double-byte character, skipped whole
       {'j', 0, "ab\x82", "Ab\x82"},        // a lead byte at the end stops there
   };
