@@ -150,7 +150,7 @@ TEST(DecimalErrors, ValidationOrder) {
     }
     EXPECT_TRUE(op(&r, &good, &good, 18) && op(&r, &good, &good, 0)) << name;
   }
-  const SHDEC bad = raw(0, 29, 1);
+  const SHDEC bad = raw(0, 29, 1), huge = dec("59637112005354575274713"), tiny = dec("0.0000000000000000000000000001");
   SHDEC r;
   const std::pair<int, int> ones[] = {  // (got, wanted)
       {RoundDecimal(&r, &bad, 99) ? 0 : hook.last(), -303},     {RoundDecimal(&r, &good, 19) ? 0 : hook.last(), -313},
@@ -159,6 +159,8 @@ TEST(DecimalErrors, ValidationOrder) {
       {ChangeSignDecimal(nullptr, &good) ? 0 : hook.last(), -301}, {CompareDecimal(&good, &bad), -303},
       {CompareDecimal(nullptr, &bad), -301}, {MagnitudeOfDecimal(&bad, &good), -303}, {TestSignDecimal(&bad), -303},
       {DecimalPrecision(nullptr), -301}, {DecimalPrecision(&bad), -303},
+      // The quotient passes 2^128 with its low 128 bits 2^46: too large all the same.
+      {DivideDecimal(&r, &huge, &tiny) ? 0 : hook.last(), SHDEC_ERR_OVERFLOW},
   };
   for (size_t i = 0; i < std::size(ones); ++i) EXPECT_EQ(ones[i].first, ones[i].second) << "row " << i;
   for (int extra : hook.extras) EXPECT_EQ(extra, 0);
