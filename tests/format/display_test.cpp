@@ -128,7 +128,7 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'd', "[SHORTDATE]", kSample, "1/2/2003"}, {0, 'd', "[LONGDATE]", kSample, "Thursday, January 02, 2003"},
       {0, 'd', "[SHORTDATE] [TIME]", kSample, "1/2/2003 14:05:09"}, {0, 'd', "[shortdate]", kSample, "1/2/2003"},
       {0, 'd', "h:mm am/pm", kSample, "2:05 pm"}, {0, 'd', "hh:mm AM/PM", kSample, "02:05 PM"},
-      {0, 'd', "h A/P", kSample, "2 P"}, {0, 'd', "h a/p", kSample, "2 p"},
+      {0, 'd', "General!", kSample, "1/2/2003 14:05:09!"}, {0, 'd', "h A/P", kSample, "2 P"}, {0, 'd', "h a/p", kSample, "2 p"},
       {0, 'd', "hh:mm:ss.fff", kSample, "14:05:09.123"}, {0, 'd', "ss.ffffff", kSample, "09.123456"},
       {0, 'd', "s.f", kSample, "9.1"}, {0, 'd', "H:M:S", kSample, "14:5:9"},
       {0, 'd', "hh\\h mm", kSample, "14h 05"}, {0, 'd', "\"Day\" d", kSample, "Day 2"},

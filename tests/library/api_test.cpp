@@ -181,6 +181,12 @@ TEST_F(Api, CopyKeepsCommentAndTime) {
   EXPECT_EQ(state(b, true).entries["obj"], obj);
   ASSERT_EQ(LMI_CopyEntry(heap, S("obj"), S("copy"), S(a), nullptr), 0);
   EXPECT_EQ(state(a, true).entries["obj"], obj);
+  // A move too large to hold back writes the target's journal early; both libraries still commit whole.
+  const std::string big = pattern(9u << 20, 3);
+  ASSERT_EQ(with(a, [&](LMI_HANDLE g) { return put(g, "big", big); }), 0);
+  ASSERT_EQ(LMI_MoveEntry(heap, S("big"), nullptr, S(a), S(b)), 0);
+  EXPECT_TRUE(!state(a).entries.count("big") && state(b).entries["big"].data == big);
+  EXPECT_TRUE(verifyFile(a).empty() && verifyFile(b).empty());
   expectCodes({
       {"onto itself", LMI_E_ARGUMENT, [&] { return LMI_CopyEntry(heap, S("obj"), nullptr, S(a), S(a)); }},
       {"no target", LMI_E_ARGUMENT, [&] { return LMI_CopyEntry(heap, S("obj"), nullptr, S(a), nullptr); }},

@@ -349,8 +349,11 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
               GetModuleFileNameA(nullptr, buf, n + 1) == n);
   EXPECT_EQ(WithError(GetModuleFileNameA(nullptr, buf, n)), Err(n, ERROR_INSUFFICIENT_BUFFER));  // cut: the whole buffer, terminated
   EXPECT_EQ(std::strlen(buf), n - 1);
-  HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name too
-  EXPECT_EQ(GetModuleHandleA(std::filesystem::canonical("/proc/self/exe").filename().string().c_str()), self);
+  HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name in any case too
+  std::string me = std::filesystem::canonical("/proc/self/exe").filename().string();
+  EXPECT_EQ(GetModuleHandleA(me.c_str()), self);
+  for (char& c : me) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  EXPECT_EQ(GetModuleHandleA((me + ".EXE").c_str()), self);
 }
 
 TEST(Files, MoveReplacesInOneStep) {

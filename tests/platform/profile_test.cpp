@@ -38,7 +38,7 @@ class HomeTest : public ::testing::Test {
 
 const char kIni[] =
     "; leading comment\r\n[General]\r\n  Name =  Alpha Beta  \r\nquoted=\"  padded  \"\r\nsingle='x'\r\n"
-    "mismatched=\"x'\r\n;name=commented out\r\nempty=\r\nname=second wins never\r\n[ Numbers ]\r\n"
+    "mismatched=\"x'\r\n;name=commented out\r\nempty=\r\nname=second wins never\r\n[Empty]\r\n[ Numbers ]\r\n"
     "dec=55zz\r\nneg=-12\r\nhex=0x1F\r\nplus=+7\r\nnone=abc\r\nbig=4294967295\r\n"
     "[general]\r\nname=other section\r\nextra=only here\r\n";
 
@@ -54,7 +54,8 @@ TEST_F(HomeTest, ReadingRules) {
       {"numbers", "hex", "", 256, "0x1F\0"s}, {"nosuch", "x", nullptr, 256, "\0"s},
       {"General", "name", "", 6, "Alpha\0"s},  // cut to size - 1
       {"General", "nokey", "default", 4, "def\0"s}, {"General", "name", "", 1, "\0"s},
-      {nullptr, nullptr, "", 256, "General\0Numbers\0general\0\0"s},  // ends with an extra terminator
+      {nullptr, nullptr, "", 256, "General\0Empty\0Numbers\0general\0\0"s},  // ends with an extra terminator
+      {"empty", nullptr, "", 256, "\0"s},  // a section ends at the header right after its own
       {"NUMBERS", nullptr, "", 256, "dec\0neg\0hex\0plus\0none\0big\0\0"s},
       {"numbers", nullptr, "", 10, "dec\0neg\0\0"s},  // cut short: two terminators, size - 2
       {nullptr, nullptr, "", 5, "Gen\0"s}, {nullptr, nullptr, "", 2, "\0"s}, {"none", nullptr, "", 256, "\0"s},
