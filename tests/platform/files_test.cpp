@@ -323,7 +323,7 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   char name[260];
   const UINT u = GetTempFileNameA(s.dir().c_str(), "zbfstore", 0, name);
   char expect[64];
-  std::snprintf(expect, sizeof expect, "zbf%04X.TMP", u);
+  std::snprintf(expect, sizeof expect, "zbf%X.TMP", u);
   EXPECT_TRUE(u != 0 && u <= 0xFFFF && std::string(name) == s.path(expect) && std::filesystem::file_size(name) == 0);
   EXPECT_NE(GetTempFileNameA(s.dir().c_str(), "zbf", 0, name), u);  // the first name is taken
   EXPECT_TRUE(GetTempFileNameA(s.dir().c_str(), "ab", 0x1A2B, name) == 0x1A2B && std::string(name) == s.path("ab1A2B.TMP") &&
