@@ -133,7 +133,7 @@ TEST_F(FormatDisplay, MasksOnValues) {
       {0, 'd', "s.f", kSample, "9.1"}, {0, 'd', "H:M:S", kSample, "14:5:9"},
       {0, 'd', "hh\\h mm", kSample, "14h 05"}, {0, 'd', "\"Day\" d", kSample, "Day 2"},
       {0, 'd', "yyyy;\"none\"", nullptr, "none"}, {0, 'd', "yyyy", nullptr, ""},
-      {0, 'd', "yyyy yy", "987-03-05 00:00:00.0", "0987 87"},
+      {0, 'd', "yyyy yy y-yyy", "987-03-05 00:00:00.0", "0987 87 87-0987"},  // three letters show four digits
       {0, 'd', "mmm", "2003-13-02 14:05:09.0", "", SHFORMAT_E_VALUE},
       {0, 'd', "hh:mm", "2003-13-02 14:05:09.0", "14:05"},  // fields not shown are not checked
       {0, 'd', "hh:mm", "2003-01-02 14:60:09.0", "", SHFORMAT_E_VALUE},

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -63,6 +64,9 @@ TEST_F(HomeTest, ReadingRules) {
   for (const auto& c : cases)
     EXPECT_EQ(Get(c.sec, c.key, c.def, f, c.size), c.want) << (c.sec ? c.sec : "-") << "/" << (c.key ? c.key : "-") << "/" << c.size;
   EXPECT_EQ(Get("General", "x", "def", s_.path("missing.ini")), std::string("def", 4));
+  std::string back = f;  // a whole path spelled with backslashes, outside the configuration folder
+  std::replace(back.begin(), back.end(), '/', '\\');
+  EXPECT_EQ(Get("numbers", "hex", "", back), "0x1F\0"s);
   const struct { const char* key; int32_t def; UINT want; } ints[] = {{"dec", 9, 55}, {"neg", 9, static_cast<UINT>(-12)}, {"hex", 9, 31}, {"plus", 9, 7},
               {"none", 9, 0}, {"big", 9, 4294967295u}, {"missing", -3, static_cast<UINT>(-3)}};
   for (const auto& c : ints) EXPECT_EQ(GetPrivateProfileIntA("numbers", c.key, c.def, f.c_str()), c.want) << c.key;

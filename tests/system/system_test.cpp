@@ -364,6 +364,16 @@ TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfileAndItsBoundaries) {
   const int n = static_cast<int>(cfg.string().size());
   EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
   EXPECT_EQ(InitPath(n + 2), S(cfg) + "/");
+  // The profile file reads 259 bytes: a stored path of 258 is read, and leaves no room for the file name.
+  namespace plat = zbshr::plat;
+  plat::HKEY key = nullptr;
+  ASSERT_EQ(plat::RegCreateKeyExA(plat::HKEY_CURRENT_USER, "Software\\Harrowvane\\Quillbrander\\5.0", 0, nullptr, 0,
+                                  plat::KEY_WRITE, nullptr, &key, nullptr), plat::ERROR_SUCCESS);
+  const std::string long_path = "/" + std::string(257, 'p');
+  plat::RegSetValueExA(key, "InitPath", 0, plat::REG_SZ, reinterpret_cast<const uint8_t*>(long_path.c_str()), 259);
+  plat::RegCloseKey(key);
+  OS_UtilGetProfileFile(file, sizeof file, 0);
+  EXPECT_STREQ(file, "zb.ini");
 }
 
 TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
