@@ -68,7 +68,7 @@ TEST(Files, ReadWriteSeekAndHandles) {
   const struct { LONG distance; LONG* high; DWORD method, result, error; } seeks[] = {  // high: the high half, or none
       {-2, nullptr, FILE_END, 8, ERROR_SUCCESS}, {-1, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS},
       {-100, nullptr, FILE_CURRENT, INVALID_SET_FILE_POINTER, ERROR_NEGATIVE_SEEK},  // position kept
-      {0, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS},
+      {0, nullptr, FILE_CURRENT, 7, ERROR_SUCCESS}, {-7, nullptr, FILE_CURRENT, 0, ERROR_SUCCESS},  // back to the start exactly
       {5, &high, FILE_BEGIN, 5, ERROR_SUCCESS},  // 4 GiB + 5
       {-5, nullptr, FILE_CURRENT, INVALID_SET_FILE_POINTER, ERROR_INVALID_PARAMETER},
       {3, &high, FILE_BEGIN, 3, ERROR_SUCCESS}, {0x7FFFFFFF, nullptr, FILE_CURRENT, 0x80000002u, ERROR_SUCCESS},

@@ -1,6 +1,9 @@
 // Global memory, message boxes, resources, code pages, collation and fault
 // injection of the platform layer.
 #include <gtest/gtest.h>
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
 
 #include <cstdlib>
 #include <cstring>
@@ -71,6 +74,11 @@ TEST(ClassicFiles, CreationTakesTheAttributesZeroToSeven) {
   for (int32_t attribute : {-1, 8})  // normal, or read-only, hidden and system combined
     EXPECT_EQ(zbshr_test::WithError(_lcreat(p.c_str(), attribute)), std::make_pair(-1, ERROR_INVALID_PARAMETER)) << attribute;
   for (int32_t attribute : {0, 6}) EXPECT_EQ(::_lclose(_lcreat(p.c_str(), attribute)), 0) << attribute;
+  const mode_t mask = umask(0);  // read-only: no one may write, whatever the mask allowed
+  EXPECT_EQ(::_lclose(_lcreat(s.path("ro.bin").c_str(), 1)), 0);
+  umask(mask);
+  struct stat st {};
+  EXPECT_TRUE(stat(s.path("ro.bin").c_str(), &st) == 0 && (st.st_mode & 0777) == 0444) << std::oct << st.st_mode;
 }
 #endif
 

@@ -124,7 +124,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   const uint8_t bin[] = {0, 1, 0xFF, '"', '\\', '\n'};
   ASSERT_EQ(std::vector<LONG>({RegSetValueExA(k, "InitPath", 0, REG_SZ, reinterpret_cast<const uint8_t*>(path), sizeof path),
                                 RegSetValueExA(k, "Short", 0, REG_SZ, reinterpret_cast<const uint8_t*>("ab"), 2),
-                                RegSetValueExA(k, "Blob", 0, REG_BINARY, bin, sizeof bin), RegFlushKey(k), RegCloseKey(k)}),
+                                RegSetValueExA(k, ";Blob", 0, REG_BINARY, bin, sizeof bin), RegFlushKey(k), RegCloseKey(k)}),
             std::vector<LONG>(5, ERROR_SUCCESS));
   // Reopened with other case and the other separator.
   HKEY r = nullptr;
@@ -134,7 +134,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
       {"initpath", 64, ERROR_SUCCESS, REG_SZ, std::string(path, sizeof path)},
       {"InitPath", 3, ERROR_MORE_DATA, REG_SZ, std::string(sizeof path, '?')},
       {"Short", 64, ERROR_SUCCESS, REG_SZ, std::string("ab", 3)},  // terminated though given without
-      {"blob", 64, ERROR_SUCCESS, REG_BINARY, std::string(reinterpret_cast<const char*>(bin), sizeof bin)},
+      {";blob", 64, ERROR_SUCCESS, REG_BINARY, std::string(reinterpret_cast<const char*>(bin), sizeof bin)},  // not a comment
       {"absent", 64, ERROR_FILE_NOT_FOUND, 0, std::string(64, '?')},  // type and size untouched
   };
   for (const auto& c : reads) {
