@@ -365,7 +365,6 @@ TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfileAndItsBoundaries) {
   EXPECT_EQ(InitPath(n + 1), value.substr(0, static_cast<size_t>(n) - 1) + "/");
   EXPECT_EQ(InitPath(n + 2), S(cfg) + "/");
   // The profile file reads 259 bytes: a stored path of 258 is read, and leaves no room for the file name.
-  namespace plat = zbshr::plat;
   plat::HKEY key = nullptr;
   ASSERT_EQ(plat::RegCreateKeyExA(plat::HKEY_CURRENT_USER, "Software\\Harrowvane\\Quillbrander\\5.0", 0, nullptr, 0,
                                   plat::KEY_WRITE, nullptr, &key, nullptr), plat::ERROR_SUCCESS);
@@ -387,7 +386,6 @@ TEST_F(ProfileTest, PutInitPathNeedsTheProfileFileAndWinsOverSystemProfile) {
   EXPECT_EQ(InitPath(), S(cfg) + "/");
   // The stored value is the trimmed path with its terminator, under the
   // product's key of the user's registry.
-  namespace plat = zbshr::plat;
   plat::HKEY key = nullptr;
   ASSERT_EQ(plat::RegOpenKeyExA(plat::HKEY_CURRENT_USER, "Software\\Harrowvane\\Quillbrander\\5.0", 0,
                                 plat::KEY_READ, &key), plat::ERROR_SUCCESS);
