@@ -47,6 +47,8 @@ TEST(GlobalMemory, ZeroSizeAndFreedHandles) {
   EXPECT_TRUE(h && GlobalSize(h) == 0 && GlobalLock(h) && !GlobalFree(h));
   EXPECT_EQ(zbshr_test::WithError(GlobalLock(h)), std::make_pair(static_cast<void*>(nullptr), ERROR_INVALID_HANDLE));  // refused, not followed
   EXPECT_TRUE(GlobalSize(h) == 0 && GlobalFree(h) == h);
+  h = GlobalAlloc(GMEM_MOVEABLE, 8);  // shrunk to nothing, the block lives on
+  EXPECT_TRUE(GlobalReAlloc(h, 0, GMEM_MOVEABLE) == h && GlobalSize(h) == 0 && GlobalLock(h) && !GlobalFree(h));
 }
 
 TEST(FaultInjection, CountsCallsAndFailsARun) {
@@ -194,7 +196,7 @@ TEST(Collation, AStrictOrderInLevels) {
   ZBTEST_POSIX_ONLY("Windows collates with the user locale, POSIX with a fixed table");
   // Ascending: controls, punctuation, symbols, digits, letters (case and accent aside, then the
   // accent, then lower before upper), hyphen and apostrophe last (fewer first, then the earlier).
-  const char* const order[] = {"", "\x01", "!", "[", "_", "\xA9", "\xF7", "0", "9", "a", "A", "\xE1", "\xC1", "\xE4",
+  const char* const order[] = {"", "\x01", "\x02", "\x1F", "!", "[", "_", "\xA9", "\xF7", "0", "9", "a", "A", "\xE1", "\xC1", "\xE4",
                                "ab", "-ab", "a'b", "a-b", "ab-", "a--b", "aB", "Ab", "\xE1" "b", "abc", "b",
                                "co-op", "cop", "e", "ete", "\xE9t\xE9", "\xC9t\xE9", "etz", "F", "its", "it's", "\xF8",
                                "z", "\xFE", "\xDE" "orn"};
