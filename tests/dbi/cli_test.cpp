@@ -30,12 +30,14 @@ TEST(DbiCli, RunsStatementsAndRejectsBadArguments) {
 #endif
     std::vector<std::string> argv = {ZBSHR_CLI};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
-    const zbtest::RunResult r = zbtest::run_program(argv, {c.input, {}, 0, ""});
+    // A configuration folder of its own: the demo's formats follow the regional settings found there.
+    const zbtest::RunResult r = zbtest::run_program(argv, {c.input, {"ZBSHR_HOME=" + demo + "-home"}, 0, ""});
     EXPECT_EQ(r.code, c.code) << c.args.back() << " / " << r.err;
     EXPECT_TRUE(c.part ? r.out.find(c.out) != std::string::npos : c.code ? r.err.find("zbshr sqlcache: ") == 0 : r.out == c.out)
         << r.out;
   }
   std::filesystem::remove_all(demo);
+  std::filesystem::remove_all(demo + "-home");
 }
 
 }  // namespace

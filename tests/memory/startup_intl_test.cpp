@@ -6,6 +6,8 @@
 #include <sstream>
 #include <string>
 
+#include <unistd.h>
+
 #include "memory/intl.h"
 #include "platform/platform.h"
 #include "zbshr/memory.h"
@@ -34,9 +36,12 @@ void WriteSystemProfile(const std::string& text) {
 }
 
 TEST(Intl, SettingsFromTheProfile) {
-  const char* home = std::getenv("ZBSHR_HOME");
-  if (home == nullptr || *home == '\0') GTEST_SKIP() << "ZBSHR_HOME is not set";
+  // A configuration folder of its own, so that a run cut short leaves nothing behind for later ones.
+  const char* inherited = std::getenv("ZBSHR_HOME");
+  const std::string saved = inherited ? inherited : "";
+  const auto home = std::filesystem::temp_directory_path() / ("zbshr-intl-" + std::to_string(::getpid()));
   std::filesystem::create_directories(home);  // Windows writes no profile into a missing folder
+  setenv("ZBSHR_HOME", home.string().c_str(), 1);
   const std::string defaults = ".|,|$|0200|:|M/d/yyyy|dddd, MMMM dd, yyyy|AM|PM";
   const struct {
     const char* name;
@@ -66,7 +71,8 @@ TEST(Intl, SettingsFromTheProfile) {
     if (!january) january = intl::month_long(0);
     EXPECT_EQ(intl::month_long(0), january) << c.name;
   }
-  WriteSystemProfile("");
+  inherited ? setenv("ZBSHR_HOME", saved.c_str(), 1) : unsetenv("ZBSHR_HOME");
+  std::filesystem::remove_all(home);
   zbshr_intl();
 }
 
