@@ -103,6 +103,11 @@ TEST(Files, ReadWriteSeekAndHandles) {
   EXPECT_TRUE(!SetEndOfFile(ro) && GetFileSize(-5, nullptr) == INVALID_FILE_SIZE);
   CloseHandle(ro);
   CloseHandle(wo);
+  // A size past 4 GiB comes in two halves (a sparse file: nothing is written).
+  std::filesystem::resize_file(p, (5ull << 30) + 3);
+  HFILE big = CreateFileA(p.c_str(), GENERIC_READ, SHARE_RW, OPEN_EXISTING, 0);
+  DWORD upper = 0;
+  EXPECT_TRUE(GetFileSize(big, &upper) == (1u << 30) + 3 && upper == 1 && CloseHandle(big));
 #if !defined(_WIN32)
   // With standard input closed a file may be given descriptor 0; it closes like any other.
   const int in = dup(0);
@@ -328,7 +333,8 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_NE(GetTempFileNameA(s.dir().c_str(), "zbf", 0, name), u);  // the first name is taken
   EXPECT_TRUE(GetTempFileNameA(s.dir().c_str(), "ab", 0x1A2B, name) == 0x1A2B && std::string(name) == s.path("ab1A2B.TMP") &&
               !std::filesystem::exists(name));  // a given number only builds the name
-  EXPECT_EQ(GetTempFileNameA(s.path("missing").c_str(), "x", 0, name), 0u);
+  EXPECT_TRUE(GetTempFileNameA(s.path("missing").c_str(), "x", 0, name) == 0 &&
+              WithError(GetTempFileNameA(s.dir().c_str(), "x", 0, nullptr)) == Err(0, ERROR_INVALID_PARAMETER));
   char long_name[300];  // the name with its terminator must fit 260 bytes
   const std::string deep = "/" + std::string(247, 'd');  // + "/ab1A2B.TMP": 259 characters
   EXPECT_TRUE(GetTempFileNameA(deep.c_str(), "ab", 0x1A2B, long_name) == 0x1A2B && std::strlen(long_name) == 259 &&
@@ -371,6 +377,9 @@ TEST(Files, MoveReplacesInOneStep) {
             Fails(ERROR_SHARING_VIOLATION));
   CloseHandle(open);
   EXPECT_EQ(WithError(MoveFileExA(s.path("gone.txt").c_str(), s.path("x.txt").c_str(), 0)), Fails(ERROR_FILE_NOT_FOUND));
+  std::filesystem::create_directory(s.path("dir"));  // a folder is never replaced
+  EXPECT_TRUE(WithError(MoveFileExA(s.path("old.txt").c_str(), s.path("dir").c_str(), MOVEFILE_REPLACE_EXISTING)) == Fails(ERROR_ACCESS_DENIED) &&
+              s.read("old.txt") == "new" && std::filesystem::is_directory(s.path("dir")));
 }
 
 }  // namespace

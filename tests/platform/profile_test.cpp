@@ -64,6 +64,8 @@ TEST_F(HomeTest, ReadingRules) {
   for (const auto& c : cases)
     EXPECT_EQ(Get(c.sec, c.key, c.def, f, c.size), c.want) << (c.sec ? c.sec : "-") << "/" << (c.key ? c.key : "-") << "/" << c.size;
   EXPECT_EQ(Get("General", "x", "def", s_.path("missing.ini")), std::string("def", 4));
+  char none = '#';  // no room at all: nothing written, nothing counted
+  EXPECT_TRUE(GetPrivateProfileStringA("General", "name", "d", &none, 0, f.c_str()) == 0 && none == '#');
   std::string back = f;  // a whole path spelled with backslashes, outside the configuration folder
   std::replace(back.begin(), back.end(), '/', '\\');
   EXPECT_EQ(Get("numbers", "hex", "", back), "0x1F\0"s);
@@ -167,7 +169,7 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   EXPECT_TRUE(text.find("[HKEY_CURRENT_USER\\Software\\Example\\Tool]") != std::string::npos &&
               text.find("\"InitPath\"=1:\"/opt/my tool/\\x00\"") != std::string::npos) << text;
   s_.write("home/registry.dat",
-           "[HKEY_LOCAL_MACHINE\\Software\\Hand]\ngarbage line\n\"\"=4:\"\\x2a\\x00\\x00\\x00\"\n"
+           "[HKEY_LOCAL_MACHINE\\Software\\Hand]\ngarbage line\n\"a\"=:\"x\"\n\"b\"=4\n\"\"=4:\"\\x2a\\x00\\x00\\x00\"\n"
            "[X]\n\"late\"=4:\"\\x01\\x00\\x00\\x00\"\n");  // a key of one letter holds what follows
   ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "software\\hand", 0, KEY_READ, &r), ERROR_SUCCESS);
   uint8_t buf[8];
@@ -192,7 +194,8 @@ TEST(Clipboard, OpenCloseRulesAndACommandThatReadsNothing) {
   GlobalUnlock(h);
   EXPECT_EQ(std::vector<intptr_t>({SetClipboardData(CF_TEXT, h) == h, CloseClipboard(), CloseClipboard()}), std::vector<intptr_t>({1, 1, 0}));
   unsetenv("ZBSHR_CLIPBOARD_CMD");
-  EXPECT_EQ(zbshr_clipboard_text(nullptr, 0), static_cast<int32_t>(big.size()));
+  char cut[8];
+  EXPECT_TRUE(zbshr_clipboard_text(nullptr, 0) == static_cast<int32_t>(big.size()) && zbshr_clipboard_text(cut, sizeof cut) == static_cast<int32_t>(big.size()) && cut == big.substr(0, 7));
   EXPECT_TRUE(OpenClipboard(nullptr) && EmptyClipboard() && CloseClipboard());
   char buf[64] = "zz";
   EXPECT_TRUE(zbshr_clipboard_text(buf, sizeof buf) == 0 && !*buf);
