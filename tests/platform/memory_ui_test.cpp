@@ -82,6 +82,37 @@ TEST(ClassicFiles, CreationTakesTheAttributesZeroToSeven) {
   struct stat st {};
   EXPECT_TRUE(stat(s.path("ro.bin").c_str(), &st) == 0 && (st.st_mode & 0777) == 0444) << std::oct << st.st_mode;
 }
+
+TEST(ClassicFiles, OpenModesSharingAndTheHandleCalls) {
+  using zbshr_test::WithError;
+  zbshr_test::Scratch s;
+  s.write("d.bin", "0123456789");
+  const std::string p = s.path("d.bin");
+  for (int32_t mode : {0x80, 0x100, 3, 0x43, 0x50, 0x60, 0x70})  // unknown bits, access 3, sharing past deny-none
+    EXPECT_EQ(WithError(::_lopen(p.c_str(), mode)), std::make_pair(-1, ERROR_INVALID_PARAMETER)) << mode;
+  EXPECT_EQ(WithError(::_lopen(s.path("none").c_str(), OF_READ)), std::make_pair(-1, ERROR_FILE_NOT_FOUND));
+  const int32_t r = ::_lopen(p.c_str(), OF_READ | OF_SHARE_DENY_WRITE);
+  char buf[8] = {};
+  EXPECT_EQ(std::vector<int64_t>({::_llseek(r, 3, 0), ::_lread(r, buf, 4), buf[0], ::_llseek(r, -2, 1), ::_llseek(r, -1, 2)}),
+            std::vector<int64_t>({3, 4, '3', 5, 9}));
+  EXPECT_EQ(WithError(::_lwrite(r, "x", 1)), std::make_pair(0xFFFFFFFFu, ERROR_ACCESS_DENIED));  // opened for reading
+  for (int32_t origin : {-1, 3}) EXPECT_EQ(WithError(::_llseek(r, 0, origin)), std::make_pair(-1, ERROR_INVALID_PARAMETER));
+  // While it is open for reading and denies writing, which other opens succeed.
+  const struct { int32_t mode; DWORD error; } others[] = {
+      {OF_READ | OF_SHARE_DENY_NONE, 0}, {OF_READ | OF_SHARE_COMPAT, 0}, {OF_READ | OF_SHARE_DENY_WRITE, 0},
+      {OF_READ | OF_SHARE_DENY_READ, ERROR_SHARING_VIOLATION}, {OF_READ | OF_SHARE_EXCLUSIVE, ERROR_SHARING_VIOLATION},
+      {OF_WRITE | OF_SHARE_DENY_NONE, ERROR_SHARING_VIOLATION}, {OF_READWRITE, ERROR_SHARING_VIOLATION}};
+  for (const auto& o : others) {
+    SetLastError(0);
+    const int32_t h = ::_lopen(p.c_str(), o.mode);
+    EXPECT_TRUE(o.error ? h == -1 && GetLastError() == o.error : h != -1 && ::_lclose(h) == 0) << o.mode;
+  }
+  ::_lclose(r);
+  const int32_t w = ::_lopen(p.c_str(), OF_READWRITE | OF_SHARE_EXCLUSIVE);
+  EXPECT_EQ(std::vector<int64_t>({::_lwrite(w, "ab", 2), ::_llseek(w, 0, 2), ::_lread(w, buf, 4), ::_lclose(w)}),
+            std::vector<int64_t>({2, 10, 0, 0}));
+  EXPECT_EQ(s.read("d.bin"), "ab23456789");
+}
 #endif
 
 TEST(LastError, IsPerThread) {
@@ -182,10 +213,11 @@ TEST(System, VersionClockCodePages) {
   SYSTEMTIME st{};
   GetLocalTime(&st);
   EXPECT_TRUE(st.wYear >= 2024 && st.wMonth >= 1 && st.wMonth <= 12 && st.wDayOfWeek <= 6 && st.wMilliseconds < 1000);
-  for (UINT cp : {1252u, 932u}) {
+  for (UINT cp : {1252u, 932u, 936u}) {
     EXPECT_TRUE(zbshr_set_codepage(cp) == 1252 && GetACP() == cp);
     for (int c = 0; c < 256; ++c)
-      EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0, cp == 932 && ((c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC))) << c;
+      EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0, cp == 932   ? (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC)
+                                                              : cp == 936 && c >= 0x81 && c <= 0xFE) << cp << " " << c;
     zbshr_set_codepage(1252);
   }
 }
@@ -205,7 +237,8 @@ TEST(Collation, AStrictOrderInLevels) {
     for (int j = 0; j < n; ++j) EXPECT_EQ(Sign(lstrcmpA(order[i], order[j])), Sign(i - j)) << i << " " << j;
   EXPECT_EQ(lstrcmpA(nullptr, ""), 0);
   const struct { const char *a, *b; int sign; } nocase[] = {{"HeLLo", "hello", 0}, {"\xC9T\xC9", "\xE9t\xE9", 0}, {"\xE9", "e", 1},
-                {"\x8A", "\x9A", 0}, {"a", "B", -1}, {"CO-OP", "coop", 1}, {"ab", "A'B", -1}};
+                {"\x8A", "\x9A", 0}, {"\x8C", "\x9C", 0}, {"\x8E", "\x9E", 0}, {"\x9F", "\xFF", 0},
+                {"\xDF", "\x9A", 1}, {"\x83", "f", 1}, {"\x9C", "\xF6", 1}, {"a", "B", -1}, {"CO-OP", "coop", 1}, {"ab", "A'B", -1}};
   for (const auto& c : nocase) EXPECT_EQ(Sign(lstrcmpiA(c.a, c.b)), c.sign) << c.a << " " << c.b;
 }
 

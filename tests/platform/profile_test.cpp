@@ -18,6 +18,7 @@
 
 using namespace zbshr::plat;
 using zbshr_test::Scratch;
+using zbshr_test::WithError;
 
 namespace {
 
@@ -155,6 +156,10 @@ TEST_F(HomeTest, RegistryRoundTrip) {
                                RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Other", 0, KEY_READ, &r),
                                RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, KEY_READ, &r)}),
             std::vector<LONG>({ERROR_SUCCESS, ERROR_SUCCESS, ERROR_FILE_NOT_FOUND, ERROR_FILE_NOT_FOUND}));
+  const uint8_t one = 1;  // a value set on a parent that so far existed only implicitly
+  EXPECT_EQ(std::vector<LONG>({RegOpenKeyExA(HKEY_CURRENT_USER, "Software", 0, KEY_ALL_ACCESS, &r), RegSetValueExA(r, "p", 0, REG_BINARY, &one, 1),
+                               RegQueryValueExA(r, "p", nullptr, nullptr, nullptr, &size), static_cast<LONG>(size), RegCloseKey(r)}),
+            std::vector<LONG>({ERROR_SUCCESS, ERROR_SUCCESS, ERROR_SUCCESS, 1, ERROR_SUCCESS}));
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "SOFTWARE\\example\\TOOL", 0, nullptr, 0, KEY_WRITE, nullptr, &k, &disp),
             ERROR_SUCCESS);
   EXPECT_EQ(std::vector<LONG>({static_cast<LONG>(disp), RegDeleteValueA(k, "SHORT"), RegDeleteValueA(k, "Short")}),
@@ -187,8 +192,10 @@ TEST(Clipboard, OpenCloseRulesAndACommandThatReadsNothing) {
   ZBTEST_POSIX_ONLY("ZBSHR_CLIPBOARD_CMD is a POSIX knob");
   const std::string big(1 << 20, 'x');
   setenv("ZBSHR_CLIPBOARD_CMD", "exit 0", 1);
+  EXPECT_TRUE(WithError(SetClipboardData(CF_TEXT, nullptr)) == std::make_pair(HGLOBAL{}, ERROR_ACCESS_DENIED));  // closed
   EXPECT_EQ(std::vector<BOOL>({EmptyClipboard(), OpenClipboard(nullptr), OpenClipboard(nullptr), EmptyClipboard()}),
             std::vector<BOOL>({0, 1, 0, 1}));  // emptying needs it open
+  EXPECT_TRUE(WithError(SetClipboardData(CF_TEXT, nullptr)) == std::make_pair(HGLOBAL{}, ERROR_INVALID_PARAMETER));
   HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE | GMEM_DDESHARE, big.size() + 1);
   std::memcpy(GlobalLock(h), big.c_str(), big.size() + 1);
   GlobalUnlock(h);
