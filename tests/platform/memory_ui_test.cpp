@@ -115,6 +115,12 @@ TEST(ClassicFiles, OpenModesSharingAndTheHandleCalls) {
 }
 #endif
 
+#ifndef _WIN32
+TEST(FatalExit, SaysWhyOnStandardErrorAndEndsWithCode3) {
+  EXPECT_EXIT(FatalAppExitA(0, "Insufficient memory to continue."), testing::ExitedWithCode(3), "^Insufficient memory to continue.\n$");
+}
+#endif
+
 TEST(LastError, IsPerThread) {
   SetLastError(1234);
   DWORD other = 0;

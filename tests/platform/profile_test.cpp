@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#ifndef _WIN32
+#include <pwd.h>
+#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -106,13 +109,19 @@ TEST(ConfigFolder, FallsBackToXdgThenHome) {
   const char *v = std::getenv("ZBSHR_HOME"), *x = std::getenv("XDG_CONFIG_HOME");
   const std::string saved = v ? v : "", saved_xdg = x ? x : "";
   const struct { const char *home, *xdg; std::string want; } rows[] = {
-      {"/tmp/zb-home///", "/tmp/xdg", "/tmp/zb-home"}, {nullptr, "/tmp/xdg", "/tmp/xdg/zbshr"},
+      {"/tmp/zb-home///", "/tmp/xdg", "/tmp/zb-home"}, {"/", nullptr, "/"}, {nullptr, "/tmp/xdg", "/tmp/xdg/zbshr"},
       {nullptr, nullptr, std::string(std::getenv("HOME")) + "/.config/zbshr"}};
   for (const auto& r : rows) {
     r.home ? setenv("ZBSHR_HOME", r.home, 1) : unsetenv("ZBSHR_HOME");
     r.xdg ? setenv("XDG_CONFIG_HOME", r.xdg, 1) : unsetenv("XDG_CONFIG_HOME");
     EXPECT_EQ(config_dir(), r.want);
   }
+#ifndef _WIN32
+  const std::string user_home = std::getenv("HOME");
+  setenv("HOME", "", 1);  // no HOME: the account's home folder
+  EXPECT_EQ(config_dir(), std::string(getpwuid(getuid())->pw_dir) + "/.config/zbshr");
+  setenv("HOME", user_home.c_str(), 1);
+#endif
   if (x) setenv("XDG_CONFIG_HOME", saved_xdg.c_str(), 1);
   if (v) setenv("ZBSHR_HOME", saved.c_str(), 1);
 }
