@@ -288,8 +288,9 @@ TEST_F(FormatDisplay, WeekdaysAndImpossibleDatesAgreeWithTheCalendar) {
   std::mt19937 rng(11);
   const char* names[] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
   for (int i = 0; i < 3000; ++i) {
-    const int y = 1 + static_cast<int>(rng() % 9999), m = 1 + static_cast<int>(rng() % 12);
-    const int dd = 1 + static_cast<int>(rng() % 32);
+    const bool first = i == 0;  // first the leap day of year 0
+    const int y = first ? 0 : 1 + static_cast<int>(rng() % 9999), m = first ? 2 : 1 + static_cast<int>(rng() % 12);
+    const int dd = first ? 29 : 1 + static_cast<int>(rng() % 32);
     const std::string v = std::to_string(y) + "-" + std::to_string(m) + "-" + std::to_string(dd) + " 0:0:0.0";
     const year_month_day ymd{year{y}, month{static_cast<unsigned>(m)}, day{static_cast<unsigned>(dd)}};
     const auto [text, code] = show('d', "dddd d", v.c_str());

@@ -270,11 +270,11 @@ TEST_F(Api, RegistrationsAndRawLists) {
   // The status of e1 and the list's length (a clear status when not checked out).
   auto checked = [&] {
     return with(lib, [&](LMI_HANDLE h) {
-      char st = 'x';
+      char st = 'x', user[8] = "u", other[8] = "o";
       LMI_LIBRARYINFO li;
       LMI_LibraryInformation(h, &li);
-      int32_t rc = LMI_IsEntryCheckedOut(h, S("e1"), nullptr, &st, nullptr);
-      return (rc == 0 && st != 0 ? -999 : rc) * 1000 + li.checkOutLength;
+      int32_t rc = LMI_IsEntryCheckedOut(h, S("e1"), user, &st, other);
+      return (rc == 0 && (st || user[0] || other[0]) ? -999 : rc) * 1000 + li.checkOutLength;
     }, 1);
   };
   ASSERT_EQ(LMI_CheckRegisterEntry(heap, S(lib), S("e1")), 0);

@@ -157,7 +157,7 @@ TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
   EXPECT_EQ(seen, "|Out of Memory|8213");
   EXPECT_EQ(zbshr_set_msgbox_handler(nullptr, nullptr), &Recorder);
   // A scripted answer that is no button of the box gives the default one.
-  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel,yes,ignore,7,,1,8,,no,8", 1);
+  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel, yes\t,ignore,7,,1,8,,no,8", 1);
   const struct {
     UINT style;
     int32_t want;

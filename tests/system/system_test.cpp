@@ -329,6 +329,8 @@ TEST_F(ProfileTest, RecognisesHostsByProgramName) {
     EXPECT_EQ(OS_UtilGetHostInfo(sn, sizeof sn, prod, sizeof prod, folder, sizeof folder), 1);
     EXPECT_EQ(std::string(sn) + "|" + prod + "|" + slashes(folder), std::string(short_name) + "|" + product + "|" + S(hostdir_));
   }
+  char cut[2];  // a name cut to the buffer
+  EXPECT_TRUE(OS_UtilGetHostInfo(cut, sizeof cut, nullptr, 0, nullptr, 0) == 1 && std::string(cut) == "z");
 }
 
 TEST_F(ProfileTest, InitPathFromHostFolderOrSystemProfileAndItsBoundaries) {
