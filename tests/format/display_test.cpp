@@ -233,6 +233,8 @@ TEST_F(FormatDisplay, CompileErrorsAndUnsupportedCodes) {
   }
   use("sLongDate=" + dates.substr(0, 63) + "\nsShortDate=" + dates.substr(0, 31) + "\n");
   EXPECT_EQ(shformatCmplDateTimeMask(c, keywords.c_str(), sizeof c), 0);
+  use("sShortDate=d/M/yyyy [TIME]\n");  // no keyword inside a regional mask
+  EXPECT_EQ(compile('d', c, "[SHORTDATE]"), SHFORMAT_E_KEYWORD);
   // Error texts: each code has its own, cut to the buffer.
   char buf[80];
   EXPECT_GT(shformatErrorString(SHFORMAT_E_SMALL, buf, sizeof buf), 0);
