@@ -354,7 +354,7 @@ TEST(ExportNames, TableAndFieldNames) {
       {1252, "/tmp/x/orders.tar.gz", "orders"}, {1252, "D:ITEMS.DBF", "ITEMS"}, {1252, "plain", "plain"},
       {1252, "dir/", ""}, {1252, "", ""}, {1252, nullptr, ""},
       {932, "C:\\\x95\\X.TXT", "\x95\\X"},  // 0x95 0x5C is one character in code page 932
-      {1252, "C:\\\x95\\X.TXT", "X"},
+      {1252, "C:\\\x95\\X.TXT", "X"}, {1252, "\\ROOT.TXT", "ROOT"}, {932, "\x95\\X.TXT", "\x95\\X"},  // at the very start
   };
   for (const auto& c : tables) {
     const uint32_t old = zbshr_set_codepage(c.codepage);
