@@ -98,10 +98,12 @@ TEST_F(HomeTest, WritingKeepsEverythingElse) {
   EXPECT_TRUE(WritePrivateProfileStringA("s", "k2", "w", s_.path("crlf.ini").c_str()) &&
               WritePrivateProfileStringA("t", "x", "y", s_.path("crlf.ini").c_str()));
   EXPECT_EQ(s_.read("crlf.ini"), "[s]\r\nk=v\r\nk2=w\r\n[t]\r\nx=y\r\n");
+  s_.write("one.ini", "\n[s]\nk=v\n");  // what is left is a single byte
+  EXPECT_TRUE(WritePrivateProfileStringA("s", nullptr, nullptr, s_.path("one.ini").c_str()) && s_.read("one.ini") == "\n");
   // Deleting from a missing file creates nothing; a missing folder fails.
   EXPECT_TRUE(WritePrivateProfileStringA("s", "k", nullptr, s_.path("none.ini").c_str()) &&
               !WritePrivateProfileStringA("s", "k", "v", s_.path("no/dir/x.ini").c_str()));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(s_.dir()), {}), 3);  // no leftovers of the atomic replace
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(s_.dir()), {}), 4);  // no leftovers of the atomic replace
 }
 
 TEST(ConfigFolder, FallsBackToXdgThenHome) {
