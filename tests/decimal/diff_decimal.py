@@ -365,7 +365,11 @@ def main():
         case('trunc %s %d' % (ra, places), op_round, va, places, DN)
         case('cmp %s %s' % (ra, rb), ('ok', str(int(C.compare(va[0], vb[0]))), []))
         case('mag %s %s' % (ra, rb), ('ok', str(int(C.compare(abs(va[0]), abs(vb[0])))), []))
-
+    # Quotients whose long division takes its rare add-back step (operands worked out to reach it).
+    for ma, mb in ((1074429392118030481450092, 1093815967046824352940031),
+                   (836702538917138632176712, 1150563680450895598714879)):
+        for op, mode in (('divr', HU), ('divt', DN)):
+            case('%s %s %s 15' % (op, raw((False, ma, 0)), raw((True, mb, 0))), op_div, num(False, ma, 0), num(True, mb, 0), 15, mode)
 
     for _ in range(count):
         t = rand_text(rng)
