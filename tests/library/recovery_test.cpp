@@ -291,6 +291,21 @@ TEST_F(Recovery, RepairRelinksABitmapLostFromTheChain) {
   EXPECT_EQ(slurp(lib), bytes);
 }
 
+// A new directory node that would reach past the end of a bitmap's range starts after it, in one piece.
+TEST_F(Recovery, ANodeAppendedAtABitmapBoundaryStaysWhole) {
+  const std::string first = create("m.zbl");
+  ASSERT_EQ(with(first, [&](LMI_HANDLE h) { return put(h, "probe", pattern(2000000, 1)); }), 0);
+  const int64_t blocks = int64_t(fs::file_size(first) / 512);
+  for (int pad = 1; pad <= 6; ++pad) {  // the library ends `pad` blocks before the second bitmap's range
+    std::string lib = create("n" + std::to_string(pad) + ".zbl");
+    ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, "probe", pattern(size_t(2000000 + (4032 - pad - blocks) * 502), 1)); }), 0);
+    for (int i = 0; i < 16; ++i)  // empty entries of long names: the root fills and splits, no data blocks come between
+      ASSERT_EQ(with(lib, [&](LMI_HANDLE h) { return put(h, std::string(178, 'n') + char('a' + i), ""); }), 0);
+    EXPECT_TRUE(clean(lib)) << pad;
+    EXPECT_EQ(state(lib).entries.size(), 17u) << pad;
+  }
+}
+
 TEST_F(Recovery, CompactBalancesASequentialDirectoryAndLeavesNoFreeBlocks) {
   std::string lib = create("k.zbl", "big one");
   const int n = 5000;
