@@ -370,6 +370,8 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   EXPECT_TRUE(GetTempFileNameA(deep.c_str(), "ab", 0x1A2B, long_name) == 0x1A2B && std::strlen(long_name) == 259 &&
               WithError(GetTempFileNameA((deep + "d").c_str(), "ab", 0x1A2B, long_name)) == Err(0, ERROR_BUFFER_OVERFLOW));
   const std::string old = getenv("TMPDIR") ? getenv("TMPDIR") : "";
+  setenv("TMPDIR", std::string(5000, 't').c_str(), 1);  // a temporary folder too long for any path: /tmp/ instead
+  EXPECT_TRUE(GetTempFileNameA("", "zb", 0x12AB, name) == 0x12AB && std::string(name) == "/tmp/zb12AB.TMP");
   setenv("TMPDIR", s.dir().c_str(), 1);
   char buf[4096];
   // The whole text answers its length; a buffer one short, the size needed.
@@ -386,7 +388,7 @@ TEST(Paths, TemporaryNamesCurrentFolderAndProgram) {
   const std::string full = buf;
   std::memset(buf, 'x', sizeof buf);
   EXPECT_EQ(WithError(GetModuleFileNameA(nullptr, buf, n)), Err(n, ERROR_INSUFFICIENT_BUFFER));  // cut: the whole buffer, terminated
-  EXPECT_TRUE(buf == full.substr(0, n - 1) && WithError(GetModuleFileNameA(nullptr, buf, 0)) == Err(0, ERROR_INSUFFICIENT_BUFFER));
+  EXPECT_TRUE(buf == full.substr(0, n - 1) && buf[n] == 'x' && WithError(GetModuleFileNameA(nullptr, buf, 0)) == Err(0, ERROR_INSUFFICIENT_BUFFER));
   HINSTANCE self = GetModuleHandleA(nullptr);  // the program as a module, found by its name in any case too
   std::string me = std::filesystem::canonical("/proc/self/exe").filename().string();
   EXPECT_EQ(GetModuleHandleA(me.c_str()), self);

@@ -138,8 +138,9 @@ TEST_F(HomeTest, RegistryRoundTrip) {
   const uint8_t bin[] = {0, 1, 0xFF, '"', '\\', '\n'};
   ASSERT_EQ(std::vector<LONG>({RegSetValueExA(k, "InitPath", 0, REG_SZ, reinterpret_cast<const uint8_t*>(path), sizeof path),
                                 RegSetValueExA(k, "Short", 0, REG_SZ, reinterpret_cast<const uint8_t*>("ab"), 2),
-                                RegSetValueExA(k, ";Blob", 0, REG_BINARY, bin, sizeof bin), RegFlushKey(k), RegCloseKey(k)}),
-            std::vector<LONG>(5, ERROR_SUCCESS));
+                                RegSetValueExA(k, ";Blob", 0, REG_BINARY, bin, sizeof bin), RegSetValueExA(k, "none", 0, REG_BINARY, nullptr, 0),
+                                RegFlushKey(k), RegCloseKey(k)}),
+            std::vector<LONG>(6, ERROR_SUCCESS));
   // Reopened with other case and the other separator.
   HKEY r = nullptr;
   ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "software/EXAMPLE/tool", 0, KEY_READ, &r), ERROR_SUCCESS);
