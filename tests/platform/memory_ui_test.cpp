@@ -61,8 +61,10 @@ TEST(FaultInjection, CountsCallsAndFailsARun) {
   EXPECT_TRUE(a && !b && !c && d && GlobalSize(a) == 8);  // the failed reallocation left the block alone
   GlobalFree(d);
   inject_fault(Fault::GlobalLock, 1, 5);  // lock failures are the heap tests'
-  inject_fault(Fault::GlobalLock, 1, 0);  // disarmed
-  EXPECT_NE(GlobalLock(a), nullptr);
+  inject_fault(Fault::GlobalLock, 1, 0);  // disarmed, as by a call number of 0
+  inject_fault(Fault::GlobalAlloc, 0, 1);
+  HGLOBAL z = GlobalAlloc(0, 1);
+  EXPECT_TRUE(GlobalLock(a) && z && !GlobalFree(z));
   GlobalFree(a);
   EXPECT_TRUE(zbshr_inject_fault(0, 1, 1) == 1 && !GlobalAlloc(0, 1));  // the exported knob drives the same machinery
   EXPECT_EQ(zbshr_inject_fault(99, 1, 1) + zbshr_inject_fault(-1, 1, 1), 0);
