@@ -159,13 +159,13 @@ TEST_F(MessageBoxTest, HandlerThenScriptThenDefaultAnswers) {
   EXPECT_EQ(seen, "|Out of Memory|8213");
   EXPECT_EQ(zbshr_set_msgbox_handler(nullptr, nullptr), &Recorder);
   // A scripted answer that is no button of the box gives the default one.
-  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel, yes\t,ignore,7,,1,8,,no,8", 1);
+  setenv("ZBSHR_MSGBOX", " retry, RETRY;cancel,cancel,cancel, no\t,ignore,7,,1,8,,no,8", 1);
   const struct {
     UINT style;
     int32_t want;
   } boxes[] = {
       {MB_RETRYCANCEL | MB_ICONSTOP, IDRETRY}, {MB_RETRYCANCEL, IDRETRY}, {MB_RETRYCANCEL, IDCANCEL},
-      {MB_OK, IDOK}, {MB_YESNO, IDNO}, {MB_YESNOCANCEL, IDYES}, {MB_ABORTRETRYIGNORE, IDIGNORE},
+      {MB_OK, IDOK}, {MB_YESNO, IDNO}, {MB_YESNOCANCEL, IDNO}, {MB_ABORTRETRYIGNORE, IDIGNORE},
       {MB_YESNO, IDNO} /* 7 */, {MB_OKCANCEL, IDCANCEL} /* empty */, {MB_OKCANCEL, IDOK} /* 1 */,
       {MB_ABORTRETRYIGNORE, IDABORT} /* 8 */, {MB_YESNOCANCEL, IDCANCEL} /* empty */,
       {0x6, IDNO}, {0x6, IDOK} /* 8: a box of unknown buttons takes any of 1..7 */,
