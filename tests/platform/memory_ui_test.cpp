@@ -224,8 +224,9 @@ TEST(System, VersionClockCodePages) {
   for (UINT cp : {1252u, 932u, 936u}) {
     EXPECT_TRUE(zbshr_set_codepage(cp) == 1252 && GetACP() == cp);
     for (int c = 0; c < 256; ++c)
-      EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0, cp == 932   ? (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC)
-                                                              : cp == 936 && c >= 0x81 && c <= 0xFE) << cp << " " << c;
+      EXPECT_EQ(IsDBCSLeadByte(static_cast<uint8_t>(c)) != 0,
+                cp == 932 ? (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC) : cp == 936 && c >= 0x81 && c <= 0xFE)
+          << cp << " " << c;
     zbshr_set_codepage(1252);
   }
 }
