@@ -197,11 +197,15 @@ inline RunResult run_program(const std::vector<std::string>& args, const RunOpti
   si.dwFlags = STARTF_USESTDHANDLES;
   std::tie(si.hStdInput, si.hStdOutput, si.hStdError) = std::tie(in_r, out_w, err_w);
   PROCESS_INFORMATION pi{};
-  BOOL ok = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                           env.data(), nullptr, &si, &pi);
+  BOOL ok = FALSE;
+  DWORD why = 0;
+  for (int attempt = 0; !ok && attempt < 3; ++attempt)  // under a loaded emulator a start can fail once
+    if (!(ok = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT, env.data(), nullptr, &si, &pi)))
+      why = GetLastError(), Sleep(200);
   for (HANDLE h : {in_r, out_w, err_w}) CloseHandle(h);
   if (!ok) {
     for (HANDLE h : {in_w, out_r, err_r}) CloseHandle(h);
+    r.err = "the program did not start (error " + std::to_string(why) + ")";
     return r;
   }
   std::thread feeder([&] {
